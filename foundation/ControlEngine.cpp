@@ -1,0 +1,303 @@
+#include "foundation/ControlEngine.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "foundation/EventRing.h"
+#include "foundation/HardwareCapabilityTracker.h"
+#include "foundation/SQLiteStore.h"
+
+namespace kelvo {
+
+namespace {
+constexpr double kDefaultMinRPM = 1200;
+constexpr double kDefaultMaxRPM = 5000;
+constexpr double kReleaseTimeoutSeconds = 2.0;
+}  // namespace
+
+ControlEngine::ControlEngine(std::shared_ptr<TelemetryProvider> telemetry,
+                             std::shared_ptr<FanController> fans,
+                             std::shared_ptr<SQLiteStore> store, std::shared_ptr<EventRing> events,
+                             std::shared_ptr<HardwareCapabilityTracker> tracker,
+                             ControlLoopConfig config)
+    : telemetry_(std::move(telemetry)),
+      fans_(std::move(fans)),
+      store_(std::move(store)),
+      events_(std::move(events)),
+      tracker_(std::move(tracker)),
+      config_(config),
+      writer_(fans_),
+      policy_(config.limits),
+      previewPolicy_(config.limits),
+      assessor_(config.throttle) {
+    config_.tickSeconds = std::clamp(config_.tickSeconds, 0.25, 5.0);
+    assessor_.setMachineHighLoadPowerW(telemetry_->highLoadPowerW());
+}
+
+ControlEngine::~ControlEngine() = default;
+
+void ControlEngine::record(std::string message, bool failure) {
+    recordEvent(RuntimeEvent::make(std::move(message), failure));
+}
+
+void ControlEngine::recordEvent(const RuntimeEvent& event) {
+    if (events_) events_->append(event);
+    if (store_) store_->appendEvent(event);
+}
+
+void ControlEngine::applyMode(ControlMode mode) {
+    if (mode == mode_) return;
+    ControlMode previous = mode_;
+    mode_ = mode;
+    boundaryHits_.clear();
+    if (mode == ControlMode::systemAuto) {
+        releasePending_ = true;
+    } else if (previous == ControlMode::systemAuto) {
+        // Start from the speed the firmware was running so the switch is not audible.
+        double duty = 0;
+        if (!lastFans_.empty()) {
+            double sum = 0;
+            for (const auto& fan : lastFans_) {
+                double span = fan.maxRPM - fan.minRPM;
+                if (span > 0) sum += std::clamp((fan.currentRPM - fan.minRPM) / span, 0.0, 1.0);
+            }
+            duty = sum / static_cast<double>(lastFans_.size());
+        }
+        policy_.reset(duty);
+    }
+    record("Control mode changed to " + std::string(displayName(mode)));
+}
+
+void ControlEngine::setCooldownEnabled(bool enabled) {
+    if (enabled == cooldown_) return;
+    cooldown_ = enabled;
+    if (!enabled && mode_ == ControlMode::systemAuto) releasePending_ = true;
+    record(enabled ? "Cooldown started: fans at maximum" : "Cooldown switched off");
+}
+
+void ControlEngine::setLearnedModel(std::optional<LearnedModel> model) {
+    model_ = std::move(model);
+    assessor_.setLearnedModel(model_);
+}
+
+GPUClockWindowAnalysisConfig ControlEngine::gpuAnalysisConfig() const {
+    GPUClockWindowAnalysisConfig config;
+    if (model_) config.referenceClockMHz = model_->gpuReferenceClockMHz;
+    return config;
+}
+
+void ControlEngine::releaseFans(const char* why) {
+    auto result = writer_.run([](FanController& c) { return c.releaseToAutomatic(); },
+                              kReleaseTimeoutSeconds);
+    if (result.outcome != FanWriter::Outcome::completed || !result.result.ok) {
+        writer_.drain();
+        auto retry = fans_->releaseToAutomatic();
+        if (!retry.ok)
+            record("Failed to release fans to automatic control (" + retry.error + ")", true);
+    }
+    if (why) record(std::string("Fans released to automatic control (") + why + ")");
+    authority_ = fallback_ ? ControlAuthorityState::unavailable : ControlAuthorityState::system;
+}
+
+void ControlEngine::readFans(TelemetrySample& sample) {
+    FanReadResult read = fans_->readFans();
+    if (read.ok) {
+        lastFans_ = std::move(read.fans);
+        if (fanTelemetryDegraded_) {
+            fanTelemetryDegraded_ = false;
+            record("Fan telemetry recovered");
+        }
+    } else if (!fanTelemetryDegraded_) {
+        fanTelemetryDegraded_ = true;
+        record("Fan telemetry degraded (" + read.error + "); keeping last known readings", true);
+    }
+    sample.fanCurrentRPM.clear();
+    sample.fanTargetRPM.clear();
+    sample.fanMaxRPM.clear();
+    sample.fanMinRPM.clear();
+    sample.fanNames.clear();
+    for (const auto& fan : lastFans_) {
+        sample.fanCurrentRPM.push_back(fan.currentRPM);
+        sample.fanTargetRPM.push_back(fan.targetRPM);
+        sample.fanMaxRPM.push_back(fan.maxRPM);
+        sample.fanMinRPM.push_back(fan.minRPM);
+        sample.fanNames.push_back(fan.name);
+    }
+}
+
+std::vector<double> ControlEngine::targetsFor(double duty) const {
+    std::vector<double> targets;
+    for (const auto& fan : lastFans_) {
+        double lo = fan.minRPM > 0 ? fan.minRPM : kDefaultMinRPM;
+        double hi = fan.maxRPM > lo ? fan.maxRPM : std::max(lo, kDefaultMaxRPM);
+        targets.push_back(lo + std::clamp(duty, 0.0, 1.0) * (hi - lo));
+    }
+    return targets;
+}
+
+void ControlEngine::enterFallback(const std::string& reason) {
+    fallback_ = true;
+    fallbackReason_ = reason;
+    lastFallbackProbe_ = lastTick_.value_or(0);  // the next try waits a full retry period
+    status_ = ControlStatus::fallback;
+    releaseFans(nullptr);
+    authority_ = ControlAuthorityState::unavailable;
+    record("Entered monitor+alert fallback (" + reason + ")", true);
+}
+
+bool ControlEngine::applyTargets(const std::vector<double>& targets) {
+    auto result = writer_.run([targets](FanController& c) { return c.setTargets(targets); },
+                              config_.tickSeconds);
+    if (result.outcome == FanWriter::Outcome::completed) {
+        consecutiveTimeouts_ = 0;
+        writeTimeoutReported_ = false;
+        if (!result.result.ok) {
+            enterFallback(result.result.error.empty() ? "fan write failed" : result.result.error);
+            return false;
+        }
+        return true;
+    }
+    if (result.outcome == FanWriter::Outcome::timedOut && !writeTimeoutReported_) {
+        writeTimeoutReported_ = true;
+        char text[128];
+        std::snprintf(text, sizeof text,
+                      "Fan write abandoned: the back-end took longer than the %.2f s tick",
+                      config_.tickSeconds);
+        record(text, true);
+    }
+    if (++consecutiveTimeouts_ >= config_.timeoutsBeforeFallback) {
+        consecutiveTimeouts_ = 0;
+        enterFallback("fan writes timed out");
+    }
+    return false;
+}
+
+void ControlEngine::updateCooldown(const TelemetrySample& sample) {
+    if (!cooldown_) return;
+    bool cool = true;
+    bool any = false;
+    double margin = config_.limits.cooldownMarginC;
+    if (sample.cpuTemperatureC) {
+        any = true;
+        cool = cool && *sample.cpuTemperatureC <= policy_.cpuLimit(mode_) - margin;
+    }
+    if (sample.gpuTemperatureC) {
+        any = true;
+        cool = cool && *sample.gpuTemperatureC <= policy_.gpuLimit(mode_) - margin;
+    }
+    if (any && cool) {
+        cooldown_ = false;
+        if (mode_ == ControlMode::systemAuto) releasePending_ = true;
+        record("Cooldown finished: every temperature is 10 °C under its limit");
+    }
+}
+
+std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample& sample,
+                                                          double dt) {
+    bool wantsControl = mode_ != ControlMode::systemAuto || cooldown_;
+    if (!wantsControl) {
+        if (releasePending_ || fans_->holdsControl()) {
+            releasePending_ = false;
+            releaseFans(nullptr);
+        }
+        // The firmware is in charge anyway: nothing is left to fall back from.
+        fallback_ = false;
+        status_ = ControlStatus::monitoring;
+        authority_ = ControlAuthorityState::system;
+        return std::nullopt;
+    }
+    if (fallback_) {
+        if (sample.timestamp - lastFallbackProbe_ < config_.fallbackRetrySeconds)
+            return std::nullopt;
+        lastFallbackProbe_ = sample.timestamp;
+    }
+
+    ControlDecision decision;
+    decision.timestamp = sample.timestamp;
+    decision.mode = mode_;
+    decision.cooldownActive = cooldown_;
+    if (cooldown_) {
+        decision.targetRPM = targetsFor(1.0);
+        decision.reason = "cooldown";
+    } else {
+        auto out = policy_.decide(mode_, sample, dt, leadModel_);
+        decision.targetRPM = targetsFor(out.duty);
+        decision.anticipating = out.anticipating;
+        decision.reason = out.reason;
+    }
+    // With no fans known the write still goes out: the back-end says why it cannot drive them.
+    bool wasFallback = fallback_;
+    if (!applyTargets(decision.targetRPM)) return std::nullopt;
+    if (wasFallback) {
+        fallback_ = false;
+        record("Fan control path restored; Kelvo controls the fans again");
+    }
+    releasePending_ = false;
+    status_ = ControlStatus::controlling;
+    authority_ = ControlAuthorityState::kelvo;
+    return decision;
+}
+
+void ControlEngine::trackBoundary(const TelemetrySample& sample) {
+    auto check = [&](const std::optional<double>& temp, double limit, bool& armed) {
+        if (!temp) return;
+        if (armed && *temp >= limit) {
+            armed = false;
+            boundaryHits_.push_back(sample.timestamp);
+        } else if (!armed && *temp < limit - config_.limits.hysteresisC) {
+            armed = true;
+        }
+    };
+    check(sample.cpuTemperatureC, policy_.cpuLimit(mode_), cpuArmed_);
+    check(sample.gpuTemperatureC, policy_.gpuLimit(mode_), gpuArmed_);
+    while (!boundaryHits_.empty() &&
+           sample.timestamp - boundaryHits_.front() > config_.boundaryWindowSeconds)
+        boundaryHits_.pop_front();
+    if (static_cast<int>(boundaryHits_.size()) >= config_.boundaryHitsForWarning) {
+        boundaryHits_.clear();
+        record("Repeated boundary pressure while in " + std::string(displayName(mode_)), true);
+    }
+}
+
+ControlSnapshot ControlEngine::tick(Timestamp now) {
+    double dt = lastTick_ ? now - *lastTick_ : config_.tickSeconds;
+    lastTick_ = now;
+
+    ControlSnapshot snap;
+    snap.sample = telemetry_->sample(now);
+    snap.sample.timestamp = now;
+    readFans(snap.sample);
+    if (tracker_) tracker_->observe(snap.sample);
+
+    updateCooldown(snap.sample);
+    snap.decision = controlStep(snap.sample, dt);
+    if (mode_ == ControlMode::systemAuto) {
+        auto preview = previewPolicy_.decide(ControlMode::quietHybrid, snap.sample, dt, leadModel_);
+        ControlDecision decision;
+        decision.timestamp = now;
+        decision.mode = ControlMode::quietHybrid;
+        decision.targetRPM = targetsFor(preview.duty);
+        decision.anticipating = preview.anticipating;
+        decision.reason = preview.reason;
+        snap.previewDecision = std::move(decision);
+        snap.previewActive = true;
+    } else {
+        // Keep the preview policy in step so a later switch to System previews sensibly.
+        previewPolicy_.reset(policy_.duty());
+    }
+
+    snap.assessment = assessor_.assess(snap.sample);
+    warning_ = snap.assessment.isWarning;
+    trackBoundary(snap.sample);
+    if (store_) store_->appendSample(snap.sample);
+
+    snap.mode = mode_;
+    snap.status = status_;
+    snap.authority = authority_;
+    snap.throttleWarning = warning_;
+    snap.cooldownActive = cooldown_;
+    snap.gpuConfig = gpuAnalysisConfig();
+    return snap;
+}
+
+}  // namespace kelvo

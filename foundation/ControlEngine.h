@@ -1,0 +1,124 @@
+// One control-loop tick, synchronously: sample → decide → apply → assess → snapshot.
+// ControlLoop runs it on its own thread; tests drive it directly with virtual time.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "foundation/ControlPolicy.h"
+#include "foundation/FanController.h"
+#include "foundation/FanWriter.h"
+#include "foundation/TelemetryProvider.h"
+#include "foundation/ThrottleAssessor.h"
+#include "foundation/Types.h"
+
+namespace kelvo {
+
+class EventRing;
+class SQLiteStore;
+class HardwareCapabilityTracker;
+
+struct ControlLoopConfig {
+    double tickSeconds = 1.0;  // clamped to [0.25, 5]
+    ControlLimits limits;
+    ThrottleAssessorConfig throttle;
+    double fallbackRetrySeconds = 30;
+    int timeoutsBeforeFallback = 3;
+    double boundaryWindowSeconds = 300;
+    int boundaryHitsForWarning = 3;
+};
+
+// Everything a subscriber learns from one tick.
+struct ControlSnapshot {
+    TelemetrySample sample;
+    std::optional<ControlDecision> decision;         // what was applied (none: firmware control)
+    std::optional<ControlDecision> previewDecision;  // what quietHybrid would do, in systemAuto
+    bool previewActive = false;
+    ThrottleAssessment assessment;
+    ControlMode mode = ControlMode::systemAuto;
+    ControlStatus status = ControlStatus::starting;
+    ControlAuthorityState authority = ControlAuthorityState::system;
+    bool throttleWarning = false;
+    bool cooldownActive = false;
+    GPUClockWindowAnalysisConfig gpuConfig;
+};
+
+class ControlEngine {
+public:
+    ControlEngine(std::shared_ptr<TelemetryProvider> telemetry, std::shared_ptr<FanController> fans,
+                  std::shared_ptr<SQLiteStore> store, std::shared_ptr<EventRing> events,
+                  std::shared_ptr<HardwareCapabilityTracker> tracker,
+                  ControlLoopConfig config = {});
+    ~ControlEngine();
+
+    ControlSnapshot tick(Timestamp now);
+
+    void applyMode(ControlMode mode);
+    void setCooldownEnabled(bool enabled);
+    void recordEvent(const RuntimeEvent& event);
+    // Gives the fans back to the firmware (shutdown, or before the process goes away).
+    void releaseFans(const char* why);
+
+    void setLearnedModel(std::optional<LearnedModel> model);
+    void setAdaptiveLeadModel(std::optional<AdaptiveLeadModel> model) { leadModel_ = model; }
+    void setActiveProfilingRunID(std::optional<std::int64_t> id) { activeRunID_ = id; }
+
+    ControlMode currentMode() const { return mode_; }
+    ControlStatus currentStatus() const { return status_; }
+    ControlAuthorityState controlAuthorityState() const { return authority_; }
+    bool isThrottleWarningActive() const { return warning_; }
+    bool isCooldownEnabled() const { return cooldown_; }
+    const std::optional<LearnedModel>& currentModel() const { return model_; }
+    const std::optional<AdaptiveLeadModel>& adaptiveLeadModel() const { return leadModel_; }
+    std::optional<std::int64_t> activeProfilingRunID() const { return activeRunID_; }
+    GPUClockWindowAnalysisConfig gpuAnalysisConfig() const;
+    const ControlLoopConfig& config() const { return config_; }
+
+private:
+    void readFans(TelemetrySample& sample);
+    std::vector<double> targetsFor(double duty) const;
+    std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
+    bool applyTargets(const std::vector<double>& targets);
+    void enterFallback(const std::string& reason);
+    void trackBoundary(const TelemetrySample& sample);
+    void updateCooldown(const TelemetrySample& sample);
+    void record(std::string message, bool failure = false);
+
+    std::shared_ptr<TelemetryProvider> telemetry_;
+    std::shared_ptr<FanController> fans_;
+    std::shared_ptr<SQLiteStore> store_;
+    std::shared_ptr<EventRing> events_;
+    std::shared_ptr<HardwareCapabilityTracker> tracker_;
+    ControlLoopConfig config_;
+    FanWriter writer_;
+    ControlPolicy policy_;
+    ControlPolicy previewPolicy_;
+    ThrottleAssessor assessor_;
+
+    ControlMode mode_ = ControlMode::systemAuto;
+    ControlStatus status_ = ControlStatus::starting;
+    ControlAuthorityState authority_ = ControlAuthorityState::system;
+    bool warning_ = false;
+    bool cooldown_ = false;
+    bool releasePending_ = true;  // firmware control must be (re)asserted on the next tick
+    std::optional<LearnedModel> model_;
+    std::optional<AdaptiveLeadModel> leadModel_;
+    std::optional<std::int64_t> activeRunID_;
+
+    std::vector<FanState> lastFans_;
+    bool fanTelemetryDegraded_ = false;
+    bool fallback_ = false;
+    std::string fallbackReason_;
+    Timestamp lastFallbackProbe_ = 0;
+    int consecutiveTimeouts_ = 0;
+    bool writeTimeoutReported_ = false;
+
+    std::deque<Timestamp> boundaryHits_;
+    bool cpuArmed_ = true;
+    bool gpuArmed_ = true;
+    std::optional<Timestamp> lastTick_;
+};
+
+}  // namespace kelvo

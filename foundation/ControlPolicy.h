@@ -1,0 +1,57 @@
+// Per-mode fan-speed policy: turns temperatures into a fan duty between each fan's min and max.
+#pragma once
+
+#include <deque>
+#include <optional>
+
+#include "foundation/Types.h"
+
+namespace kelvo {
+
+struct ControlLimits {
+    double quietCpuLimitC = 88;
+    double quietGpuLimitC = 85;
+    double performanceTargetC = 70;
+    double cooldownMarginC = 10;
+    // A decrease only starts this long after the last increase, and only below the setpoint
+    // minus the hysteresis, so the fans never hunt audibly.
+    double decreaseHoldSeconds = 12;
+    double hysteresisC = 3;
+    double quietSetpointMarginC = 5;  // quiet aims this far under its limit
+};
+
+// How far between a fan's minimum (0) and maximum (1) it should run.
+struct PolicyOutput {
+    double duty = 0;
+    bool anticipating = false;
+    std::string reason;
+};
+
+class ControlPolicy {
+public:
+    explicit ControlPolicy(ControlLimits limits = {});
+
+    // One tick. `mode` must not be systemAuto's release: the loop asks for quietHybrid when it
+    // only needs a preview. The policy keeps separate state per mode family via reset().
+    PolicyOutput decide(ControlMode mode, const TelemetrySample& sample, double dt,
+                        const std::optional<AdaptiveLeadModel>& leadModel);
+    void reset(double duty = 0);
+    double duty() const { return duty_; }
+    const ControlLimits& limits() const { return limits_; }
+
+    // The temperature limits that count as "the boundary" for this mode.
+    double cpuLimit(ControlMode mode) const;
+    double gpuLimit(ControlMode mode) const;
+
+private:
+    double setpointExcess(ControlMode mode, const TelemetrySample& sample) const;
+    bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
+
+    ControlLimits limits_;
+    double duty_ = 0;
+    double sinceIncrease_ = 1e9;
+    double anticipationLeft_ = 0;
+    std::deque<std::pair<Timestamp, double>> powerTrend_;
+};
+
+}  // namespace kelvo

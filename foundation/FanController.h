@@ -1,0 +1,56 @@
+// Fan back-end interface shared by the simulated, local (hwmon), helper and hybrid back-ends.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kelvo {
+
+struct FanState {
+    std::string name;
+    double currentRPM = 0;
+    double targetRPM = 0;  // 0 while the firmware is in charge
+    double minRPM = 0;
+    double maxRPM = 0;
+};
+
+// Outcome of a back-end call. `error` is a short reason suitable for an event message
+// ("helper unavailable", "write timed out", ...).
+struct FanResult {
+    bool ok = true;
+    std::string error;
+    static FanResult success() { return {}; }
+    static FanResult failure(std::string why) { return {false, std::move(why)}; }
+};
+
+struct FanReadResult {
+    bool ok = true;
+    std::string error;
+    std::vector<FanState> fans;
+};
+
+class FanController {
+public:
+    virtual ~FanController() = default;
+
+    // Concrete type name, used where a back-end has no label of its own.
+    virtual std::string typeName() const = 0;
+
+    virtual FanReadResult readFans() = 0;
+    // One target per fan, in RPM. A target of 0 leaves that fan to the firmware.
+    virtual FanResult setTargets(const std::vector<double>& targetRPM) = 0;
+    // Gives every fan back to firmware automatic control (restoring the original mode).
+    virtual FanResult releaseToAutomatic() = 0;
+    // Whether Kelvo currently holds manual control of at least one fan.
+    virtual bool holdsControl() const = 0;
+};
+
+// Back-ends that talk to the privileged helper can report its version.
+class HelperVersionSource {
+public:
+    virtual ~HelperVersionSource() = default;
+    virtual std::optional<std::string> helperVersion() = 0;
+};
+
+}  // namespace kelvo

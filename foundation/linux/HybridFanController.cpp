@@ -1,0 +1,42 @@
+#include "foundation/linux/HybridFanController.h"
+
+namespace kelvo {
+
+HybridFanController::HybridFanController(std::shared_ptr<HelperFanController> helper,
+                                         std::shared_ptr<LocalFanController> local,
+                                         bool allowLocalWriteFallback)
+    : helper_(helper ? std::move(helper) : std::make_shared<HelperFanController>()),
+      local_(std::move(local)),
+      allowLocalWriteFallback_(allowLocalWriteFallback) {}
+
+FanReadResult HybridFanController::readFans() {
+    FanReadResult viaHelper = helper_->readFans();
+    if (viaHelper.ok || !local_) return viaHelper;
+    return local_->readFans();
+}
+
+FanResult HybridFanController::setTargets(const std::vector<double>& targetRPM) {
+    FanResult viaHelper = helper_->setTargets(targetRPM);
+    if (viaHelper.ok || !allowLocalWriteFallback_ || !local_) return viaHelper;
+    FanResult viaLocal = local_->setTargets(targetRPM);
+    if (viaLocal.ok) return viaLocal;
+    return FanResult::failure(viaHelper.error + "; local fallback: " + viaLocal.error);
+}
+
+FanResult HybridFanController::releaseToAutomatic() {
+    // Both, always: a fallback write may have happened while the helper was away.
+    const FanResult viaHelper = helper_->releaseToAutomatic();
+    const FanResult viaLocal = local_ ? local_->releaseToAutomatic() : FanResult::success();
+    if (!viaHelper.ok) return viaHelper;
+    return viaLocal;
+}
+
+bool HybridFanController::holdsControl() const {
+    return helper_->holdsControl() || (local_ && local_->holdsControl());
+}
+
+std::optional<std::string> HybridFanController::helperVersion() {
+    return helper_->helperVersion();
+}
+
+}  // namespace kelvo

@@ -1,0 +1,109 @@
+#include "foundation/linux/LocalFanController.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+
+namespace kelvo {
+
+namespace {
+
+constexpr double kAssumedMaxRPM = 5000;
+
+std::string describeWriteFailure(const std::string& detail, int errorNumber) {
+    if (errorNumber == EACCES || errorNumber == EPERM) {
+        return "permission denied (fan writes need root or the helper): " + detail;
+    }
+    return detail;
+}
+
+}  // namespace
+
+LocalFanController::LocalFanController(std::shared_ptr<HwmonFanService> service)
+    : service_(service ? std::move(service) : std::make_shared<HwmonFanService>()) {}
+
+int LocalFanController::linearPWMForRPM(double targetRPM, double minRPM, double maxRPM) {
+    const double max = maxRPM > 0 ? maxRPM : kAssumedMaxRPM;
+    const double min = minRPM > 0 && minRPM < max ? minRPM : 0;
+    if (!std::isfinite(targetRPM)) return targetRPM > 0 ? 255 : 0;
+    const double pwm = std::round(255.0 * (targetRPM - min) / (max - min));
+    return static_cast<int>(std::clamp(pwm, 0.0, 255.0));
+}
+
+FanReadResult LocalFanController::readFans() {
+    std::lock_guard lock(mutex_);
+    FanReadResult result;
+    for (const HwmonFan& fan : service_->discover()) {
+        FanState state;
+        state.name = fan.identity;
+        state.currentRPM = fan.currentRPM.value_or(0);
+        const auto held = held_.find(fan.identity);
+        state.targetRPM = held != held_.end() ? held->second.targetRPM : 0;
+        state.minRPM = fan.minRPM;
+        state.maxRPM = fan.maxRPM;
+        result.fans.push_back(std::move(state));
+    }
+    return result;
+}
+
+FanResult LocalFanController::setTargets(const std::vector<double>& targetRPM) {
+    std::lock_guard lock(mutex_);
+    const std::vector<HwmonFan> fans = service_->discover();
+    if (std::none_of(fans.begin(), fans.end(), [](const HwmonFan& f) { return f.controllable; })) {
+        return FanResult::failure("no controllable fans found");
+    }
+    if (targetRPM.size() != fans.size()) {
+        return FanResult::failure("expected " + std::to_string(fans.size()) + " fan targets, got " +
+                                  std::to_string(targetRPM.size()));
+    }
+
+    // Keep going after a failure so one stuck fan does not leave the others at stale speeds;
+    // the first error is the one reported.
+    std::string firstError;
+    for (std::size_t i = 0; i < fans.size(); ++i) {
+        const HwmonFan& fan = fans[i];
+        std::string error;
+        int errorNumber = 0;
+        if (targetRPM[i] <= 0) {
+            if (!held_.contains(fan.identity)) continue;
+            if (service_->restore(fan, &error, &errorNumber)) {
+                held_.erase(fan.identity);
+                continue;
+            }
+        } else {
+            if (!fan.controllable) continue;
+            const int pwm = linearPWMForRPM(targetRPM[i], fan.minRPM, fan.maxRPM);
+            if (service_->writePWM(fan, pwm, &error, &errorNumber)) {
+                held_[fan.identity] = Held{fan, targetRPM[i]};
+                continue;
+            }
+        }
+        if (firstError.empty()) firstError = describeWriteFailure(error, errorNumber);
+    }
+    if (!firstError.empty()) return FanResult::failure(firstError);
+    return FanResult::success();
+}
+
+FanResult LocalFanController::releaseToAutomatic() {
+    std::lock_guard lock(mutex_);
+    std::string firstError;
+    for (auto it = held_.begin(); it != held_.end();) {
+        std::string error;
+        int errorNumber = 0;
+        if (service_->restore(it->second.fan, &error, &errorNumber)) {
+            it = held_.erase(it);
+        } else {
+            if (firstError.empty()) firstError = describeWriteFailure(error, errorNumber);
+            ++it;
+        }
+    }
+    if (!firstError.empty()) return FanResult::failure(firstError);
+    return FanResult::success();
+}
+
+bool LocalFanController::holdsControl() const {
+    std::lock_guard lock(mutex_);
+    return !held_.empty();
+}
+
+}  // namespace kelvo

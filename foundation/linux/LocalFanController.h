@@ -1,0 +1,44 @@
+// Fan back-end that writes hwmon PWM attributes itself. Needs write access to sysfs (root);
+// unprivileged sessions go through the helper instead.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "foundation/FanController.h"
+#include "foundation/linux/HwmonFanService.h"
+
+namespace kelvo {
+
+class LocalFanController : public FanController {
+public:
+    explicit LocalFanController(std::shared_ptr<HwmonFanService> service);
+
+    std::string typeName() const override { return "LocalFanController"; }
+
+    // Every discovered fan, named by its stable identity. No fans is not an error.
+    FanReadResult readFans() override;
+    // Targets follow the order of readFans(). 0 gives that fan back to the firmware; a
+    // non-zero target for a fan without PWM control is ignored (the firmware keeps it).
+    FanResult setTargets(const std::vector<double>& targetRPM) override;
+    FanResult releaseToAutomatic() override;
+    bool holdsControl() const override;
+
+    // Duty cycle for a target speed until a learned per-fan curve exists: linear between the
+    // fan's minimum and maximum speed (unknown maximum: 5000 RPM, unknown minimum: 0).
+    static int linearPWMForRPM(double targetRPM, double minRPM, double maxRPM);
+
+private:
+    struct Held {
+        HwmonFan fan;
+        double targetRPM = 0;
+    };
+
+    std::shared_ptr<HwmonFanService> service_;
+    mutable std::mutex mutex_;
+    std::map<std::string, Held> held_;  // fans Kelvo switched to manual, by identity
+};
+
+}  // namespace kelvo

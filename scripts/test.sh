@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds everything in Release and runs every test.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+./scripts/setup.sh
+export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
+cmake --preset release
+cmake --build --preset release -j "$(nproc)"
+# Tests never touch the real user's settings or data.
+scratch="$(mktemp -d)"
+trap 'rm -rf "$scratch"' EXIT
+export XDG_CONFIG_HOME="$scratch/config" XDG_DATA_HOME="$scratch/data" XDG_RUNTIME_DIR="$scratch/run"
+mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
+ctest --preset release -j "$(nproc)" --output-on-failure

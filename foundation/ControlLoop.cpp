@@ -1,6 +1,7 @@
 #include "foundation/ControlLoop.h"
 
 #include <chrono>
+#include <cmath>
 
 namespace kelvo {
 
@@ -64,6 +65,17 @@ void ControlLoop::post(Job job) {
     cv_.notify_all();
 }
 
+Timestamp ControlLoop::tickTimestamp() {
+    // Ticks on cadence are stamped exactly one period apart, so consumers that gate on sample
+    // spacing (one card update a second) never see 0.999 s because of scheduling jitter. A
+    // clock step or a stall re-synchronises with the wall clock.
+    Timestamp stamp = now_();
+    if (lastStamp_ && std::abs(stamp - (*lastStamp_ + tickSeconds_)) < tickSeconds_ * 0.25)
+        stamp = *lastStamp_ + tickSeconds_;
+    lastStamp_ = stamp;
+    return stamp;
+}
+
 void ControlLoop::threadMain() {
     using Clock = std::chrono::steady_clock;
     auto tickPeriod =
@@ -96,7 +108,7 @@ void ControlLoop::threadMain() {
             // After a stall (suspend, debugger) resume the cadence instead of catching up.
             if (nextTick < Clock::now()) nextTick = Clock::now() + tickPeriod;
             lock.unlock();
-            ControlSnapshot snapshot = engine_->tick(now_());
+            ControlSnapshot snapshot = engine_->tick(tickTimestamp());
             lock.lock();
             auto handlers = handlers_;
             lock.unlock();

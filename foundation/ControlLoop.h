@@ -44,10 +44,12 @@ public:
 
 private:
     void threadMain();
+    Timestamp tickTimestamp();
 
     std::unique_ptr<ControlEngine> engine_;
     std::function<Timestamp()> now_;
     double tickSeconds_;
+    std::optional<Timestamp> lastStamp_;  // loop thread only
     mutable std::mutex mutex_;
     std::condition_variable cv_;
     std::deque<Job> jobs_;

@@ -1,0 +1,371 @@
+#include "app/AppRuntime.h"
+
+#include <QCoreApplication>
+#include <QCoroFuture>
+#include <QFileInfo>
+
+#include "app/LoopCall.h"
+#include "foundation/linux/HelperFanController.h"
+#include "foundation/linux/HwmonFanService.h"
+#include "foundation/linux/HybridFanController.h"
+#include "foundation/linux/LocalFanController.h"
+#include "foundation/linux/SystemTelemetryProvider.h"
+#include "foundation/sim/SimulatedFanController.h"
+#include "foundation/sim/SimulatedTelemetryProvider.h"
+
+namespace kelvo {
+
+namespace {
+constexpr const char* kModeKey = "kelvo.control.mode";
+constexpr std::size_t kEventReadLimit = 160;
+
+std::shared_ptr<LocalFanController> makeLocalController() {
+    return std::make_shared<LocalFanController>(std::make_shared<HwmonFanService>());
+}
+}  // namespace
+
+std::shared_ptr<FanController> AppRuntime::makeFanController(const QStringList& arguments) {
+    if (arguments.contains(QStringLiteral("--harness-simulated-fans")))
+        return std::make_shared<SimulatedFanController>();
+    if (arguments.contains(QStringLiteral("--xpc-only-fans")))
+        return std::make_shared<HelperFanController>();
+    if (arguments.contains(QStringLiteral("--local-only-fans"))) return makeLocalController();
+    return std::make_shared<HybridFanController>(
+        std::make_shared<HelperFanController>(), makeLocalController(),
+        arguments.contains(QStringLiteral("--hybrid-fans")));
+}
+
+ControlMode AppRuntime::restoredMode(QSettings& settings) {
+    const QVariant value = settings.value(kModeKey);
+    if (!value.isValid()) return ControlMode::systemAuto;
+    return controlModeFromRaw(value.toString().toStdString()).value_or(ControlMode::systemAuto);
+}
+
+QString AppRuntime::fallbackAlertReason(const QString& message) {
+    const qsizetype open = message.lastIndexOf(QLatin1Char('('));
+    if (open < 0) return QStringLiteral("fan control path unavailable");
+    const qsizetype close = message.lastIndexOf(QLatin1Char(')'));
+    if (close < 0 || close < open) return QStringLiteral("fan control path unavailable");
+    return message.mid(open + 1, close - open - 1);
+}
+
+std::shared_ptr<TelemetryProvider> AppRuntime::makeTelemetryProvider() const {
+    if (options_.telemetryOverride) return options_.telemetryOverride;
+    // Simulated fans only make sense on a simulated machine: temperatures must answer to them.
+    if (auto simulated = std::dynamic_pointer_cast<SimulatedFanController>(fanController_)) {
+        simulated->machine()->setFollowHostLoad(
+            options_.arguments.contains(QStringLiteral("--sim-follow-host-load")));
+        return std::make_shared<SimulatedTelemetryProvider>(simulated->machine());
+    }
+    return std::make_shared<SystemTelemetryProvider>();
+}
+
+AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
+    : QObject(parent), options_(std::move(options)) {
+    // 1. Notifications; identity summary and the optional fields keep their initial values.
+    notifications_ = new NotificationCoordinator(this);
+    if (options_.settings) {
+        settings_ = options_.settings;
+    } else {
+        // Native format: an INI file at $XDG_CONFIG_HOME/Kelvo/Kelvo.conf.
+        ownedSettings_ =
+            std::make_unique<QSettings>(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+        settings_ = ownedSettings_.get();
+    }
+    // 2. The persisted mode.
+    mode_ = restoredMode(*settings_);
+    // 3. Stores.
+    presentation_ = new AppPresentationStore(settings_, this);
+    live_ = new LiveDashboardStore(this);
+    // 4. One-time storage reset, before any database is opened.
+    const auto reset = AppBuildInfo::applyOneTimeStorageResetIfNeeded(*settings_);
+    const QString databasePath = AppBuildInfo::defaultDatabasePath();
+    // 5-6. Capabilities, fan back-end and telemetry.
+    tracker_ = std::make_shared<HardwareCapabilityTracker>();
+    fanController_ = options_.fanControllerOverride ? options_.fanControllerOverride
+                                                    : makeFanController(options_.arguments);
+    telemetry_ = makeTelemetryProvider();
+    // 7. External control policy.
+    acceptsExternalModeControl_ =
+        options_.arguments.contains(QStringLiteral("--allow-external-control"));
+    // 8. Store and event ring.
+    store_ = std::make_shared<SQLiteStore>(databasePath.toStdString());
+    eventRing_ = std::make_shared<EventRing>(160, 300.0);
+    // 9. The reset's outcome, then anything the store or the settings had to report.
+    if (auto message = reset.startupMessage())
+        eventRing_->append(
+            RuntimeEvent::make(message->toStdString(), !reset.failedFiles.isEmpty()));
+    for (auto& event : store_->takeStartupEvents()) {
+        eventRing_->append(event);
+        store_->appendEvent(event);
+    }
+    reportSettingsProblems();
+    // 10. Profiling service and the loop.
+    profilingService_ = std::make_unique<ProfilingService>(eventRing_, databasePath.toStdString());
+    controlLoop_ = std::make_unique<ControlLoop>(telemetry_, fanController_, store_, eventRing_,
+                                                 tracker_, options_.loopConfig);
+    // 11. Capture coordinator; both callbacks hold the runtime weakly.
+    if (options_.makeCapture) {
+        capture_ = options_.makeCapture(*controlLoop_, *profilingService_);
+        if (capture_) {
+            QPointer<AppRuntime> weak(this);
+            capture_->configure([weak] { return weak ? weak->mode_ : ControlMode::systemAuto; },
+                                [weak](ControlMode mode) {
+                                    if (!weak) return;
+                                    if (weak->mode_ != mode) {
+                                        weak->mode_ = mode;
+                                        emit weak->modeChanged();
+                                    }
+                                    weak->persistMode(mode);
+                                },
+                                [] {});
+        }
+    }
+    // 12. External control.
+    if (acceptsExternalModeControl_) installExternalModeObserver();
+    // 13. Window visibility drives the live store's buffering.
+    applyVisibility(presentation_->dashboardWindowVisibility());
+    connect(presentation_, &AppPresentationStore::dashboardWindowVisibilityChanged, this,
+            [this] { applyVisibility(presentation_->dashboardWindowVisibility()); });
+    // 14. Start-up.
+    startupTask();
+}
+
+AppRuntime::~AppRuntime() {
+    shutdown();
+}
+
+void AppRuntime::shutdown() {
+    if (shutDown_) return;
+    shutDown_ = true;
+    // After stop() returns no snapshot handler is running or will run again.
+    controlLoop_->stop();
+    if (subscriptionID_) controlLoop_->unsubscribe(*subscriptionID_);
+}
+
+QString AppRuntime::modeRawValue() const {
+    return QString::fromUtf8(rawValue(mode_).data());
+}
+
+void AppRuntime::reportSettingsProblems() {
+    if (settings_->status() == QSettings::NoError) return;
+    const char* what =
+        settings_->status() == QSettings::FormatError ? "format error" : "access error";
+    eventRing_->append(RuntimeEvent::make("Settings file " + settings_->fileName().toStdString() +
+                                              " could not be read (" + what + "); using defaults",
+                                          true));
+}
+
+void AppRuntime::applyVisibility(DashboardWindowVisibility visibility) {
+    live_->applyWindowVisibility(visibility);
+}
+
+void AppRuntime::installExternalModeObserver() {
+    externalBridge_ = new ExternalControlBridge(this);
+    externalBridge_->install();
+    connect(externalBridge_, &ExternalControlBridge::modeRequested, this, [this](ControlMode mode) {
+        if (acceptsExternalModeControl_) setMode(mode);
+    });
+    connect(externalBridge_, &ExternalControlBridge::cooldownRequested, this, [this](bool enabled) {
+        loopCall(*controlLoop_, [enabled](ControlEngine& e) { e.setCooldownEnabled(enabled); });
+    });
+}
+
+void AppRuntime::persistMode(ControlMode mode) {
+    settings_->setValue(kModeKey, QString::fromUtf8(rawValue(mode).data()));
+    settings_->sync();
+}
+
+void AppRuntime::setMode(ControlMode mode) {
+    if (mode_ != mode) {
+        mode_ = mode;
+        emit modeChanged();
+    }
+    persistMode(mode);
+    applyModeTask(mode);
+}
+
+QCoro::Task<> AppRuntime::applyModeTask(ControlMode mode) {
+    QPointer<AppRuntime> self(this);
+    auto& loop = *controlLoop_;
+    // GCC 12 mishandles temporaries inside co_await operands: keep every awaited future in a
+    // named variable.
+    auto applied = loopCall(loop, [mode](ControlEngine& e) {
+        e.applyMode(mode);
+        return std::make_pair(e.currentStatus(), e.isThrottleWarningActive());
+    });
+    auto state = co_await applied;
+    if (!self) co_return;
+    live_->setStatus(state.first);
+    live_->setThrottleWarning(state.second);
+    live_->clearPreview();
+    auto events = eventRing_->recent(kEventReadLimit);
+    live_->applyEventSnapshot(events);
+    handleAlerts(events.empty() ? eventRing_->latest() : std::optional(events.back()));
+}
+
+QCoro::Task<> AppRuntime::restorePersistedModeIfNeeded() {
+    QPointer<AppRuntime> self(this);
+    auto& loop = *controlLoop_;
+    const ControlMode wanted = mode_;
+    auto currentFuture = loopCall(loop, [](ControlEngine& e) { return e.currentMode(); });
+    const ControlMode current = co_await currentFuture;
+    if (!self || current == wanted) co_return;
+    auto applied = loopCall(loop, [wanted](ControlEngine& e) {
+        e.applyMode(wanted);
+        return std::make_pair(e.currentStatus(), e.isThrottleWarningActive());
+    });
+    auto state = co_await applied;
+    if (!self) co_return;
+    auto events = eventRing_->recent(kEventReadLimit);
+    live_->setStatus(state.first);
+    live_->setThrottleWarning(state.second);
+    live_->applyEventSnapshot(events);
+    handleAlerts(events.empty() ? eventRing_->latest() : std::optional(events.back()));
+}
+
+QFuture<void> AppRuntime::recordThroughLoop(const RuntimeEvent& event) {
+    return loopCall(*controlLoop_, [event](ControlEngine& e) { e.recordEvent(event); });
+}
+
+QCoro::Task<> AppRuntime::logBuildIdentityEvent(const char* prefix) {
+    QPointer<AppRuntime> self(this);
+    const QString shortVersion =
+        AppBuildInfo::bundleValue(QStringLiteral("CFBundleShortVersionString"))
+            .value_or(QStringLiteral("unknown"));
+    const QString build = AppBuildInfo::bundleValue(QStringLiteral("CFBundleVersion"))
+                              .value_or(QStringLiteral("unknown"));
+    const QString backend = AppBuildInfo::fanBackendLabel(*fanController_);
+    auto helperTask = AppBuildInfo::resolveHelperVersion(fanController_);
+    const QString helper = co_await helperTask;
+    if (!self) co_return;
+    const QString bundlePath = QCoreApplication::applicationDirPath();
+    const QString fingerprint = AppBuildInfo::executableFingerprint();
+    const QString stamp = AppBuildInfo::executableBuildStamp();
+
+    buildIdentitySummary_ = QStringLiteral("app ") + shortVersion + QStringLiteral(" (") + build +
+                            QStringLiteral("), backend ") + backend + QStringLiteral(", helper ") +
+                            helper + QStringLiteral(", exe ") + fingerprint +
+                            QStringLiteral(", bundle ") + bundlePath;
+    live_->setBuildVersionLabel(QStringLiteral("Build ") + shortVersion + QStringLiteral(" (") +
+                                build + QStringLiteral(") \u2022 ") + stamp);
+    live_->setBuildVersionDetail(QStringLiteral("Backend ") + backend +
+                                 QStringLiteral(" \u2022 Helper ") + helper);
+    auto recorded = recordThroughLoop(RuntimeEvent::make(
+        (QString::fromUtf8(prefix) + QStringLiteral(": ") + buildIdentitySummary_).toStdString(),
+        false, true));
+    co_await recorded;
+}
+
+QCoro::Task<> AppRuntime::restoreAdaptivePredictor() {
+    QPointer<AppRuntime> self(this);
+    auto learned = profilingService_->activeLearnedModel();
+    auto restored = profilingService_->restoreAdaptiveModel();
+    if (restored.error) {
+        eventRing_->append(
+            RuntimeEvent::make("Failed to restore adaptive predictor: " + *restored.error, true));
+        co_return;
+    }
+    auto model = restored.model;
+    auto installed = loopCall(*controlLoop_, [model, learned](ControlEngine& e) {
+        e.setAdaptiveLeadModel(model);
+        if (learned) e.setLearnedModel(learned);
+    });
+    co_await installed;
+    if (!self || !capture_) co_return;
+    if (model) {
+        capture_->updateAdaptivePredictorSummary(model);
+    } else {
+        capture_->setAdaptivePredictorLabel(QStringLiteral("Baseline"));
+        capture_->setAdaptivePredictorDetail(QStringLiteral("No adaptive model active"));
+    }
+}
+
+QCoro::Task<> AppRuntime::startupTask() {
+    QPointer<AppRuntime> self(this);
+    // 1. Subscribe, then start. The handler runs on the loop thread and only queues work here;
+    // queued calls die with the runtime because it is their context object.
+    subscriptionID_ = controlLoop_->subscribe([this](const ControlSnapshot& snapshot) {
+        auto shared = std::make_shared<const ControlSnapshot>(snapshot);
+        QMetaObject::invokeMethod(
+            this, [this, shared] { handleSnapshot(shared); }, Qt::QueuedConnection);
+    });
+    controlLoop_->start();
+    // 2. The external-control policy of this launch.
+    co_await recordThroughLoop(RuntimeEvent::make(
+        acceptsExternalModeControl_ ? "External mode control enabled for this launch"
+                                    : "External mode control disabled for this launch"));
+    if (!self) co_return;
+    // 3-6.
+    auto restoreMode = restorePersistedModeIfNeeded();
+    co_await restoreMode;
+    if (!self) co_return;
+    if (capture_) {
+        auto restoreCapture = capture_->restorePersistentState();
+        co_await restoreCapture;
+    }
+    if (!self) co_return;
+    auto identity = logBuildIdentityEvent("Startup build identity");
+    co_await identity;
+    if (!self) co_return;
+    auto predictor = restoreAdaptivePredictor();
+    co_await predictor;
+    if (!self) co_return;
+    startupFinished_ = true;
+    emit startupCompleted();
+}
+
+QCoro::Task<> AppRuntime::handleSnapshot(std::shared_ptr<const ControlSnapshot> shared) {
+    const ControlSnapshot& snapshot = *shared;
+    QPointer<AppRuntime> self(this);
+    if (capture_) {
+        auto evaluated = capture_->evaluateProfilingThrottleSignals(snapshot);
+        co_await evaluated;
+        if (!self) co_return;
+        capture_->updateProfilingClock(snapshot.sample.timestamp);
+    }
+    const auto latest = eventRing_->latest();
+    if (!live_->shouldRefresh(snapshot.sample.timestamp)) {
+        handleAlerts(latest);
+        emit snapshotHandled(snapshot);
+        co_return;
+    }
+    // The loop's state travels with the snapshot: it is the state at the end of the tick that
+    // produced the sample, so the cards never mix two ticks.
+    LiveSnapshot ingest;
+    ingest.sample = snapshot.sample;
+    ingest.decision = snapshot.decision;
+    ingest.previewDecision = snapshot.previewDecision;
+    ingest.previewActive = snapshot.previewActive;
+    ingest.assessment = snapshot.assessment;
+    ingest.status = snapshot.status;
+    ingest.authority = snapshot.authority;
+    ingest.throttleWarning = snapshot.throttleWarning;
+    ingest.gpuConfig = snapshot.gpuConfig;
+    ingest.events = eventRing_->recent(kEventReadLimit);
+    live_->ingest(ingest);
+    handleAlerts(latest);
+    emit snapshotHandled(snapshot);
+}
+
+void AppRuntime::handleAlerts(const std::optional<RuntimeEvent>& event) {
+    if (!event) return;
+    if (lastNotifiedEventID_ && *lastNotifiedEventID_ == event->id) return;
+    lastNotifiedEventID_ = event->id;
+    const QString message = QString::fromStdString(event->message);
+    if (message.contains(QLatin1String("monitor+alert fallback")))
+        notifications_->post(
+            QStringLiteral("Kelvo fallback mode"),
+            QStringLiteral("Fan control released to system auto: ") + fallbackAlertReason(message));
+    if (message.contains(QLatin1String("Fan telemetry degraded")))
+        notifications_->post(
+            QStringLiteral("Kelvo fan telemetry degraded"),
+            QStringLiteral("Continuing with last known fan readings while retrying the helper."));
+    if (message.contains(QLatin1String("Repeated boundary pressure while in")))
+        notifications_->post(QStringLiteral("Kelvo boundary warning"),
+                             QStringLiteral("Repeated boundary pressure detected while ") +
+                                 QString::fromUtf8(displayName(mode_).data()) +
+                                 QStringLiteral(" was active."));
+}
+
+}  // namespace kelvo

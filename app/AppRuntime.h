@@ -1,0 +1,121 @@
+// The one runtime object of the process: composes the control loop and its fan back-end, holds
+// the user's control mode, feeds every loop snapshot to the live store and the capture
+// coordinator, accepts external requests when the launch allows it, and raises alerts.
+#pragma once
+
+#include <QCoroTask>
+#include <QFuture>
+#include <QObject>
+#include <QPointer>
+#include <QSettings>
+#include <QStringList>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "app/AppBuildInfo.h"
+#include "app/AppPresentationStore.h"
+#include "app/ExternalControlBridge.h"
+#include "app/NotificationCoordinator.h"
+#include "capture/CaptureSeam.h"
+#include "foundation/ControlLoop.h"
+#include "foundation/EventRing.h"
+#include "foundation/FanController.h"
+#include "foundation/HardwareCapabilityTracker.h"
+#include "foundation/ProfilingService.h"
+#include "foundation/SQLiteStore.h"
+#include "foundation/TelemetryProvider.h"
+#include "live/LiveDashboardStore.h"
+
+namespace kelvo {
+
+struct AppRuntimeOptions {
+    QStringList arguments;          // launch arguments (program name first or not)
+    QSettings* settings = nullptr;  // the user defaults; null = Kelvo's own settings file
+    ControlLoopConfig loopConfig;
+    // Tests replace the back-end (a faulty one, say) or the telemetry; the launch flags choose
+    // otherwise.
+    std::shared_ptr<FanController> fanControllerOverride;
+    std::shared_ptr<TelemetryProvider> telemetryOverride;
+    std::function<std::unique_ptr<CaptureSeam>(ControlLoop&, ProfilingService&)> makeCapture;
+};
+
+class AppRuntime : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QString mode READ modeRawValue NOTIFY modeChanged)
+public:
+    explicit AppRuntime(AppRuntimeOptions options = {}, QObject* parent = nullptr);
+    ~AppRuntime() override;
+
+    static std::shared_ptr<FanController> makeFanController(const QStringList& arguments);
+    static ControlMode restoredMode(QSettings& settings);
+    static QString fallbackAlertReason(const QString& message);
+
+    ControlMode mode() const { return mode_; }
+    QString modeRawValue() const;
+    void setMode(ControlMode mode);
+
+    AppPresentationStore* presentation() const { return presentation_; }
+    LiveDashboardStore* live() const { return live_; }
+    CaptureSeam* capture() const { return capture_.get(); }
+    NotificationCoordinator* notifications() const { return notifications_; }
+    ControlLoop& controlLoop() const { return *controlLoop_; }
+    EventRing& eventRing() const { return *eventRing_; }
+    ProfilingService& profilingService() const { return *profilingService_; }
+    const std::shared_ptr<FanController>& fanController() const { return fanController_; }
+    bool acceptsExternalModeControl() const { return acceptsExternalModeControl_; }
+    bool hasExternalObservers() const { return externalBridge_ != nullptr; }
+    std::optional<Uuid> subscriptionID() const { return subscriptionID_; }
+    const QString& buildIdentitySummary() const { return buildIdentitySummary_; }
+    bool startupFinished() const { return startupFinished_; }
+
+    void handleAlerts(const std::optional<RuntimeEvent>& event);
+    // Stops the loop, which gives the fans back to the firmware. Safe to call twice.
+    void shutdown();
+
+signals:
+    void modeChanged();
+    void startupCompleted();
+    // After every snapshot has been handled on the main thread (the headless log listens).
+    void snapshotHandled(const kelvo::ControlSnapshot& snapshot);
+
+private:
+    QCoro::Task<> startupTask();
+    QCoro::Task<> handleSnapshot(std::shared_ptr<const ControlSnapshot> snapshot);
+    QCoro::Task<> applyModeTask(ControlMode mode);
+    QCoro::Task<> restorePersistedModeIfNeeded();
+    QCoro::Task<> logBuildIdentityEvent(const char* prefix);
+    QCoro::Task<> restoreAdaptivePredictor();
+    QFuture<void> recordThroughLoop(const RuntimeEvent& event);
+    void persistMode(ControlMode mode);
+    void installExternalModeObserver();
+    void applyVisibility(DashboardWindowVisibility visibility);
+    void reportSettingsProblems();
+    std::shared_ptr<TelemetryProvider> makeTelemetryProvider() const;
+
+    AppRuntimeOptions options_;
+    std::unique_ptr<QSettings> ownedSettings_;
+    QSettings* settings_ = nullptr;
+    ControlMode mode_ = ControlMode::systemAuto;
+    AppPresentationStore* presentation_ = nullptr;
+    LiveDashboardStore* live_ = nullptr;
+    std::unique_ptr<CaptureSeam> capture_;
+    std::shared_ptr<HardwareCapabilityTracker> tracker_;
+    std::shared_ptr<TelemetryProvider> telemetry_;
+    std::shared_ptr<FanController> fanController_;
+    bool acceptsExternalModeControl_ = false;
+    std::shared_ptr<SQLiteStore> store_;
+    std::shared_ptr<EventRing> eventRing_;
+    std::unique_ptr<ProfilingService> profilingService_;
+    std::unique_ptr<ControlLoop> controlLoop_;
+    NotificationCoordinator* notifications_ = nullptr;
+    ExternalControlBridge* externalBridge_ = nullptr;
+    std::optional<Uuid> subscriptionID_;
+    std::optional<Uuid> lastNotifiedEventID_;
+    QString buildIdentitySummary_ =
+        QStringLiteral("app unknown (unknown), backend unknown, helper unknown");
+    bool startupFinished_ = false;
+    bool shutDown_ = false;
+};
+
+}  // namespace kelvo

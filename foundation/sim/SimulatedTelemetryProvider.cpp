@@ -1,0 +1,44 @@
+#include "foundation/sim/SimulatedTelemetryProvider.h"
+
+namespace kelvo {
+
+SimulatedTelemetryProvider::SimulatedTelemetryProvider(
+    std::shared_ptr<sim::SimulatedMachine> machine)
+    : machine_(machine ? std::move(machine) : std::make_shared<sim::SimulatedMachine>()) {
+    const sim::PlantConfig config = machine_->config();
+    highLoadPowerW_ =
+        kHighLoadPowerFraction * (config.cpuFullLoadPowerW + config.gpuFullLoadPowerW);
+}
+
+TelemetrySample SimulatedTelemetryProvider::sample(Timestamp now) {
+    machine_->advanceTo(now);
+    const sim::PlantState state = machine_->state();
+    TelemetrySample s;
+    s.timestamp = now;
+    s.cpuTemperatureC = state.cpuTemperatureC;
+    s.gpuTemperatureC = state.gpuTemperatureC;
+    s.cpuClockMHz = state.cpuClockMHz;
+    s.gpuClockMHz = state.gpuClockMHz;
+    s.gpuReferenceMaxClockMHz = state.gpuReferenceMaxClockMHz;
+    s.cpuUtilizationPct = state.cpuUtilizationPct;
+    s.gpuUtilizationPct = state.gpuUtilizationPct;
+    s.totalPowerW = state.totalPowerW;
+    s.thermalPressure = state.thermalPressure;
+    if (!machine_->fanReadFailure()) {
+        s.fanCurrentRPM = state.fanCurrentRPM;
+        s.fanTargetRPM = state.fanTargetRPM;
+        s.fanMaxRPM = state.fanMaxRPM;
+        s.fanMinRPM = state.fanMinRPM;
+        s.fanNames = state.fanNames;
+    }
+    s.gpuRequestedPState = state.gpuRequestedPState;
+    s.gpuGrantedPState = state.gpuGrantedPState;
+    s.gpuThrottleReasons = state.gpuThrottleReasons;
+    return s;
+}
+
+std::optional<double> SimulatedTelemetryProvider::highLoadPowerW() const {
+    return highLoadPowerW_;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,233 @@
+#include "foundation/sim/ThermalPlant.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace kelvo::sim {
+
+namespace {
+constexpr double kScaleEpsilon = 1e-9;
+// NVIDIA-style numbering: P0 is the fastest state, P8 the idle one.
+constexpr double kIdlePState = 8;
+constexpr double kDroopPStateSpan = 4;
+constexpr double kGpuBusyLoad = 0.25;
+
+double clamp01(double value) {
+    if (!std::isfinite(value)) return 0;
+    return std::clamp(value, 0.0, 1.0);
+}
+
+ThermalPressureLevel raised(ThermalPressureLevel level) {
+    switch (level) {
+        case ThermalPressureLevel::nominal: return ThermalPressureLevel::fair;
+        case ThermalPressureLevel::fair: return ThermalPressureLevel::serious;
+        case ThermalPressureLevel::serious:
+        case ThermalPressureLevel::critical: return ThermalPressureLevel::critical;
+    }
+    return ThermalPressureLevel::critical;
+}
+}  // namespace
+
+ThermalPlant::ThermalPlant(PlantConfig config, std::uint64_t seed)
+    : config_(std::move(config)), rng_(seed) {
+    command_.assign(config_.fans.size(), 0.0);
+    fanRPM_.reserve(config_.fans.size());
+    for (const auto& fan : config_.fans) fanRPM_.push_back(fan.minRPM);
+
+    // Start where an idle machine under the firmware curve settles, so the first readings are
+    // already plausible instead of a slow climb from ambient.
+    const double cpuPower = config_.cpuIdlePowerW;
+    const double gpuPower = config_.gpuIdlePowerW;
+    sinkTemp_ = config_.ambientC + (cpuPower + gpuPower) / sinkConductance();
+    cpuTemp_ = sinkTemp_ + cpuPower / config_.cpuToSinkWPerK;
+    gpuTemp_ = sinkTemp_ + gpuPower / config_.gpuToSinkWPerK;
+    refreshOutputs();
+}
+
+void ThermalPlant::setLoad(double cpu01, double gpu01) {
+    cpuLoad_ = clamp01(cpu01);
+    gpuLoad_ = clamp01(gpu01);
+    refreshOutputs();
+}
+
+void ThermalPlant::setFanCommand(std::vector<double> targetRPM) {
+    firmware_ = false;
+    for (std::size_t i = 0; i < command_.size(); ++i) {
+        double target = i < targetRPM.size() ? targetRPM[i] : 0.0;
+        if (!std::isfinite(target) || target <= 0) {
+            command_[i] = 0;
+            continue;
+        }
+        command_[i] = std::clamp(target, config_.fans[i].minRPM, config_.fans[i].maxRPM);
+    }
+    refreshOutputs();
+}
+
+void ThermalPlant::setFirmwareControl(bool released) {
+    firmware_ = released;
+    if (released) std::fill(command_.begin(), command_.end(), 0.0);
+    refreshOutputs();
+}
+
+bool ThermalPlant::holdsControl() const {
+    return !firmware_ &&
+           std::any_of(command_.begin(), command_.end(), [](double c) { return c > 0; });
+}
+
+double ThermalPlant::airflowFraction() const {
+    if (fanRPM_.empty() || config_.airflowReferenceRPM <= 0) return 0;
+    double sum = 0;
+    for (double rpm : fanRPM_) sum += std::max(0.0, rpm);
+    return sum / static_cast<double>(fanRPM_.size()) / config_.airflowReferenceRPM;
+}
+
+double ThermalPlant::sinkConductance() const {
+    return config_.sinkPassiveWPerK +
+           config_.sinkAirflowWPerK * std::pow(airflowFraction(), config_.airflowExponent);
+}
+
+// Dynamic power goes with frequency times voltage squared; along a boost curve that is close to
+// the square of the clock scale, so droop cuts heat much faster than it cuts the clock.
+double ThermalPlant::dieDrivePowerW(double idle, double full, double load, double scale) const {
+    return idle + (full - idle) * load * scale * scale;
+}
+
+double ThermalPlant::firmwareRPM(std::size_t fan) const {
+    const auto& f = config_.fans[fan];
+    const double hottest = std::max(cpuTemp_, gpuTemp_);
+    const double span = config_.firmwareMaxAtC - config_.firmwareMinUntilC;
+    const double fraction = span > 0
+                                ? std::clamp((hottest - config_.firmwareMinUntilC) / span, 0.0, 1.0)
+                                : (hottest >= config_.firmwareMaxAtC ? 1.0 : 0.0);
+    return f.minRPM + fraction * (f.maxRPM - f.minRPM);
+}
+
+double ThermalPlant::driveRPM(std::size_t fan) const {
+    if (firmware_ || command_[fan] <= 0) return firmwareRPM(fan);
+    return command_[fan];
+}
+
+void ThermalPlant::step(double dt) {
+    if (!std::isfinite(dt) || dt <= 0) return;
+    const double maxSub = config_.maxSubstepS > 0 ? config_.maxSubstepS : 0.05;
+    const auto count = static_cast<int>(std::ceil(dt / maxSub));
+    const double h = dt / count;
+    for (int i = 0; i < count; ++i) substep(h);
+    elapsed_ += dt;
+    cpuNoisePct_ = noise_(rng_) * config_.utilisationNoisePct;
+    gpuNoisePct_ = noise_(rng_) * config_.utilisationNoisePct;
+    refreshOutputs();
+}
+
+void ThermalPlant::substep(double h) {
+    // Fans: first-order spin-up/down towards their drive speed, bounded by the motor's slew rate.
+    const double follow =
+        config_.fanTimeConstantS > 0 ? 1.0 - std::exp(-h / config_.fanTimeConstantS) : 1.0;
+    const double maxChange = config_.fanSlewRPMPerS > 0 ? config_.fanSlewRPMPerS * h : 1e12;
+    for (std::size_t i = 0; i < fanRPM_.size(); ++i) {
+        const double change = (driveRPM(i) - fanRPM_[i]) * follow;
+        fanRPM_[i] += std::clamp(change, -maxChange, maxChange);
+    }
+
+    const double cpuPower =
+        dieDrivePowerW(config_.cpuIdlePowerW, config_.cpuFullLoadPowerW, cpuLoad_, cpuScale_);
+    const double gpuPower =
+        dieDrivePowerW(config_.gpuIdlePowerW, config_.gpuFullLoadPowerW, gpuLoad_, gpuScale_);
+    const double cpuToSink = config_.cpuToSinkWPerK * (cpuTemp_ - sinkTemp_);
+    const double gpuToSink = config_.gpuToSinkWPerK * (gpuTemp_ - sinkTemp_);
+    const double sinkToAir = sinkConductance() * (sinkTemp_ - config_.ambientC);
+
+    cpuTemp_ += h * (cpuPower - cpuToSink) / config_.cpuHeatCapacityJPerK;
+    gpuTemp_ += h * (gpuPower - gpuToSink) / config_.gpuHeatCapacityJPerK;
+    sinkTemp_ += h * (cpuToSink + gpuToSink - sinkToAir) / config_.sinkHeatCapacityJPerK;
+
+    auto droop = [&](double temp, double limit, double& scale) {
+        if (temp > limit) {
+            scale -= config_.droopGainPerKelvinSecond * (temp - limit) * h;
+        } else if (temp < limit - config_.droopRecoveryMarginC) {
+            scale += config_.droopRecoveryPerS * h;
+        }
+        scale = std::clamp(scale, config_.minClockScale, 1.0);
+    };
+    droop(cpuTemp_, config_.cpuLimitC, cpuScale_);
+    droop(gpuTemp_, config_.gpuLimitC, gpuScale_);
+}
+
+void ThermalPlant::refreshOutputs() {
+    PlantState& s = state_;
+    s.cpuTemperatureC = cpuTemp_;
+    s.gpuTemperatureC = gpuTemp_;
+    s.sinkTemperatureC = sinkTemp_;
+    s.cpuClockScale = cpuScale_;
+    s.gpuClockScale = gpuScale_;
+
+    // Clocks run from base (deepest droop) to max (no droop).
+    auto clock = [&](double base, double max, double scale) {
+        const double span = 1.0 - config_.minClockScale;
+        const double fraction =
+            span > 0 ? std::clamp((scale - config_.minClockScale) / span, 0.0, 1.0) : 1.0;
+        return base + (max - base) * fraction;
+    };
+    s.cpuClockMHz = clock(config_.cpuBaseClockMHz, config_.cpuMaxClockMHz, cpuScale_);
+    s.gpuClockMHz = clock(config_.gpuBaseClockMHz, config_.gpuMaxClockMHz, gpuScale_);
+    s.gpuReferenceMaxClockMHz = config_.gpuReferenceMaxClockMHz;
+
+    s.cpuUtilizationPct = std::clamp(cpuLoad_ * 100.0 + cpuNoisePct_, 0.0, 100.0);
+    s.gpuUtilizationPct = std::clamp(gpuLoad_ * 100.0 + gpuNoisePct_, 0.0, 100.0);
+
+    s.cpuPowerW =
+        dieDrivePowerW(config_.cpuIdlePowerW, config_.cpuFullLoadPowerW, cpuLoad_, cpuScale_);
+    s.gpuPowerW =
+        dieDrivePowerW(config_.gpuIdlePowerW, config_.gpuFullLoadPowerW, gpuLoad_, gpuScale_);
+    double fanPower = 0;
+    for (std::size_t i = 0; i < fanRPM_.size(); ++i) {
+        const double max = config_.fans[i].maxRPM;
+        if (max > 0) fanPower += config_.fanPowerAtMaxW * std::pow(fanRPM_[i] / max, 3.0);
+    }
+    s.totalPowerW = s.cpuPowerW + s.gpuPowerW + config_.platformPowerW + fanPower;
+
+    s.cpuThrottling = cpuScale_ < 1.0 - kScaleEpsilon || cpuTemp_ >= config_.cpuLimitC;
+    s.gpuThrottling = gpuScale_ < 1.0 - kScaleEpsilon || gpuTemp_ >= config_.gpuLimitC;
+
+    const std::size_t fans = config_.fans.size();
+    s.fanNames.resize(fans);
+    s.fanCurrentRPM.resize(fans);
+    s.fanTargetRPM.resize(fans);
+    s.fanDriveRPM.resize(fans);
+    s.fanMinRPM.resize(fans);
+    s.fanMaxRPM.resize(fans);
+    for (std::size_t i = 0; i < fans; ++i) {
+        s.fanNames[i] = config_.fans[i].name;
+        s.fanCurrentRPM[i] = fanRPM_[i];
+        s.fanTargetRPM[i] = firmware_ ? 0.0 : command_[i];
+        s.fanDriveRPM[i] = driveRPM(i);
+        s.fanMinRPM[i] = config_.fans[i].minRPM;
+        s.fanMaxRPM[i] = config_.fans[i].maxRPM;
+    }
+    s.firmwareControl = firmware_;
+
+    const double hottest = std::max(cpuTemp_, gpuTemp_);
+    ThermalPressureLevel level = ThermalPressureLevel::nominal;
+    if (hottest >= config_.pressureCriticalFromC) {
+        level = ThermalPressureLevel::critical;
+    } else if (hottest >= config_.pressureSeriousFromC) {
+        level = ThermalPressureLevel::serious;
+    } else if (hottest >= config_.pressureFairFromC) {
+        level = ThermalPressureLevel::fair;
+    }
+    if (s.cpuThrottling || s.gpuThrottling) level = raised(level);
+    s.thermalPressure = level;
+
+    // The driver asks for the fastest state under load and is granted slower ones as the thermal
+    // droop deepens.
+    s.gpuRequestedPState = gpuLoad_ >= kGpuBusyLoad ? 0.0 : kIdlePState;
+    const double span = 1.0 - config_.minClockScale;
+    const double depth = span > 0 ? std::clamp((1.0 - gpuScale_) / span, 0.0, 1.0) : 0.0;
+    s.gpuGrantedPState =
+        std::min(kIdlePState, s.gpuRequestedPState + std::ceil(depth * kDroopPStateSpan));
+    s.gpuThrottleReasons = s.gpuThrottling ? gpuThrottleThermal : gpuThrottleNone;
+
+    s.elapsedS = elapsed_;
+}
+
+}  // namespace kelvo::sim

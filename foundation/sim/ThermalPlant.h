@@ -1,0 +1,164 @@
+// A lumped thermal model of a desktop/laptop: a CPU and a GPU die on one shared heatsink, cooled
+// by fans whose airflow raises the sink's conductance to ambient. Dies that reach their limit
+// droop their clocks, which lowers their power and so their heat. Deterministic: the only
+// randomness is the utilisation jitter, drawn from a seeded engine.
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "foundation/Types.h"
+
+namespace kelvo::sim {
+
+struct FanConfig {
+    std::string name;
+    double minRPM = 1200;
+    double maxRPM = 5400;
+};
+
+struct PlantConfig {
+    double ambientC = 24;
+
+    double cpuIdlePowerW = 6;
+    double cpuFullLoadPowerW = 65;
+    double cpuMaxClockMHz = 4200;
+    // The clock at the deepest droop: throttling sheds the boost range first.
+    double cpuBaseClockMHz = 2000;
+    double cpuLimitC = 95;
+    double cpuHeatCapacityJPerK = 4;
+    double cpuToSinkWPerK = 3;
+
+    double gpuIdlePowerW = 5;
+    double gpuFullLoadPowerW = 80;
+    double gpuMaxClockMHz = 1800;
+    double gpuBaseClockMHz = 800;
+    double gpuReferenceMaxClockMHz = 1800;
+    double gpuLimitC = 90;
+    double gpuHeatCapacityJPerK = 6;
+    double gpuToSinkWPerK = 4;
+
+    // Sink to ambient: G = passive + airflow * (mean fan speed / reference speed)^exponent. The
+    // reference is an absolute speed, not each fan's own maximum, so slower-rated fans really
+    // move less air. The exponent is above 1 because a dense fin stack passes little air until
+    // the fans build pressure.
+    double sinkHeatCapacityJPerK = 250;
+    double sinkPassiveWPerK = 0.25;
+    double sinkAirflowWPerK = 3.7;
+    double airflowReferenceRPM = 5400;
+    double airflowExponent = 1.4;
+
+    // Board, memory and drives: reported in the total, dissipated outside the modelled sink.
+    double platformPowerW = 4;
+    double fanPowerAtMaxW = 2.5;  // per fan, scaling with the cube of its speed
+
+    std::vector<FanConfig> fans = {{"Simulated fan 1", 1200, 5400},
+                                   {"Simulated fan 2", 1200, 5400}};
+    double fanTimeConstantS = 1.5;
+    double fanSlewRPMPerS = 3000;
+    // Firmware curve on the hotter die: minimum speed up to the first point, linear to maximum.
+    double firmwareMinUntilC = 55;
+    double firmwareMaxAtC = 90;
+
+    // Droop: each second over the limit costs gain * excess of clock scale; the scale comes back
+    // slowly once the die is clear of the limit by the margin.
+    double droopGainPerKelvinSecond = 0.04;
+    double droopRecoveryPerS = 0.02;
+    double droopRecoveryMarginC = 2;
+    double minClockScale = 0.35;
+
+    double utilisationNoisePct = 0.8;  // standard deviation
+    double maxSubstepS = 0.05;
+
+    // Thermal pressure bands on the hotter die.
+    double pressureFairFromC = 80;
+    double pressureSeriousFromC = 90;
+    double pressureCriticalFromC = 97;
+};
+
+struct PlantState {
+    double cpuTemperatureC = 0;
+    double gpuTemperatureC = 0;
+    double sinkTemperatureC = 0;
+    double cpuClockMHz = 0;
+    double gpuClockMHz = 0;
+    double gpuReferenceMaxClockMHz = 0;
+    double cpuClockScale = 1;
+    double gpuClockScale = 1;
+    double cpuUtilizationPct = 0;
+    double gpuUtilizationPct = 0;
+    double cpuPowerW = 0;
+    double gpuPowerW = 0;
+    double totalPowerW = 0;
+    bool cpuThrottling = false;
+    bool gpuThrottling = false;
+
+    std::vector<std::string> fanNames;
+    std::vector<double> fanCurrentRPM;
+    std::vector<double> fanTargetRPM;  // as commanded; 0 while the firmware drives that fan
+    std::vector<double> fanDriveRPM;   // where each fan is heading (command or firmware curve)
+    std::vector<double> fanMinRPM;
+    std::vector<double> fanMaxRPM;
+    bool firmwareControl = true;
+
+    ThermalPressureLevel thermalPressure = ThermalPressureLevel::nominal;
+    double gpuRequestedPState = 0;
+    double gpuGrantedPState = 0;
+    std::uint32_t gpuThrottleReasons = gpuThrottleNone;
+
+    double elapsedS = 0;  // simulated time integrated so far
+
+    bool operator==(const PlantState&) const = default;
+};
+
+class ThermalPlant {
+public:
+    explicit ThermalPlant(PlantConfig config = {}, std::uint64_t seed = 1);
+
+    // Offered load of each device, 0..1.
+    void setLoad(double cpu01, double gpu01);
+    // One target per fan in RPM; 0 (or a missing entry) leaves that fan to the firmware curve.
+    // Takes the fans out of firmware control.
+    void setFanCommand(std::vector<double> targetRPM);
+    // Released: the firmware curve drives every fan and earlier commands are dropped.
+    void setFirmwareControl(bool released);
+    // Whether any fan runs on a command rather than the firmware curve.
+    bool holdsControl() const;
+
+    void step(double dt);
+
+    PlantState state() const { return state_; }
+    const PlantConfig& config() const { return config_; }
+
+private:
+    double airflowFraction() const;
+    double sinkConductance() const;
+    double dieDrivePowerW(double idle, double full, double load, double scale) const;
+    double firmwareRPM(std::size_t fan) const;
+    double driveRPM(std::size_t fan) const;
+    void substep(double h);
+    void refreshOutputs();
+
+    PlantConfig config_;
+    std::mt19937_64 rng_;
+    std::normal_distribution<double> noise_{0.0, 1.0};
+
+    double cpuLoad_ = 0;
+    double gpuLoad_ = 0;
+    double cpuNoisePct_ = 0;
+    double gpuNoisePct_ = 0;
+    double cpuTemp_ = 0;
+    double gpuTemp_ = 0;
+    double sinkTemp_ = 0;
+    double cpuScale_ = 1;
+    double gpuScale_ = 1;
+    double elapsed_ = 0;
+    bool firmware_ = true;
+    std::vector<double> command_;
+    std::vector<double> fanRPM_;
+    PlantState state_;
+};
+
+}  // namespace kelvo::sim

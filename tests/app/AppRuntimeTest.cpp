@@ -1,0 +1,314 @@
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QSettings>
+#include <QTemporaryDir>
+
+#include "app/AppRuntime.h"
+#include "foundation/linux/HybridFanController.h"
+#include "foundation/sim/SimulatedFanController.h"
+
+using namespace kelvo;
+
+namespace {
+
+bool waitFor(const std::function<bool()>& condition, int timeoutMs = 15000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition() && timer.elapsed() < timeoutMs)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    return condition();
+}
+
+// Each runtime gets its own settings file and data folder.
+class RuntimeFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(home.isValid());
+        qputenv("XDG_DATA_HOME", home.filePath(QStringLiteral("data")).toUtf8());
+        qputenv("XDG_CONFIG_HOME", home.filePath(QStringLiteral("config")).toUtf8());
+        settings = std::make_unique<QSettings>(home.filePath(QStringLiteral("settings.ini")),
+                                               QSettings::IniFormat);
+    }
+    AppRuntimeOptions options(QStringList args = {QStringLiteral("--harness-simulated-fans")}) {
+        AppRuntimeOptions o;
+        o.arguments = args;
+        o.settings = settings.get();
+        o.loopConfig.tickSeconds = 0.25;
+        return o;
+    }
+    bool ringHas(AppRuntime& runtime, const std::string& text) {
+        for (const auto& e : runtime.eventRing().recent(160))
+            if (e.message.find(text) != std::string::npos) return true;
+        return false;
+    }
+    QTemporaryDir home;
+    std::unique_ptr<QSettings> settings;
+};
+
+// Records every call the runtime makes into the capture seam, in order.
+class RecordingCapture : public CaptureSeam {
+public:
+    explicit RecordingCapture(QStringList* log) : log_(log) {}
+    void configure(std::function<ControlMode()> provider, std::function<void(ControlMode)> apply,
+                   std::function<void()> changed) override {
+        *log_ << QStringLiteral("configure");
+        modeProvider = std::move(provider);
+        applyMode = std::move(apply);
+        historyChanged = std::move(changed);
+    }
+    QCoro::Task<> restorePersistentState() override {
+        *log_ << QStringLiteral("restore");
+        co_return;
+    }
+    QCoro::Task<> evaluateProfilingThrottleSignals(const ControlSnapshot&) override {
+        *log_ << QStringLiteral("evaluate");
+        co_return;
+    }
+    void updateProfilingClock(Timestamp) override { *log_ << QStringLiteral("clock"); }
+    void updateAdaptivePredictorSummary(const std::optional<AdaptiveLeadModel>&) override {
+        *log_ << QStringLiteral("summary");
+    }
+    void setAdaptivePredictorLabel(const QString& label) override {
+        *log_ << QStringLiteral("label:") + label;
+    }
+    void setAdaptivePredictorDetail(const QString& detail) override {
+        *log_ << QStringLiteral("detail:") + detail;
+    }
+    std::function<ControlMode()> modeProvider;
+    std::function<void(ControlMode)> applyMode;
+    std::function<void()> historyChanged;
+
+private:
+    QStringList* log_;
+};
+
+}  // namespace
+
+TEST(AppRuntimeBackEnd, SimulatedFlagWinsOverLocalOnly) {
+    auto controller = AppRuntime::makeFanController(
+        {QStringLiteral("--local-only-fans"), QStringLiteral("--harness-simulated-fans")});
+    EXPECT_NE(std::dynamic_pointer_cast<SimulatedFanController>(controller), nullptr);
+}
+
+TEST(AppRuntimeBackEnd, DefaultLaunchIsHybridWithoutLocalWriteFallback) {
+    auto plain = std::dynamic_pointer_cast<HybridFanController>(AppRuntime::makeFanController({}));
+    ASSERT_NE(plain, nullptr);
+    EXPECT_FALSE(plain->allowLocalWriteFallback());
+    auto hybrid = std::dynamic_pointer_cast<HybridFanController>(
+        AppRuntime::makeFanController({QStringLiteral("--hybrid-fans")}));
+    ASSERT_NE(hybrid, nullptr);
+    EXPECT_TRUE(hybrid->allowLocalWriteFallback());
+}
+
+TEST_F(RuntimeFixture, UnknownOrEmptyPersistedModeRestoresSystemAuto) {
+    settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("turbo"));
+    EXPECT_EQ(AppRuntime::restoredMode(*settings), ControlMode::systemAuto);
+    settings->setValue(QStringLiteral("kelvo.control.mode"), QString());
+    EXPECT_EQ(AppRuntime::restoredMode(*settings), ControlMode::systemAuto);
+    settings->remove(QStringLiteral("kelvo.control.mode"));
+    EXPECT_EQ(AppRuntime::restoredMode(*settings), ControlMode::systemAuto);
+    settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("quietHybrid"));
+    EXPECT_EQ(AppRuntime::restoredMode(*settings), ControlMode::quietHybrid);
+}
+
+TEST(AppRuntimeAlerts, FallbackReasonComesFromTheLastParentheses) {
+    EXPECT_EQ(AppRuntime::fallbackAlertReason(
+                  QStringLiteral("Entered monitor+alert fallback (helper unavailable)")),
+              QStringLiteral("helper unavailable"));
+    EXPECT_EQ(AppRuntime::fallbackAlertReason(QStringLiteral("fallback (a) then (b)")),
+              QStringLiteral("b"));
+    EXPECT_EQ(AppRuntime::fallbackAlertReason(QStringLiteral("monitor+alert fallback ) oops (")),
+              QStringLiteral("fan control path unavailable"));
+    EXPECT_EQ(AppRuntime::fallbackAlertReason(QStringLiteral("monitor+alert fallback")),
+              QStringLiteral("fan control path unavailable"));
+    EXPECT_EQ(AppRuntime::fallbackAlertReason(QStringLiteral("monitor+alert fallback ()")),
+              QString());
+}
+
+TEST_F(RuntimeFixture, SameLatestEventTwiceRaisesOneNotification) {
+    AppRuntime runtime(options());
+    QStringList titles, bodies;
+    runtime.notifications()->setObserver([&](const QString& t, const QString& b) {
+        titles << t;
+        bodies << b;
+    });
+    auto event = RuntimeEvent::make("Entered monitor+alert fallback (helper unavailable)", true);
+    runtime.handleAlerts(event);
+    runtime.handleAlerts(event);
+    ASSERT_EQ(titles.size(), 1);
+    EXPECT_EQ(titles[0], QStringLiteral("Kelvo fallback mode"));
+    EXPECT_EQ(bodies[0], QStringLiteral("Fan control released to system auto: helper unavailable"));
+    EXPECT_TRUE(runtime.notifications()->authorizationRequested());
+}
+
+TEST_F(RuntimeFixture, OneMessageCanRaiseSeveralAlertsAndBoundaryNamesTheRuntimeMode) {
+    settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("performance"));
+    AppRuntime runtime(options());
+    QStringList titles, bodies;
+    runtime.notifications()->setObserver([&](const QString& t, const QString& b) {
+        titles << t;
+        bodies << b;
+    });
+    runtime.handleAlerts(
+        RuntimeEvent::make("Fan telemetry degraded; Repeated boundary pressure while in Quiet; "
+                           "monitor+alert fallback ()"));
+    ASSERT_EQ(titles.size(), 3);
+    EXPECT_EQ(titles, (QStringList{QStringLiteral("Kelvo fallback mode"),
+                                   QStringLiteral("Kelvo fan telemetry degraded"),
+                                   QStringLiteral("Kelvo boundary warning")}));
+    EXPECT_EQ(bodies[0], QStringLiteral("Fan control released to system auto: "));
+    EXPECT_EQ(bodies[1],
+              QStringLiteral("Continuing with last known fan readings while retrying the helper."));
+    EXPECT_EQ(bodies[2],
+              QStringLiteral("Repeated boundary pressure detected while Performance was active."));
+}
+
+TEST_F(RuntimeFixture, WindowVisibilityDrivesLiveStoreBuffering) {
+    AppRuntime runtime(options());
+    auto* live = runtime.live();
+    auto* presentation = runtime.presentation();
+    presentation->setDashboardWindowVisibility(DashboardWindowVisibility::offscreen);
+    EXPECT_TRUE(live->dashboardIsUserVisible());
+    presentation->setDashboardWindowVisibility(DashboardWindowVisibility::minimized);
+    EXPECT_FALSE(live->dashboardIsUserVisible());
+    presentation->setDashboardWindowVisibility(DashboardWindowVisibility::hidden);
+    EXPECT_FALSE(live->dashboardIsUserVisible());
+    const auto revision = live->trendRevision();
+    presentation->setDashboardWindowVisibility(DashboardWindowVisibility::visible);
+    EXPECT_TRUE(live->dashboardIsUserVisible());
+    EXPECT_EQ(live->trendRevision(), revision + 1);  // the buffer was flushed exactly once
+}
+
+TEST_F(RuntimeFixture, WithoutTheLaunchFlagThereIsNoExternalObserver) {
+    AppRuntime runtime(options());
+    EXPECT_FALSE(runtime.acceptsExternalModeControl());
+    EXPECT_FALSE(runtime.hasExternalObservers());
+    AppRuntime allowed(options(
+        {QStringLiteral("--harness-simulated-fans"), QStringLiteral("--allow-external-control")}));
+    EXPECT_TRUE(allowed.acceptsExternalModeControl());
+    EXPECT_TRUE(allowed.hasExternalObservers());
+}
+
+TEST_F(RuntimeFixture, StartupRunsInOrderAndFillsTheLiveStore) {
+    QStringList log;
+    auto o = options();
+    o.makeCapture = [&log](ControlLoop&, ProfilingService&) {
+        return std::make_unique<RecordingCapture>(&log);
+    };
+    AppRuntime runtime(std::move(o));
+    ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
+    ASSERT_TRUE(runtime.subscriptionID().has_value());
+    // configure at construction, then restore, then the baseline predictor texts.
+    ASSERT_GE(log.size(), 4);
+    EXPECT_EQ(log[0], QStringLiteral("configure"));
+    EXPECT_LT(log.indexOf(QStringLiteral("restore")),
+              log.indexOf(QStringLiteral("label:Baseline")));
+    EXPECT_TRUE(log.contains(QStringLiteral("detail:No adaptive model active")));
+    EXPECT_TRUE(ringHas(runtime, "External mode control disabled for this launch"));
+    EXPECT_TRUE(ringHas(runtime, "Startup build identity: app "));
+    EXPECT_TRUE(runtime.buildIdentitySummary().contains(
+        QStringLiteral(", backend simulated, helper n/a, exe size=")));
+    EXPECT_EQ(runtime.live()->buildVersionDetail(),
+              QStringLiteral("Backend simulated \u2022 Helper n/a"));
+    EXPECT_TRUE(runtime.live()->buildVersionLabel().startsWith(QStringLiteral("Build ")));
+    // Snapshots arrive: each is evaluated by the capture coordinator before its clock moves.
+    ASSERT_TRUE(waitFor([&] { return runtime.live()->sampleHistory().size() >= 3; }));
+    const auto evaluate = log.indexOf(QStringLiteral("evaluate"));
+    ASSERT_GE(evaluate, 0);
+    EXPECT_EQ(log.value(evaluate + 1), QStringLiteral("clock"));
+    EXPECT_TRUE(runtime.live()->latestSample().has_value());
+    EXPECT_EQ(runtime.live()->status(), ControlStatus::monitoring);
+    EXPECT_FALSE(runtime.live()->previewHistory().empty());  // System mode previews the fans
+}
+
+TEST_F(RuntimeFixture, SetModePersistsSwitchesTheLoopAndClearsThePreview) {
+    AppRuntime runtime(options());
+    ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
+    ASSERT_TRUE(waitFor([&] { return !runtime.live()->previewHistory().empty(); }));
+    runtime.setMode(ControlMode::quiet);
+    EXPECT_EQ(settings->value(QStringLiteral("kelvo.control.mode")).toString(),
+              QStringLiteral("quiet"));
+    ASSERT_TRUE(waitFor([&] { return runtime.live()->status() == ControlStatus::controlling; }));
+    EXPECT_TRUE(runtime.live()->previewHistory().empty());
+    EXPECT_TRUE(ringHas(runtime, "Control mode changed to Quiet"));
+}
+
+TEST_F(RuntimeFixture, PersistedModeIsRestoredIntoTheLoopAtStartup) {
+    settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("performance"));
+    AppRuntime runtime(options());
+    EXPECT_EQ(runtime.mode(), ControlMode::performance);
+    ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
+    ASSERT_TRUE(waitFor([&] { return runtime.live()->status() == ControlStatus::controlling; }));
+    EXPECT_TRUE(ringHas(runtime, "Control mode changed to Performance"));
+}
+
+TEST_F(RuntimeFixture, CaptureModeSelectionPersistsWithoutSwitchingTheLoop) {
+    RecordingCapture* capture = nullptr;
+    QStringList log;
+    auto o = options();
+    o.makeCapture = [&](ControlLoop&, ProfilingService&) {
+        auto made = std::make_unique<RecordingCapture>(&log);
+        capture = made.get();
+        return made;
+    };
+    AppRuntime runtime(std::move(o));
+    ASSERT_NE(capture, nullptr);
+    ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
+    EXPECT_EQ(capture->modeProvider(), ControlMode::systemAuto);
+    capture->applyMode(ControlMode::performance);
+    EXPECT_EQ(runtime.mode(), ControlMode::performance);
+    EXPECT_EQ(capture->modeProvider(), ControlMode::performance);
+    EXPECT_EQ(settings->value(QStringLiteral("kelvo.control.mode")).toString(),
+              QStringLiteral("performance"));
+    waitFor([] { return false; }, 600);  // a few ticks: the loop must stay in System
+    EXPECT_FALSE(ringHas(runtime, "Control mode changed"));
+    EXPECT_EQ(runtime.live()->status(), ControlStatus::monitoring);
+}
+
+TEST_F(RuntimeFixture, CorruptDatabaseIsReportedAndControlGoesOn) {
+    QDir().mkpath(home.filePath(QStringLiteral("data/Kelvo")));
+    QFile garbage(home.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite")));
+    ASSERT_TRUE(garbage.open(QIODevice::WriteOnly));
+    garbage.write(QByteArray(8192, '\x5a'));
+    garbage.close();
+    AppRuntime runtime(options());
+    EXPECT_TRUE(ringHas(runtime, "was unreadable"));
+    ASSERT_TRUE(waitFor([&] { return runtime.live()->sampleHistory().size() >= 2; }));
+}
+
+TEST_F(RuntimeFixture, GarbageSettingsFileIsReportedAndDefaultsUsed) {
+    QFile file(home.filePath(QStringLiteral("garbage.ini")));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("[kelvo\n\x01\x02=\xff\xfe\n[[[\nkelvo.control.mode\n");
+    file.close();
+    QSettings garbage(file.fileName(), QSettings::IniFormat);
+    auto o = options();
+    o.settings = &garbage;
+    AppRuntime runtime(std::move(o));
+    EXPECT_EQ(runtime.mode(), ControlMode::systemAuto);
+    EXPECT_TRUE(ringHas(runtime, "could not be read"));
+    ASSERT_TRUE(waitFor([&] { return runtime.live()->sampleHistory().size() >= 2; }));
+}
+
+TEST_F(RuntimeFixture, UnwritableDataFolderFallsBackToMemoryAndKeepsControlling) {
+    // A regular file where the data folder should be: nothing can be created inside it.
+    QFile blocker(home.filePath(QStringLiteral("data")));
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("quiet"));
+    AppRuntime runtime(options());
+    EXPECT_TRUE(ringHas(runtime, "could not be opened"));
+    ASSERT_TRUE(waitFor([&] { return runtime.live()->status() == ControlStatus::controlling; }));
+}
+
+TEST_F(RuntimeFixture, ShutdownReleasesFansToTheFirmware) {
+    settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("quiet"));
+    AppRuntime runtime(options());
+    ASSERT_TRUE(waitFor([&] { return runtime.live()->status() == ControlStatus::controlling; }));
+    EXPECT_TRUE(runtime.fanController()->holdsControl());
+    runtime.shutdown();
+    EXPECT_FALSE(runtime.fanController()->holdsControl());
+    EXPECT_TRUE(ringHas(runtime, "Fans released to automatic control (control loop stopped)"));
+}

@@ -1,0 +1,283 @@
+// End-to-end checks of the real binaries on a private session bus (run under dbus-run-session).
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDBusAbstractAdaptor>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVariant>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QThread>
+#include <csignal>
+
+#include "foundation/SQLiteStore.h"
+
+namespace {
+
+// Stands in for the desktop's notification service and records what Kelvo posts.
+class FakeNotifications : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+public:
+    QStringList titles;
+    QStringList bodies;
+    int capabilityRequests = 0;
+public slots:
+    QStringList GetCapabilities() {
+        ++capabilityRequests;
+        return {QStringLiteral("body")};
+    }
+    uint Notify(const QString&, uint, const QString&, const QString& summary, const QString& body,
+                const QStringList&, const QVariantMap&, int) {
+        titles << summary;
+        bodies << body;
+        return static_cast<uint>(titles.size());
+    }
+};
+
+class KelvoProcess {
+public:
+    explicit KelvoProcess(const QTemporaryDir& home) {
+        auto env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
+        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
+        process.setProcessEnvironment(env);
+        process.setProcessChannelMode(QProcess::SeparateChannels);
+    }
+    ~KelvoProcess() {
+        if (process.state() != QProcess::NotRunning) {
+            process.kill();
+            process.waitForFinished(5000);
+        }
+    }
+    void start(const QStringList& args) {
+        process.start(QStringLiteral(KELVO_BIN), args);
+        ASSERT_TRUE(process.waitForStarted(10000));
+    }
+    // Waits for a stdout line matching `pattern`; lines seen so far are kept in `lines`.
+    bool waitForLine(const QString& pattern, int timeoutMs = 20000) {
+        QRegularExpression re(pattern);
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < timeoutMs) {
+            while (process.canReadLine()) {
+                QString line = QString::fromUtf8(process.readLine()).trimmed();
+                lines << line;
+                if (re.match(line).hasMatch()) return true;
+            }
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+            process.waitForReadyRead(50);
+        }
+        return false;
+    }
+    int stopWith(int signal) {
+        ::kill(static_cast<pid_t>(process.processId()), signal);
+        QElapsedTimer timer;
+        timer.start();
+        while (process.state() != QProcess::NotRunning && timer.elapsed() < 15000) {
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+            process.waitForFinished(50);
+        }
+        output += QString::fromUtf8(process.readAllStandardOutput());
+        return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    }
+    QProcess process;
+    QStringList lines;
+    QString output;
+};
+
+struct CtlResult {
+    int exitCode;
+    QString stderrText;
+};
+
+CtlResult kelvoctl(const QStringList& args) {
+    QProcess ctl;
+    ctl.start(QStringLiteral(KELVOCTL_BIN), args);
+    ctl.waitForFinished(10000);
+    return {ctl.exitCode(), QString::fromUtf8(ctl.readAllStandardError())};
+}
+
+QString databasePath(const QTemporaryDir& home) {
+    return home.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite"));
+}
+
+std::vector<std::string> eventMessages(const QTemporaryDir& home) {
+    kelvo::SQLiteStore store(databasePath(home).toStdString());
+    std::vector<std::string> messages;
+    for (const auto& e : store.recentEvents(1000)) messages.push_back(e.message);
+    return messages;
+}
+
+int countContaining(const std::vector<std::string>& messages, const std::string& text) {
+    int n = 0;
+    for (const auto& m : messages)
+        if (m.find(text) != std::string::npos) ++n;
+    return n;
+}
+
+void pump(int ms) {
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+}
+
+void sendSignal(const char* member, const QVariantList& arguments) {
+    auto message = QDBusMessage::createSignal(QStringLiteral("/org/kelvo/ExternalControl"),
+                                              QStringLiteral("org.kelvo.ExternalControl"),
+                                              QString::fromLatin1(member));
+    message.setArguments(arguments);
+    ASSERT_TRUE(QDBusConnection::sessionBus().send(message));
+}
+
+}  // namespace
+
+TEST(Headless, PrintsLiveLinesAndStopsCleanlyOnSigterm) {
+    QTemporaryDir home;
+    KelvoProcess kelvo(home);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans")});
+    ASSERT_TRUE(
+        kelvo.waitForLine(QStringLiteral("mode=systemAuto status=monitoring cpu=\\d+\\.\\dC")));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("fans=\\d+,\\d+rpm warning=(no|yes)")));
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+    EXPECT_TRUE(kelvo.output.contains(QStringLiteral("fans released")));
+    EXPECT_TRUE(QFile::exists(databasePath(home)));
+    auto messages = eventMessages(home);
+    EXPECT_EQ(countContaining(messages, "Startup build identity: app "), 1);
+    EXPECT_EQ(countContaining(messages, "External mode control disabled for this launch"), 1);
+}
+
+TEST(Headless, SigintReleasesFansThatKelvoHeld) {
+    QTemporaryDir home;
+    {
+        QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                           QSettings::IniFormat);
+        settings.setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("quiet"));
+    }
+    KelvoProcess kelvo(home);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans")});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=controlling")));
+    EXPECT_EQ(kelvo.stopWith(SIGINT), 0);
+    auto messages = eventMessages(home);
+    EXPECT_GE(
+        countContaining(messages, "Fans released to automatic control (control loop stopped)"), 1);
+}
+
+TEST(ExternalControl, KelvoctlSwitchesModeAndCooldownWhenAllowed) {
+    QTemporaryDir home;
+    KelvoProcess kelvo(home);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans"),
+                 QStringLiteral("--allow-external-control")});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    EXPECT_EQ(kelvoctl({QStringLiteral("mode"), QStringLiteral("quiet")}).exitCode, 0);
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=controlling")));
+    EXPECT_EQ(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("on")}).exitCode, 0);
+    pump(1500);
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+    QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                       QSettings::IniFormat);
+    EXPECT_EQ(settings.value(QStringLiteral("kelvo.control.mode")).toString(),
+              QStringLiteral("quiet"));
+    auto messages = eventMessages(home);
+    EXPECT_EQ(countContaining(messages, "External mode control enabled for this launch"), 1);
+    EXPECT_EQ(countContaining(messages, "Control mode changed to Quiet"), 1);
+    EXPECT_EQ(countContaining(messages, "Cooldown started"), 1);
+}
+
+TEST(ExternalControl, RequestsAreIgnoredWithoutTheLaunchFlag) {
+    QTemporaryDir home;
+    KelvoProcess kelvo(home);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans")});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    EXPECT_EQ(kelvoctl({QStringLiteral("mode"), QStringLiteral("performance")}).exitCode, 0);
+    EXPECT_EQ(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("on")}).exitCode, 0);
+    pump(2500);
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=systemAuto status=monitoring")));
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+    auto messages = eventMessages(home);
+    EXPECT_EQ(countContaining(messages, "Control mode changed"), 0);
+    EXPECT_EQ(countContaining(messages, "Cooldown started"), 0);
+}
+
+TEST(ExternalControl, MalformedPayloadsAreDroppedWithoutEffect) {
+    QTemporaryDir home;
+    KelvoProcess kelvo(home);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans"),
+                 QStringLiteral("--allow-external-control")});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    const QString huge(200000, QLatin1Char('q'));
+    sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), 5}}});
+    sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), QStringLiteral("banana")}}});
+    sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), huge}}});
+    sendSignal("SetMode", {QVariantMap{{QStringLiteral("mood"), QStringLiteral("quiet")}}});
+    sendSignal("SetMode", {QVariantMap{}});
+    sendSignal("SetMode", {QStringLiteral("quiet")});
+    sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), QStringLiteral("quiet")}}, 1});
+    sendSignal("SetMode",
+               {QVariantMap{{QStringLiteral("mode"),
+                             QVariant::fromValue(QStringList{QStringLiteral("quiet")})}}});
+    sendSignal("SetCooldown", {QVariantMap{{QStringLiteral("enabled"), QStringLiteral("maybe")}}});
+    sendSignal("SetCooldown", {QVariantMap{{QStringLiteral("enabled"), 7}}});
+    sendSignal("SetCooldown", {huge});
+    // Then one good request: only it may have an effect.
+    sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), QStringLiteral("performance")}}});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")));
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+    auto messages = eventMessages(home);
+    EXPECT_EQ(countContaining(messages, "Control mode changed"), 1);
+    EXPECT_EQ(countContaining(messages, "Control mode changed to Performance"), 1);
+    EXPECT_EQ(countContaining(messages, "Cooldown"), 0);
+}
+
+TEST(Kelvoctl, UnknownModeWordFailsWithTheListOfModes) {
+    auto result = kelvoctl({QStringLiteral("mode"), QStringLiteral("turbo")});
+    EXPECT_NE(result.exitCode, 0);
+    EXPECT_EQ(result.stderrText.count(QLatin1Char('\n')), 1);
+    for (const char* mode : {"systemAuto", "quiet", "quietHybrid", "performance"})
+        EXPECT_TRUE(result.stderrText.contains(QLatin1String(mode))) << mode;
+    EXPECT_NE(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("maybe")}).exitCode, 0);
+    EXPECT_NE(kelvoctl({QStringLiteral("mode")}).exitCode, 0);
+}
+
+TEST(Alerts, HelperlessDefaultLaunchFallsBackAndNotifiesOnce) {
+    FakeNotifications notifications;
+    auto bus = QDBusConnection::sessionBus();
+    ASSERT_TRUE(bus.registerObject(QStringLiteral("/org/freedesktop/Notifications"), &notifications,
+                                   QDBusConnection::ExportAllSlots));
+    ASSERT_TRUE(bus.registerService(QStringLiteral("org.freedesktop.Notifications")));
+
+    QTemporaryDir home;
+    {
+        QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                           QSettings::IniFormat);
+        settings.setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("quiet"));
+    }
+    KelvoProcess kelvo(home);
+    // Default back-end: the helper, which does not run here, and no local fallback.
+    kelvo.start({QStringLiteral("--headless")});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=fallback")));
+    pump(2500);
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+    bus.unregisterService(QStringLiteral("org.freedesktop.Notifications"));
+    bus.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));
+
+    EXPECT_EQ(notifications.capabilityRequests, 1);
+    ASSERT_EQ(notifications.titles.count(QStringLiteral("Kelvo fallback mode")), 1);
+    const auto index = notifications.titles.indexOf(QStringLiteral("Kelvo fallback mode"));
+    EXPECT_EQ(notifications.bodies[index],
+              QStringLiteral("Fan control released to system auto: helper unavailable"));
+}
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
+
+#include "E2ETest.moc"

@@ -83,7 +83,7 @@ std::string resolvedDevicePath(const fs::path& hwmonDir, const fs::path& root) {
     const fs::path relative = device.lexically_relative(canonicalRoot);
     if (relative.empty() || *relative.begin() == "..") return device.string();
     if (relative == ".") return "/";
-    return "/" + relative.generic_string();
+    return (fs::path("/") / relative).generic_string();
 }
 
 // Channel numbers N for which fanN_input exists.

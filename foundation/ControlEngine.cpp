@@ -82,7 +82,9 @@ void ControlEngine::setLearnedModel(std::optional<LearnedModel> model) {
 
 GPUClockWindowAnalysisConfig ControlEngine::gpuAnalysisConfig() const {
     GPUClockWindowAnalysisConfig config;
-    if (model_) config.referenceClockMHz = model_->gpuReferenceClockMHz;
+    config.referenceClockMHz = assessor_.gpuReferenceMHz();
+    config.cpuReferenceClockMHz = assessor_.cpuReferenceMHz();
+    config.highLoadPowerW = telemetry_->highLoadPowerW();
     return config;
 }
 

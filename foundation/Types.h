@@ -140,9 +140,13 @@ struct RuntimeEvent {
 
 // ----- Analysis configuration and learned models ---------------------------------------------
 
+// What the clock-window analyses of the dashboard need from the loop: the high-load references
+// (a learned model's, else what the loop has learned online) and the high-load definition.
 struct GPUClockWindowAnalysisConfig {
-    std::optional<double> referenceClockMHz;       // from the active learned model
-    std::optional<double> highLoadUtilizationPct;  // override of the high-load threshold
+    std::optional<double> referenceClockMHz;       // GPU high-load reference
+    std::optional<double> cpuReferenceClockMHz;    // CPU high-load reference
+    std::optional<double> highLoadUtilizationPct;  // override of the 70 % high-load threshold
+    std::optional<double> highLoadPowerW;          // the machine's own high-load power level
     std::optional<double> deficitThresholdPct;     // override of the 7 % clock-deficit threshold
     bool operator==(const GPUClockWindowAnalysisConfig&) const = default;
 };

@@ -19,19 +19,37 @@ namespace {
 constexpr const char* kModeKey = "kelvo.control.mode";
 constexpr std::size_t kEventReadLimit = 160;
 
-std::shared_ptr<LocalFanController> makeLocalController() {
-    return std::make_shared<LocalFanController>(std::make_shared<HwmonFanService>());
+std::shared_ptr<LocalFanController> makeLocalController(const LaunchPaths& paths) {
+    return std::make_shared<LocalFanController>(std::make_shared<HwmonFanService>(paths.sysfsRoot));
 }
 }  // namespace
 
+LaunchPaths LaunchPaths::fromArguments(const QStringList& arguments) {
+    LaunchPaths paths;
+    auto value = [&arguments](const QString& name) -> std::optional<QString> {
+        for (qsizetype i = 0; i < arguments.size(); ++i) {
+            if (arguments[i] == name && i + 1 < arguments.size()) return arguments[i + 1];
+            if (arguments[i].startsWith(name + QLatin1Char('=')))
+                return arguments[i].mid(name.size() + 1);
+        }
+        return std::nullopt;
+    };
+    if (auto root = value(QStringLiteral("--sysfs-root")); root && !root->isEmpty())
+        paths.sysfsRoot = root->toStdString();
+    if (auto socket = value(QStringLiteral("--helper-socket")); socket && !socket->isEmpty())
+        paths.helperSocket = socket->toStdString();
+    return paths;
+}
+
 std::shared_ptr<FanController> AppRuntime::makeFanController(const QStringList& arguments) {
+    const LaunchPaths paths = LaunchPaths::fromArguments(arguments);
     if (arguments.contains(QStringLiteral("--harness-simulated-fans")))
         return std::make_shared<SimulatedFanController>();
     if (arguments.contains(QStringLiteral("--xpc-only-fans")))
-        return std::make_shared<HelperFanController>();
-    if (arguments.contains(QStringLiteral("--local-only-fans"))) return makeLocalController();
+        return std::make_shared<HelperFanController>(paths.helperSocket);
+    if (arguments.contains(QStringLiteral("--local-only-fans"))) return makeLocalController(paths);
     return std::make_shared<HybridFanController>(
-        std::make_shared<HelperFanController>(), makeLocalController(),
+        std::make_shared<HelperFanController>(paths.helperSocket), makeLocalController(paths),
         arguments.contains(QStringLiteral("--hybrid-fans")));
 }
 
@@ -57,7 +75,8 @@ std::shared_ptr<TelemetryProvider> AppRuntime::makeTelemetryProvider() const {
             options_.arguments.contains(QStringLiteral("--sim-follow-host-load")));
         return std::make_shared<SimulatedTelemetryProvider>(simulated->machine());
     }
-    return std::make_shared<SystemTelemetryProvider>();
+    return std::make_shared<SystemTelemetryProvider>(
+        LaunchPaths::fromArguments(options_.arguments).sysfsRoot);
 }
 
 AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)

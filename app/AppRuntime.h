@@ -29,6 +29,14 @@
 
 namespace kelvo {
 
+// Where the real back-ends look: "--sysfs-root PATH" (a root holding sys/ and proc/, so a fake
+// tree can stand in for the machine) and "--helper-socket PATH".
+struct LaunchPaths {
+    std::string sysfsRoot = "/";
+    std::string helperSocket = "/run/kelvo/helper.sock";
+    static LaunchPaths fromArguments(const QStringList& arguments);
+};
+
 struct AppRuntimeOptions {
     QStringList arguments;          // launch arguments (program name first or not)
     QSettings* settings = nullptr;  // the user defaults; null = Kelvo's own settings file

@@ -5,6 +5,7 @@
 #include <QSettings>
 #include <QTemporaryDir>
 
+#include "../foundation/LinuxFakeSysfs.h"
 #include "app/AppRuntime.h"
 #include "foundation/linux/HybridFanController.h"
 #include "foundation/sim/SimulatedFanController.h"
@@ -311,4 +312,39 @@ TEST_F(RuntimeFixture, ShutdownReleasesFansToTheFirmware) {
     runtime.shutdown();
     EXPECT_FALSE(runtime.fanController()->holdsControl());
     EXPECT_TRUE(ringHas(runtime, "Fans released to automatic control (control loop stopped)"));
+}
+
+TEST(AppRuntimeLaunchPaths, SysfsRootAndHelperSocketAcceptBothSpellings) {
+    auto paths =
+        LaunchPaths::fromArguments({QStringLiteral("--sysfs-root"), QStringLiteral("/tmp/fake"),
+                                    QStringLiteral("--helper-socket=/tmp/h.sock")});
+    EXPECT_EQ(paths.sysfsRoot, "/tmp/fake");
+    EXPECT_EQ(paths.helperSocket, "/tmp/h.sock");
+    auto defaults = LaunchPaths::fromArguments({QStringLiteral("--sysfs-root")});
+    EXPECT_EQ(defaults.sysfsRoot, "/");
+    EXPECT_EQ(defaults.helperSocket, "/run/kelvo/helper.sock");
+}
+
+TEST_F(RuntimeFixture, LocalOnlyFansDriveAFakeHwmonTreeAndGiveItBackOnShutdown) {
+    test_support::FakeSysfs sys;
+    const std::string hwmon = sys.addHwmon(0, "it87", "platform/it87.656");
+    sys.write(hwmon + "/fan1_input", "1500\n");
+    sys.write(hwmon + "/fan1_min", "600\n");
+    sys.write(hwmon + "/fan1_max", "3000\n");
+    sys.write(hwmon + "/pwm1", "100\n");
+    sys.write(hwmon + "/pwm1_enable", "2\n");
+    sys.write("proc/stat", "cpu  100 0 100 1000 0 0 0 0 0 0\n");
+    settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("performance"));
+    const QString root = QString::fromStdString(sys.path("").string());
+    AppRuntime runtime(
+        options({QStringLiteral("--local-only-fans"), QStringLiteral("--sysfs-root"), root}));
+    ASSERT_TRUE(waitFor([&] { return runtime.live()->status() == ControlStatus::controlling; }));
+    EXPECT_EQ(sys.read(hwmon + "/pwm1_enable"), "1");  // Kelvo holds the fan
+    ASSERT_TRUE(runtime.live()->latestSample().has_value());
+    EXPECT_EQ(runtime.live()->latestSample()->fanCurrentRPM, std::vector<double>{1500});
+    EXPECT_TRUE(waitFor([&] {
+        return runtime.buildIdentitySummary().contains(QStringLiteral("backend local, helper n/a"));
+    }));
+    runtime.shutdown();
+    EXPECT_EQ(sys.read(hwmon + "/pwm1_enable"), "2");  // back to the firmware's own mode
 }

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds Kelvo and launches it. Without fan hardware (a VM, CI) it runs
-# on the simulated machine; pass other kelvo flags after the script name to change that.
+# Installs what is missing, builds Kelvo and launches it: on the real fans when this machine has
+# controllable ones (PWM channels under /sys/class/hwmon), otherwise on the simulated machine.
+# Flags given to the script are passed to kelvo instead.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
@@ -9,4 +10,8 @@ cmake --build --preset default --target kelvo kelvoctl
 if [ "$#" -gt 0 ]; then
   exec ./build/default/app/kelvo "$@"
 fi
+if compgen -G "/sys/class/hwmon/hwmon*/pwm[0-9]_enable" >/dev/null; then
+  exec ./build/default/app/kelvo --headless
+fi
+echo "run: no controllable fans found; using the simulated machine"
 exec ./build/default/app/kelvo --headless --harness-simulated-fans

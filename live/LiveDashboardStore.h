@@ -8,6 +8,8 @@
 // the cheap key of the dashboard's trend memo.
 #pragma once
 
+#include "live/PreviewFanTrendPoint.h"
+
 #include <QObject>
 #include <QString>
 #include <cstdint>
@@ -20,13 +22,6 @@
 #include "live/LiveThrottleOverlayStore.h"
 
 namespace kelvo {
-
-// One point of the fan-preview trace: what the fans would be asked to do.
-struct PreviewFanTrendPoint {
-    Timestamp timestamp = 0;
-    double averageRPM = 0;  // mean of the positive per-fan targets
-    bool operator==(const PreviewFanTrendPoint&) const = default;
-};
 
 // One control-loop snapshot as the store takes it. `events` are the recent ones, oldest first.
 struct LiveSnapshot {

@@ -127,12 +127,13 @@ void analyzeClock(Analysis& out, std::span<const TelemetrySample> samples, Close
     const double threshold = out.referenceReady ? *reference * (1 - deficitFraction(config)) : 0;
 
     double sum = 0;
-    std::optional<Timestamp> runStart;
+    bool inRun = false;
+    Timestamp runStart = 0;
     Timestamp runLast = 0;
     auto closeRun = [&] {
-        if (runStart && runLast - *runStart >= kMinimumThrottleSpanSeconds)
-            out.throttleSpans.push_back({*runStart, runLast});
-        runStart.reset();
+        if (inRun && runLast - runStart >= kMinimumThrottleSpanSeconds)
+            out.throttleSpans.push_back({runStart, runLast});
+        inRun = false;
     };
     for (const auto& s : samples) {
         if (!window.contains(s.timestamp)) continue;
@@ -143,7 +144,8 @@ void analyzeClock(Analysis& out, std::span<const TelemetrySample> samples, Close
         }
         const bool under = loaded && out.referenceReady && *(s.*clock) < threshold;
         if (under) {
-            if (!runStart) runStart = s.timestamp;
+            if (!inRun) runStart = s.timestamp;
+            inRun = true;
             runLast = s.timestamp;
         } else {
             closeRun();

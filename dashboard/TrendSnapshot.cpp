@@ -174,14 +174,15 @@ std::vector<FixedViewportThrottleBandSnapshot> fixedViewportThrottleBands(
 
 std::vector<Timestamp> fixedViewportTrendXAxisTickDates(ClosedTimeRange timeDomain,
                                                         TrendWindowMode mode) {
-    const auto spec = trendWindowSpec(mode);
+    const auto windowSpec = trendWindowSpec(mode);
     auto dates =
-        FixedViewportTrendAxisLabels::referenceTickDates(timeDomain, spec.tickStrideSeconds);
+        FixedViewportTrendAxisLabels::referenceTickDates(timeDomain, windowSpec.tickStrideSeconds);
     if (!dates.empty() && dates.back() == timeDomain.upper) dates.pop_back();
     std::vector<Timestamp> kept;
     std::string lastText;
     for (std::size_t i = 0; i < dates.size(); ++i) {
-        const std::string text = FixedViewportTrendAxisLabels::text(dates[i], spec.windowSeconds);
+        const std::string text =
+            FixedViewportTrendAxisLabels::text(dates[i], windowSpec.windowSeconds);
         const bool edge = i == 0 || i + 1 == dates.size();
         if (edge || text != lastText) {
             kept.push_back(dates[i]);
@@ -194,7 +195,7 @@ std::vector<Timestamp> fixedViewportTrendXAxisTickDates(ClosedTimeRange timeDoma
 FixedViewportTrendSnapshot fixedViewportTrendSnapshot(const TrendSnapshotInputs& in,
                                                       const GPUClockWindowAnalysis& gpu,
                                                       const CPUClockWindowAnalysis& cpu) {
-    const auto spec = trendWindowSpec(in.window);
+    const auto windowSpec = trendWindowSpec(in.window);
     FixedViewportTrendSnapshot snapshot;
     const auto domain = trendViewportDomain(in.referenceUpperBound, in.window);
     snapshot.viewportDomain = domain;
@@ -207,7 +208,7 @@ FixedViewportTrendSnapshot fixedViewportTrendSnapshot(const TrendSnapshotInputs&
     const ClosedTimeRange visibleRange{domain.visibleLowerBound(), domain.visibleUpperBound()};
     for (Timestamp date : fixedViewportTrendXAxisTickDates(visibleRange, in.window))
         snapshot.xAxisTicks.push_back(
-            {date, FixedViewportTrendAxisLabels::text(date, spec.windowSeconds),
+            {date, FixedViewportTrendAxisLabels::text(date, windowSpec.windowSeconds),
              domain.visibleWindowSeconds > 0
                  ? (date - domain.visibleLowerBound()) / domain.visibleWindowSeconds
                  : 0.0});
@@ -226,7 +227,7 @@ FixedViewportTrendSnapshot fixedViewportTrendSnapshot(const TrendSnapshotInputs&
         }
         FixedViewportTrendSeriesSnapshot series;
         series.color = color;
-        series.segments = singleSegment(points, spec.reducerBucketCount);
+        series.segments = singleSegment(points, windowSpec.reducerBucketCount);
         snapshot.series.push_back(std::move(series));
     };
     // Non-positive readings are gaps in the data, not zeros.
@@ -268,8 +269,8 @@ FixedViewportTrendSnapshot fixedViewportTrendSnapshot(const TrendSnapshotInputs&
             FixedViewportTrendSeriesSnapshot preview;
             preview.color = TrendPalette::withAlpha(TrendPalette::cyan, 0.6f);
             preview.dashPatternPixels = std::array<float, 2>{5, 6};
-            preview.segments =
-                fixedViewportTrendPreviewSegments(kept, domain, fanScale, spec.reducerBucketCount);
+            preview.segments = fixedViewportTrendPreviewSegments(kept, domain, fanScale,
+                                                                 windowSpec.reducerBucketCount);
             snapshot.series.push_back(std::move(preview));
         }
     }

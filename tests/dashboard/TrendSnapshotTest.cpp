@@ -107,10 +107,10 @@ TEST(TrendSnapshot, BandsAreFractionsOfTheVisibleWindowUnclamped) {
 
 TEST(TrendSnapshot, UnknownWindowTextBehavesAsFiveMinutes) {
     for (const char* raw : {"fiveMinutes", "tenMinutes", ""}) {
-        const auto spec = trendWindowSpec(trendWindowModeFromRaw(raw));
-        EXPECT_EQ(spec.windowSeconds, 300);
-        EXPECT_EQ(spec.tickStrideSeconds, 60);
-        EXPECT_EQ(spec.reducerBucketCount, 1200);
+        const auto windowSpec = trendWindowSpec(trendWindowModeFromRaw(raw));
+        EXPECT_EQ(windowSpec.windowSeconds, 300);
+        EXPECT_EQ(windowSpec.tickStrideSeconds, 60);
+        EXPECT_EQ(windowSpec.reducerBucketCount, 1200);
     }
     const auto minute = trendWindowSpec(trendWindowModeFromRaw("oneMinute"));
     EXPECT_EQ(minute.windowSeconds, 60);

@@ -16,46 +16,50 @@ FixedViewportTrendViewportDomain FixedViewportTrendViewportDomain::make(
 
 std::vector<TrendPoint> FixedViewportTrendPointReducer::reduce(std::span<const TrendPoint> points,
                                                                int bucketCount) {
-    const std::size_t cap = static_cast<std::size_t>(std::max(bucketCount, 1)) * 4;
-    if (points.size() <= cap || bucketCount < 1) return {points.begin(), points.end()};
+    // A non-positive bucket count is read as one bucket, so the cap still holds.
+    const int buckets = std::max(bucketCount, 1);
+    const std::size_t cap = static_cast<std::size_t>(buckets) * 4;
+    if (points.size() <= cap) return {points.begin(), points.end()};
+
     std::vector<TrendPoint> out;
     out.reserve(cap);
-    const float x0 = points.front().x;
-    const float span = points.back().x - x0;
-    if (!(span > 0)) {
-        // No extent in x: the extremes are all there is to show.
-        auto [lo, hi] = std::minmax_element(points.begin(), points.end(),
-                                            [](auto a, auto b) { return a.y < b.y; });
-        out.push_back(points.front());
-        for (auto it : {lo, hi})
-            if (it != points.begin() && it != points.end() - 1) out.push_back(*it);
-        out.push_back(points.back());
-        return out;
-    }
-    const double scale = bucketCount / static_cast<double>(span);
-    std::size_t start = 0;
-    while (start < points.size()) {
-        const int bucket =
-            std::min(bucketCount - 1, static_cast<int>((points[start].x - x0) * scale));
-        std::size_t end = start + 1;
-        std::size_t lo = start, hi = start;
-        while (end < points.size() &&
-               std::min(bucketCount - 1, static_cast<int>((points[end].x - x0) * scale)) ==
-                   bucket) {
-            if (points[end].y < points[lo].y) lo = end;
-            if (points[end].y > points[hi].y) hi = end;
-            ++end;
+    const double x0 = points.front().x;
+    const double extent = points.back().x - x0;
+    // With no extent in x everything shares one bucket: the ends and extremes are what is left.
+    const double scale = extent > 0 ? buckets / extent : 0;
+    const double lastBucket = buckets - 1;
+    int current = 0;
+    // Clamped in double before the conversion (a stray NaN lands in bucket 0), and never moving
+    // backwards, so out-of-order input cannot revisit a bucket and break the cap.
+    auto bucketOf = [&](float x) {
+        const double position = (x - x0) * scale;
+        const int bucket = position >= lastBucket ? static_cast<int>(lastBucket)
+                           : position > 0         ? static_cast<int>(position)
+                                                  : 0;
+        return std::max(bucket, current);
+    };
+    // First, extremes and last of the bucket, each once, in x order.
+    auto flush = [&](std::size_t first, std::size_t lo, std::size_t hi, std::size_t last) {
+        const std::size_t keep[4] = {first, std::min(lo, hi), std::max(lo, hi), last};
+        out.push_back(points[first]);
+        for (int i = 1; i < 4; ++i)
+            if (keep[i] != keep[i - 1]) out.push_back(points[keep[i]]);
+    };
+
+    std::size_t first = 0, lo = 0, hi = 0;
+    current = bucketOf(points.front().x);
+    for (std::size_t i = 1; i < points.size(); ++i) {
+        const int bucket = bucketOf(points[i].x);
+        if (bucket != current) {
+            flush(first, lo, hi, i - 1);
+            first = lo = hi = i;
+            current = bucket;
+            continue;
         }
-        // First, extremes and last of the bucket, each once, in x order.
-        std::size_t keep[4] = {start, std::min(lo, hi), std::max(lo, hi), end - 1};
-        std::size_t previous = static_cast<std::size_t>(-1);
-        for (std::size_t index : keep) {
-            if (index == previous) continue;
-            out.push_back(points[index]);
-            previous = index;
-        }
-        start = end;
+        if (points[i].y < points[lo].y) lo = i;
+        if (points[i].y > points[hi].y) hi = i;
     }
+    flush(first, lo, hi, points.size() - 1);
     return out;
 }
 
@@ -203,8 +207,8 @@ GPUClockWindowAnalysis GPUClockWindowAnalyzer::analyze(std::span<const Telemetry
         out.referenceReady ? *out.referenceClockMHz * (1 - deficitFraction(config)) : 0;
     int osPressure = 0, driverThermal = 0, powerCap = 0, unexplained = 0;
     for (const auto& s : samples) {
-        if (!window.contains(s.timestamp) || !isHighLoad(s, config) || !s.gpuClockMHz) continue;
-        const bool clockShort = out.referenceReady && *s.gpuClockMHz < threshold;
+        if (!window.contains(s.timestamp) || !isHighLoad(s, config)) continue;
+        const bool clockShort = out.referenceReady && s.gpuClockMHz && *s.gpuClockMHz < threshold;
         const bool stateShort = trustProbes && s.gpuRequestedPState && s.gpuGrantedPState &&
                                 *s.gpuGrantedPState - *s.gpuRequestedPState >= 1;
         if (!clockShort && !stateShort) continue;
@@ -244,11 +248,22 @@ PeakPerformanceDomain PeakPerformanceDomainSelection::select(const CPUClockWindo
 
 std::vector<Timestamp> FixedViewportTrendAxisLabels::referenceTickDates(ClosedTimeRange timeDomain,
                                                                         double tickStrideSeconds) {
+    // No axis shows more ticks than this; a stride that fine for the range is a caller's slip,
+    // and counting in whole multiples keeps the loop finite where k + 1 == k in doubles.
+    constexpr double kMaximumTicks = 10'000;
     std::vector<Timestamp> dates;
-    if (!(tickStrideSeconds > 0) || timeDomain.upper < timeDomain.lower) return dates;
-    for (double k = std::ceil(timeDomain.lower / tickStrideSeconds);
-         k * tickStrideSeconds <= timeDomain.upper; k += 1)
-        dates.push_back(k * tickStrideSeconds);
+    if (!(tickStrideSeconds > 0) || !(timeDomain.upper >= timeDomain.lower)) return dates;
+    // One multiple of slack at each end: the quotients round, the range test below decides.
+    const double firstMultiple = std::ceil(timeDomain.lower / tickStrideSeconds) - 1;
+    const double lastMultiple = std::floor(timeDomain.upper / tickStrideSeconds) + 1;
+    if (!(lastMultiple >= firstMultiple) || lastMultiple - firstMultiple >= kMaximumTicks)
+        return dates;
+    const auto count = static_cast<std::size_t>(lastMultiple - firstMultiple) + 1;
+    dates.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const Timestamp date = (firstMultiple + static_cast<double>(i)) * tickStrideSeconds;
+        if (timeDomain.contains(date)) dates.push_back(date);
+    }
     return dates;
 }
 

@@ -94,10 +94,10 @@ TEST(HwmonFanService, IdentityAndOrderSurviveHwmonRenumbering) {
 
 TEST(HwmonFanService, HwmonWithoutDeviceIsVirtual) {
     FakeSysfs sys;
-    const std::string hwmon = sys.addHwmon(0, "thinkpad", std::nullopt);
+    const std::string hwmon = sys.addHwmon(0, "acpi_fan", std::nullopt);
     sys.write(hwmon + "/fan1_input", "3100\n");
     const auto fans = HwmonFanService(sys.root().string()).discover();
-    EXPECT_EQ(identities(fans), std::vector<std::string>{"thinkpad@virtual#fan1"});
+    EXPECT_EQ(identities(fans), std::vector<std::string>{"acpi_fan@virtual#fan1"});
 }
 
 TEST(HwmonFanService, MissingOrFanlessTreeHasNoFans) {

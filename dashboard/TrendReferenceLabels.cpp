@@ -7,44 +7,37 @@
 namespace kelvo {
 
 namespace {
-constexpr double kSmallControlPixelSize = 11.0;
+constexpr int kSmallControlPixelSize = 11;
 constexpr double kLabelGapPoints = 6.0;
 }  // namespace
 
 QFont trendReferenceLabelFont() {
     QFont font = QFontDatabase::systemFont(QFontDatabase::GeneralFont);
-    font.setPixelSize(static_cast<int>(kSmallControlPixelSize));
+    font.setPixelSize(kSmallControlPixelSize);
     font.setWeight(QFont::Normal);
     return font;
 }
 
 std::vector<FixedViewportTrendReferenceLabel> fixedViewportTrendReferenceXAxisLabels(
-    const std::vector<FixedViewportTrendTickSnapshot>& ticks, const QRectF& plotFrame,
+    std::span<const FixedViewportTrendTickSnapshot> ticks, const QRectF& plotFrame,
     const QFont& font) {
     const QFontMetricsF metrics(font);
     std::vector<FixedViewportTrendReferenceLabel> labels;
+    labels.reserve(ticks.size());
     double limit = plotFrame.right();
+    // Newest first, so the label at the live edge is never the one dropped.
     for (auto tick = ticks.rbegin(); tick != ticks.rend(); ++tick) {
-        const QString text = QString::fromStdString(tick->text);
-        const double width = metrics.horizontalAdvance(text);
         const double rawX = plotFrame.left() + tick->xFraction * plotFrame.width();
         if (rawX > plotFrame.right()) continue;
-        const double half = width / 2;
-        double x = std::max(rawX, plotFrame.left() + half);
-        x = std::min(x, plotFrame.right() - half);
+        const double half = metrics.horizontalAdvance(QString::fromStdString(tick->text)) / 2;
+        const double x =
+            std::min(std::max(rawX, plotFrame.left() + half), plotFrame.right() - half);
         if (x + half > limit) continue;
         labels.push_back({tick->date, tick->text, x, rawX});
         limit = x - half - kLabelGapPoints;
     }
     std::reverse(labels.begin(), labels.end());
     return labels;
-}
-
-TrendColor trendRenderColor(const QColor& color) {
-    const QColor rgb = color.toRgb();
-    const QColor& use = rgb.isValid() ? rgb : color;
-    return {static_cast<float>(use.redF()), static_cast<float>(use.greenF()),
-            static_cast<float>(use.blueF()), static_cast<float>(use.alphaF())};
 }
 
 }  // namespace kelvo

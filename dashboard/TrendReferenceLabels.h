@@ -1,33 +1,23 @@
-// X-axis labels placed in points under the chart: clamped inside the plot, newer labels win
-// when two would overlap.
+// X-axis labels placed in points under the chart: clamped inside the plot, and where two would
+// overlap the newer one wins.
 #pragma once
 
-#include <QColor>
 #include <QFont>
 #include <QRectF>
-#include <string>
+#include <span>
 #include <vector>
 
-#include "dashboard/TrendSnapshot.h"
+#include "dashboard/FixedViewportTrendSnapshot.h"
 
 namespace kelvo {
 
-struct FixedViewportTrendReferenceLabel {
-    Timestamp date = 0;
-    std::string text;
-    double x = 0;     // centre after clamping, points
-    double rawX = 0;  // the tick's own position, points
-    bool operator==(const FixedViewportTrendReferenceLabel&) const = default;
-};
-
-// The small control-size font with tabular digits, so labels do not jitter as time moves.
+// The small control-size system font; its digits are tabular, so labels keep their width as
+// the time changes.
 QFont trendReferenceLabelFont();
 
+// In ascending order.
 std::vector<FixedViewportTrendReferenceLabel> fixedViewportTrendReferenceXAxisLabels(
-    const std::vector<FixedViewportTrendTickSnapshot>& ticks, const QRectF& plotFrame,
+    std::span<const FixedViewportTrendTickSnapshot> ticks, const QRectF& plotFrame,
     const QFont& font = trendReferenceLabelFont());
-
-// The renderer's colour vector; a colour that cannot be converted is used as it is.
-TrendColor trendRenderColor(const QColor& color);
 
 }  // namespace kelvo

@@ -1,63 +1,100 @@
 #include "dashboard/TrendSectionModel.h"
 
+#include "app/AppRuntime.h"
+#include "dashboard/PeakPerformanceHelp.h"
+#include "dashboard/PeakPerformanceTint.h"
+#include "dashboard/PeakPerformanceValueText.h"
+
 namespace kelvo {
 
 namespace {
-constexpr const char* kWindowKey = "kelvo.presentation.trend_window";
-constexpr const char* kGPUKey = "kelvo.presentation.series.gpu";
-constexpr const char* kCPUKey = "kelvo.presentation.series.cpu";
-constexpr const char* kFanKey = "kelvo.presentation.series.fan";
-constexpr const char* kPowerKey = "kelvo.presentation.series.power";
+QString wholeNumber(double value) {
+    return QString::number(value, 'f', 0);
+}
 }  // namespace
+
+TrendSectionModel::TrendSectionModel(LiveDashboardStore* store, AppRuntime* runtime,
+                                     QSettings* settings, QObject* parent)
+    : TrendSectionModel(
+          store,
+          [runtime = QPointer<AppRuntime>(runtime)] {
+              return runtime ? runtime->mode() : ControlMode::systemAuto;
+          },
+          settings, parent) {
+    if (runtime) connect(runtime, &AppRuntime::modeChanged, this, &TrendSectionModel::refresh);
+}
 
 TrendSectionModel::TrendSectionModel(LiveDashboardStore* store, ModeProvider mode,
                                      QSettings* settings, QObject* parent)
     : QObject(parent), store_(store), mode_(std::move(mode)), settings_(settings) {
-    window_ = trendWindowModeFromRaw(
-        settings_->value(kWindowKey, QStringLiteral("fiveMinutes")).toString().toStdString());
-    toggles_.gpu = settings_->value(kGPUKey, true).toBool();
-    toggles_.cpu = settings_->value(kCPUKey, true).toBool();
-    toggles_.fan = settings_->value(kFanKey, true).toBool();
-    toggles_.power = settings_->value(kPowerKey, true).toBool();
+    if (settings_) {
+        window_ =
+            trendWindowModeFromRaw(settings_->value(kTrendWindowKey, QStringLiteral("fiveMinutes"))
+                                       .toString()
+                                       .toStdString());
+        toggles_.gpu = settings_->value(kGPUSeriesKey, true).toBool();
+        toggles_.cpu = settings_->value(kCPUSeriesKey, true).toBool();
+        toggles_.fan = settings_->value(kFanSeriesKey, true).toBool();
+        toggles_.power = settings_->value(kPowerSeriesKey, true).toBool();
+    }
     if (store_) {
         connect(store_, &LiveDashboardStore::trendRevisionChanged, this,
                 &TrendSectionModel::refresh);
+        // The store changes the configuration during the same ingest that then bumps the
+        // revision: a queued refresh lets that one recompute cover both, and still catches a
+        // configuration change that comes alone.
         connect(store_, &LiveDashboardStore::gpuClockWindowAnalysisConfigChanged, this,
-                &TrendSectionModel::refresh);
+                &TrendSectionModel::refresh, Qt::QueuedConnection);
     }
+    refresh();
 }
 
 TrendSectionComputationKey TrendSectionModel::currentKey() const {
-    TrendSectionComputationKey key;
-    if (store_) {
-        key.trendRevision = store_->trendRevision();
-        key.gpuClockWindowAnalysisConfig = store_->gpuClockWindowAnalysisConfig();
-    }
-    key.trendWindowModeRawValue = rawValue(window_);
-    key.showGPUSeries = toggles_.gpu;
-    key.showCPUSeries = toggles_.cpu;
-    key.showFanSeries = toggles_.fan;
-    key.showPowerSeries = toggles_.power;
-    key.runtimeModeRawValue = std::string(rawValue(mode_ ? mode_() : ControlMode::systemAuto));
-    return key;
+    const std::uint64_t revision = store_ ? store_->trendRevision() : 0;
+    const GPUClockWindowAnalysisConfig config =
+        store_ ? store_->gpuClockWindowAnalysisConfig() : GPUClockWindowAnalysisConfig{};
+    return makeTrendSectionComputationKey(revision, rawValue(window_), toggles_,
+                                          mode_ ? mode_() : ControlMode::systemAuto, config);
 }
 
-const TrendSectionComputationValue& TrendSectionModel::value() const {
+template <class T>
+void TrendSectionModel::publish(T& field, T value, Notifier notifier) {
+    if (field == value) return;
+    field = std::move(value);
+    emit(this->*notifier)();
+}
+
+void TrendSectionModel::refresh() {
     TrendSectionInputs inputs;
     if (store_) {
         inputs.samples = store_->sampleHistory();
         inputs.previewPoints = store_->previewHistory();
         inputs.throttleHistory = store_->throttleHistory();
     }
-    return memo_.value(currentKey(), inputs, wallClockNow());
-}
+    const auto before = memo_.computationCount();
+    const auto& value = pinnedLiveTrendSection(memo_, currentKey(), inputs);
+    if (memo_.computationCount() == before) return;
 
-void TrendSectionModel::refresh() {
-    const auto key = currentKey();
-    if (publishedKey_ && *publishedKey_ == key) return;
-    publishedKey_ = key;
-    value();
-    emit sectionChanged();
+    const auto& peak = value.peakPerformanceAnalysis;
+    publish(fanScaleText_, wholeNumber(value.fanScaleMaxRPM),
+            &TrendSectionModel::fanScaleTextChanged);
+    publish(gpuScaleText_, wholeNumber(value.gpuScaleMaxMHz),
+            &TrendSectionModel::gpuScaleTextChanged);
+    publish(cpuScaleText_, wholeNumber(value.cpuScaleMaxMHz),
+            &TrendSectionModel::cpuScaleTextChanged);
+    publish(totalPowerScaleText_, QString::fromStdString(value.totalPowerScaleText),
+            &TrendSectionModel::totalPowerScaleTextChanged);
+    publish(peakPerformanceValueText_,
+            QString::fromStdString(kelvo::peakPerformanceValueText(peak)),
+            &TrendSectionModel::peakPerformanceValueTextChanged);
+    publish(peakPerformanceTint_, peakPerformanceTintColor(kelvo::peakPerformanceTint(peak)),
+            &TrendSectionModel::peakPerformanceTintChanged);
+    publish(peakPerformanceHelp_, QString::fromStdString(kelvo::peakPerformanceHelp(peak, window_)),
+            &TrendSectionModel::peakPerformanceHelpChanged);
+    if (!(snapshot_ == value.snapshot)) {
+        snapshot_ = value.snapshot;
+        emit snapshotChanged();
+    }
 }
 
 QString TrendSectionModel::trendWindow() const {
@@ -66,59 +103,37 @@ QString TrendSectionModel::trendWindow() const {
 
 void TrendSectionModel::setTrendWindow(const QString& raw) {
     const auto mode = trendWindowModeFromRaw(raw.toStdString());
-    settings_->setValue(kWindowKey, QString::fromStdString(rawValue(mode)));
     if (mode == window_) return;
     window_ = mode;
+    if (settings_) settings_->setValue(kTrendWindowKey, QString::fromStdString(rawValue(mode)));
     emit trendWindowChanged();
     refresh();
 }
 
-void TrendSectionModel::setToggle(bool TrendSeriesToggles::*field, const char* key, bool on) {
-    settings_->setValue(key, on);
+void TrendSectionModel::setToggle(bool TrendSeriesToggles::*field, const char* settingsKey, bool on,
+                                  Notifier notifier) {
     if (toggles_.*field == on) return;
     toggles_.*field = on;
-    emit togglesChanged();
+    if (settings_) settings_->setValue(settingsKey, on);
+    emit(this->*notifier)();
     refresh();
 }
 
 void TrendSectionModel::setShowGPUSeries(bool on) {
-    setToggle(&TrendSeriesToggles::gpu, kGPUKey, on);
+    setToggle(&TrendSeriesToggles::gpu, kGPUSeriesKey, on,
+              &TrendSectionModel::showGPUSeriesChanged);
 }
 void TrendSectionModel::setShowCPUSeries(bool on) {
-    setToggle(&TrendSeriesToggles::cpu, kCPUKey, on);
+    setToggle(&TrendSeriesToggles::cpu, kCPUSeriesKey, on,
+              &TrendSectionModel::showCPUSeriesChanged);
 }
 void TrendSectionModel::setShowFanSeries(bool on) {
-    setToggle(&TrendSeriesToggles::fan, kFanKey, on);
+    setToggle(&TrendSeriesToggles::fan, kFanSeriesKey, on,
+              &TrendSectionModel::showFanSeriesChanged);
 }
 void TrendSectionModel::setShowPowerSeries(bool on) {
-    setToggle(&TrendSeriesToggles::power, kPowerKey, on);
-}
-
-QString TrendSectionModel::totalPowerScaleText() const {
-    return QString::fromStdString(value().totalPowerScaleText);
-}
-
-QString TrendSectionModel::peakPerformanceValueText() const {
-    return QString::fromStdString(kelvo::peakPerformanceValueText(value().peakPerformanceAnalysis));
-}
-
-QColor TrendSectionModel::tintColor(PeakPerformanceTint tint) {
-    switch (tint) {
-        case PeakPerformanceTint::green: return QColor::fromRgbF(0.196f, 0.843f, 0.294f);
-        case PeakPerformanceTint::yellow: return QColor::fromRgbF(1.0f, 0.839f, 0.039f);
-        case PeakPerformanceTint::red: return QColor::fromRgbF(1.0f, 0.271f, 0.227f);
-        case PeakPerformanceTint::secondary: break;
-    }
-    return QColor::fromRgbF(0.56f, 0.56f, 0.58f);
-}
-
-QColor TrendSectionModel::peakPerformanceTint() const {
-    return tintColor(kelvo::peakPerformanceTint(value().peakPerformanceAnalysis));
-}
-
-QString TrendSectionModel::peakPerformanceHelp() const {
-    return QString::fromStdString(kelvo::peakPerformanceHelp(
-        value().peakPerformanceAnalysis, peakPerformanceWindowToken(rawValue(window_))));
+    setToggle(&TrendSeriesToggles::power, kPowerSeriesKey, on,
+              &TrendSectionModel::showPowerSeriesChanged);
 }
 
 }  // namespace kelvo

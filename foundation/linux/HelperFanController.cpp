@@ -1,94 +1,172 @@
 #include "foundation/linux/HelperFanController.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
+#include <cmath>
 
 namespace kelvo {
 
-namespace {
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-// A non-blocking connect bounded by poll(), so a wedged helper cannot stall the caller.
-bool connectWithTimeout(const std::string& path, int timeoutMs) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof(address.sun_path)) return false;
-    std::memcpy(address.sun_path, path.data(), path.size());
-
-    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (socket.get() < 0) return false;
-    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
-        0) {
-        return true;
-    }
-    // A full backlog gives EAGAIN on Unix sockets; a busy helper counts as unreachable.
-    if (errno != EINPROGRESS) return false;
-
-    pollfd descriptor{socket.get(), POLLOUT, 0};
-    int ready = 0;
-    do {
-        ready = ::poll(&descriptor, 1, timeoutMs);
-    } while (ready < 0 && errno == EINTR);
-    if (ready <= 0) return false;
-    int socketError = 0;
-    socklen_t length = sizeof(socketError);
-    if (::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &socketError, &length) != 0) return false;
-    return socketError == 0;
-}
-
-}  // namespace
+namespace hp = helper_protocol;
 
 HelperFanController::HelperFanController(std::string socketPath, int connectTimeoutMs)
-    : socketPath_(std::move(socketPath)), connectTimeoutMs_(connectTimeoutMs) {}
+    : socketPath_(socketPath),
+      connectTimeoutMs_(connectTimeoutMs),
+      client_(std::move(socketPath), connectTimeoutMs, kReplyTimeoutMs) {}
 
 bool HelperFanController::helperReachable() const {
-    return connectWithTimeout(socketPath_, connectTimeoutMs_);
+    return HelperClient::reachable(socketPath_, connectTimeoutMs_);
 }
 
-FanResult HelperFanController::checkHelper() const {
-    if (!helperReachable()) return FanResult::failure(kUnavailable);
-    // The daemon's wire protocol is not part of this build yet: a reachable socket is reported
-    // honestly rather than guessed at.
-    return FanResult::failure(kProtocolUnsupported);
+FanResult HelperFanController::failureFrom(const HelperCallResult& call) {
+    using Failure = HelperCallResult::Failure;
+    switch (call.failure) {
+        case Failure::unreachable:
+        case Failure::connectionLost: return FanResult::failure(kUnavailable);
+        case Failure::timedOut: return FanResult::failure(kNotResponding);
+        case Failure::badReply: return FanResult::failure(call.error);
+        case Failure::none: break;
+    }
+    return FanResult::failure(call.reply.message);
+}
+
+void HelperFanController::dropHeldIfReconnected() {
+    if (!client_.connected() || client_.connectionNumber() != heldConnection_) held_.clear();
+}
+
+std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
+    const HelperCallResult call = client_.call(hp::Request::of(hp::Op::list));
+    dropHeldIfReconnected();
+    if (!call.ok()) {
+        *failure = failureFrom(call);
+        return std::nullopt;
+    }
+    auto inventory = hp::decodeInventory(call.reply.data);
+    if (!inventory.ok()) {
+        *failure = FanResult::failure("unreadable fan list from the helper: " + inventory.error);
+        return std::nullopt;
+    }
+    // A fan the helper no longer counts as ours was released behind our back (lease expiry).
+    std::erase_if(held_, [&](const auto& entry) {
+        return std::none_of(
+            inventory.value->fans.begin(), inventory.value->fans.end(),
+            [&](const hp::FanInfo& fan) { return fan.mine && fan.identity == entry.first; });
+    });
+    return std::move(inventory.value);
 }
 
 FanReadResult HelperFanController::readFans() {
-    const FanResult check = checkHelper();
-    return FanReadResult{check.ok, check.error, {}};
+    std::lock_guard lock(mutex_);
+    FanResult failure;
+    const auto inventory = list(&failure);
+    if (!inventory) return FanReadResult{false, failure.error, {}};
+    FanReadResult result;
+    for (const hp::FanInfo& fan : inventory->fans) {
+        FanState state;
+        state.name = fan.identity;
+        state.currentRPM = fan.rpm.value_or(0);
+        const auto held = held_.find(fan.identity);
+        state.targetRPM = held != held_.end() ? held->second : 0;
+        state.minRPM = fan.minRPM;
+        state.maxRPM = fan.maxRPM;
+        result.fans.push_back(std::move(state));
+    }
+    return result;
 }
 
-FanResult HelperFanController::setTargets(const std::vector<double>&) {
-    return checkHelper();
-}
+FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) {
+    std::lock_guard lock(mutex_);
+    FanResult failure;
+    const auto inventory = list(&failure);
+    if (!inventory) return failure;
+    const std::vector<hp::FanInfo>& fans = inventory->fans;
+    if (std::none_of(fans.begin(), fans.end(),
+                     [](const hp::FanInfo& fan) { return fan.controllable; })) {
+        return FanResult::failure("no controllable fans found");
+    }
+    if (targetRPM.size() != fans.size()) {
+        return FanResult::failure("expected " + std::to_string(fans.size()) + " fan targets, got " +
+                                  std::to_string(targetRPM.size()));
+    }
 
-FanResult HelperFanController::releaseToAutomatic() {
-    // Nothing was ever written through the helper, so there is nothing to give back; the
-    // helper itself also restores automatic control when its client disconnects.
+    // Keep going after a refused fan so one stuck fan does not leave the others at stale
+    // speeds; the first error is the one reported. A broken connection ends the round: the
+    // helper has released everything taken on it.
+    std::string firstError;
+    for (std::size_t i = 0; i < fans.size(); ++i) {
+        const hp::FanInfo& fan = fans[i];
+        const double target = targetRPM[i];
+        hp::Request request;
+        request.fan = fan.identity;
+        if (!(target > 0)) {
+            if (!held_.contains(fan.identity)) continue;
+            request.op = hp::Op::release;
+        } else {
+            if (!fan.controllable) continue;
+            request.op = hp::Op::setTarget;
+            request.rpm = static_cast<int>(std::clamp(std::round(std::min(target, 1e9)), 1.0,
+                                                      static_cast<double>(hp::kMaxRPM)));
+        }
+        const HelperCallResult call = client_.call(request);
+        dropHeldIfReconnected();
+        if (call.failure != HelperCallResult::Failure::none) return failureFrom(call);
+        if (!call.reply.ok) {
+            // The helper's per-fan errors name the fan already.
+            if (firstError.empty()) firstError = call.reply.message;
+            continue;
+        }
+        if (request.op == hp::Op::release) {
+            held_.erase(fan.identity);
+        } else {
+            held_[fan.identity] = target;
+            heldConnection_ = client_.connectionNumber();
+        }
+    }
+    if (!firstError.empty()) return FanResult::failure(firstError);
     return FanResult::success();
 }
 
+FanResult HelperFanController::releaseToAutomatic() {
+    std::lock_guard lock(mutex_);
+    // Fans are only ever held on an open connection; without one there is nothing to give back.
+    if (!client_.connected()) {
+        held_.clear();
+        return FanResult::success();
+    }
+    const HelperCallResult call = client_.call(hp::Request::of(hp::Op::releaseAll));
+    dropHeldIfReconnected();
+    if (!call.ok()) return failureFrom(call);
+    held_.clear();
+    return FanResult::success();
+}
+
+bool HelperFanController::holdsControl() const {
+    std::lock_guard lock(mutex_);
+    return !held_.empty();
+}
+
 std::optional<std::string> HelperFanController::helperVersion() {
-    // Without the protocol there is no way to ask, even when the socket answers.
-    return std::nullopt;
+    std::lock_guard lock(mutex_);
+    const HelperCallResult call = client_.call(hp::Request::of(hp::Op::version));
+    dropHeldIfReconnected();
+    if (!call.ok()) return std::nullopt;
+    auto info = hp::decodeVersionInfo(call.reply.data);
+    if (!info.ok()) return std::nullopt;
+    return info.value->version;
+}
+
+FanResult HelperFanController::renewLease() {
+    std::lock_guard lock(mutex_);
+    if (held_.empty()) return FanResult::success();
+    const HelperCallResult call = client_.call(hp::Request::of(hp::Op::renew));
+    dropHeldIfReconnected();
+    if (!call.ok()) return failureFrom(call);
+    auto lease = hp::decodeLeaseInfo(call.reply.data);
+    if (!lease.ok())
+        return FanResult::failure("unreadable lease reply from the helper: " + lease.error);
+    if (held_.empty() || lease.value->heldFans == 0) {
+        held_.clear();
+        return FanResult::failure("helper lease expired; the fans are back under firmware control");
+    }
+    return FanResult::success();
 }
 
 }  // namespace kelvo

@@ -1,20 +1,32 @@
 // Fan back-end that goes through kelvo-helperd, the privileged daemon that owns fan writes for
-// unprivileged sessions, over its Unix socket.
+// unprivileged sessions, over its Unix socket (protocol: helper/PROTOCOL.md).
+//
+// The helper gives a client's fans back to the firmware when the client stops renewing its
+// lease, so there is no background thread here: every readFans()/setTargets() call renews the
+// lease, and the control loop makes one of those every tick. renewLease() is there for callers
+// that hold fans without ticking.
 #pragma once
 
+#include <cstdint>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <string>
 
 #include "foundation/FanController.h"
+#include "foundation/linux/HelperClient.h"
 
 namespace kelvo {
 
 class HelperFanController : public FanController, public HelperVersionSource {
 public:
     static constexpr const char* serviceName = "org.kelvo.helper";
+    // Nothing accepts connections at the socket path (not installed, not running).
     static constexpr const char* kUnavailable = "helper unavailable";
-    static constexpr const char* kProtocolUnsupported =
-        "helper protocol not supported by this build";
+    // Connected, but no reply in time.
+    static constexpr const char* kNotResponding = "helper not responding";
+    // Replies wait at most this long; a longer stall is reported as kNotResponding.
+    static constexpr int kReplyTimeoutMs = 1000;
 
     explicit HelperFanController(std::string socketPath = "/run/kelvo/helper.sock",
                                  int connectTimeoutMs = 250);
@@ -22,22 +34,38 @@ public:
     const std::string& socketPath() const { return socketPath_; }
 
     std::string typeName() const override { return "HelperFanController"; }
+    // Every fan the helper sees, in its order (by identity, as LocalFanController).
     FanReadResult readFans() override;
+    // Targets follow the order of readFans(). A positive target takes the fan (RPM mapped to
+    // PWM by the helper); 0 gives a held fan back. Non-controllable fans are skipped.
     FanResult setTargets(const std::vector<double>& targetRPM) override;
     FanResult releaseToAutomatic() override;
-    bool holdsControl() const override { return false; }
+    bool holdsControl() const override;
 
     std::optional<std::string> helperVersion() override;
+
+    // Keeps the helper from giving the held fans back. Fails when the helper cannot be reached
+    // or has already released them (the lease ran out); either way the fans are the
+    // firmware's again and holdsControl() turns false.
+    FanResult renewLease();
 
     // Whether a stream connection to the helper's socket can be opened within the timeout.
     bool helperReachable() const;
 
 private:
-    // Fails with kUnavailable or kProtocolUnsupported; success once the protocol exists.
-    FanResult checkHelper() const;
+    FanResult failureFrom(const HelperCallResult& call);
+    // Forgets held fans when the connection they were taken on has ended: the helper released
+    // them when it saw the connection close.
+    void dropHeldIfReconnected();
+    // The helper's fan list; also brings held_ in line with what the helper says is ours.
+    std::optional<helper_protocol::Inventory> list(FanResult* failure);
 
     std::string socketPath_;
     int connectTimeoutMs_;
+    mutable std::mutex mutex_;
+    HelperClient client_;
+    std::map<std::string, double> held_;  // identity -> target RPM
+    std::uint64_t heldConnection_ = 0;    // HelperClient::connectionNumber() when taken
 };
 
 }  // namespace kelvo

@@ -233,7 +233,7 @@ TEST(LinuxHelperFanController, PathThatIsNotASocketIsUnavailable) {
     EXPECT_EQ(helper.readFans().error, "helper unavailable");
 }
 
-TEST(LinuxHelperFanController, ListeningSocketWithoutProtocolIsReportedAsSuch) {
+TEST(LinuxHelperFanController, SilentListenerIsNotResponding) {
     FakeSysfs sys;
     const std::string path = sys.path("helper.sock").string();
     const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -245,16 +245,19 @@ TEST(LinuxHelperFanController, ListeningSocketWithoutProtocolIsReportedAsSuch) {
     ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(::listen(listener, 8), 0);
 
+    // Connections queue in the backlog but nothing ever answers.
     HelperFanController helper(path);
     EXPECT_TRUE(helper.helperReachable());
     const FanReadResult read = helper.readFans();
     EXPECT_FALSE(read.ok);
-    EXPECT_EQ(read.error, "helper protocol not supported by this build");
-    EXPECT_EQ(helper.setTargets({1500}).error, "helper protocol not supported by this build");
+    EXPECT_EQ(read.error, "helper not responding");
+    EXPECT_EQ(helper.setTargets({1500}).error, "helper not responding");
     EXPECT_FALSE(helper.helperVersion().has_value());
+    EXPECT_FALSE(helper.holdsControl());
 
     ::close(listener);
     EXPECT_FALSE(helper.helperReachable());  // the socket file remains, nobody listens
+    EXPECT_EQ(helper.readFans().error, "helper unavailable");
 }
 
 // ----- HybridFanController -------------------------------------------------------------------

@@ -1,0 +1,258 @@
+#include "foundation/linux/HelperClient.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace kelvo {
+
+namespace hp = helper_protocol;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int millisecondsLeft(Clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// poll() on one descriptor until it is ready or the deadline passes; false on timeout.
+bool waitFor(int fd, short events, Clock::time_point deadline) {
+    for (;;) {
+        pollfd descriptor{fd, events, 0};
+        const int ready = ::poll(&descriptor, 1, millisecondsLeft(deadline));
+        if (ready > 0) return true;
+        if (ready == 0) return false;
+        if (errno != EINTR) return false;
+    }
+}
+
+// A non-blocking connect bounded by poll(), so a wedged helper cannot stall the caller. The
+// socket stays non-blocking; every later wait goes through poll() with a deadline.
+int connectWithTimeout(const std::string& path, int timeoutMs) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) return -1;
+    std::memcpy(address.sun_path, path.data(), path.size());
+
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return -1;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        return fd;
+    }
+    // A full backlog gives EAGAIN on Unix sockets; a busy helper counts as unreachable.
+    if (errno != EINPROGRESS ||
+        !waitFor(fd, POLLOUT, Clock::now() + std::chrono::milliseconds(timeoutMs))) {
+        ::close(fd);
+        return -1;
+    }
+    int socketError = 0;
+    socklen_t length = sizeof(socketError);
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &socketError, &length) != 0 || socketError != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+HelperCallResult transportFailure(HelperCallResult::Failure failure, std::string error) {
+    HelperCallResult result;
+    result.failure = failure;
+    result.error = std::move(error);
+    return result;
+}
+
+}  // namespace
+
+HelperClient::HelperClient(std::string socketPath, int connectTimeoutMs, int replyTimeoutMs)
+    : socketPath_(std::move(socketPath)),
+      connectTimeoutMs_(connectTimeoutMs),
+      replyTimeoutMs_(replyTimeoutMs) {}
+
+HelperClient::~HelperClient() {
+    disconnect();
+}
+
+HelperClient::HelperClient(HelperClient&& other) noexcept
+    : socketPath_(std::move(other.socketPath_)),
+      connectTimeoutMs_(other.connectTimeoutMs_),
+      replyTimeoutMs_(other.replyTimeoutMs_),
+      fd_(other.fd_),
+      connectionNumber_(other.connectionNumber_) {
+    other.fd_ = -1;
+}
+
+HelperClient& HelperClient::operator=(HelperClient&& other) noexcept {
+    if (this != &other) {
+        disconnect();
+        socketPath_ = std::move(other.socketPath_);
+        connectTimeoutMs_ = other.connectTimeoutMs_;
+        replyTimeoutMs_ = other.replyTimeoutMs_;
+        fd_ = other.fd_;
+        connectionNumber_ = other.connectionNumber_;
+        other.fd_ = -1;
+    }
+    return *this;
+}
+
+void HelperClient::disconnect() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+bool HelperClient::reachable(const std::string& socketPath, int connectTimeoutMs) {
+    const int fd = connectWithTimeout(socketPath, connectTimeoutMs);
+    if (fd < 0) return false;
+    ::close(fd);
+    return true;
+}
+
+std::string HelperClient::notRunningMessage(const std::string& socketPath) {
+    return "helper not installed or not running at " + socketPath;
+}
+
+HelperCallResult HelperClient::call(const hp::Request& request) {
+    const auto frame = hp::encodeFrame(hp::encodeRequest(request));
+    if (!frame) {
+        return transportFailure(HelperCallResult::Failure::badReply,
+                                "request too large for one frame");
+    }
+    for (int attempt = 0;; ++attempt) {
+        const bool reused = connected();
+        if (!reused) {
+            fd_ = connectWithTimeout(socketPath_, connectTimeoutMs_);
+            if (fd_ < 0) {
+                return transportFailure(HelperCallResult::Failure::unreachable,
+                                        notRunningMessage(socketPath_));
+            }
+            ++connectionNumber_;
+        }
+        HelperCallResult result = exchange(*frame);
+        if (result.failure != HelperCallResult::Failure::none) disconnect();
+        // A connection kept from an earlier call may have been closed by a helper that has
+        // restarted since; that says nothing about the helper now, so try once more afresh.
+        if (reused && attempt == 0 && result.failure == HelperCallResult::Failure::connectionLost) {
+            continue;
+        }
+        // The helper closes the connection of a refused peer right after saying so.
+        if (!result.reply.ok && result.reply.code == hp::codes::notAllowed) disconnect();
+        return result;
+    }
+}
+
+HelperCallResult HelperClient::exchange(const std::string& frame) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(replyTimeoutMs_);
+    const auto lost = [this] {
+        return transportFailure(HelperCallResult::Failure::connectionLost,
+                                "the helper at " + socketPath_ + " closed the connection");
+    };
+    const auto timedOut = [this] {
+        return transportFailure(HelperCallResult::Failure::timedOut,
+                                "the helper at " + socketPath_ + " did not answer within " +
+                                    std::to_string(replyTimeoutMs_) + " ms");
+    };
+
+    // A refused peer gets its error reply and a closed connection, so a failed send can still
+    // leave a reply to read; only reading decides.
+    std::size_t sent = 0;
+    while (sent < frame.size()) {
+        const ssize_t n = ::send(fd_, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += static_cast<std::size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (!waitFor(fd_, POLLOUT, deadline)) return timedOut();
+        } else {
+            break;
+        }
+    }
+
+    hp::FrameReader reader;
+    char buffer[16 * 1024];
+    for (;;) {
+        const hp::FrameReader::Result next = reader.next();
+        if (next.status == hp::FrameReader::Status::frame) {
+            auto reply = hp::decodeReply(next.payload);
+            if (!reply.ok()) {
+                return transportFailure(
+                    HelperCallResult::Failure::badReply,
+                    "unreadable reply from the helper at " + socketPath_ + ": " + reply.error);
+            }
+            HelperCallResult result;
+            result.reply = std::move(*reply.value);
+            return result;
+        }
+        if (next.status == hp::FrameReader::Status::error) {
+            return transportFailure(
+                HelperCallResult::Failure::badReply,
+                "unreadable reply from the helper at " + socketPath_ + ": " + next.error);
+        }
+        const ssize_t n = ::recv(fd_, buffer, sizeof(buffer), 0);
+        if (n > 0) {
+            reader.append(std::string_view(buffer, static_cast<std::size_t>(n)));
+        } else if (n == 0) {
+            return lost();
+        } else if (errno == EINTR) {
+            continue;
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            if (!waitFor(fd_, POLLIN, deadline)) return timedOut();
+        } else {
+            return lost();
+        }
+    }
+}
+
+HelperStatusResult HelperClient::status() {
+    HelperStatusResult result;
+    const HelperCallResult version = call(hp::Request::of(hp::Op::version));
+    if (!version.ok()) {
+        result.error = version.errorText();
+        return result;
+    }
+    auto versionInfo = hp::decodeVersionInfo(version.reply.data);
+    if (!versionInfo.ok()) {
+        result.error = "unreadable version reply from the helper: " + versionInfo.error;
+        return result;
+    }
+    const HelperCallResult list = call(hp::Request::of(hp::Op::list));
+    if (!list.ok()) {
+        result.error = list.errorText();
+        return result;
+    }
+    auto inventory = hp::decodeInventory(list.reply.data);
+    if (!inventory.ok()) {
+        result.error = "unreadable fan list from the helper: " + inventory.error;
+        return result;
+    }
+    result.ok = true;
+    result.status.version = std::move(*versionInfo.value);
+    result.status.inventory = std::move(*inventory.value);
+    return result;
+}
+
+HelperCounterResult HelperClient::readCounter(const std::string& counterPath) {
+    HelperCounterResult result;
+    const HelperCallResult reply = call(hp::Request::counter(counterPath));
+    if (!reply.ok()) {
+        result.error = reply.errorText();
+        return result;
+    }
+    auto value = hp::decodeCounterValue(reply.reply.data);
+    if (!value.ok()) {
+        result.error = "unreadable counter reply from the helper: " + value.error;
+        return result;
+    }
+    result.ok = true;
+    result.value = *value.value;
+    return result;
+}
+
+}  // namespace kelvo

@@ -8,34 +8,16 @@
 #include <cstring>
 
 #include "foundation/linux/HelperProtocol.h"
+#include "foundation/linux/SysfsText.h"
 
 namespace kelvo::helperd {
 
 namespace codes = helper_protocol::codes;
+using sysfs::writeInteger;
 
 namespace {
 
 constexpr int kFirmwareAutomatic = 2;
-
-bool writeInteger(const std::filesystem::path& path, int value, std::string* error) {
-    const std::string text = std::to_string(value) + "\n";
-    const int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-    int failure = 0;
-    if (fd < 0) {
-        failure = errno;
-    } else {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written < 0) {
-            failure = errno;
-        } else if (static_cast<std::size_t>(written) != text.size()) {
-            failure = EIO;
-        }
-        if (::close(fd) != 0 && failure == 0) failure = errno;
-    }
-    if (failure == 0) return true;
-    if (error) *error = "cannot write " + path.string() + ": " + std::strerror(failure);
-    return false;
-}
 
 std::string describe(const JournalEntry& original) {
     return "pwm_enable=" + (original.enable ? std::to_string(*original.enable) : "unknown") +

@@ -12,19 +12,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The same naming HwmonFanService gives fans: the device as a path below the root.
-std::string devicePath(const fs::path& hwmonDir, const fs::path& root) {
-    std::error_code ec;
-    const fs::path device = fs::canonical(hwmonDir / "device", ec);
-    if (ec) return "virtual";
-    const fs::path canonicalRoot = fs::canonical(root, ec);
-    if (ec) return device.string();
-    const fs::path relative = device.lexically_relative(canonicalRoot);
-    if (relative.empty() || *relative.begin() == "..") return device.string();
-    if (relative == ".") return "/";
-    return (fs::path("/") / relative).generic_string();
-}
-
 std::optional<int> tempChannel(const std::string& name) {
     constexpr std::string_view prefix = "temp";
     constexpr std::string_view suffix = "_input";
@@ -63,7 +50,7 @@ std::vector<helper_protocol::SensorInfo> HwmonSensors::discover() const {
         if (!hwmonDir.filename().string().starts_with("hwmon")) continue;
         std::optional<std::string> driver = sysfs::readTrimmed(hwmonDir / "name");
         if (!driver) driver = sysfs::readTrimmed(hwmonDir / "device/name");
-        const std::string device = devicePath(hwmonDir, root);
+        const std::string device = sysfs::hwmonDevicePath(hwmonDir, root);
         std::error_code listError;
         for (fs::directory_iterator file(hwmonDir, listError), last; !listError && file != last;
              file.increment(listError)) {

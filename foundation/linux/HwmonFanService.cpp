@@ -21,6 +21,7 @@ namespace fs = std::filesystem;
 namespace {
 
 using sysfs::readTrimmed;
+using sysfs::writeInteger;
 
 std::optional<long long> readInteger(const fs::path& path) {
     const auto text = readTrimmed(path);
@@ -37,44 +38,8 @@ bool pathExists(const fs::path& path) {
     return fs::exists(path, ec);
 }
 
-// Writes like `echo value > path`; sysfs parses the trailing newline.
-bool writeInteger(const fs::path& path, long long value, std::string* error, int* errorNumber) {
-    const std::string text = std::to_string(value) + "\n";
-    const int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-    int failure = 0;
-    if (fd < 0) {
-        failure = errno;
-    } else {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written < 0) {
-            failure = errno;
-        } else if (static_cast<size_t>(written) != text.size()) {
-            failure = EIO;
-        }
-        if (::close(fd) != 0 && failure == 0) failure = errno;
-    }
-    if (failure == 0) return true;
-    if (error) *error = "cannot write " + path.string() + ": " + std::strerror(failure);
-    if (errorNumber) *errorNumber = failure;
-    return false;
-}
-
 std::string channelFile(const char* prefix, int channel, const char* suffix) {
     return std::string(prefix) + std::to_string(channel) + suffix;
-}
-
-// The device an hwmon directory belongs to, as a path below the root, so the same physical
-// device keeps the same name whatever hwmonN the kernel gave it this time.
-std::string resolvedDevicePath(const fs::path& hwmonDir, const fs::path& root) {
-    std::error_code ec;
-    const fs::path device = fs::canonical(hwmonDir / "device", ec);
-    if (ec) return "virtual";
-    const fs::path canonicalRoot = fs::canonical(root, ec);
-    if (ec) return device.string();
-    const fs::path relative = device.lexically_relative(canonicalRoot);
-    if (relative.empty() || *relative.begin() == "..") return device.string();
-    if (relative == ".") return "/";
-    return (fs::path("/") / relative).generic_string();
 }
 
 // Channel numbers N for which fanN_input exists.
@@ -128,7 +93,7 @@ std::vector<HwmonFan> HwmonFanService::discover() const {
         // Some drivers keep `name` on the device rather than the hwmon directory.
         std::optional<std::string> driver = readTrimmed(hwmonDir / "name");
         if (!driver) driver = readTrimmed(hwmonDir / "device/name");
-        const std::string devicePath = resolvedDevicePath(hwmonDir, root);
+        const std::string devicePath = sysfs::hwmonDevicePath(hwmonDir, root);
 
         for (int channel : channels) {
             HwmonFan fan;

@@ -4,6 +4,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
 export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
+# Paths relative to the checkout, so clones and worktrees elsewhere share cache hits.
+export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}"
 cmake --preset release
 cmake --build --preset release -j "$(nproc)"
 # Tests never touch the real user's settings or data.

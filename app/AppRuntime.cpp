@@ -5,6 +5,7 @@
 #include <QFileInfo>
 
 #include "app/LoopCall.h"
+#include "foundation/linux/HelperCounterReader.h"
 #include "foundation/linux/HelperFanController.h"
 #include "foundation/linux/HwmonFanService.h"
 #include "foundation/linux/HybridFanController.h"
@@ -75,8 +76,13 @@ std::shared_ptr<TelemetryProvider> AppRuntime::makeTelemetryProvider() const {
             options_.arguments.contains(QStringLiteral("--sim-follow-host-load")));
         return std::make_shared<SimulatedTelemetryProvider>(simulated->machine());
     }
-    return std::make_shared<SystemTelemetryProvider>(
-        LaunchPaths::fromArguments(options_.arguments).sysfsRoot);
+    const LaunchPaths paths = LaunchPaths::fromArguments(options_.arguments);
+    // Current kernels make the RAPL energy counters root-only; the helper reads them for us.
+    auto counters = std::make_shared<HelperCounterReader>(paths.helperSocket);
+    SystemTelemetryOptions telemetry;
+    telemetry.sysRoot = paths.sysfsRoot;
+    telemetry.privilegedRead = [counters](const std::string& path) { return counters->read(path); };
+    return std::make_shared<SystemTelemetryProvider>(std::move(telemetry));
 }
 
 AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)

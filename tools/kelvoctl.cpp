@@ -1,4 +1,5 @@
-// kelvoctl: sends external-control requests to a running Kelvo on the session bus.
+// kelvoctl: sends external-control requests to a running Kelvo on the session bus, and reports
+// what the privileged helper sees.
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -6,8 +7,12 @@
 #include <QVariantMap>
 #include <cstdio>
 
+#include "app/AppRuntime.h"
 #include "foundation/ExternalControl.h"
 #include "foundation/Types.h"
+#include "foundation/linux/HelperClient.h"
+#include "foundation/linux/HelperStatusReport.h"
+#include "foundation/linux/HwmonFanService.h"
 
 namespace {
 
@@ -25,7 +30,8 @@ int usage() {
         stderr,
         "usage: kelvoctl mode <%s>\n"
         "       kelvoctl cooldown <on|off>\n"
-        "Kelvo only accepts these when it was started with --allow-external-control.\n",
+        "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
+        "Kelvo only accepts mode and cooldown when it was started with --allow-external-control.\n",
         modeList().replace(QStringLiteral(", "), QStringLiteral("|")).toUtf8().constData());
     return kUsageError;
 }
@@ -52,12 +58,69 @@ int send(const char* signal, const QVariantMap& payload) {
     return 0;
 }
 
+// Without the helper, say what this machine would offer it, so the user knows whether
+// installing it is worth it.
+void describeLocalFans(const std::string& sysfsRoot) {
+    const auto fans = kelvo::HwmonFanService(sysfsRoot).discover();
+    std::size_t controllable = 0;
+    for (const auto& fan : fans) controllable += fan.controllable ? 1 : 0;
+    std::fprintf(stderr, "This machine's hwmon shows %zu fan(s), %zu with PWM control.\n",
+                 fans.size(), controllable);
+}
+
+int helperStatus(const kelvo::LaunchPaths& paths) {
+    kelvo::HelperClient client(paths.helperSocket);
+    const kelvo::HelperStatusResult result = client.status();
+    if (result.ok) {
+        std::fputs(kelvo::formatHelperStatus(result.status, paths.helperSocket).c_str(), stdout);
+        return 0;
+    }
+    std::fprintf(stderr, "kelvoctl: %s\n", result.error.c_str());
+    if (!kelvo::HelperClient::reachable(paths.helperSocket, 250)) {
+        std::fprintf(stderr,
+                     "Install and enable kelvo-helperd to let Kelvo control the fans (README, "
+                     "\"Installing the privileged helper\").\n");
+        describeLocalFans(paths.sysfsRoot);
+    } else if (result.error.starts_with("not allowed")) {
+        std::fprintf(stderr,
+                     "Add your user to the kelvo group (sudo usermod -aG kelvo \"$USER\"), then "
+                     "log out and in again.\n");
+    }
+    return 1;
+}
+
+// The command words, without the path options (which take a value each).
+QStringList commandWords(const QStringList& args) {
+    QStringList words;
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        const QString& arg = args[i];
+        if (arg == QLatin1String("--helper-socket") || arg == QLatin1String("--sysfs-root")) {
+            ++i;
+            continue;
+        }
+        if (arg.startsWith(QLatin1String("--helper-socket=")) ||
+            arg.startsWith(QLatin1String("--sysfs-root=")))
+            continue;
+        words << arg;
+    }
+    return words;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    const QStringList args = QCoreApplication::arguments().mid(1);
+    const QStringList all = QCoreApplication::arguments().mid(1);
+    const QStringList args = commandWords(all);
     if (args.size() != 2) return usage();
+    if (args[0] == QLatin1String("helper")) {
+        if (args[1] != QLatin1String("status")) {
+            std::fprintf(stderr, "kelvoctl: unknown helper command '%s'\n",
+                         args[1].toUtf8().constData());
+            return usage();
+        }
+        return helperStatus(kelvo::LaunchPaths::fromArguments(all));
+    }
     const QString& command = args[0];
     const QString& value = args[1];
     if (command == QLatin1String("mode")) {

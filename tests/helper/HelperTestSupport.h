@@ -149,6 +149,7 @@ public:
             "--runtime-dir",           runtimeDir_.string(), "--allow-uid",
             std::to_string(::getuid())};
         arguments.insert(arguments.end(), extraArguments_.begin(), extraArguments_.end());
+        arguments.insert(arguments.begin(), launcher_.begin(), launcher_.end());
         std::vector<char*> argv;
         for (std::string& argument : arguments) argv.push_back(argument.data());
         argv.push_back(nullptr);
@@ -166,6 +167,9 @@ public:
                    .has_value() &&
                !exited();
     }
+
+    // A program that runs the daemon (e.g. setpriv dropping privileges), given by absolute path.
+    void setLauncher(std::vector<std::string> launcher) { launcher_ = std::move(launcher); }
 
     void signal(int number) const { ::kill(pid_, number); }
 
@@ -199,6 +203,7 @@ private:
     std::string sysfsRoot_;
     std::filesystem::path runtimeDir_;
     std::vector<std::string> extraArguments_;
+    std::vector<std::string> launcher_;
     pid_t pid_ = -1;
 };
 

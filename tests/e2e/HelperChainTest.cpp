@@ -1,0 +1,244 @@
+// Kelvo, kelvoctl and kelvo-helperd together against a fake sysfs tree: the whole unprivileged
+// chain the way a user runs it with the helper installed.
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <cstdio>
+
+#include "tests/helper/HelperTestSupport.h"
+
+namespace {
+
+using namespace kelvo::test_support;
+using namespace std::chrono_literals;
+
+constexpr const char* kPackageCounter = "sys/devices/virtual/powercap/intel-rapl/intel-rapl:0";
+
+struct Output {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+Output runKelvoctl(const QStringList& args, const QString& program = QStringLiteral(KELVOCTL_BIN),
+                   const QStringList& prefix = {}) {
+    QProcess ctl;
+    ctl.start(program, prefix + args);
+    ctl.waitForFinished(10000);
+    return {ctl.exitStatus() == QProcess::NormalExit ? ctl.exitCode() : -1,
+            QString::fromUtf8(ctl.readAllStandardOutput()),
+            QString::fromUtf8(ctl.readAllStandardError())};
+}
+
+class Kelvo {
+public:
+    Kelvo(const QTemporaryDir& home, const QString& mode) {
+        QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                           QSettings::IniFormat);
+        settings.setValue(QStringLiteral("kelvo.control.mode"), mode);
+        settings.sync();
+        auto env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
+        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
+        process_.setProcessEnvironment(env);
+    }
+    ~Kelvo() {
+        if (process_.state() != QProcess::NotRunning) {
+            process_.kill();
+            process_.waitForFinished(5000);
+        }
+    }
+    bool start(const QStringList& args) {
+        process_.start(QStringLiteral(KELVO_BIN), args);
+        return process_.waitForStarted(10000);
+    }
+    bool waitForLine(const QString& pattern, int timeoutMs = 20000) {
+        const QRegularExpression re(pattern);
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < timeoutMs) {
+            while (process_.canReadLine()) {
+                const QString line = QString::fromUtf8(process_.readLine()).trimmed();
+                lines_ << line;
+                if (re.match(line).hasMatch()) return true;
+            }
+            process_.waitForReadyRead(50);
+        }
+        return false;
+    }
+    void sigkill() {
+        ::kill(static_cast<pid_t>(process_.processId()), SIGKILL);
+        process_.waitForFinished(5000);
+    }
+    QString transcript() const { return lines_.join(QLatin1Char('\n')); }
+
+private:
+    QProcess process_;
+    QStringList lines_;
+};
+
+QStringList realBackendArguments(const FakeSysfs& kelvoTree, const HelperDaemon& helper) {
+    return {QStringLiteral("--headless"),      QStringLiteral("--xpc-only-fans"),
+            QStringLiteral("--sysfs-root"),    QString::fromStdString(kelvoTree.root().string()),
+            QStringLiteral("--helper-socket"), QString::fromStdString(helper.socketPath())};
+}
+
+bool anyFanManual(const FakeSysfs& sys) {
+    const auto files = pwmFiles(sys);
+    return files.at("pwm1_enable") == "1" || files.at("pwm2_enable") == "1";
+}
+
+}  // namespace
+
+TEST(HelperChain, KelvoDrivesFansThroughTheHelperAndAKillGivesThemBack) {
+    FakeSysfs board;
+    buildHelperBoard(board);
+    const auto runtime = makeTempDir("kelvo-e2e-run");
+    HelperDaemon helper(board.root().string(), runtime);
+    ASSERT_TRUE(helper.start()) << helper.log();
+
+    QTemporaryDir home;
+    Kelvo kelvo(home, QStringLiteral("performance"));
+    ASSERT_TRUE(kelvo.start(realBackendArguments(board, helper)));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")))
+        << kelvo.transcript().toStdString();
+    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, 5000ms))
+        << kelvo.transcript().toStdString() << helper.log();
+    // The original modes are journaled before anything is taken.
+    EXPECT_TRUE(std::filesystem::exists(helper.journalPath()));
+
+    const Output status = runKelvoctl({QStringLiteral("helper"), QStringLiteral("status"),
+                                       QStringLiteral("--helper-socket"),
+                                       QString::fromStdString(helper.socketPath())});
+    EXPECT_EQ(status.exitCode, 0) << status.err.toStdString();
+    EXPECT_TRUE(status.out.startsWith(QStringLiteral("kelvo-helperd ")))
+        << status.out.toStdString();
+    EXPECT_TRUE(status.out.contains(QStringLiteral("4 fans:"))) << status.out.toStdString();
+    EXPECT_TRUE(status.out.contains(QStringLiteral("mode manual, held by Kelvo")))
+        << status.out.toStdString();
+    EXPECT_TRUE(status.out.contains(QStringLiteral("no PWM control"))) << status.out.toStdString();
+    EXPECT_TRUE(status.out.contains(QStringLiteral("\"Package id 0\" 52.0 °C")))
+        << status.out.toStdString();
+
+    const auto killedAt = SteadyClock::now();
+    kelvo.sigkill();
+    const auto restored = waitUntil([&] { return boardRestored(board); }, 3000ms);
+    ASSERT_TRUE(restored.has_value()) << helper.log();
+    const double ms =
+        std::chrono::duration<double, std::milli>(SteadyClock::now() - killedAt).count();
+    std::printf("kelvo SIGKILL -> fans back in their original modes: %.1f ms\n", ms);
+    EXPECT_TRUE(waitUntil([&] { return !std::filesystem::exists(helper.journalPath()); }, 2000ms));
+
+    const Output after =
+        runKelvoctl({QStringLiteral("--helper-socket"), QString::fromStdString(helper.socketPath()),
+                     QStringLiteral("helper"), QStringLiteral("status")});
+    EXPECT_EQ(after.exitCode, 0);
+    EXPECT_FALSE(after.out.contains(QStringLiteral("held by Kelvo"))) << after.out.toStdString();
+}
+
+TEST(HelperChain, PowerComesFromCountersOnlyTheHelperCanRead) {
+    FakeSysfs board;
+    buildHelperBoard(board);
+    // Kelvo's own view of the machine lacks the energy counters, as an unprivileged process's
+    // does on current kernels: any power it shows was read through the helper.
+    FakeSysfs kelvoView;
+    buildHelperBoard(kelvoView);
+    std::filesystem::remove(kelvoView.path(std::string(kPackageCounter) + "/energy_uj"));
+    const auto runtime = makeTempDir("kelvo-e2e-run");
+    HelperDaemon helper(board.root().string(), runtime);
+    ASSERT_TRUE(helper.start()) << helper.log();
+
+    QTemporaryDir home;
+    Kelvo kelvo(home, QStringLiteral("systemAuto"));
+    ASSERT_TRUE(kelvo.start(realBackendArguments(kelvoView, helper)));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    // The package draws energy from now on; only the helper's tree sees it.
+    std::atomic<bool> running{true};
+    std::thread load([&] {
+        unsigned long long energy = kPackageEnergy;
+        while (running) {
+            energy += 2'000'000;  // 2 J every 50 ms: 40 W
+            board.write(std::string(kPackageCounter) + "/energy_uj", std::to_string(energy) + "\n");
+            std::this_thread::sleep_for(50ms);
+        }
+    });
+    const bool sawPower = kelvo.waitForLine(QStringLiteral(" power=[1-9]\\d*\\.\\dW "), 15000);
+    running = false;
+    load.join();
+    EXPECT_TRUE(sawPower) << kelvo.transcript().toStdString();
+}
+
+TEST(HelperChain, KelvoctlSaysWhenTheHelperIsNotRunning) {
+    FakeSysfs board;
+    buildHelperBoard(board);
+    const auto runtime = makeTempDir("kelvo-e2e-none");
+    const Output status = runKelvoctl(
+        {QStringLiteral("helper"), QStringLiteral("status"), QStringLiteral("--helper-socket"),
+         QString::fromStdString((runtime / "helper.sock").string()), QStringLiteral("--sysfs-root"),
+         QString::fromStdString(board.root().string())});
+    EXPECT_EQ(status.exitCode, 1);
+    EXPECT_TRUE(status.out.isEmpty());
+    EXPECT_TRUE(status.err.contains(QStringLiteral("helper not installed or not running at ") +
+                                    QString::fromStdString((runtime / "helper.sock").string())))
+        << status.err.toStdString();
+    EXPECT_TRUE(status.err.contains(QStringLiteral("Install and enable kelvo-helperd")));
+    // The board has four fans, three of them with PWM.
+    EXPECT_TRUE(status.err.contains(QStringLiteral("4 fan(s), 3 with PWM control")))
+        << status.err.toStdString();
+}
+
+TEST(HelperChain, KelvoctlSaysWhenTheUserIsNotAllowed) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to run kelvoctl as another user";
+    FakeSysfs board;
+    buildHelperBoard(board);
+    const auto runtime = makeTempDir("kelvo-e2e-refuse");
+    HelperDaemon helper(board.root().string(), runtime,
+                        {"--allowed-group", "kelvo-e2e-no-such-group"});
+    ASSERT_TRUE(helper.start()) << helper.log();
+    // nobody: not root, not an allowed uid, in no allowed group.
+    const Output status = runKelvoctl(
+        {QStringLiteral(KELVOCTL_BIN), QStringLiteral("helper"), QStringLiteral("status"),
+         QStringLiteral("--helper-socket"), QString::fromStdString(helper.socketPath())},
+        QStringLiteral("setpriv"),
+        {QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
+         QStringLiteral("--clear-groups"), QStringLiteral("--")});
+    EXPECT_EQ(status.exitCode, 1) << status.err.toStdString();
+    EXPECT_TRUE(
+        status.err.contains(QStringLiteral("not allowed to use the helper (uid 65534 is not root "
+                                           "or in group kelvo-e2e-no-such-group)")))
+        << status.err.toStdString();
+    EXPECT_TRUE(status.err.contains(QStringLiteral("usermod -aG kelvo")));
+    EXPECT_TRUE(helper.log().find("65534") != std::string::npos) << helper.log();
+}
+
+// The installed unit runs the helper as root with no capabilities and no new privileges; the
+// chain must work under exactly those limits.
+TEST(HelperChain, TheHelperNeedsNoCapabilities) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to run the helper as root without capabilities";
+    FakeSysfs board;
+    buildHelperBoard(board);
+    const auto runtime = makeTempDir("kelvo-e2e-nocaps");
+    HelperDaemon helper(board.root().string(), runtime);
+    helper.setLauncher({"/usr/bin/setpriv", "--no-new-privs", "--bounding-set=-all",
+                        "--inh-caps=-all", "--ambient-caps=-all", "--"});
+    ASSERT_TRUE(helper.start()) << helper.log();
+    const std::string capabilities =
+        readWholeFile("/proc/" + std::to_string(helper.pid()) + "/status");
+    EXPECT_NE(capabilities.find("CapEff:\t0000000000000000"), std::string::npos) << capabilities;
+    EXPECT_NE(capabilities.find("NoNewPrivs:\t1"), std::string::npos) << capabilities;
+
+    QTemporaryDir home;
+    Kelvo kelvo(home, QStringLiteral("performance"));
+    ASSERT_TRUE(kelvo.start(realBackendArguments(board, helper)));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")));
+    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, 5000ms)) << helper.log();
+    kelvo.sigkill();
+    EXPECT_TRUE(waitUntil([&] { return boardRestored(board); }, 3000ms).has_value())
+        << helper.log();
+}

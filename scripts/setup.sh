@@ -12,6 +12,7 @@ PACKAGES=(
   libsqlite3-dev libarchive-dev libsodium-dev libsensors-dev libvulkan-dev libshaderc-dev
   mesa-vulkan-drivers libgl1-mesa-dri libglx-mesa0 libgl-dev xvfb xauth fonts-dejavu-core
   dbus libgtest-dev libgmock-dev libbenchmark-dev procps
+  clang libclang-rt-14-dev systemd util-linux
 )
 
 missing=()

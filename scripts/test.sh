@@ -13,4 +13,6 @@ scratch="$(mktemp -d)"
 trap 'rm -rf "$scratch"' EXIT
 export XDG_CONFIG_HOME="$scratch/config" XDG_DATA_HOME="$scratch/data" XDG_RUNTIME_DIR="$scratch/run"
 mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
+# The helper's protocol decoder under libFuzzer first, so the test summary stays the last line.
+./scripts/fuzz.sh 30
 ctest --preset release -j "$(nproc)" --output-on-failure

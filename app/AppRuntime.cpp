@@ -115,6 +115,7 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
         options_.arguments.contains(QStringLiteral("--allow-external-control"));
     // 8. Store and event ring.
     store_ = std::make_shared<SQLiteStore>(databasePath.toStdString());
+    attachFanCurveStore();
     eventRing_ = std::make_shared<EventRing>(160, 300.0);
     // 9. The reset's outcome, then anything the store or the settings had to report.
     if (auto message = reset.startupMessage())
@@ -166,6 +167,20 @@ void AppRuntime::shutdown() {
     // After stop() returns no snapshot handler is running or will run again.
     controlLoop_->stop();
     if (subscriptionID_) controlLoop_->unsubscribe(*subscriptionID_);
+}
+
+void AppRuntime::attachFanCurveStore() {
+    auto* learning = dynamic_cast<FanCurveLearning*>(fanController_.get());
+    if (!learning) return;
+    std::weak_ptr<SQLiteStore> store = store_;
+    learning->attachCurveStore({[store](const std::string& identity) -> std::optional<FanCurve> {
+                                    auto strong = store.lock();
+                                    return strong ? strong->fanCurve(identity) : std::nullopt;
+                                },
+                                [store](const std::string& identity, const FanCurve& curve) {
+                                    auto strong = store.lock();
+                                    return strong && strong->saveFanCurve(identity, curve);
+                                }});
 }
 
 QString AppRuntime::modeRawValue() const {

@@ -96,6 +96,7 @@ private:
     QCoro::Task<> restoreAdaptivePredictor();
     QFuture<void> recordThroughLoop(const RuntimeEvent& event);
     void persistMode(ControlMode mode);
+    void attachFanCurveStore();
     void installExternalModeObserver();
     void applyVisibility(DashboardWindowVisibility visibility);
     void reportSettingsProblems();

@@ -1,8 +1,10 @@
 // Fan back-end interface shared by the simulated, local (hwmon), helper and hybrid back-ends.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kelvo {
@@ -44,6 +46,23 @@ public:
     virtual FanResult releaseToAutomatic() = 0;
     // Whether Kelvo currently holds manual control of at least one fan.
     virtual bool holdsControl() const = 0;
+};
+
+// Back-ends that drive real fans by duty cycle learn each fan's RPM-to-duty curve and keep it in
+// the store attached here (the database, which exists only after the back-end is made).
+using FanCurve = std::vector<std::pair<double, double>>;  // (duty 0-255, RPM), by duty
+
+// Where learned curves live; either function may be empty.
+struct FanCurveStore {
+    std::function<std::optional<FanCurve>(const std::string& identity)> load;
+    std::function<bool(const std::string& identity, const FanCurve& curve)> save;
+};
+
+class FanCurveLearning {
+public:
+    virtual ~FanCurveLearning() = default;
+    virtual void attachCurveStore(FanCurveStore store) = 0;
+    virtual std::optional<FanCurve> learnedCurve(const std::string& identity) = 0;
 };
 
 // Back-ends that talk to the privileged helper can report its version.

@@ -7,10 +7,12 @@ namespace kelvo {
 
 namespace hp = helper_protocol;
 
-HelperFanController::HelperFanController(std::string socketPath, int connectTimeoutMs)
+HelperFanController::HelperFanController(std::string socketPath, int connectTimeoutMs,
+                                         FanCurveLearner::Now curveClock)
     : socketPath_(socketPath),
       connectTimeoutMs_(connectTimeoutMs),
-      client_(std::move(socketPath), connectTimeoutMs, kReplyTimeoutMs) {}
+      client_(std::move(socketPath), connectTimeoutMs, kReplyTimeoutMs),
+      curves_(std::move(curveClock)) {}
 
 bool HelperFanController::helperReachable() const {
     return HelperClient::reachable(socketPath_, connectTimeoutMs_);
@@ -29,7 +31,9 @@ FanResult HelperFanController::failureFrom(const HelperCallResult& call) {
 }
 
 void HelperFanController::dropHeldIfReconnected() {
-    if (!client_.connected() || client_.connectionNumber() != heldConnection_) held_.clear();
+    if (client_.connected() && client_.connectionNumber() == heldConnection_) return;
+    for (const auto& [identity, target] : held_) curves_.released(identity);
+    held_.clear();
 }
 
 std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
@@ -46,9 +50,11 @@ std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
     }
     // A fan the helper no longer counts as ours was released behind our back (lease expiry).
     std::erase_if(held_, [&](const auto& entry) {
-        return std::none_of(
+        const bool stillMine = std::any_of(
             inventory.value->fans.begin(), inventory.value->fans.end(),
             [&](const hp::FanInfo& fan) { return fan.mine && fan.identity == entry.first; });
+        if (!stillMine) curves_.released(entry.first);
+        return !stillMine;
     });
     return std::move(inventory.value);
 }
@@ -102,8 +108,10 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
         } else {
             if (!fan.controllable) continue;
             request.op = hp::Op::setTarget;
-            request.rpm = static_cast<int>(std::clamp(std::round(std::min(target, 1e9)), 1.0,
-                                                      static_cast<double>(hp::kMaxRPM)));
+            // Kelvo maps speeds to duty cycles itself, through the fan's learned curve.
+            std::optional<double> measured;
+            if (fan.rpm) measured = *fan.rpm;
+            request.pwm = curves_.dutyFor(fan.identity, target, measured, fan.minRPM, fan.maxRPM);
         }
         const HelperCallResult call = client_.call(request);
         dropHeldIfReconnected();
@@ -115,6 +123,7 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
         }
         if (request.op == hp::Op::release) {
             held_.erase(fan.identity);
+            curves_.released(fan.identity);
         } else {
             held_[fan.identity] = target;
             heldConnection_ = client_.connectionNumber();
@@ -134,8 +143,19 @@ FanResult HelperFanController::releaseToAutomatic() {
     const HelperCallResult call = client_.call(hp::Request::of(hp::Op::releaseAll));
     dropHeldIfReconnected();
     if (!call.ok()) return failureFrom(call);
+    for (const auto& [identity, target] : held_) curves_.released(identity);
     held_.clear();
     return FanResult::success();
+}
+
+void HelperFanController::attachCurveStore(FanCurveStore store) {
+    std::lock_guard lock(mutex_);
+    curves_.setStore(std::move(store));
+}
+
+std::optional<FanCurve> HelperFanController::learnedCurve(const std::string& identity) {
+    std::lock_guard lock(mutex_);
+    return curves_.curve(identity);
 }
 
 bool HelperFanController::holdsControl() const {

@@ -14,11 +14,14 @@
 #include <string>
 
 #include "foundation/FanController.h"
+#include "foundation/linux/FanCurveLearner.h"
 #include "foundation/linux/HelperClient.h"
 
 namespace kelvo {
 
-class HelperFanController : public FanController, public HelperVersionSource {
+class HelperFanController : public FanController,
+                            public HelperVersionSource,
+                            public FanCurveLearning {
 public:
     static constexpr const char* serviceName = "org.kelvo.helper";
     // Nothing accepts connections at the socket path (not installed, not running).
@@ -28,8 +31,10 @@ public:
     // Replies wait at most this long; a longer stall is reported as kNotResponding.
     static constexpr int kReplyTimeoutMs = 1000;
 
+    // `curveClock` times the curve-learning sweep (tests step it by hand).
     explicit HelperFanController(std::string socketPath = "/run/kelvo/helper.sock",
-                                 int connectTimeoutMs = 250);
+                                 int connectTimeoutMs = 250,
+                                 FanCurveLearner::Now curveClock = FanCurveLearner::Clock::now);
 
     const std::string& socketPath() const { return socketPath_; }
 
@@ -43,6 +48,11 @@ public:
     bool holdsControl() const override;
 
     std::optional<std::string> helperVersion() override;
+
+    // Targets are sent as duty cycles mapped through each fan's learned curve (see
+    // FanCurveLearner); a fan without one is swept once and the curve stored.
+    void attachCurveStore(FanCurveStore store) override;
+    std::optional<FanCurve> learnedCurve(const std::string& identity) override;
 
     // Keeps the helper from giving the held fans back. Fails when the helper cannot be reached
     // or has already released them (the lease ran out); either way the fans are the
@@ -65,7 +75,8 @@ private:
     mutable std::mutex mutex_;
     HelperClient client_;
     std::map<std::string, double> held_;  // identity -> target RPM
-    std::uint64_t heldConnection_ = 0;    // HelperClient::connectionNumber() when taken
+    FanCurveLearner curves_;
+    std::uint64_t heldConnection_ = 0;  // HelperClient::connectionNumber() when taken
 };
 
 }  // namespace kelvo

@@ -35,6 +35,17 @@ bool HybridFanController::holdsControl() const {
     return helper_->holdsControl() || (local_ && local_->holdsControl());
 }
 
+void HybridFanController::attachCurveStore(FanCurveStore store) {
+    // Both share one store, so a curve learned through one is not swept again by the other.
+    helper_->attachCurveStore(store);
+    if (local_) local_->attachCurveStore(std::move(store));
+}
+
+std::optional<FanCurve> HybridFanController::learnedCurve(const std::string& identity) {
+    if (auto curve = helper_->learnedCurve(identity)) return curve;
+    return local_ ? local_->learnedCurve(identity) : std::nullopt;
+}
+
 std::optional<std::string> HybridFanController::helperVersion() {
     return helper_->helperVersion();
 }

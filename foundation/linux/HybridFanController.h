@@ -12,7 +12,9 @@
 
 namespace kelvo {
 
-class HybridFanController : public FanController, public HelperVersionSource {
+class HybridFanController : public FanController,
+                            public HelperVersionSource,
+                            public FanCurveLearning {
 public:
     // A null `local` means no local back-end: no read fallback and no write fallback.
     HybridFanController(std::shared_ptr<HelperFanController> helper,
@@ -28,6 +30,8 @@ public:
     bool holdsControl() const override;
 
     std::optional<std::string> helperVersion() override;
+    void attachCurveStore(FanCurveStore store) override;
+    std::optional<FanCurve> learnedCurve(const std::string& identity) override;
 
 private:
     std::shared_ptr<HelperFanController> helper_;

@@ -8,8 +8,6 @@ namespace kelvo {
 
 namespace {
 
-constexpr double kAssumedMaxRPM = 5000;
-
 std::string describeWriteFailure(const std::string& detail, int errorNumber) {
     if (errorNumber == EACCES || errorNumber == EPERM) {
         return "permission denied (fan writes need root or the helper): " + detail;
@@ -19,15 +17,23 @@ std::string describeWriteFailure(const std::string& detail, int errorNumber) {
 
 }  // namespace
 
-LocalFanController::LocalFanController(std::shared_ptr<HwmonFanService> service)
-    : service_(service ? std::move(service) : std::make_shared<HwmonFanService>()) {}
+LocalFanController::LocalFanController(std::shared_ptr<HwmonFanService> service,
+                                       FanCurveLearner::Now curveClock)
+    : service_(service ? std::move(service) : std::make_shared<HwmonFanService>()),
+      curves_(std::move(curveClock)) {}
 
 int LocalFanController::linearPWMForRPM(double targetRPM, double minRPM, double maxRPM) {
-    const double max = maxRPM > 0 ? maxRPM : kAssumedMaxRPM;
-    const double min = minRPM > 0 && minRPM < max ? minRPM : 0;
-    if (!std::isfinite(targetRPM)) return targetRPM > 0 ? 255 : 0;
-    const double pwm = std::round(255.0 * (targetRPM - min) / (max - min));
-    return static_cast<int>(std::clamp(pwm, 0.0, 255.0));
+    return FanCurveLearner::linearDuty(targetRPM, minRPM, maxRPM);
+}
+
+void LocalFanController::attachCurveStore(FanCurveStore store) {
+    std::lock_guard lock(mutex_);
+    curves_.setStore(std::move(store));
+}
+
+std::optional<FanCurve> LocalFanController::learnedCurve(const std::string& identity) {
+    std::lock_guard lock(mutex_);
+    return curves_.curve(identity);
 }
 
 FanReadResult LocalFanController::readFans() {
@@ -68,11 +74,13 @@ FanResult LocalFanController::setTargets(const std::vector<double>& targetRPM) {
             if (!held_.contains(fan.identity)) continue;
             if (service_->restore(fan, &error, &errorNumber)) {
                 held_.erase(fan.identity);
+                curves_.released(fan.identity);
                 continue;
             }
         } else {
             if (!fan.controllable) continue;
-            const int pwm = linearPWMForRPM(targetRPM[i], fan.minRPM, fan.maxRPM);
+            const int pwm =
+                curves_.dutyFor(fan.identity, targetRPM[i], fan.currentRPM, fan.minRPM, fan.maxRPM);
             if (service_->writePWM(fan, pwm, &error, &errorNumber)) {
                 held_[fan.identity] = Held{fan, targetRPM[i]};
                 continue;
@@ -91,6 +99,7 @@ FanResult LocalFanController::releaseToAutomatic() {
         std::string error;
         int errorNumber = 0;
         if (service_->restore(it->second.fan, &error, &errorNumber)) {
+            curves_.released(it->first);
             it = held_.erase(it);
         } else {
             if (firstError.empty()) firstError = describeWriteFailure(error, errorNumber);

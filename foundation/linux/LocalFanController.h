@@ -8,13 +8,16 @@
 #include <string>
 
 #include "foundation/FanController.h"
+#include "foundation/linux/FanCurveLearner.h"
 #include "foundation/linux/HwmonFanService.h"
 
 namespace kelvo {
 
-class LocalFanController : public FanController {
+class LocalFanController : public FanController, public FanCurveLearning {
 public:
-    explicit LocalFanController(std::shared_ptr<HwmonFanService> service);
+    // `curveClock` times the curve-learning sweep (tests step it by hand).
+    explicit LocalFanController(std::shared_ptr<HwmonFanService> service,
+                                FanCurveLearner::Now curveClock = FanCurveLearner::Clock::now);
 
     std::string typeName() const override { return "LocalFanController"; }
 
@@ -30,6 +33,11 @@ public:
     // fan's minimum and maximum speed (unknown maximum: 5000 RPM, unknown minimum: 0).
     static int linearPWMForRPM(double targetRPM, double minRPM, double maxRPM);
 
+    // Targets map through each fan's learned curve; a fan without one is swept once (see
+    // FanCurveLearner) and the curve stored.
+    void attachCurveStore(FanCurveStore store) override;
+    std::optional<FanCurve> learnedCurve(const std::string& identity) override;
+
 private:
     struct Held {
         HwmonFan fan;
@@ -39,6 +47,7 @@ private:
     std::shared_ptr<HwmonFanService> service_;
     mutable std::mutex mutex_;
     std::map<std::string, Held> held_;  // fans Kelvo switched to manual, by identity
+    FanCurveLearner curves_;
 };
 
 }  // namespace kelvo

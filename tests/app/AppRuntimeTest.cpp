@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QSettings>
 #include <QTemporaryDir>
@@ -347,4 +348,27 @@ TEST_F(RuntimeFixture, LocalOnlyFansDriveAFakeHwmonTreeAndGiveItBackOnShutdown) 
     }));
     runtime.shutdown();
     EXPECT_EQ(sys.read(hwmon + "/pwm1_enable"), "2");  // back to the firmware's own mode
+}
+
+TEST_F(RuntimeFixture, RealBackEndsKeepTheirLearnedFanCurvesInTheDatabase) {
+    test_support::FakeSysfs sys;
+    const std::string hwmon = sys.addHwmon(0, "it87", "platform/it87.656");
+    sys.write(hwmon + "/fan1_input", "1500\n");
+    sys.write(hwmon + "/pwm1", "100\n");
+    sys.write(hwmon + "/pwm1_enable", "2\n");
+    sys.write("proc/stat", "cpu  100 0 100 1000 0 0 0 0 0 0\n");
+    const std::string identity = "it87@/sys/devices/platform/it87.656#fan1";
+    const FanCurve curve{{51, 650}, {128, 1400}, {255, 2100}};
+    {
+        QDir().mkpath(home.filePath(QStringLiteral("data/Kelvo")));
+        SQLiteStore store(home.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite")).toStdString());
+        ASSERT_TRUE(store.saveFanCurve(identity, curve));
+    }
+    const QString root = QString::fromStdString(sys.path("").string());
+    AppRuntime runtime(
+        options({QStringLiteral("--local-only-fans"), QStringLiteral("--sysfs-root"), root}));
+    auto* learning = dynamic_cast<FanCurveLearning*>(runtime.fanController().get());
+    ASSERT_NE(learning, nullptr);
+    EXPECT_EQ(learning->learnedCurve(identity), curve);
+    runtime.shutdown();
 }

@@ -10,6 +10,7 @@
 #include <QTemporaryDir>
 #include <cstdio>
 
+#include "foundation/SQLiteStore.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace {
@@ -124,6 +125,15 @@ TEST(HelperChain, KelvoDrivesFansThroughTheHelperAndAKillGivesThemBack) {
     EXPECT_TRUE(status.out.contains(QStringLiteral("no PWM control"))) << status.out.toStdString();
     EXPECT_TRUE(status.out.contains(QStringLiteral("\"Package id 0\" 52.0 °C")))
         << status.out.toStdString();
+
+    // The build identity names the helper back-end and the version the running helper reports.
+    kelvo::SQLiteStore store(
+        home.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite")).toStdString());
+    bool identityNamesHelper = false;
+    for (const auto& event : store.recentEvents(200))
+        identityNamesHelper |= event.message.find(std::string("backend xpc, helper ") +
+                                                  KELVO_VERSION_STRING) != std::string::npos;
+    EXPECT_TRUE(identityNamesHelper);
 
     const auto killedAt = SteadyClock::now();
     kelvo.sigkill();

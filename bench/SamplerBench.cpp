@@ -16,7 +16,7 @@ constexpr std::array<const char*, 3> kTrees = {"intel-laptop", "amd-desktop", "n
 // away from its sources.
 std::filesystem::path treesDir() {
     if (const char* dir = std::getenv("KELVO_SYSFS_TREES")) return dir;
-    return std::filesystem::path(__FILE__).parent_path().parent_path() / "tests/data/sysfs";
+    return std::filesystem::path(KELVO_SOURCE_DIR) / "tests/data/sysfs";
 }
 
 void BM_HwmonSample(benchmark::State& state) {

@@ -17,6 +17,7 @@
 #include <csignal>
 
 #include "foundation/SQLiteStore.h"
+#include "tests/e2e/KelvoProcess.h"
 
 namespace {
 
@@ -39,57 +40,6 @@ public slots:
         bodies << body;
         return static_cast<uint>(titles.size());
     }
-};
-
-class KelvoProcess {
-public:
-    explicit KelvoProcess(const QTemporaryDir& home) {
-        auto env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
-        process.setProcessEnvironment(env);
-        process.setProcessChannelMode(QProcess::SeparateChannels);
-    }
-    ~KelvoProcess() {
-        if (process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished(5000);
-        }
-    }
-    void start(const QStringList& args) {
-        process.start(QStringLiteral(KELVO_BIN), args);
-        ASSERT_TRUE(process.waitForStarted(10000));
-    }
-    // Waits for a stdout line matching `pattern`; lines seen so far are kept in `lines`.
-    bool waitForLine(const QString& pattern, int timeoutMs = 20000) {
-        QRegularExpression re(pattern);
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < timeoutMs) {
-            while (process.canReadLine()) {
-                QString line = QString::fromUtf8(process.readLine()).trimmed();
-                lines << line;
-                if (re.match(line).hasMatch()) return true;
-            }
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
-            process.waitForReadyRead(50);
-        }
-        return false;
-    }
-    int stopWith(int signal) {
-        ::kill(static_cast<pid_t>(process.processId()), signal);
-        QElapsedTimer timer;
-        timer.start();
-        while (process.state() != QProcess::NotRunning && timer.elapsed() < 15000) {
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
-            process.waitForFinished(50);
-        }
-        output += QString::fromUtf8(process.readAllStandardOutput());
-        return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    }
-    QProcess process;
-    QStringList lines;
-    QString output;
 };
 
 struct CtlResult {

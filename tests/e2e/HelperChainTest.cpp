@@ -11,6 +11,7 @@
 #include <cstdio>
 
 #include "foundation/SQLiteStore.h"
+#include "tests/e2e/KelvoProcess.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace {
@@ -36,52 +37,13 @@ Output runKelvoctl(const QStringList& args, const QString& program = QStringLite
             QString::fromUtf8(ctl.readAllStandardError())};
 }
 
-class Kelvo {
-public:
-    Kelvo(const QTemporaryDir& home, const QString& mode) {
-        QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
-                           QSettings::IniFormat);
-        settings.setValue(QStringLiteral("kelvo.control.mode"), mode);
-        settings.sync();
-        auto env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
-        process_.setProcessEnvironment(env);
-    }
-    ~Kelvo() {
-        if (process_.state() != QProcess::NotRunning) {
-            process_.kill();
-            process_.waitForFinished(5000);
-        }
-    }
-    bool start(const QStringList& args) {
-        process_.start(QStringLiteral(KELVO_BIN), args);
-        return process_.waitForStarted(10000);
-    }
-    bool waitForLine(const QString& pattern, int timeoutMs = 20000) {
-        const QRegularExpression re(pattern);
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < timeoutMs) {
-            while (process_.canReadLine()) {
-                const QString line = QString::fromUtf8(process_.readLine()).trimmed();
-                lines_ << line;
-                if (re.match(line).hasMatch()) return true;
-            }
-            process_.waitForReadyRead(50);
-        }
-        return false;
-    }
-    void sigkill() {
-        ::kill(static_cast<pid_t>(process_.processId()), SIGKILL);
-        process_.waitForFinished(5000);
-    }
-    QString transcript() const { return lines_.join(QLatin1Char('\n')); }
-
-private:
-    QProcess process_;
-    QStringList lines_;
-};
+// The control mode Kelvo restores at launch.
+void persistMode(const QTemporaryDir& home, const QString& mode) {
+    QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                       QSettings::IniFormat);
+    settings.setValue(QStringLiteral("kelvo.control.mode"), mode);
+    settings.sync();
+}
 
 QStringList realBackendArguments(const FakeSysfs& kelvoTree, const HelperDaemon& helper) {
     return {QStringLiteral("--headless"),      QStringLiteral("--xpc-only-fans"),
@@ -104,12 +66,13 @@ TEST(HelperChain, KelvoDrivesFansThroughTheHelperAndAKillGivesThemBack) {
     ASSERT_TRUE(helper.start()) << helper.log();
 
     QTemporaryDir home;
-    Kelvo kelvo(home, QStringLiteral("performance"));
-    ASSERT_TRUE(kelvo.start(realBackendArguments(board, helper)));
+    persistMode(home, QStringLiteral("performance"));
+    KelvoProcess kelvo(home);
+    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, helper)));
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")))
-        << kelvo.transcript().toStdString();
+        << kelvo.transcript();
     ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, 5000ms))
-        << kelvo.transcript().toStdString() << helper.log();
+        << kelvo.transcript() << helper.log();
     // The original modes are journaled before anything is taken.
     EXPECT_TRUE(std::filesystem::exists(helper.journalPath()));
 
@@ -136,7 +99,7 @@ TEST(HelperChain, KelvoDrivesFansThroughTheHelperAndAKillGivesThemBack) {
     EXPECT_TRUE(identityNamesHelper);
 
     const auto killedAt = SteadyClock::now();
-    kelvo.sigkill();
+    kelvo.stopWith(SIGKILL);
     const auto restored = waitUntil([&] { return boardRestored(board); }, 3000ms);
     ASSERT_TRUE(restored.has_value()) << helper.log();
     const double ms =
@@ -164,8 +127,9 @@ TEST(HelperChain, PowerComesFromCountersOnlyTheHelperCanRead) {
     ASSERT_TRUE(helper.start()) << helper.log();
 
     QTemporaryDir home;
-    Kelvo kelvo(home, QStringLiteral("systemAuto"));
-    ASSERT_TRUE(kelvo.start(realBackendArguments(kelvoView, helper)));
+    persistMode(home, QStringLiteral("systemAuto"));
+    KelvoProcess kelvo(home);
+    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(kelvoView, helper)));
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
     // The package draws energy from now on; only the helper's tree sees it.
     std::atomic<bool> running{true};
@@ -180,7 +144,7 @@ TEST(HelperChain, PowerComesFromCountersOnlyTheHelperCanRead) {
     const bool sawPower = kelvo.waitForLine(QStringLiteral(" power=[1-9]\\d*\\.\\dW "), 15000);
     running = false;
     load.join();
-    EXPECT_TRUE(sawPower) << kelvo.transcript().toStdString();
+    EXPECT_TRUE(sawPower) << kelvo.transcript();
 }
 
 TEST(HelperChain, KelvoctlSaysWhenTheHelperIsNotRunning) {
@@ -244,11 +208,12 @@ TEST(HelperChain, TheHelperNeedsNoCapabilities) {
     EXPECT_NE(capabilities.find("NoNewPrivs:\t1"), std::string::npos) << capabilities;
 
     QTemporaryDir home;
-    Kelvo kelvo(home, QStringLiteral("performance"));
-    ASSERT_TRUE(kelvo.start(realBackendArguments(board, helper)));
+    persistMode(home, QStringLiteral("performance"));
+    KelvoProcess kelvo(home);
+    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, helper)));
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")));
     ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, 5000ms)) << helper.log();
-    kelvo.sigkill();
+    kelvo.stopWith(SIGKILL);
     EXPECT_TRUE(waitUntil([&] { return boardRestored(board); }, 3000ms).has_value())
         << helper.log();
 }

@@ -217,3 +217,40 @@ TEST(HelperChain, TheHelperNeedsNoCapabilities) {
     EXPECT_TRUE(waitUntil([&] { return boardRestored(board); }, 3000ms).has_value())
         << helper.log();
 }
+
+// The helper dies while Kelvo holds fans: Kelvo says so and falls back to monitoring, and the
+// restarted helper gives the fans back from its journal.
+TEST(HelperChain, ADeadHelperIsReportedAndItsSuccessorRestoresTheFans) {
+    FakeSysfs board;
+    buildHelperBoard(board);
+    const auto runtime = makeTempDir("kelvo-e2e-dead");
+    auto helper = std::make_unique<HelperDaemon>(board.root().string(), runtime);
+    ASSERT_TRUE(helper->start()) << helper->log();
+
+    QTemporaryDir home;
+    persistMode(home, QStringLiteral("performance"));
+    KelvoProcess kelvo(home);
+    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, *helper)));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")));
+    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, 5000ms)) << helper->log();
+
+    helper->signal(SIGKILL);
+    ASSERT_TRUE(helper->waitExit(2000ms).has_value());
+    // Nothing gives the fans back while no helper runs: the journal keeps what is owed.
+    EXPECT_TRUE(std::filesystem::exists(helper->journalPath()));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=fallback"), 10000))
+        << kelvo.transcript();
+
+    HelperDaemon successor(board.root().string(), runtime);
+    ASSERT_TRUE(successor.start()) << successor.log();
+    EXPECT_TRUE(waitUntil([&] { return boardRestored(board); }, 3000ms).has_value())
+        << successor.log();
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+
+    kelvo::SQLiteStore store(
+        home.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite")).toStdString());
+    bool reported = false;
+    for (const auto& event : store.recentEvents(200))
+        reported |= event.message == "Entered monitor+alert fallback (helper unavailable)";
+    EXPECT_TRUE(reported);
+}

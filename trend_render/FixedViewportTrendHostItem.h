@@ -1,0 +1,148 @@
+// The item that carries the trend chart. Between snapshots it animates the chart itself: the
+// right edge follows a display upper bound that advances with the wall clock, the newest
+// stretch of each series is revealed, and the x-axis labels scroll and fade out on the left.
+//
+// Frames are requested only while there is motion left: a frame source (a precise timer at the
+// screen's refresh interval, standing in for a display link) runs while the display has not
+// caught up with the newest sample plus the reveal time and the window can be seen; each of
+// its ticks computes a date, a shift and a progress and asks the scene graph for one frame.
+// A caught-up, hidden, minimised or obscured chart requests nothing.
+#pragma once
+
+#include <QPointer>
+#include <QQuickItem>
+#include <QTimer>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "dashboard/FixedViewportTrendSnapshot.h"
+#include "trend_render/FixedViewportTrendLabelSprite.h"
+#include "trend_render/FixedViewportTrendRenderer.h"
+#include "trend_render/ScrollingXAxisLabelState.h"
+
+namespace kelvo {
+
+class FixedViewportTrendHostItem : public QQuickItem {
+    Q_OBJECT
+    Q_PROPERTY(bool displayLinkRunning READ displayLinkRunning NOTIFY displayLinkRunningChanged)
+public:
+    using WallClock = std::function<Timestamp()>;
+    using MediaClock = std::function<double()>;  // monotonic seconds
+
+    static constexpr double kMinimumRevealSeconds = 0.25;
+    static constexpr double kMinimumTickInterval = 1.0 / 60.0;
+    static constexpr double kLabelRelayoutInterval = 1.0 / 30.0;
+    static constexpr double kLabelRelayoutShiftPixels = 0.75;
+    static constexpr double kLabelFadeSeconds = 1.0 / 30.0;
+    static constexpr double kLabelBaselineOffset = 14.0;
+    static constexpr double kUnknownWindowSeconds = 60.0;
+    static constexpr std::size_t kMaxScrollingLabelStates = 96;
+
+    explicit FixedViewportTrendHostItem(QQuickItem* parent = nullptr);
+    ~FixedViewportTrendHostItem() override;
+
+    using QQuickItem::update;
+    // Called whenever the dashboard's inputs change.
+    void update(const FixedViewportTrendSnapshot& snapshot,
+                std::optional<Timestamp> latestSampleTimestamp, const QRectF& plotFrame,
+                std::vector<FixedViewportTrendReferenceLabel> xLabels);
+
+    Timestamp currentDisplayUpperBound(Timestamp now, bool advance);
+    Timestamp liveAnimationUpperBound(const FixedViewportTrendSnapshot& snapshot) const;
+    double currentShiftPixels(std::optional<Timestamp> displayUpperBound = std::nullopt);
+    double currentLiveRevealProgress(std::optional<Timestamp> displayUpperBound = std::nullopt);
+    bool shouldRunDisplayLink(Timestamp now);
+    void queueTick(bool force);
+    void tick();
+    // The per-frame work of a tick on a visible chart: advance, shift, reveal, labels.
+    void advanceFrame(Timestamp now);
+    void updateXAxisLabelsIfNeeded(Timestamp now, double shiftPixels, bool force);
+    void updateXAxisLabels(double shiftPixels);
+    void syncScrollingXAxisLabels();
+    void trimScrollingLabelStateBacklog();
+    void resetXAxisLabelState(Timestamp now);
+    QRectF visibleContentPlotFrame() const;
+    // The palette changed: labels are measured and rasterised again.
+    void viewDidChangeEffectiveAppearance();
+
+    // For tests and benchmarks: the clocks every algorithm reads.
+    void setClocks(WallClock wall, MediaClock media);
+
+    bool displayLinkRunning() const { return displayLinkRunning_; }
+    bool tickQueued() const { return tickQueued_; }
+    double lastTickEnqueueAt() const { return lastTickEnqueueAt_; }
+    const std::optional<FixedViewportTrendSnapshot>& snapshot() const { return snapshot_; }
+    const std::optional<Timestamp>& continuousDisplayUpperBound() const {
+        return continuousDisplayUpperBound_;
+    }
+    std::vector<ScrollingXAxisLabelState>& scrollingLabelStates() { return scrollingLabelStates_; }
+    const std::vector<FixedViewportTrendLabelSprite>& scrollingLabelSprites() const {
+        return scrollingLabelSpritesScratch_;
+    }
+    const std::optional<FixedViewportTrendLabelSprite>& liveLabelSprite() const {
+        return liveLabelSprite_;
+    }
+    FixedViewportTrendRenderer& renderer() { return renderer_; }
+    // Frames asked of the scene graph so far.
+    quint64 requestedFrameCount() const { return requestedFrameCount_; }
+
+signals:
+    void displayLinkRunningChanged();
+
+protected:
+    QSGNode* updatePaintNode(QSGNode* oldNode, UpdatePaintNodeData*) override;
+    void itemChange(ItemChange change, const ItemChangeData& value) override;
+    void geometryChange(const QRectF& newGeometry, const QRectF& oldGeometry) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    bool windowIsShown() const;     // visible and not minimised
+    bool windowIsOnScreen() const;  // shown and exposed (not obscured)
+    bool viewCanDraw() const;       // on screen, shown item with a parent and a size
+    void refreshWindowVisibility(Timestamp now);
+    void startDisplayLinkIfNeeded();
+    void stopDisplayLink(bool release);
+    void setDisplayLinkRunning(bool running);
+    void requestFrame();
+    void frameSwapped();
+    void attachToWindow(QQuickWindow* window);
+    void updateLiveXAxisLabel(double y, Timestamp displayUpperBound);
+    double backingScale() const;
+    double visibleWindowSeconds() const;
+    QSizeF measuredLabelSize(const std::string& text) const;
+
+    FixedViewportTrendRenderer renderer_;
+    std::optional<FixedViewportTrendSnapshot> snapshot_;
+    std::optional<Timestamp> latestSampleTimestamp_;
+    QRectF plotFrame_;
+    std::vector<FixedViewportTrendReferenceLabel> xLabels_;
+    std::vector<ScrollingXAxisLabelState> scrollingLabelStates_;
+    std::vector<FixedViewportTrendLabelSprite> scrollingLabelSpritesScratch_;
+    std::vector<Timestamp> retiringLabelDatesScratch_;
+    std::optional<FixedViewportTrendLabelSprite> liveLabelSprite_;
+    std::optional<Timestamp> cachedLiveXAxisLabelDisplayDate_;
+    std::optional<std::string> cachedLiveXAxisLabelText_;
+    std::optional<double> cachedLiveXAxisLabelVisibleWindowSeconds_;
+    QSizeF cachedLiveXAxisLabelSize_;
+    std::optional<Timestamp> continuousDisplayUpperBound_;
+    std::optional<Timestamp> lastDisplayUpperBoundUpdateAt_;
+    std::optional<double> lastXAxisLabelUpdateAt_;
+    std::optional<double> lastXAxisLabelShiftPixels_;
+    QTimer* displayLink_ = nullptr;
+    bool displayLinkRunning_ = false;
+    bool tickQueued_ = false;
+    double lastTickEnqueueAt_ = 0;
+    bool wasWindowVisible_ = false;
+
+    TrendChartAppearance appearance_;
+    double labelAscent_ = 0;
+    bool redrawPending_ = false;
+    quint64 requestedFrameCount_ = 0;
+    QPointer<QQuickWindow> attachedWindow_;
+    QMetaObject::Connection frameSwappedConnection_;
+    WallClock wallClock_;
+    MediaClock mediaClock_;
+};
+
+}  // namespace kelvo

@@ -10,6 +10,7 @@
 
 #include "foundation/FixedViewportXAxisLabelLayout.h"
 #include "foundation/TrendAnalysis.h"
+#include "trend_render/TrendPaletteWatcher.h"
 
 namespace kelvo {
 
@@ -39,6 +40,8 @@ FixedViewportTrendHostItem::FixedViewportTrendHostItem(QQuickItem* parent)
     labelAscent_ = QFontMetricsF(TrendChartAppearance::labelFont()).ascent();
     // Made inside a window already: the scene change happened before our override existed.
     if (window()) attachToWindow(window());
+    connect(TrendPaletteWatcher::instance(), &TrendPaletteWatcher::paletteChanged, this,
+            &FixedViewportTrendHostItem::viewDidChangeEffectiveAppearance);
 }
 
 FixedViewportTrendHostItem::~FixedViewportTrendHostItem() {
@@ -499,8 +502,6 @@ void FixedViewportTrendHostItem::geometryChange(const QRectF& newGeometry,
 bool FixedViewportTrendHostItem::eventFilter(QObject* watched, QEvent* event) {
     if (watched == attachedWindow_) {
         switch (event->type()) {
-            case QEvent::ApplicationPaletteChange:
-            case QEvent::PaletteChange: viewDidChangeEffectiveAppearance(); break;
             case QEvent::Expose:
             case QEvent::Show:
             case QEvent::Hide:

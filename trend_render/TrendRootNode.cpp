@@ -7,8 +7,9 @@ TrendRootNode::TrendRootNode() : clip_(new QSGClipNode), labels_(new QSGNode) {
     clip_->setGeometry(clipGeometry);
     clip_->setFlag(QSGNode::OwnsGeometry);
     clip_->setIsRectangular(true);
-    appendChildNode(grid.node());
+    // The grid is clipped too: its dashed tick lines scroll and must not leave the plot.
     appendChildNode(clip_);
+    clip_->appendChildNode(grid.node());
     clip_->appendChildNode(throttleBands.node());
     clip_->appendChildNode(axisTicks.node());
     appendChildNode(labels_);
@@ -18,8 +19,7 @@ TrendRootNode::TrendRootNode() : clip_(new QSGClipNode), labels_(new QSGNode) {
 TrendRootNode::~TrendRootNode() {
     // Children go first (they hold non-owning pointers to the materials and textures).
     removeAllChildNodes();
-    delete grid.node();
-    delete clip_;  // deletes bands, ticks and series nodes with it
+    delete clip_;  // deletes the grid, bands, ticks and series nodes with it
     delete labels_;
 }
 

@@ -21,7 +21,7 @@ public:
     TrendRootNode();
     ~TrendRootNode() override;
 
-    // Drawing order: grid; inside the clip: bands, ticks, series in order; then labels.
+    // Drawing order, inside the plot clip: grid, bands, ticks, series in order; then labels.
     void setSeriesCount(std::size_t count);
     void setClipRect(const QRectF& rect);
     // Makes `count` label nodes exist (reusing the ones there are) and returns them.

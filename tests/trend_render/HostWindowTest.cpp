@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QQuickWindow>
+#include <cstdio>
+#include <memory>
+
+#include "TrendTestSupport.h"
+#include "dashboard/TrendReferenceLabels.h"
+#include "trend_render/FixedViewportTrendHostItem.h"
+
+namespace kelvo {
+namespace {
+
+const QRectF kPlot{20, 20, 360, 210};
+
+class HostWindow : public ::testing::Test {
+protected:
+    void SetUp() override {
+        window = std::make_unique<QQuickWindow>();
+        window->setColor(Qt::white);
+        window->resize(400, 300);
+        host = new FixedViewportTrendHostItem(window->contentItem());
+        QObject::connect(window.get(), &QQuickWindow::frameSwapped, window.get(),
+                         [this] { ++frames; });
+    }
+    // A fake wall clock; media time runs for real so the frame source's ticks pass the
+    // tick throttle.
+    void useFakeWallClock() {
+        QElapsedTimer* media = &mediaTimer;
+        media->start();
+        host->setClocks([this] { return clocks.wall; },
+                        [media] { return 100 + media->nsecsElapsed() * 1e-9; });
+    }
+    // Both clocks fake: the frame source's ticks are all throttled, the test ticks itself.
+    void useFakeClocks() {
+        host->setClocks([this] { return clocks.wall; }, [this] { return clocks.media; });
+    }
+    void showWindow() {
+        host->setSize(QSizeF(400, 300));
+        window->show();
+        ASSERT_TRUE(test::waitUntil([this] { return window->isExposed() && frames > 0; }));
+    }
+    void give(const FixedViewportTrendSnapshot& snapshot, std::optional<Timestamp> latest) {
+        host->update(snapshot, latest, kPlot,
+                     fixedViewportTrendReferenceXAxisLabels(snapshot.xAxisTicks, kPlot));
+    }
+    int framesDuring(int ms) {
+        const int before = frames;
+        test::processFor(ms);
+        return frames - before;
+    }
+
+    test::FakeClocks clocks;
+    QElapsedTimer mediaTimer;
+    std::unique_ptr<QQuickWindow> window;
+    FixedViewportTrendHostItem* host = nullptr;
+    int frames = 0;
+};
+
+TEST_F(HostWindow, AnAnimatingChartRequestsFramesThroughItsFrameSource) {
+    useFakeWallClock();
+    showWindow();
+    // The fake wall clock stands still: the display never catches up.
+    give(test::snapshotEndingAt(clocks.wall), clocks.wall);
+    EXPECT_TRUE(host->displayLinkRunning());
+    EXPECT_GT(framesDuring(300), 5);
+}
+
+TEST_F(HostWindow, AHiddenWindowGetsNoFrames) {
+    useFakeWallClock();
+    showWindow();
+    give(test::snapshotEndingAt(clocks.wall), clocks.wall);
+    ASSERT_TRUE(test::waitUntil([this] { return frames > 3; }));
+    window->hide();
+    test::processFor(100);
+    const quint64 requested = host->requestedFrameCount();
+    EXPECT_EQ(framesDuring(500), 0);
+    EXPECT_EQ(host->requestedFrameCount(), requested);
+    EXPECT_FALSE(host->displayLinkRunning());
+    EXPECT_FALSE(host->shouldRunDisplayLink(clocks.wall));
+}
+
+TEST_F(HostWindow, AMinimisedWindowGetsNoFrames) {
+    useFakeWallClock();
+    showWindow();
+    give(test::snapshotEndingAt(clocks.wall), clocks.wall);
+    window->showMinimized();
+    ASSERT_TRUE(test::waitUntil([this] { return !host->displayLinkRunning(); }));
+    const quint64 requested = host->requestedFrameCount();
+    test::processFor(300);
+    EXPECT_EQ(host->requestedFrameCount(), requested);
+}
+
+TEST_F(HostWindow, AHiddenItemOrOneWithoutSizeRequestsNoFrames) {
+    useFakeClocks();
+    showWindow();
+    give(test::snapshotEndingAt(clocks.wall), clocks.wall);
+    ASSERT_TRUE(host->shouldRunDisplayLink(clocks.wall));
+    window->contentItem()->setVisible(false);
+    EXPECT_FALSE(host->shouldRunDisplayLink(clocks.wall)) << "a hidden ancestor";
+    window->contentItem()->setVisible(true);
+    host->setWidth(0);
+    EXPECT_FALSE(host->shouldRunDisplayLink(clocks.wall)) << "no width";
+}
+
+TEST_F(HostWindow, ACaughtUpChartRequestsZeroFramesPerSecond) {
+    showWindow();  // real clocks
+    const Timestamp now = wallClockNow();
+    give(test::snapshotEndingAt(now), now);
+    EXPECT_TRUE(host->displayLinkRunning());
+    // The display catches up with the newest sample plus the 1 s reveal.
+    ASSERT_TRUE(test::waitUntil([this] { return !host->displayLinkRunning(); }, 4000));
+    test::processFor(100);
+    const quint64 requested = host->requestedFrameCount();
+    const int rendered = framesDuring(1000);
+    std::printf("[ measured ] caught up: %d frames rendered, %llu requested in 1 s\n", rendered,
+                static_cast<unsigned long long>(host->requestedFrameCount() - requested));
+    EXPECT_EQ(rendered, 0);
+    EXPECT_EQ(host->requestedFrameCount(), requested);
+    // A new sample starts it again.
+    const Timestamp later = wallClockNow();
+    give(test::snapshotEndingAt(later), later);
+    EXPECT_TRUE(host->displayLinkRunning());
+    EXPECT_GT(framesDuring(300), 0);
+}
+
+// Darkness of the darkest pixel in `area`: 0 for blank paper.
+int inkIn(const QImage& image, const QRect& area) {
+    int darkest = 255;
+    for (int y = area.top(); y <= area.bottom(); ++y)
+        for (int x = area.left(); x <= area.right(); ++x)
+            darkest = std::min(darkest, qGray(image.pixel(x, y)));
+    return 255 - darkest;
+}
+
+TEST_F(HostWindow, LabelsFadeOutAtThePlotsLeftEdge) {
+    useFakeClocks();
+    showWindow();
+    const Timestamp r = std::floor(clocks.wall / 60) * 60 + 59;  // a tick 2 s into the window
+    clocks.wall = r;
+    FixedViewportTrendSnapshot snapshot = test::snapshotEndingAt(r);
+    const Timestamp tickDate = r - 59;
+    snapshot.xAxisTicks.push_back(
+        {tickDate, FixedViewportTrendAxisLabels::text(tickDate, 60), 2.0 / 60});
+    // Newer samples let the display run 3 s past this snapshot.
+    give(snapshot, r + 3);
+    auto shownFrame = [&] {
+        const int before = frames;
+        host->tick();
+        EXPECT_TRUE(test::waitUntil([&] { return frames > before; }));
+        return window->grabWindow().convertToFormat(QImage::Format_RGB32);
+    };
+    // The label area: below the plot, from its left edge to well before the live label.
+    const QRect labelArea(0, 236, 160, 20);
+    const QImage inside = shownFrame();
+    EXPECT_GT(inkIn(inside, labelArea), 60) << "the label is drawn";
+
+    clocks.wall = r + 3;  // 18 px of scroll: the tick is 6 px past the left edge
+    const QImage starting = shownFrame();
+    // One display frame later, and 0.9 px further, so the label relayout is due.
+    clocks.media += 0.017;
+    clocks.wall += 0.15;
+    const QImage halfway = shownFrame();
+    clocks.media += 0.017;
+    clocks.wall += 0.15;
+    const QImage gone = shownFrame();
+    EXPECT_GT(inkIn(starting, labelArea), 60);
+    EXPECT_LT(inkIn(halfway, labelArea), inkIn(starting, labelArea) * 3 / 4);
+    EXPECT_GT(inkIn(halfway, labelArea), 10);
+    EXPECT_EQ(inkIn(gone, labelArea), 0);
+    test::keepFrameIfFailed(inside, QStringLiteral("label_inside"));
+    test::keepFrameIfFailed(starting, QStringLiteral("label_fade_start"));
+    test::keepFrameIfFailed(halfway, QStringLiteral("label_fade_half"));
+    test::keepFrameIfFailed(gone, QStringLiteral("label_fade_gone"));
+}
+
+TEST_F(HostWindow, ShowingTheWindowAgainResetsTheLabelsAndTheBound) {
+    useFakeClocks();
+    showWindow();
+    const Timestamp r = clocks.wall;
+    FixedViewportTrendSnapshot snapshot = test::snapshotEndingAt(r);
+    snapshot.xAxisTicks.push_back({r - 31, FixedViewportTrendAxisLabels::text(r - 31, 60), 0.5});
+    give(snapshot, r);
+    ASSERT_FALSE(host->scrollingLabelStates().empty());
+    window->hide();
+    test::processFor(100);
+    clocks.wall += 100;
+    window->show();
+    ASSERT_TRUE(test::waitUntil([this] { return host->scrollingLabelStates().empty(); }));
+    EXPECT_TRUE(host->renderer().labelDrawCalls().empty() || host->scrollingLabelSprites().empty());
+    EXPECT_LE(*host->continuousDisplayUpperBound(), host->liveAnimationUpperBound(snapshot));
+}
+
+TEST_F(HostWindow, APaletteChangeDropsLabelTexturesAndRemakesThemInTheNewColour) {
+    showWindow();
+    const QPalette original = QGuiApplication::palette();
+    QGuiApplication::setPalette(QPalette(Qt::black, Qt::white));
+    test::processFor(50);
+    const Timestamp now = wallClockNow();
+    FixedViewportTrendSnapshot snapshot = test::snapshotEndingAt(now);
+    snapshot.xAxisTicks.push_back(
+        {now - 31, FixedViewportTrendAxisLabels::text(now - 31, 60), 0.5});
+    give(snapshot, now);
+    ASSERT_TRUE(
+        test::waitUntil([this] { return !host->renderer().labelTextureCacheOrder().empty(); }));
+    EXPECT_EQ(host->renderer().labelTextureCacheOrder().front().style.red, 0);
+
+    QGuiApplication::setPalette(QPalette(Qt::white, QColor(30, 30, 30)));
+    EXPECT_TRUE(host->renderer().labelTextureCacheOrder().empty())
+        << "emptied as soon as the palette changes";
+    give(snapshot, now);
+    ASSERT_TRUE(
+        test::waitUntil([this] { return !host->renderer().labelTextureCacheOrder().empty(); }));
+    for (const auto& key : host->renderer().labelTextureCacheOrder())
+        EXPECT_EQ(key.style.red, 255) << key.text;
+    QGuiApplication::setPalette(original);
+}
+
+}  // namespace
+}  // namespace kelvo

@@ -35,8 +35,8 @@ void FixedViewportTrendRenderer::update(const FixedViewportTrendSnapshot& snapsh
     throttleBandVertices_ = buildThrottleBandVertices(snapshot.throttleBands, true);
     seriesVertices_.resize(snapshot.series.size());
     for (std::size_t i = 0; i < snapshot.series.size(); ++i)
-        seriesVertices_[i] =
-            buildSeriesVertices(snapshot.series[i], plotSize, snapshot.viewportDomain);
+        buildSeriesVertices(snapshot.series[i], plotSize, snapshot.viewportDomain,
+                            seriesVertices_[i]);
     ++geometryGeneration_;
 }
 

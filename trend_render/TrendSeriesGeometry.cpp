@@ -141,6 +141,14 @@ std::vector<Vertex> buildSeriesVertices(const FixedViewportTrendSeriesSnapshot& 
                                         const QSizeF& plotSize,
                                         const FixedViewportTrendViewportDomain& domain) {
     std::vector<Vertex> vertices;
+    buildSeriesVertices(series, plotSize, domain, vertices);
+    return vertices;
+}
+
+void buildSeriesVertices(const FixedViewportTrendSeriesSnapshot& series, const QSizeF& plotSize,
+                         const FixedViewportTrendViewportDomain& domain,
+                         std::vector<Vertex>& vertices) {
+    vertices.clear();
     const double widthScale = std::max(1.0, plotSize.width());
     const double heightScale = std::max(1.0, plotSize.height());
     const double halfWidth = series.lineWidthPixels / 2.0;
@@ -160,7 +168,6 @@ std::vector<Vertex> buildSeriesVertices(const FixedViewportTrendSeriesSnapshot& 
             strokedSegmentVertices(piece, series.color, widthScale, heightScale, halfWidth,
                                    vertices);
     }
-    return vertices;
 }
 
 }  // namespace kelvo

@@ -45,5 +45,9 @@ void strokedSegmentVertices(std::span<const TrendPoint> segment, const TrendColo
 std::vector<Vertex> buildSeriesVertices(const FixedViewportTrendSeriesSnapshot& series,
                                         const QSizeF& plotSize,
                                         const FixedViewportTrendViewportDomain& domain);
+// The same into `out`, which is cleared first and keeps its storage: a rebuild then allocates
+// nothing once the series have reached their size.
+void buildSeriesVertices(const FixedViewportTrendSeriesSnapshot& series, const QSizeF& plotSize,
+                         const FixedViewportTrendViewportDomain& domain, std::vector<Vertex>& out);
 
 }  // namespace kelvo

@@ -129,8 +129,12 @@ TEST_F(RendererPixels, ChangingTheShiftMovesTheContentLeftWithoutRebuildingGeome
     EXPECT_EQ(leftEdgeOfBlue(after, 100), 170);
     EXPECT_EQ(probe->renderer.geometryRebuildCount(), rebuilds);
     EXPECT_GT(probe->renderer.drawnFrameCount(), drawn);
-    // The horizontal grid does not scroll.
-    EXPECT_LT(qGray(after.pixel(30, rowOf(100))), 250);
+    // The horizontal grid does not scroll. A one-pixel line on a pixel boundary lands on the
+    // row above or below depending on the graphics API's rasterisation rules.
+    int darkest = 255;
+    for (int y = rowOf(100) - 1; y <= rowOf(100) + 1; ++y)
+        darkest = std::min(darkest, qGray(after.pixel(30, y)));
+    EXPECT_LT(darkest, 250);
     test::keepFrameIfFailed(before, QStringLiteral("shift_before"));
     test::keepFrameIfFailed(after, QStringLiteral("shift_after"));
 }

@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QEvent>
+#include <QPointer>
 
 namespace kelvo {
 
@@ -10,7 +11,9 @@ TrendPaletteWatcher::TrendPaletteWatcher() : QObject(QCoreApplication::instance(
 }
 
 TrendPaletteWatcher* TrendPaletteWatcher::instance() {
-    static TrendPaletteWatcher* watcher = new TrendPaletteWatcher;  // owned by the application
+    // Owned by the application object, so it goes (and is made again) with it.
+    static QPointer<TrendPaletteWatcher> watcher;
+    if (!watcher) watcher = new TrendPaletteWatcher;
     return watcher;
 }
 

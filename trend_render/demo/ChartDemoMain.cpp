@@ -4,7 +4,7 @@
 //   kelvo-chart-demo [--one-minute] [--report-frames] [--screenshot PATH]
 //
 // --report-frames prints, once a second, how many frames the window rendered and whether the
-// chart's frame source is running. --screenshot saves the window after ten seconds and quits.
+// chart's frame source is running. --screenshot saves the window after twenty seconds and quits.
 #include <QGuiApplication>
 #include <QQuickWindow>
 #include <QTimer>
@@ -64,7 +64,7 @@ int main(int argc, char** argv) {
     const qsizetype shotIndex = arguments.indexOf(QStringLiteral("--screenshot"));
     if (shotIndex >= 0 && shotIndex + 1 < arguments.size()) {
         const QString path = arguments.at(shotIndex + 1);
-        QTimer::singleShot(10000, &window, [&window, path] {
+        QTimer::singleShot(20000, &window, [&window, path] {
             const bool saved = window.grabWindow().save(path);
             std::printf("screenshot %s: %s\n", saved ? "saved" : "failed", qPrintable(path));
             QCoreApplication::quit();

@@ -9,6 +9,7 @@
 #include "TrendTestSupport.h"
 #include "dashboard/TrendReferenceLabels.h"
 #include "trend_render/FixedViewportTrendHostItem.h"
+#include "trend_render/TrendRootNode.h"
 
 namespace kelvo {
 namespace {
@@ -66,6 +67,23 @@ TEST_F(HostWindow, AnAnimatingChartRequestsFramesThroughItsFrameSource) {
     give(test::snapshotEndingAt(clocks.wall), clocks.wall);
     EXPECT_TRUE(host->displayLinkRunning());
     EXPECT_GT(framesDuring(300), 5);
+}
+
+TEST_F(HostWindow, ATickWhileAFrameIsInFlightAsksForNoFrame) {
+    useFakeClocks();
+    showWindow();
+    give(test::snapshotEndingAt(clocks.wall), clocks.wall);
+    ASSERT_TRUE(test::waitUntil([this] { return !host->renderer().frameInFlight(); }));
+    // A frame of our own, never swapped: the renderer now has one in flight.
+    std::unique_ptr<QSGNode> inFlight(
+        host->renderer().draw(nullptr, nullptr, QSizeF(400, 300), kPlot));
+    ASSERT_TRUE(host->renderer().frameInFlight());
+    const quint64 requested = host->requestedFrameCount();
+    host->tick();
+    EXPECT_EQ(host->requestedFrameCount(), requested);
+    host->renderer().frameCompleted();
+    host->tick();
+    EXPECT_EQ(host->requestedFrameCount(), requested + 1);
 }
 
 TEST_F(HostWindow, AHiddenWindowGetsNoFrames) {

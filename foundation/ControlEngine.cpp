@@ -261,6 +261,28 @@ void ControlEngine::trackBoundary(const TelemetrySample& sample) {
     }
 }
 
+void ControlEngine::setActiveProfilingRunID(std::optional<std::int64_t> id) {
+    if (id != activeRunID_) runSampleFailureReported_ = false;
+    activeRunID_ = id;
+}
+
+void ControlEngine::recordRunSample(const TelemetrySample& sample) {
+    if (!store_ || !activeRunID_) return;
+    if (store_->appendRunSample(*activeRunID_, sample)) {
+        runSampleFailureReported_ = false;
+        return;
+    }
+    // A locked or full database fails every tick: say so once per run (and again after a
+    // recovery), into the ring only, since the store is what is failing.
+    if (runSampleFailureReported_) return;
+    runSampleFailureReported_ = true;
+    if (events_)
+        events_->append(RuntimeEvent::make("Capture samples for run " +
+                                               std::to_string(*activeRunID_) +
+                                               " are not being recorded: " + store_->lastError(),
+                                           true));
+}
+
 ControlSnapshot ControlEngine::tick(Timestamp now) {
     double dt = lastTick_ ? now - *lastTick_ : config_.tickSeconds;
     lastTick_ = now;
@@ -292,6 +314,7 @@ ControlSnapshot ControlEngine::tick(Timestamp now) {
     warning_ = snap.assessment.isWarning;
     trackBoundary(snap.sample);
     if (store_) store_->appendSample(snap.sample);
+    recordRunSample(snap.sample);
 
     snap.mode = mode_;
     snap.status = status_;

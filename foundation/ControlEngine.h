@@ -63,7 +63,8 @@ public:
 
     void setLearnedModel(std::optional<LearnedModel> model);
     void setAdaptiveLeadModel(std::optional<AdaptiveLeadModel> model) { leadModel_ = model; }
-    void setActiveProfilingRunID(std::optional<std::int64_t> id) { activeRunID_ = id; }
+    // While a run id is set every tick's sample is also stored as a sample of that run.
+    void setActiveProfilingRunID(std::optional<std::int64_t> id);
 
     ControlMode currentMode() const { return mode_; }
     ControlStatus currentStatus() const { return status_; }
@@ -85,6 +86,7 @@ private:
     void trackBoundary(const TelemetrySample& sample);
     void updateCooldown(const TelemetrySample& sample);
     void record(std::string message, bool failure = false);
+    void recordRunSample(const TelemetrySample& sample);
 
     std::shared_ptr<TelemetryProvider> telemetry_;
     std::shared_ptr<FanController> fans_;
@@ -106,6 +108,7 @@ private:
     std::optional<LearnedModel> model_;
     std::optional<AdaptiveLeadModel> leadModel_;
     std::optional<std::int64_t> activeRunID_;
+    bool runSampleFailureReported_ = false;
 
     std::vector<FanState> lastFans_;
     bool fanTelemetryDegraded_ = false;

@@ -54,6 +54,12 @@ CREATE TABLE fan_curves (
 CREATE TABLE machine_capabilities (
     machine_identity TEXT PRIMARY KEY, capabilities TEXT NOT NULL, updated_at REAL NOT NULL);
 )sql",
+    // Version 2: a run's throttle signals carry their kind, severity and the figures behind them.
+    R"sql(
+ALTER TABLE run_events ADD COLUMN kind TEXT NOT NULL DEFAULT '';
+ALTER TABLE run_events ADD COLUMN severity TEXT NOT NULL DEFAULT '';
+ALTER TABLE run_events ADD COLUMN details TEXT NOT NULL DEFAULT '';
+)sql",
 };
 static_assert(std::size(kMigrations) == SQLiteStore::kSchemaVersion);
 
@@ -266,6 +272,38 @@ std::optional<SQLiteStore::FanCurve> decodeCurve(std::string_view text) {
         if (text.empty()) return std::nullopt;  // trailing comma
     }
     return curve;
+}
+
+// "name=value;name=value": names are ours (no '=' or ';'), values round-trip exactly.
+std::string encodeValues(const std::vector<std::pair<std::string, double>>& values) {
+    std::string out;
+    for (const auto& [name, value] : values) {
+        if (!std::isfinite(value)) continue;
+        if (!out.empty()) out += ';';
+        out += name;
+        out += '=';
+        out += formatNumber(value);
+    }
+    return out;
+}
+
+std::vector<std::pair<std::string, double>> decodeValues(std::string_view text) {
+    std::vector<std::pair<std::string, double>> values;
+    while (!text.empty()) {
+        const auto semicolon = text.find(';');
+        const std::string_view item = text.substr(0, semicolon);
+        const auto equals = item.find('=');
+        if (equals != std::string_view::npos)
+            if (auto value = parseNumber(item.substr(equals + 1)))
+                values.emplace_back(std::string(item.substr(0, equals)), *value);
+        if (semicolon == std::string_view::npos) break;
+        text.remove_prefix(semicolon + 1);
+    }
+    return values;
+}
+
+void setError(std::string* out, const std::string& error) {
+    if (out) *out = error;
 }
 
 std::string timestampSuffix(Timestamp now) {
@@ -670,7 +708,7 @@ bool SQLiteStore::appendRunEvent(std::int64_t runID, const RuntimeEvent& event) 
     return true;
 }
 
-std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::activeRun() {
+std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::activeRun(std::string* error) {
     std::lock_guard lock(mutex_);
     Statement s(db_, std::string("SELECT ") + kRunColumns +
                          " FROM runs WHERE stopped_at IS NULL ORDER BY started_at DESC, id DESC "
@@ -680,12 +718,29 @@ std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::activeRun() {
     s.run();
     if (!s.ok()) {
         failLocked("active run: " + s.error());
+        setError(error, lastError_);
         return std::nullopt;
     }
     return run;
 }
 
-std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::latestCompletedRun() {
+std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::run(std::int64_t id,
+                                                                std::string* error) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_, std::string("SELECT ") + kRunColumns + " FROM runs WHERE id = ?");
+    s.bindInt(1, id);
+    std::optional<ProfilingRunRecord> run;
+    if (s.next()) run = readRun(s);
+    s.run();
+    if (!s.ok()) {
+        failLocked("run: " + s.error());
+        setError(error, lastError_);
+        return std::nullopt;
+    }
+    return run;
+}
+
+std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::latestCompletedRun(std::string* error) {
     std::lock_guard lock(mutex_);
     Statement s(db_, std::string("SELECT ") + kRunColumns +
                          " FROM runs WHERE status = 'completed' ORDER BY stopped_at DESC, id DESC "
@@ -695,14 +750,19 @@ std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::latestCompletedRun()
     s.run();
     if (!s.ok()) {
         failLocked("latest completed run: " + s.error());
+        setError(error, lastError_);
         return std::nullopt;
     }
     return run;
 }
 
-std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Timestamp now) {
+std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Timestamp now,
+                                                                             std::string* error) {
     std::lock_guard lock(mutex_);
-    if (!execLocked("BEGIN IMMEDIATE")) return {};
+    if (!execLocked("BEGIN IMMEDIATE")) {
+        setError(error, lastError_);
+        return {};
+    }
     std::vector<ProfilingRunRecord> runs;
     {
         Statement s(db_, std::string("SELECT ") + kRunColumns +
@@ -711,6 +771,7 @@ std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Tim
         if (!s.ok()) {
             failLocked("close abandoned runs: " + s.error());
             execLocked("ROLLBACK");
+            setError(error, lastError_);
             return {};
         }
     }
@@ -721,12 +782,14 @@ std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Tim
     if (!update.run()) {
         failLocked("close abandoned runs: " + update.error());
         execLocked("ROLLBACK");
+        setError(error, lastError_);
         return {};
     }
     if (!execLocked("COMMIT")) {
-        const std::string error = lastError_;
+        const std::string failure = lastError_;
         execLocked("ROLLBACK");
-        lastError_ = error;
+        lastError_ = failure;
+        setError(error, failure);
         return {};
     }
     for (auto& run : runs) {
@@ -736,7 +799,7 @@ std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Tim
     return runs;
 }
 
-std::vector<TelemetrySample> SQLiteStore::runSamples(std::int64_t id) {
+std::vector<TelemetrySample> SQLiteStore::runSamples(std::int64_t id, std::string* error) {
     std::lock_guard lock(mutex_);
     Statement s(db_, std::string("SELECT ") + kSampleColumns +
                          " FROM run_samples WHERE run_id = ? ORDER BY timestamp, rowid");
@@ -745,6 +808,7 @@ std::vector<TelemetrySample> SQLiteStore::runSamples(std::int64_t id) {
     while (s.next()) result.push_back(readSample(s, 0));
     if (!s.ok()) {
         failLocked("run samples: " + s.error());
+        setError(error, lastError_);
         return {};
     }
     return result;
@@ -766,9 +830,19 @@ std::vector<RuntimeEvent> SQLiteStore::runEvents(std::int64_t id) {
 }
 
 bool SQLiteStore::clearRun(std::int64_t id) {
+    auto removed = clearRunRows(id);
+    if (!removed) return false;
+    if (*removed == 0) {
+        std::lock_guard lock(mutex_);
+        return failLocked("clear run: no run with id " + std::to_string(id));
+    }
+    return true;
+}
+
+std::optional<int> SQLiteStore::clearRunRows(std::int64_t id) {
     std::lock_guard lock(mutex_);
-    if (!execLocked("BEGIN IMMEDIATE")) return false;
-    int removedRuns = 0;
+    if (!execLocked("BEGIN IMMEDIATE")) return std::nullopt;
+    int removed = 0;
     for (const char* sql :
          {"DELETE FROM run_samples WHERE run_id = ?", "DELETE FROM run_events WHERE run_id = ?",
           "DELETE FROM runs WHERE id = ?"}) {
@@ -777,18 +851,85 @@ bool SQLiteStore::clearRun(std::int64_t id) {
         if (!s.run()) {
             failLocked("clear run: " + s.error());
             execLocked("ROLLBACK");
-            return false;
+            return std::nullopt;
         }
-        removedRuns = sqlite3_changes(db_);
+        removed += sqlite3_changes(db_);
     }
     if (!execLocked("COMMIT")) {
         const std::string error = lastError_;
         execLocked("ROLLBACK");
         lastError_ = error;
-        return false;
+        return std::nullopt;
     }
-    if (removedRuns == 0) return failLocked("clear run: no run with id " + std::to_string(id));
+    return removed;
+}
+
+std::optional<int> SQLiteStore::countRunRows(std::int64_t id) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_,
+                "SELECT (SELECT COUNT(*) FROM run_samples WHERE run_id = ?1) + "
+                "(SELECT COUNT(*) FROM run_events WHERE run_id = ?1) + "
+                "(SELECT COUNT(*) FROM runs WHERE id = ?1)");
+    s.bindInt(1, id);
+    std::optional<int> count;
+    if (s.next()) count = static_cast<int>(s.integer(0));
+    s.run();
+    if (!s.ok()) {
+        failLocked("count run rows: " + s.error());
+        return std::nullopt;
+    }
+    return count;
+}
+
+bool SQLiteStore::appendRunEvent(std::int64_t runID, const ProfilingRunEvent& event) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_,
+                "INSERT OR IGNORE INTO run_events (run_id, uuid, timestamp, message, kind, "
+                "severity, details) SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7 "
+                "WHERE EXISTS (SELECT 1 FROM runs WHERE id = ?1)");
+    s.bindInt(1, runID);
+    s.bindText(2, event.id.toString());
+    s.bindReal(3, event.timestamp);
+    s.bindText(4, event.kind + " (" + event.severity + ")");
+    s.bindText(5, event.kind);
+    s.bindText(6, event.severity);
+    s.bindText(7, encodeValues(event.values));
+    if (!s.run()) return failLocked("append run event: " + s.error());
+    if (sqlite3_changes(db_) == 0) {
+        // Either the run is gone or the id was stored already; only the first is a failure.
+        Statement exists(db_, "SELECT 1 FROM runs WHERE id = ?");
+        exists.bindInt(1, runID);
+        const bool found = exists.next();
+        if (!exists.ok()) return failLocked("append run event: " + exists.error());
+        if (!found) return failLocked("append run event: no run with id " + std::to_string(runID));
+    }
     return true;
+}
+
+std::vector<ProfilingRunEvent> SQLiteStore::runEventRecords(std::int64_t id, std::string* error) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_,
+                "SELECT uuid, timestamp, kind, severity, details, message FROM run_events "
+                "WHERE run_id = ? ORDER BY timestamp, rowid");
+    s.bindInt(1, id);
+    std::vector<ProfilingRunEvent> result;
+    while (s.next()) {
+        ProfilingRunEvent event;
+        event.id = Uuid::parse(s.text(0)).value_or(Uuid{});
+        event.timestamp = s.real(1);
+        event.kind = s.text(2);
+        event.severity = s.text(3);
+        event.values = decodeValues(s.text(4));
+        // Events stored without a kind (plain runtime events) keep their message as the kind.
+        if (event.kind.empty()) event.kind = s.text(5);
+        result.push_back(std::move(event));
+    }
+    if (!s.ok()) {
+        failLocked("run events: " + s.error());
+        setError(error, lastError_);
+        return {};
+    }
+    return result;
 }
 
 // ----- Models --------------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/ProfilingTypes.h"
 #include "foundation/Types.h"
 
 struct sqlite3;
@@ -35,7 +36,7 @@ public:
         bool operator==(const ProfilingRunRecord&) const = default;
     };
 
-    static constexpr int kSchemaVersion = 1;
+    static constexpr int kSchemaVersion = 2;
     // The trend keeps the fine-grained history in memory; the database needs one row per 10 s.
     static constexpr double kSampleSpacingSeconds = 10;
 
@@ -69,13 +70,20 @@ public:
     bool stopRun(std::int64_t id, Timestamp stoppedAt);  // false if no active run has that id
     bool appendRunSample(std::int64_t runID, const TelemetrySample& sample);
     bool appendRunEvent(std::int64_t runID, const RuntimeEvent& event);
-    std::optional<ProfilingRunRecord> activeRun();
-    std::optional<ProfilingRunRecord> latestCompletedRun();
+    bool appendRunEvent(std::int64_t runID, const ProfilingRunEvent& event);
+    // The optional `error` tells a failed read apart from "nothing there".
+    std::optional<ProfilingRunRecord> activeRun(std::string* error = nullptr);
+    std::optional<ProfilingRunRecord> run(std::int64_t id, std::string* error = nullptr);
+    std::optional<ProfilingRunRecord> latestCompletedRun(std::string* error = nullptr);
     // Runs left active by an earlier process: stopped at `now` and marked "abandoned".
-    std::vector<ProfilingRunRecord> closeAbandonedRuns(Timestamp now);
-    std::vector<TelemetrySample> runSamples(std::int64_t id);
+    std::vector<ProfilingRunRecord> closeAbandonedRuns(Timestamp now, std::string* error = nullptr);
+    std::vector<TelemetrySample> runSamples(std::int64_t id, std::string* error = nullptr);
     std::vector<RuntimeEvent> runEvents(std::int64_t id);
+    std::vector<ProfilingRunEvent> runEventRecords(std::int64_t id, std::string* error = nullptr);
     bool clearRun(std::int64_t id);  // the run and its samples and events
+    // The same, in one transaction; how many rows went (0 for an unknown run), none on failure.
+    std::optional<int> clearRunRows(std::int64_t id);
+    std::optional<int> countRunRows(std::int64_t id);  // samples + events + the run itself
 
     // Models. Saving stores a new row (the model's own id is ignored) and returns its id. The
     // optional `error` tells a failed read apart from "no active model".

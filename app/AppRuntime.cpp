@@ -159,6 +159,8 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
 
 AppRuntime::~AppRuntime() {
     shutdown();
+    // The coordinator's queued database work uses the profiling service: it goes first.
+    capture_.reset();
 }
 
 void AppRuntime::shutdown() {

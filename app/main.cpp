@@ -1,5 +1,7 @@
 // kelvo: runs the thermal-control runtime. Without a window yet, it always runs headless and
 // logs one line per card update; SIGINT/SIGTERM give the fans back and exit cleanly.
+// "--capture [--capture-notes TEXT]" records a beta capture from launch: the first SIGINT stops
+// it, finalizes, exports and packages it, and prints the bundle's path as the last line.
 #include <sys/socket.h>
 #include <unistd.h>
 #include <QCoreApplication>
@@ -9,6 +11,7 @@
 
 #include "app/AppRuntime.h"
 #include "app/HeadlessLog.h"
+#include "capture/CaptureCoordinator.h"
 
 namespace {
 int signalPipe[2] = {-1, -1};
@@ -28,6 +31,20 @@ bool installSignalHandlers() {
     return ::sigaction(SIGINT, &action, nullptr) == 0 &&
            ::sigaction(SIGTERM, &action, nullptr) == 0;
 }
+
+QString argumentValue(const QStringList& arguments, const QString& name) {
+    for (qsizetype i = 0; i < arguments.size(); ++i) {
+        if (arguments[i] == name && i + 1 < arguments.size()) return arguments[i + 1];
+        if (arguments[i].startsWith(name + QLatin1Char('=')))
+            return arguments[i].mid(name.size() + 1);
+    }
+    return {};
+}
+
+void printLine(std::FILE* stream, const QString& line) {
+    std::fprintf(stream, "%s\n", line.toUtf8().constData());
+    std::fflush(stream);
+}
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -39,6 +56,7 @@ int main(int argc, char** argv) {
     const QStringList arguments = QCoreApplication::arguments();
     if (!arguments.contains(QStringLiteral("--headless")))
         std::fprintf(stderr, "kelvo: this build has no dashboard window yet; running headless\n");
+    const bool captureMode = arguments.contains(QStringLiteral("--capture"));
     if (!installSignalHandlers()) {
         std::perror("kelvo: cannot install signal handlers");
         return 1;
@@ -46,31 +64,80 @@ int main(int argc, char** argv) {
 
     kelvo::AppRuntimeOptions options;
     options.arguments = arguments;
+    options.makeCapture = [arguments](kelvo::ControlLoop& loop, kelvo::ProfilingService& service) {
+        kelvo::CaptureCoordinatorOptions captureOptions;
+        captureOptions.arguments = arguments;
+        // No window to show the export in: the headless run prints where it is instead.
+        captureOptions.reveal = [](const QString&) {};
+        return std::make_unique<kelvo::CaptureCoordinator>(loop, service,
+                                                           std::move(captureOptions));
+    };
     kelvo::AppRuntime runtime(std::move(options));
+    auto* capture = dynamic_cast<kelvo::CaptureCoordinator*>(runtime.capture());
 
     // One line per card update: the card's sample changes at most once a second.
     double lastPrinted = 0;
-    QObject::connect(&runtime, &kelvo::AppRuntime::snapshotHandled, &runtime,
-                     [&runtime, &lastPrinted] {
-                         const auto* live = runtime.live();
-                         const auto& sample = live->latestSample();
-                         if (!sample || sample->timestamp == lastPrinted) return;
-                         lastPrinted = sample->timestamp;
-                         const QString line = kelvo::headlessLine(
-                             *sample, runtime.mode(), live->status(), live->throttleWarning());
-                         std::printf("%s\n", line.toUtf8().constData());
-                         std::fflush(stdout);
-                     });
+    auto logConnection = QObject::connect(
+        &runtime, &kelvo::AppRuntime::snapshotHandled, &runtime, [&runtime, &lastPrinted] {
+            const auto* live = runtime.live();
+            const auto& sample = live->latestSample();
+            if (!sample || sample->timestamp == lastPrinted) return;
+            lastPrinted = sample->timestamp;
+            printLine(stdout, kelvo::headlessLine(*sample, runtime.mode(), live->status(),
+                                                  live->throttleWarning()));
+        });
+
+    auto finish = [&](int code) {
+        QObject::disconnect(logConnection);
+        runtime.shutdown();
+        printLine(stderr, QStringLiteral("kelvo: stopped; fans released to automatic control"));
+        QCoreApplication::exit(code);
+    };
+
+    if (captureMode && capture) {
+        capture->setBetaCaptureNotes(argumentValue(arguments, QStringLiteral("--capture-notes")));
+        QObject::connect(&runtime, &kelvo::AppRuntime::startupCompleted, capture,
+                         [capture] { capture->startBetaCapture(); });
+        QObject::connect(capture, &kelvo::CaptureCoordinator::startFinished, capture,
+                         [capture, &finish](bool started) {
+                             if (started) {
+                                 printLine(stderr, QStringLiteral("kelvo: capture run %1 started")
+                                                       .arg(capture->profilingRunID().value_or(0)));
+                                 return;
+                             }
+                             printLine(stderr,
+                                       QStringLiteral("kelvo: ") + capture->profilingMessage());
+                             finish(1);
+                         });
+        // Stopped by SIGINT or by the run's own plan: either way the bundle ends the process.
+        QObject::connect(
+            capture, &kelvo::CaptureCoordinator::finalizationFinished, capture,
+            [&finish](qint64, const QString&, const QString& bundlePath, const QString& message) {
+                printLine(stderr, QStringLiteral("kelvo: ") + message);
+                if (bundlePath.isEmpty()) {
+                    finish(1);
+                    return;
+                }
+                finish(0);
+                printLine(stdout, bundlePath);
+            });
+    }
 
     QSocketNotifier notifier(signalPipe[0], QSocketNotifier::Read);
+    bool stopRequested = false;
     QObject::connect(&notifier, &QSocketNotifier::activated, &app, [&] {
         char byte;
         [[maybe_unused]] auto got = ::read(signalPipe[0], &byte, 1);
+        // The first signal of a capture run wraps the run up; a second one leaves at once (the
+        // run's rows stay in the database for the next launch).
+        if (captureMode && capture && !stopRequested && capture->profilingIsRunning()) {
+            stopRequested = true;
+            printLine(stderr, QStringLiteral("kelvo: stopping the capture..."));
+            capture->beginCaptureStop(true);
+            return;
+        }
         notifier.setEnabled(false);
-        runtime.shutdown();
-        std::printf("kelvo: stopped; fans released to automatic control\n");
-        std::fflush(stdout);
-        QCoreApplication::exit(0);
+        finish(stopRequested ? 1 : 0);
     });
     return app.exec();
 }

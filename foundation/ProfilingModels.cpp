@@ -27,11 +27,20 @@ std::optional<LearnedModel> deriveLearnedModel(const std::vector<TelemetrySample
                                                Timestamp now) {
     if (samples.empty()) return std::nullopt;
     std::vector<double> cpuClocks, gpuClocks, temperatures;
+    bool loaded = false;
     for (const auto& sample : samples) {
         if (auto hottest = sample.hottestTemperatureC()) temperatures.push_back(*hottest);
         if (!isHighLoad(sample)) continue;
+        loaded = true;
         if (sample.cpuClockMHz) cpuClocks.push_back(*sample.cpuClockMHz);
         if (sample.gpuClockMHz) gpuClocks.push_back(*sample.gpuClockMHz);
+    }
+    // An idle run says nothing about high-load behaviour: it must not replace what is known.
+    if (!loaded) {
+        if (!baseline) return std::nullopt;
+        LearnedModel kept = *baseline;
+        kept.createdAt = now;
+        return kept;
     }
     LearnedModel model;
     model.source = "kelvo";

@@ -22,7 +22,8 @@ bool isHighLoad(const TelemetrySample& sample);
 std::optional<double> percentile(std::vector<double> values, double fraction);
 
 // Clock references: the 90th percentile under high load; temperature reference: the 95th
-// percentile of the hotter sensor. What the run cannot tell keeps the baseline's value.
+// percentile of the hotter sensor. What the run cannot tell keeps the baseline's value; a run
+// without high load keeps the whole baseline, and yields none when there is no baseline.
 std::optional<LearnedModel> deriveLearnedModel(const std::vector<TelemetrySample>& samples,
                                                const std::optional<LearnedModel>& baseline,
                                                Timestamp now);

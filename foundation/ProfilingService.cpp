@@ -62,7 +62,18 @@ ProfilingResult<bool> ProfilingService::recordRunEvent(std::int64_t runID,
 ProfilingResult<std::vector<ProfilingRunRecord>> ProfilingService::closeAbandonedRuns(
     Timestamp now) {
     std::string error;
-    auto runs = store_.closeAbandonedRuns(now, &error);
+    // The newest open run resumes when it was recording until recently (the app was restarted
+    // or killed and relaunched); anything else open can no longer be continued.
+    std::optional<std::int64_t> keep;
+    auto newest = store_.activeRun(&error);
+    if (!error.empty()) return ProfilingResult<std::vector<ProfilingRunRecord>>::failure(error);
+    if (newest) {
+        auto lastSample = store_.lastRunSampleTimestamp(newest->id, &error);
+        if (!error.empty()) return ProfilingResult<std::vector<ProfilingRunRecord>>::failure(error);
+        const Timestamp lastSign = std::max(newest->startedAt, lastSample.value_or(0));
+        if (now - lastSign <= kResumableGapSeconds) keep = newest->id;
+    }
+    auto runs = store_.closeAbandonedRuns(now, &error, keep);
     if (!error.empty()) return ProfilingResult<std::vector<ProfilingRunRecord>>::failure(error);
     return ProfilingResult<std::vector<ProfilingRunRecord>>::success(std::move(runs));
 }
@@ -98,7 +109,10 @@ ProfilingResult<LearnedModel> ProfilingService::deriveModel(
     const auto samples = store_.runSamples(runID, &error);
     if (!error.empty()) return Result::failure(error);
     auto model = ProfilingModels::deriveLearnedModel(samples, baseline, now_());
-    if (!model) return Result::failure("run " + std::to_string(runID) + " recorded no samples");
+    if (!model)
+        return Result::failure(
+            "run " + std::to_string(runID) +
+            (samples.empty() ? " recorded no samples" : " had no high-load samples to learn from"));
     auto id = store_.saveLearnedModel(*model, true);
     if (!id) return Result::failure(store_.lastError());
     model->id = *id;

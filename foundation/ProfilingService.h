@@ -26,6 +26,9 @@ public:
         std::optional<std::string> error;  // set only when the database could not be read
     };
 
+    // How long an open run may have gone without samples and still be resumed at launch.
+    static constexpr double kResumableGapSeconds = 300;
+
     ProfilingService(std::shared_ptr<EventRing> ring, std::string dbPath,
                      std::function<Timestamp()> now = wallClockNow);
     virtual ~ProfilingService() = default;
@@ -44,6 +47,8 @@ public:
     virtual ProfilingResult<bool> stopRun(std::int64_t runID);
     virtual ProfilingResult<bool> recordRunEvent(std::int64_t runID,
                                                  const ProfilingRunEvent& event);
+    // Closes the open runs that cannot be resumed: all but the newest, and the newest too when
+    // it recorded nothing for kResumableGapSeconds.
     virtual ProfilingResult<std::vector<ProfilingRunRecord>> closeAbandonedRuns(Timestamp now);
     virtual ProfilingResult<std::optional<ProfilingRunRecord>> latestCompletedRun();
     virtual ProfilingResult<std::optional<ProfilingRunRecord>> activeRun();

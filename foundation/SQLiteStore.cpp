@@ -756,8 +756,8 @@ std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::latestCompletedRun(s
     return run;
 }
 
-std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Timestamp now,
-                                                                             std::string* error) {
+std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(
+    Timestamp now, std::string* error, std::optional<std::int64_t> keep) {
     std::lock_guard lock(mutex_);
     if (!execLocked("BEGIN IMMEDIATE")) {
         setError(error, lastError_);
@@ -765,8 +765,10 @@ std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Tim
     }
     std::vector<ProfilingRunRecord> runs;
     {
-        Statement s(db_, std::string("SELECT ") + kRunColumns +
-                             " FROM runs WHERE stopped_at IS NULL ORDER BY started_at, id");
+        Statement s(db_,
+                    std::string("SELECT ") + kRunColumns +
+                        " FROM runs WHERE stopped_at IS NULL AND id != ? ORDER BY started_at, id");
+        s.bindInt(1, keep.value_or(-1));
         while (s.next()) runs.push_back(readRun(s));
         if (!s.ok()) {
             failLocked("close abandoned runs: " + s.error());
@@ -777,8 +779,9 @@ std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Tim
     }
     Statement update(db_,
                      "UPDATE runs SET stopped_at = ?, status = 'abandoned' "
-                     "WHERE stopped_at IS NULL");
+                     "WHERE stopped_at IS NULL AND id != ?");
     update.bindReal(1, now);
+    update.bindInt(2, keep.value_or(-1));
     if (!update.run()) {
         failLocked("close abandoned runs: " + update.error());
         execLocked("ROLLBACK");
@@ -797,6 +800,21 @@ std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(Tim
         run.status = "abandoned";
     }
     return runs;
+}
+
+std::optional<Timestamp> SQLiteStore::lastRunSampleTimestamp(std::int64_t id, std::string* error) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_, "SELECT MAX(timestamp) FROM run_samples WHERE run_id = ?");
+    s.bindInt(1, id);
+    std::optional<Timestamp> latest;
+    if (s.next()) latest = s.optReal(0);
+    s.run();
+    if (!s.ok()) {
+        failLocked("last run sample: " + s.error());
+        setError(error, lastError_);
+        return std::nullopt;
+    }
+    return latest;
 }
 
 std::vector<TelemetrySample> SQLiteStore::runSamples(std::int64_t id, std::string* error) {

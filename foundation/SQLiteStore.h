@@ -75,8 +75,11 @@ public:
     std::optional<ProfilingRunRecord> activeRun(std::string* error = nullptr);
     std::optional<ProfilingRunRecord> run(std::int64_t id, std::string* error = nullptr);
     std::optional<ProfilingRunRecord> latestCompletedRun(std::string* error = nullptr);
-    // Runs left active by an earlier process: stopped at `now` and marked "abandoned".
-    std::vector<ProfilingRunRecord> closeAbandonedRuns(Timestamp now, std::string* error = nullptr);
+    // Runs left active by an earlier process: stopped at `now` and marked "abandoned"; all of
+    // them but `keep`.
+    std::vector<ProfilingRunRecord> closeAbandonedRuns(Timestamp now, std::string* error = nullptr,
+                                                       std::optional<std::int64_t> keep = {});
+    std::optional<Timestamp> lastRunSampleTimestamp(std::int64_t id, std::string* error = nullptr);
     std::vector<TelemetrySample> runSamples(std::int64_t id, std::string* error = nullptr);
     std::vector<RuntimeEvent> runEvents(std::int64_t id);
     std::vector<ProfilingRunEvent> runEventRecords(std::int64_t id, std::string* error = nullptr);

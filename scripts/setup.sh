@@ -10,6 +10,7 @@ PACKAGES=(
   qml6-module-qtquick-window qml6-module-qtquick-templates qml6-module-qtqml-workerscript
   qml6-module-qttest qt6-qpa-plugins libqt6test6 libqt6opengl6-dev qcoro-qt6-dev
   libsqlite3-dev libarchive-dev libsodium-dev libsensors-dev libvulkan-dev libshaderc-dev
+  glslang-dev spirv-tools
   mesa-vulkan-drivers libgl1-mesa-dri libglx-mesa0 libgl-dev xvfb xauth fonts-dejavu-core
   dbus libgtest-dev libgmock-dev libbenchmark-dev procps
   clang libclang-rt-14-dev systemd util-linux

@@ -204,15 +204,20 @@ signals:
     // A start attempt has ended (the run is open, or the start failed).
     void startFinished(bool started);
 
-private:
+public:
+    // The single entry that opens a run; startBetaCapture is its caller in the app.
     QCoro::Task<> startProfilingAsync(StartRequest request);
+    // Stops the open run; with exportArtifacts it goes on to finalization.
     QCoro::Task<> stopProfilingAsync(bool exportArtifacts, bool packageBundle);
-    void scheduleAutoStop(ProfilingWorkflowSource source, ProfilingScenario scenario,
-                          bool startWorkload, Timestamp startedAt);
-    void cancelAutoStop();
+    // What the auto-stop timer runs: stops only the run it was planned for.
     void handleAutoStopTimerFired(std::int64_t expectedRunID,
                                   ProfilingWorkflowSource expectedWorkflowSource,
                                   bool packageBundle);
+
+private:
+    void scheduleAutoStop(ProfilingWorkflowSource source, ProfilingScenario scenario,
+                          bool startWorkload, Timestamp startedAt);
+    void cancelAutoStop();
     void resetThrottleSignalState();
     void startWorkloadFor(ProfilingScenario scenario);
 

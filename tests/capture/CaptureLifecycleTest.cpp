@@ -1,0 +1,426 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "CaptureTestRig.h"
+
+namespace kelvo::testing {
+namespace {
+
+TEST(CaptureLifecycleTest, BetaCapturePublishesTheOpenRun) {
+    CaptureRig rig;
+    rig.coordinator->setBetaCaptureNotes(QStringLiteral("  fan noise at idle \n"));
+    const auto runID = rig.startBeta();
+    auto& c = *rig.coordinator;
+    EXPECT_EQ(c.activeWorkflowSource(), ProfilingWorkflowSource::betaCapture);
+    EXPECT_EQ(c.profilingScenario(), ProfilingScenario::realWorkflow);
+    EXPECT_TRUE(c.profilingStartedAt().has_value());
+    EXPECT_EQ(c.profilingElapsed(), QStringLiteral("00:00"));
+    EXPECT_EQ(c.profilingMessage(), QStringLiteral("Beta capture is running in the background"));
+    EXPECT_TRUE(c.autoStopPending());
+    EXPECT_EQ(c.currentWorkflowLabel(), QStringLiteral("Beta Capture"));
+    EXPECT_EQ(c.captureActivityTint(), CaptureCoordinator::ActivityTint::orange);
+    auto record = rig.service->store().run(runID);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->notes, "fan noise at idle");
+    EXPECT_EQ(record->mode, "quiet");  // from the runtime's mode provider
+    EXPECT_EQ(record->modelID, "background-capture");
+    EXPECT_EQ(record->modelSource, "kelvo");
+    EXPECT_TRUE(rig.appliedModes.empty());  // no forced mode
+}
+
+TEST(CaptureLifecycleTest, ElapsedClockFollowsTheSampleTime) {
+    CaptureRig rig;
+    rig.startBeta();
+    const Timestamp started = *rig.coordinator->profilingStartedAt();
+    rig.coordinator->updateProfilingClock(started + 125.7);
+    EXPECT_EQ(rig.coordinator->profilingElapsed(), QStringLiteral("02:05"));
+    rig.coordinator->updateProfilingClock(started - 30);  // clock stepped back
+    EXPECT_EQ(rig.coordinator->profilingElapsed(), QStringLiteral("00:00"));
+    rig.coordinator->updateProfilingClock(std::nan(""));
+    EXPECT_EQ(rig.coordinator->profilingElapsed(), QStringLiteral("00:00"));
+}
+
+TEST(CaptureLifecycleTest, TheLoopRecordsSamplesForTheActiveRunOnly) {
+    RigOptions options;
+    options.startLoop = true;
+    options.loopConfig.tickSeconds = 0.25;
+    CaptureRig rig(std::move(options));
+    const auto runID = rig.startBeta();
+    ASSERT_TRUE(waitFor([&] { return rig.store->runSamples(runID).size() >= 3; }));
+    rig.coordinator->beginCaptureStop(false);
+    ASSERT_TRUE(waitFor([&] {
+        return !rig.coordinator->profilingFinalizationInProgress() &&
+               !rig.coordinator->profilingIsRunning();
+    }));
+    auto active = loopCall(*rig.loop, [](ControlEngine& e) { return e.activeProfilingRunID(); });
+    active.waitForFinished();
+    EXPECT_FALSE(active.result().has_value());
+}
+
+TEST(CaptureLifecycleTest, StartDuringStoppingDoesNothing) {
+    CaptureRig rig;
+    const auto runID = rig.startBeta();
+    rig.service->failStop = [] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return std::optional<std::string>();
+    };
+    rig.coordinator->beginCaptureStop(false);
+    EXPECT_TRUE(rig.coordinator->profilingStopInProgress());
+    EXPECT_TRUE(rig.coordinator->captureInteractionLocked());
+    rig.coordinator->startBetaCapture();
+    rig.coordinator->beginCaptureStop(true);  // a second stop is ignored too
+    ASSERT_TRUE(waitFor([&] { return !rig.coordinator->profilingStopInProgress(); }));
+    EXPECT_FALSE(rig.coordinator->profilingIsRunning());
+    EXPECT_EQ(rig.coordinator->lastCompletedRunID(), runID);
+    EXPECT_FALSE(rig.service->store().activeRun().has_value());  // no second run was opened
+}
+
+TEST(CaptureLifecycleTest, StartDuringFinalizingOpensANewRunAndTheOldOutcomeIsIgnored) {
+    CaptureRig rig;
+    const auto first = rig.startBeta();
+    rig.addSamples(first, 5);
+    rig.service->exportDelayMs = 600;
+    int finished = 0;
+    QObject::connect(rig.coordinator.get(), &CaptureCoordinator::finalizationFinished,
+                     [&](qint64, const QString&, const QString&, const QString&) { ++finished; });
+    rig.coordinator->beginCaptureStop(true);
+    ASSERT_TRUE(waitFor([&] { return rig.coordinator->profilingFinalizationInProgress(); }));
+    rig.coordinator->startBetaCapture();
+    ASSERT_TRUE(waitFor([&] { return rig.coordinator->profilingIsRunning(); }));
+    const auto second = *rig.coordinator->profilingRunID();
+    EXPECT_NE(second, first);
+    EXPECT_FALSE(rig.coordinator->profilingFinalizationInProgress());
+    ASSERT_TRUE(waitFor([&] { return finished == 1; }));
+    // The old export was still made and shown, but the card belongs to the new run.
+    EXPECT_EQ(rig.revealed.size(), 1);
+    EXPECT_TRUE(rig.coordinator->profilingIsRunning());
+    EXPECT_FALSE(rig.coordinator->profilingFinalizationInProgress());
+    EXPECT_EQ(rig.coordinator->profilingMessage(),
+              QStringLiteral("Beta capture is running in the background"));
+    EXPECT_EQ(rig.coordinator->profilingRunID(), second);
+}
+
+TEST(CaptureLifecycleTest, AnAutoStopAlreadyDueAtRestoreFiresAtOnce) {
+    QTemporaryDir folder;
+    const Timestamp t0 = wallClockNow() - 20 * 60;
+    std::int64_t runID = 0;
+    {
+        RigOptions options;
+        options.now = [t0] { return t0; };
+        CaptureRig before(std::move(options), folder.path());
+        runID = before.startBeta();
+        // Still recording a moment ago: the run can be resumed.
+        before.addSamples(runID, 3, wallClockNow() - 30, 10);
+        before.abandon();
+    }
+    CaptureRig after({}, folder.path());
+    QString bundle;
+    QObject::connect(
+        after.coordinator.get(), &CaptureCoordinator::finalizationFinished,
+        [&](qint64, const QString&, const QString& path, const QString&) { bundle = path; });
+    QCoro::waitFor(after.coordinator->restorePersistentState());
+    // 20 minutes into a 15-minute plan: the stop comes at once, then the packaged export.
+    ASSERT_TRUE(waitFor([&] { return !bundle.isEmpty(); }));
+    EXPECT_EQ(after.coordinator->lastCompletedRunID(), runID);
+    EXPECT_FALSE(after.coordinator->profilingIsRunning());
+    EXPECT_TRUE(after.coordinator->profilingMessage().startsWith(
+        QStringLiteral("Capture stopped. Export packaged and revealed in Finder.")));
+}
+
+TEST(CaptureLifecycleTest, TheAutoStopHandlerStopsOnlyItsOwnRun) {
+    CaptureRig rig;
+    const auto runID = rig.startBeta();
+    rig.coordinator->handleAutoStopTimerFired(runID + 1, ProfilingWorkflowSource::betaCapture,
+                                              false);
+    EXPECT_FALSE(rig.coordinator->profilingStopInProgress());
+    rig.coordinator->handleAutoStopTimerFired(runID, ProfilingWorkflowSource::developerTools,
+                                              false);
+    EXPECT_FALSE(rig.coordinator->profilingStopInProgress());
+    EXPECT_TRUE(rig.coordinator->profilingIsRunning());
+    rig.coordinator->handleAutoStopTimerFired(runID, ProfilingWorkflowSource::betaCapture, false);
+    EXPECT_TRUE(rig.coordinator->profilingStopInProgress());
+    ASSERT_TRUE(waitFor([&] { return !rig.coordinator->profilingIsRunning(); }));
+}
+
+TEST(CaptureLifecycleTest, AZeroMinutePlanStopsAtOnceAfterCheckingTheRun) {
+    CaptureRig rig;
+    rig.coordinator->setProfilingDurationMinutes(0);
+    rig.coordinator->startBetaCapture();
+    ASSERT_TRUE(waitFor([&] { return rig.coordinator->lastCompletedRunID().has_value(); }));
+    EXPECT_FALSE(rig.coordinator->profilingIsRunning());
+}
+
+TEST(CaptureLifecycleTest, StoppingWithNoRunClearsTheFlagsAndKeepsTheMessage) {
+    CaptureRig rig;
+    QCoro::waitFor(rig.coordinator->stopProfilingAsync(true, true));
+    EXPECT_FALSE(rig.coordinator->profilingStopInProgress());
+    EXPECT_FALSE(rig.coordinator->profilingFinalizationInProgress());
+    EXPECT_EQ(rig.coordinator->profilingMessage(), QStringLiteral("Idle"));
+}
+
+TEST(CaptureLifecycleTest, StopWithoutExportSaysCaptureStopped) {
+    CaptureRig rig;
+    rig.startBeta();
+    QCoro::waitFor(rig.coordinator->stopProfilingAsync(false, false));
+    EXPECT_EQ(rig.coordinator->profilingMessage(), QStringLiteral("Capture stopped."));
+    EXPECT_EQ(rig.historyChanges, 1);
+}
+
+TEST(CaptureLifecycleTest, WorkflowLabelFallsBackToTheLastCompletedSourceThenIdle) {
+    CaptureRig rig;
+    EXPECT_EQ(rig.coordinator->currentWorkflowLabel(), QStringLiteral("Idle"));
+    EXPECT_EQ(rig.coordinator->captureActivityTint(), CaptureCoordinator::ActivityTint::secondary);
+    rig.startBeta();
+    QCoro::waitFor(rig.coordinator->stopProfilingAsync(false, false));
+    EXPECT_FALSE(rig.coordinator->activeWorkflowSource());
+    EXPECT_EQ(rig.coordinator->currentWorkflowLabel(), QStringLiteral("Beta Capture"));
+}
+
+TEST(CaptureLifecycleTest, ScriptedStartForcesTheModeAndRunsTheWorkload) {
+    RigOptions options;
+    options.runner =
+        std::make_unique<ProfilingWorkloadRunner>([] { return 4; }, [] { return nullptr; });
+    CaptureRig rig(std::move(options));
+    CaptureCoordinator::StartRequest request;
+    request.forcedMode = ControlMode::performance;
+    request.scenarioOverride = ProfilingScenario::cpuStress;
+    request.startWorkload = true;
+    request.workflowSource = ProfilingWorkflowSource::scriptedMatrix;
+    request.modelID = QStringLiteral("scripted-workload");
+    request.modelSource = QStringLiteral("kelvo");
+    QCoro::waitFor(rig.coordinator->startProfilingAsync(request));
+    EXPECT_TRUE(rig.coordinator->profilingIsRunning());
+    EXPECT_EQ(rig.coordinator->profilingMessage(), QStringLiteral("Running scripted CPU Stress"));
+    EXPECT_EQ(rig.appliedModes, std::vector<ControlMode>{ControlMode::performance});
+    EXPECT_EQ(rig.coordinator->workloadRunner().taskCount(), 2u);
+    auto mode = loopCall(*rig.loop, [](ControlEngine& e) { return e.currentMode(); });
+    mode.waitForFinished();
+    EXPECT_EQ(mode.result(), ControlMode::performance);
+    QCoro::waitFor(rig.coordinator->stopProfilingAsync(false, false));
+    EXPECT_EQ(rig.coordinator->workloadRunner().taskCount(), 0u);
+    EXPECT_EQ(rig.coordinator->profilingMessage(),
+              QStringLiteral("Run %1 completed.").arg(*rig.coordinator->lastCompletedRunID()));
+}
+
+// ----- Restore -------------------------------------------------------------------------------
+
+void openStaleRuns(const QString& folder, int count) {
+    SQLiteStore store(QDir(folder).filePath(QStringLiteral("kelvo.sqlite")).toStdString());
+    for (int i = 0; i < count; ++i)
+        ASSERT_TRUE(store.startRun("realWorkflow", ControlMode::quiet, "background-capture",
+                                   "kelvo", "", 1000 + i));
+}
+
+TEST(CaptureRestoreTest, OneAbandonedRunIsReportedInTheSingular) {
+    QTemporaryDir folder;
+    openStaleRuns(folder.path(), 1);
+    CaptureRig rig({}, folder.path());
+    QCoro::waitFor(rig.coordinator->restorePersistentState());
+    EXPECT_EQ(rig.coordinator->profilingMessage(),
+              QStringLiteral("Recovered 1 abandoned capture; previous run state was closed."));
+    EXPECT_FALSE(rig.coordinator->profilingIsRunning());
+    EXPECT_EQ(rig.rowCount(1), 1);  // closed, not deleted
+    EXPECT_EQ(rig.service->store().run(1)->status, "abandoned");
+}
+
+TEST(CaptureRestoreTest, ThreeAbandonedRunsAreReportedInThePlural) {
+    QTemporaryDir folder;
+    openStaleRuns(folder.path(), 3);
+    CaptureRig rig({}, folder.path());
+    QCoro::waitFor(rig.coordinator->restorePersistentState());
+    EXPECT_EQ(rig.coordinator->profilingMessage(),
+              QStringLiteral("Recovered 3 abandoned captures; previous run state was closed."));
+}
+
+TEST(CaptureRestoreTest, TheLastCompletedRunAndItsSourceAreRestored) {
+    QTemporaryDir folder;
+    std::int64_t runID = 0;
+    {
+        CaptureRig before({}, folder.path());
+        runID = before.startBeta();
+        QCoro::waitFor(before.coordinator->stopProfilingAsync(false, false));
+    }
+    CaptureRig after({}, folder.path());
+    QCoro::waitFor(after.coordinator->restorePersistentState());
+    EXPECT_EQ(after.coordinator->lastCompletedRunID(), runID);
+    EXPECT_EQ(after.coordinator->lastCompletedWorkflowSource(),
+              ProfilingWorkflowSource::betaCapture);
+    EXPECT_EQ(after.coordinator->profilingMessage(), QStringLiteral("Idle"));
+}
+
+TEST(CaptureRestoreTest, ARunKilledMidwayResumesAtTheNextLaunchWithItsRows) {
+    QTemporaryDir folder;
+    std::int64_t runID = 0;
+    {
+        CaptureRig before({}, folder.path());
+        runID = before.startBeta();
+        before.addSamples(runID, 12, wallClockNow() - 12);
+        auto hot = TelemetrySample{};
+        hot.timestamp = wallClockNow();
+        hot.thermalPressure = ThermalPressureLevel::serious;
+        before.evaluate(hot);
+        before.abandon();  // killed: no stop, no finalization
+    }
+    CaptureRig after({}, folder.path());
+    EXPECT_EQ(after.rowCount(runID), 12 + 1 + 1);
+    QCoro::waitFor(after.coordinator->restorePersistentState());
+    EXPECT_TRUE(after.coordinator->profilingIsRunning());
+    EXPECT_EQ(after.coordinator->profilingRunID(), runID);
+    EXPECT_EQ(after.coordinator->profilingMessage(),
+              QStringLiteral("Beta capture is running in the background"));
+    auto active = loopCall(*after.loop, [](ControlEngine& e) { return e.activeProfilingRunID(); });
+    active.waitForFinished();
+    EXPECT_EQ(active.result(), runID);
+    // Its export holds what was recorded before the kill.
+    QString exportPath;
+    QObject::connect(after.coordinator.get(), &CaptureCoordinator::finalizationFinished,
+                     [&](qint64, const QString& folderPath, const QString&, const QString&) {
+                         exportPath = folderPath;
+                     });
+    after.coordinator->beginCaptureStop(false);
+    ASSERT_TRUE(waitFor([&] { return !exportPath.isEmpty(); }));
+    QFile csv(QDir(exportPath).filePath(QStringLiteral("samples.csv")));
+    ASSERT_TRUE(csv.open(QIODevice::ReadOnly));
+    EXPECT_EQ(csv.readAll().count('\n'), 1 + 12);
+    EXPECT_EQ(after.rowCount(runID), 0);
+}
+
+TEST(CaptureRestoreTest, ARunKilledLongAgoIsClosedAndKeepsItsRows) {
+    QTemporaryDir folder;
+    std::int64_t runID = 0;
+    {
+        CaptureRig before({}, folder.path());
+        runID = before.startBeta();
+        before.addSamples(runID, 5, wallClockNow() - 3600);
+        before.store->appendRunSample(runID, TelemetrySample{});  // timestamp 0: long ago
+        before.abandon();
+    }
+    RigOptions options;
+    options.now = [] { return wallClockNow() + 3600; };
+    CaptureRig after(std::move(options), folder.path());
+    QCoro::waitFor(after.coordinator->restorePersistentState());
+    EXPECT_FALSE(after.coordinator->profilingIsRunning());
+    EXPECT_EQ(after.coordinator->profilingMessage(),
+              QStringLiteral("Recovered 1 abandoned capture; previous run state was closed."));
+    EXPECT_EQ(after.rowCount(runID), 5 + 1 + 1);
+}
+
+// ----- Database failures ---------------------------------------------------------------------
+
+TEST(CaptureFailureTest, AFailedStartKeepsThePublishedFields) {
+    CaptureRig rig;
+    rig.service->failStart = [] { return std::optional<std::string>("disk I/O error"); };
+    bool finished = false, started = true;
+    QObject::connect(rig.coordinator.get(), &CaptureCoordinator::startFinished, [&](bool ok) {
+        finished = true;
+        started = ok;
+    });
+    rig.coordinator->startBetaCapture();
+    ASSERT_TRUE(waitFor([&] { return finished; }));
+    EXPECT_FALSE(started);
+    EXPECT_EQ(rig.coordinator->profilingMessage(),
+              QStringLiteral("Failed to start profiling: disk I/O error"));
+    EXPECT_FALSE(rig.coordinator->activeWorkflowSource());
+    EXPECT_FALSE(rig.coordinator->profilingIsRunning());
+}
+
+TEST(CaptureFailureTest, ALockedDatabaseFailsTheStopAndKeepsTheRun) {
+    CaptureRig rig;
+    const auto runID = rig.startBeta();
+    rig.addSamples(runID, 6);
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(rig.dbPath.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    rig.coordinator->beginCaptureStop(true);
+    ASSERT_TRUE(waitFor([&] { return !rig.coordinator->profilingStopInProgress(); }));
+    EXPECT_TRUE(rig.coordinator->profilingMessage().startsWith(
+        QStringLiteral("Failed to stop profiling: ")));
+    EXPECT_TRUE(rig.coordinator->profilingMessage().contains(QStringLiteral("locked")));
+    EXPECT_TRUE(rig.coordinator->profilingIsRunning());
+    EXPECT_EQ(rig.coordinator->profilingRunID(), runID);
+    EXPECT_FALSE(rig.coordinator->profilingFinalizationInProgress());
+    sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    EXPECT_EQ(rig.rowCount(runID), 6 + 1);
+    // Once the lock is gone the user can stop again.
+    auto done = rig.stopAndFinalize(false);
+    ASSERT_TRUE(done);
+    EXPECT_EQ(done->runID, runID);
+    EXPECT_EQ(rig.rowCount(runID), 0);
+}
+
+// Makes every write that would grow a file fail, as a full disk does, until destroyed.
+class FullDisk {
+public:
+    explicit FullDisk(const std::vector<std::string>& files) {
+        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &previous_);
+        rlim_t largest = 0;
+        for (const auto& file : files) {
+            std::error_code ec;
+            auto size = std::filesystem::file_size(file, ec);
+            if (!ec) largest = std::max<rlim_t>(largest, size);
+        }
+        rlimit limit = previous_;
+        limit.rlim_cur = largest;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() {
+        setrlimit(RLIMIT_FSIZE, &previous_);
+        std::signal(SIGXFSZ, previousHandler_);
+    }
+
+private:
+    rlimit previous_{};
+    void (*previousHandler_)(int) = nullptr;
+};
+
+TEST(CaptureFailureTest, AFullDiskFailsTheStopAndLosesNoRows) {
+    CaptureRig rig;
+    const auto runID = rig.startBeta();
+    rig.addSamples(runID, 20);
+    {
+        FullDisk full({rig.dbPath, rig.dbPath + "-wal"});
+        rig.coordinator->beginCaptureStop(true);
+        ASSERT_TRUE(waitFor([&] { return !rig.coordinator->profilingStopInProgress(); }));
+        // SQLite reports the refused write as a full disk or an I/O error, depending on where
+        // it met the limit.
+        EXPECT_TRUE(rig.coordinator->profilingMessage().startsWith(
+            QStringLiteral("Failed to stop profiling: stop run: ")));
+        EXPECT_TRUE(rig.coordinator->profilingIsRunning());
+        EXPECT_EQ(rig.coordinator->profilingRunID(), runID);
+    }
+    EXPECT_EQ(rig.rowCount(runID), 20 + 1);
+    // With room again the same run stops and is exported.
+    auto done = rig.stopAndFinalize(false);
+    ASSERT_TRUE(done);
+    EXPECT_EQ(done->runID, runID);
+    EXPECT_FALSE(done->exportPath.isEmpty());
+}
+
+TEST(CaptureFailureTest, AnUnwritableExportFolderKeepsTheRows) {
+    CaptureRig probe;
+    QFile blocker(QDir(probe.dir).filePath(QStringLiteral("not-a-folder")));
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    RigOptions options;
+    options.profilesDirectory = QDir(blocker.fileName()).filePath(QStringLiteral("profiles"));
+    CaptureRig rig(std::move(options));
+    const auto runID = rig.startBeta();
+    rig.addSamples(runID, 4);
+    ASSERT_TRUE(rig.stopAndFinalize(true));
+    EXPECT_EQ(rig.coordinator->profilingMessage(),
+              QStringLiteral("Capture stopped. Export failed. Local SQLite capture rows were "
+                             "retained because package export did not finish."));
+    EXPECT_TRUE(rig.revealed.isEmpty());
+    EXPECT_FALSE(rig.coordinator->lastExportPath());
+    EXPECT_EQ(rig.service->clearCalls, 0);
+    EXPECT_EQ(rig.rowCount(runID), 4 + 1);
+}
+
+}  // namespace
+}  // namespace kelvo::testing

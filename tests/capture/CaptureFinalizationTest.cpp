@@ -53,7 +53,8 @@ TEST(CaptureFinalizationTest, ExportFailureWithoutBundlingAddsNoNote) {
     rig.addSamples(runID, 3);
     rig.service->failExport = [] { return std::optional<std::string>("no space left"); };
     ASSERT_TRUE(rig.stopAndFinalize(false));
-    EXPECT_EQ(rig.coordinator->profilingMessage(), QStringLiteral("Capture stopped. Export failed."));
+    EXPECT_EQ(rig.coordinator->profilingMessage(),
+              QStringLiteral("Capture stopped. Export failed."));
     EXPECT_EQ(rig.rowCount(runID), 3 + 1);
     EXPECT_EQ(rig.service->clearCalls, 0);
     EXPECT_TRUE(rig.revealed.isEmpty());
@@ -240,7 +241,8 @@ TEST(CaptureFinalizationTest, WithoutTheLaunchFlagFinalizationLeavesThePredictor
     spin(100);
     EXPECT_EQ(rig.service->refreshCalls, 0);
     EXPECT_EQ(rig.coordinator->adaptivePredictorLabel(), QStringLiteral("Baseline"));
-    EXPECT_EQ(rig.coordinator->adaptivePredictorDetail(), QStringLiteral("No adaptive model active"));
+    EXPECT_EQ(rig.coordinator->adaptivePredictorDetail(),
+              QStringLiteral("No adaptive model active"));
 }
 
 TEST(CaptureFinalizationTest, WithTheLaunchFlagFinalizationRefreshesThePredictor) {
@@ -276,7 +278,8 @@ TEST(CaptureFinalizationTest, PredictorSummaryText) {
               QStringLiteral("threshold 65%, avg lead 420ms, misses 2"));
     rig.coordinator->updateAdaptivePredictorSummary(std::nullopt);
     EXPECT_EQ(rig.coordinator->adaptivePredictorLabel(), QStringLiteral("Baseline"));
-    EXPECT_EQ(rig.coordinator->adaptivePredictorDetail(), QStringLiteral("No adaptive model active"));
+    EXPECT_EQ(rig.coordinator->adaptivePredictorDetail(),
+              QStringLiteral("No adaptive model active"));
 }
 
 }  // namespace

@@ -424,3 +424,61 @@ TEST(CaptureFailureTest, AnUnwritableExportFolderKeepsTheRows) {
 
 }  // namespace
 }  // namespace kelvo::testing
+
+namespace kelvo::testing {
+namespace {
+
+TEST(CaptureFailureTest, ADatabaseCorruptedDuringARunLosesNothing) {
+    QTemporaryDir folder;
+    std::int64_t runID = 0;
+    std::uintmax_t corruptSize = 0;
+    {
+        CaptureRig rig({}, folder.path());
+        runID = rig.startBeta();
+        rig.addSamples(runID, 300);
+        // Move every row into the main file, then overwrite all pages after the first.
+        sqlite3* raw = nullptr;
+        ASSERT_EQ(sqlite3_open(rig.dbPath.c_str(), &raw), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(raw, "PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr),
+                  SQLITE_OK);
+        sqlite3_close(raw);
+        {
+            QFile file(QString::fromStdString(rig.dbPath));
+            ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+            ASSERT_GT(file.size(), 8192);
+            file.seek(4096);
+            file.write(QByteArray(static_cast<int>(file.size() - 4096), '\xA5'));
+        }
+        corruptSize = std::filesystem::file_size(rig.dbPath);
+        bool finalized = false;
+        QObject::connect(rig.coordinator.get(), &CaptureCoordinator::finalizationFinished,
+                         [&finalized] { finalized = true; });
+        rig.coordinator->beginCaptureStop(true);
+        ASSERT_TRUE(waitFor([&] {
+            return finalized || rig.coordinator->profilingMessage().startsWith(
+                                    QStringLiteral("Failed to stop profiling: "));
+        }));
+        const QString message = rig.coordinator->profilingMessage();
+        // Whichever step meets the damage first, the run's rows are never cleared.
+        EXPECT_TRUE(message.startsWith(QStringLiteral("Failed to stop profiling: ")) ||
+                    message.startsWith(QStringLiteral("Capture stopped. Export failed.")))
+            << message.toStdString();
+        EXPECT_EQ(rig.service->clearCalls, 0);
+        EXPECT_TRUE(rig.revealed.isEmpty());
+    }
+    // The next launch keeps the damaged file aside, bytes and all, and starts a fresh one.
+    SQLiteStore reopened(
+        QDir(folder.path()).filePath(QStringLiteral("kelvo.sqlite")).toStdString());
+    auto events = reopened.takeStartupEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_NE(events[0].message.find("moved aside"), std::string::npos);
+    const auto aside =
+        QDir(folder.path()).entryList({QStringLiteral("kelvo.sqlite.corrupt-*")}, QDir::Files);
+    ASSERT_FALSE(aside.isEmpty());
+    EXPECT_EQ(std::filesystem::file_size(QDir(folder.path()).filePath(aside.first()).toStdString()),
+              corruptSize);
+    EXPECT_FALSE(reopened.activeRun().has_value());
+}
+
+}  // namespace
+}  // namespace kelvo::testing

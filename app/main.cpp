@@ -90,7 +90,7 @@ int main(int argc, char** argv) {
     auto finish = [&](int code) {
         QObject::disconnect(logConnection);
         runtime.shutdown();
-        printLine(stderr, QStringLiteral("kelvo: stopped; fans released to automatic control"));
+        printLine(stdout, QStringLiteral("kelvo: stopped; fans released to automatic control"));
         QCoreApplication::exit(code);
     };
 

@@ -117,9 +117,21 @@ QString CaptureCoordinator::captureActivityTintName() const {
 }
 
 void CaptureCoordinator::emitDerivedChanges() {
-    emit workflowLabelChanged();
-    emit interactionLockChanged();
-    emit activityTintChanged();
+    const QString label = currentWorkflowLabel();
+    if (label != publishedWorkflowLabel_) {
+        publishedWorkflowLabel_ = label;
+        emit workflowLabelChanged();
+    }
+    const bool locked = captureInteractionLocked();
+    if (locked != publishedInteractionLock_) {
+        publishedInteractionLock_ = locked;
+        emit interactionLockChanged();
+    }
+    const ActivityTint tint = captureActivityTint();
+    if (tint != publishedTint_) {
+        publishedTint_ = tint;
+        emit activityTintChanged();
+    }
 }
 
 // ----- Start ---------------------------------------------------------------------------------

@@ -309,9 +309,12 @@ private:
     QTimer finalizationWatchdogTimer_;
     QUuid finalizationToken_ = QUuid::createUuid();
     bool adaptiveRefreshEnabled_ = false;
-    bool profilingPlanTaskRunning_ = false;  // nothing starts a scripted plan yet
 
     bool startInFlight_ = false;
+    // The derived values as last announced, so their signals fire only on a change.
+    QString publishedWorkflowLabel_ = QStringLiteral("Idle");
+    bool publishedInteractionLock_ = false;
+    ActivityTint publishedTint_ = ActivityTint::secondary;
     std::function<QString()> profilesBaseDirectory_;
     std::function<void(const QString&)> reveal_;
     std::function<ProfilingResult<std::string>(const std::string&)> createBundle_;

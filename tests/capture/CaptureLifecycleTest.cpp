@@ -51,14 +51,14 @@ TEST(CaptureLifecycleTest, TheLoopRecordsSamplesForTheActiveRunOnly) {
     CaptureRig rig(std::move(options));
     const auto runID = rig.startBeta();
     ASSERT_TRUE(waitFor([&] { return rig.store->runSamples(runID).size() >= 3; }));
-    rig.coordinator->beginCaptureStop(false);
-    ASSERT_TRUE(waitFor([&] {
-        return !rig.coordinator->profilingFinalizationInProgress() &&
-               !rig.coordinator->profilingIsRunning();
-    }));
+    QCoro::waitFor(rig.coordinator->stopProfilingAsync(false, false));
     auto active = loopCall(*rig.loop, [](ControlEngine& e) { return e.activeProfilingRunID(); });
     active.waitForFinished();
     EXPECT_FALSE(active.result().has_value());
+    // Ticks after the stop add nothing to the run.
+    const auto recorded = rig.store->runSamples(runID).size();
+    spin(700);
+    EXPECT_EQ(rig.store->runSamples(runID).size(), recorded);
 }
 
 TEST(CaptureLifecycleTest, StartDuringStoppingDoesNothing) {
@@ -478,6 +478,33 @@ TEST(CaptureFailureTest, ADatabaseCorruptedDuringARunLosesNothing) {
     EXPECT_EQ(std::filesystem::file_size(QDir(folder.path()).filePath(aside.first()).toStdString()),
               corruptSize);
     EXPECT_FALSE(reopened.activeRun().has_value());
+}
+
+}  // namespace
+}  // namespace kelvo::testing
+
+namespace kelvo::testing {
+namespace {
+
+TEST(CapturePublishingTest, SignalsFireOnlyWhenAValueChanges) {
+    CaptureRig rig;
+    auto& c = *rig.coordinator;
+    int notes = 0, tint = 0, label = 0, lock = 0;
+    QObject::connect(&c, &CaptureCoordinator::betaCaptureNotesChanged, [&] { ++notes; });
+    QObject::connect(&c, &CaptureCoordinator::activityTintChanged, [&] { ++tint; });
+    QObject::connect(&c, &CaptureCoordinator::workflowLabelChanged, [&] { ++label; });
+    QObject::connect(&c, &CaptureCoordinator::interactionLockChanged, [&] { ++lock; });
+    c.setBetaCaptureNotes(QStringLiteral("a"));
+    c.setBetaCaptureNotes(QStringLiteral("a"));
+    EXPECT_EQ(notes, 1);
+    rig.startBeta();
+    EXPECT_EQ(tint, 1);   // secondary → orange
+    EXPECT_EQ(label, 1);  // Idle → Beta Capture
+    EXPECT_EQ(lock, 0);   // a running capture leaves the card usable
+    EXPECT_EQ(c.property("captureActivityTint").toString(), QStringLiteral("orange"));
+    EXPECT_EQ(c.property("profilingRunID").toLongLong(), *c.profilingRunID());
+    EXPECT_EQ(c.property("activeWorkflowSource").toString(), QStringLiteral("background-capture"));
+    EXPECT_FALSE(c.property("lastExportPath").isValid());
 }
 
 }  // namespace

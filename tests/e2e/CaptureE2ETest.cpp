@@ -49,6 +49,17 @@ public:
         }
         return false;
     }
+    bool waitForStderr(const QString& text, int timeoutMs = 30000) {
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < timeoutMs) {
+            stderrText += QString::fromUtf8(process.readAllStandardError());
+            stdoutText += QString::fromUtf8(process.readAllStandardOutput());
+            if (stderrText.contains(text)) return true;
+            process.waitForReadyRead(100);
+        }
+        return false;
+    }
     int finish(int signal, int timeoutMs = 60000) {
         ::kill(static_cast<pid_t>(process.processId()), signal);
         process.waitForFinished(timeoutMs);
@@ -88,6 +99,7 @@ TEST(CaptureE2E, SigintWrapsTheCaptureUpAndPrintsTheBundleLast) {
     QTemporaryDir home;
     CaptureProcess kelvo(home);
     kelvo.start(QStringLiteral("scripted run"));
+    ASSERT_TRUE(kelvo.waitForStderr(QStringLiteral("capture run 1 started")));
     ASSERT_TRUE(kelvo.waitForCardLines(3));
     EXPECT_EQ(kelvo.finish(SIGINT), 0) << kelvo.stderrText.toStdString();
     const QString bundle = kelvo.lastLine();
@@ -108,7 +120,9 @@ TEST(CaptureE2E, ACaptureKilledMidwayIsResumedAndExportedByTheNextLaunch) {
     {
         CaptureProcess first(home);
         first.start(QStringLiteral("killed"));
-        ASSERT_TRUE(first.waitForCardLines(4));
+        ASSERT_TRUE(first.waitForStderr(QStringLiteral("capture run 1 started")));
+        const int before = static_cast<int>(first.stdoutText.count(QStringLiteral(" mode=")));
+        ASSERT_TRUE(first.waitForCardLines(before + 3));
         first.finish(SIGKILL);
     }
     std::size_t recordedBeforeKill = 0;

@@ -11,6 +11,7 @@
 
 #include "app/LoopCall.h"
 #include "capture/CaptureCoordinator.h"
+#include "capture/GPUStressWorker.h"
 #include "foundation/HardwareCapabilityTracker.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"
@@ -106,5 +107,23 @@ BENCHMARK(BM_FinalizeExportPackage15MinuteCapture)
     ->Iterations(1)
     ->Repetitions(9)
     ->ReportAggregatesOnly(true);
+
+}  // namespace
+
+namespace {
+
+// One pass of the GPU workload (1 048 576 invocations × 1024 iterations) on whatever Vulkan
+// device the loader offers first by our preference (a software driver in CI).
+void BM_GPUStressPass(benchmark::State& state) {
+    auto worker = kelvo::GPUStressWorker::create();
+    if (!worker) {
+        state.SkipWithError("no Vulkan device");
+        return;
+    }
+    state.SetLabel(worker->deviceName());
+    for (auto _ : state)
+        if (!worker->runPass()) state.SkipWithError("the pass failed");
+}
+BENCHMARK(BM_GPUStressPass)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 }  // namespace

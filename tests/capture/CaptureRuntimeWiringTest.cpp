@@ -1,0 +1,56 @@
+// The coordinator inside the runtime, as the app wires it: the runtime feeds it every loop
+// snapshot, its mode provider answers with the runtime's mode, and start-up restores it.
+#include <gtest/gtest.h>
+
+#include <QSettings>
+
+#include "CaptureTestRig.h"
+#include "app/AppRuntime.h"
+
+namespace kelvo::testing {
+namespace {
+
+TEST(CaptureRuntimeWiringTest, TheRuntimeFeedsTheCoordinatorAndItsModeIsRecorded) {
+    QTemporaryDir home;
+    qputenv("XDG_DATA_HOME", home.filePath(QStringLiteral("data")).toUtf8());
+    QSettings settings(home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat);
+    settings.setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("performance"));
+    AppRuntimeOptions options;
+    options.arguments = {QStringLiteral("--harness-simulated-fans")};
+    options.settings = &settings;
+    options.loopConfig.tickSeconds = 0.25;
+    QStringList revealed;
+    options.makeCapture = [&](ControlLoop& loop, ProfilingService& service) {
+        CaptureCoordinatorOptions captureOptions;
+        captureOptions.profilesBaseDirectory = [&home] {
+            return home.filePath(QStringLiteral("profiles"));
+        };
+        captureOptions.reveal = [&revealed](const QString& path) { revealed << path; };
+        return std::make_unique<CaptureCoordinator>(loop, service, std::move(captureOptions));
+    };
+    AppRuntime runtime(std::move(options));
+    auto* capture = dynamic_cast<CaptureCoordinator*>(runtime.capture());
+    ASSERT_NE(capture, nullptr);
+    ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
+    EXPECT_EQ(capture->adaptivePredictorLabel(), QStringLiteral("Baseline"));
+
+    capture->startBetaCapture();
+    ASSERT_TRUE(waitFor([&] { return capture->profilingIsRunning(); }));
+    const auto runID = *capture->profilingRunID();
+    EXPECT_EQ(runtime.profilingService().store().run(runID)->mode, "performance");
+    // The elapsed clock moves with the snapshots the runtime hands over.
+    ASSERT_TRUE(waitFor([&] { return capture->profilingElapsed() != QStringLiteral("00:00"); }));
+    EXPECT_GE(runtime.profilingService().store().runSamples(runID).size(), 3u);
+
+    std::optional<QString> bundle;
+    QObject::connect(
+        capture, &CaptureCoordinator::finalizationFinished,
+        [&](qint64, const QString&, const QString& path, const QString&) { bundle = path; });
+    capture->beginCaptureStop(true);
+    ASSERT_TRUE(waitFor([&] { return bundle.has_value(); }));
+    EXPECT_TRUE(bundle->endsWith(QStringLiteral(".kelvocapture")));
+    EXPECT_EQ(revealed, QStringList{*bundle});
+}
+
+}  // namespace
+}  // namespace kelvo::testing

@@ -2,6 +2,7 @@
 
 #include <QCoroFuture>
 #include <QDir>
+#include <QFileInfo>
 #include <QtConcurrent/QtConcurrentRun>
 #include <algorithm>
 #include <cmath>
@@ -446,28 +447,9 @@ QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool p
                                                       QUuid token) {
     QPointer<CaptureCoordinator> self(this);
     QStringList notes;
-    auto currentFuture = loopCall(controlLoop_, [](ControlEngine& e) { return e.currentModel(); });
-    const std::optional<LearnedModel> current = co_await currentFuture;
+    auto modelTask = modelForExport(runID, notes);
+    const std::optional<LearnedModel> exportModel = co_await modelTask;
     if (!self) co_return;
-
-    auto& service = profilingService_;
-    const auto baseline = profilingBaselineModel_;
-    auto deriveFuture =
-        onWorker([&service, runID, baseline] { return service.deriveModel(runID, baseline); });
-    auto derived = co_await deriveFuture;
-    if (!self) co_return;
-    std::optional<LearnedModel> exportModel = current;
-    if (derived.ok()) {
-        exportModel = *derived.value;
-        auto installed = loopCall(
-            controlLoop_, [model = *derived.value](ControlEngine& e) { e.setLearnedModel(model); });
-        co_await installed;
-        if (!self) co_return;
-    } else {
-        notes << QStringLiteral(
-                     "Used the current model because post-run model derivation failed: ") +
-                     fromStd(derived.error);
-    }
 
     auto exportTask = exportProfileArtifacts(runID, exportModel, false);
     const auto artifacts = co_await exportTask;
@@ -511,18 +493,9 @@ QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool p
         }
     }
     if (clearRows) {
-        auto clearFuture = onWorker([&service, runID] { return service.clearCapturedRows(runID); });
-        const auto cleared = co_await clearFuture;
+        auto clearTask = clearRowsAfterExport(runID, notes);
+        co_await clearTask;
         if (!self) co_return;
-        if (cleared.ok()) {
-            notes << QStringLiteral(
-                         "Local SQLite capture rows were cleared after export (%1 rows).")
-                         .arg(*cleared.value);
-            if (historyDidChange_) historyDidChange_();
-        } else {
-            notes << QStringLiteral("Export succeeded but local SQLite cleanup failed: ") +
-                         fromStd(cleared.error);
-        }
     }
     QString message = outcome;
     if (!notes.isEmpty()) message += QLatin1Char(' ') + notes.join(QLatin1Char(' '));
@@ -538,6 +511,56 @@ QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool p
     emit finalizationFinished(runID, exportPath, bundlePath, message);
 }
 
+QCoro::Task<std::optional<LearnedModel>> CaptureCoordinator::modelForExport(std::int64_t runID,
+                                                                            QStringList& notes) {
+    QPointer<CaptureCoordinator> self(this);
+    auto currentFuture = loopCall(controlLoop_, [](ControlEngine& e) { return e.currentModel(); });
+    const std::optional<LearnedModel> current = co_await currentFuture;
+    if (!self) co_return current;
+    auto& service = profilingService_;
+    const auto baseline = profilingBaselineModel_;
+    auto deriveFuture =
+        onWorker([&service, runID, baseline] { return service.deriveModel(runID, baseline); });
+    auto derived = co_await deriveFuture;
+    if (!self) co_return current;
+    if (!derived.ok()) {
+        notes << QStringLiteral(
+                     "Used the current model because post-run model derivation failed: ") +
+                     fromStd(derived.error);
+        co_return current;
+    }
+    auto installed = loopCall(
+        controlLoop_, [model = *derived.value](ControlEngine& e) { e.setLearnedModel(model); });
+    co_await installed;
+    co_return derived.value;
+}
+
+QCoro::Task<> CaptureCoordinator::clearRowsAfterExport(std::int64_t runID, QStringList& notes) {
+    QPointer<CaptureCoordinator> self(this);
+    auto& service = profilingService_;
+    auto clearFuture = onWorker([&service, runID] { return service.clearCapturedRows(runID); });
+    const auto cleared = co_await clearFuture;
+    if (!self) co_return;
+    if (!cleared.ok()) {
+        notes << QStringLiteral("Export succeeded but local SQLite cleanup failed: ") +
+                     fromStd(cleared.error);
+        co_return;
+    }
+    notes << QStringLiteral("Local SQLite capture rows were cleared after export (%1 rows).")
+                 .arg(*cleared.value);
+    if (historyDidChange_) historyDidChange_();
+}
+
+QString CaptureCoordinator::newExportFolder() const {
+    const QDir base(profilesBaseDirectory_());
+    const QString name = AppBuildInfo::profileTimestampFolderName();
+    // Two exports within one second must not collide.
+    QString folder = base.filePath(name);
+    for (int n = 2; QFileInfo::exists(folder) && n < 100; ++n)
+        folder = base.filePath(name + QStringLiteral("-%1").arg(n));
+    return folder;
+}
+
 QCoro::Task<std::optional<ProfilingExportArtifacts>> CaptureCoordinator::exportProfileArtifacts(
     std::int64_t runID, std::optional<LearnedModel> modelOverride, bool updateMessage) {
     QPointer<CaptureCoordinator> self(this);
@@ -548,8 +571,7 @@ QCoro::Task<std::optional<ProfilingExportArtifacts>> CaptureCoordinator::exportP
         model = co_await currentFuture;
         if (!self) co_return std::nullopt;
     }
-    const QString folder =
-        QDir(profilesBaseDirectory_()).filePath(AppBuildInfo::profileTimestampFolderName());
+    const QString folder = newExportFolder();
     auto& service = profilingService_;
     auto exportFuture = onWorker([&service, runID, folder = folder.toStdString(), model] {
         return service.exportRun(runID, folder, model);

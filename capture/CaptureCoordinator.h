@@ -226,6 +226,10 @@ private:
     QCoro::Task<> performFinalization(std::int64_t runID, bool packageBundle, QUuid token);
     void cancelFinalizationTasks(bool resetState);
     void handleFinalizationWatchdog(QUuid token);
+    // The derived model (installed in the loop), or the loop's current one with a note.
+    QCoro::Task<std::optional<LearnedModel>> modelForExport(std::int64_t runID, QStringList& notes);
+    QCoro::Task<> clearRowsAfterExport(std::int64_t runID, QStringList& notes);
+    QString newExportFolder() const;
     QCoro::Task<std::optional<ProfilingExportArtifacts>> exportProfileArtifacts(
         std::int64_t runID, std::optional<LearnedModel> modelOverride, bool updateMessage);
     QCoro::Task<> refreshAdaptiveModelAfterFinalization(std::int64_t runID,

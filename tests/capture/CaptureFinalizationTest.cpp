@@ -88,6 +88,21 @@ TEST(CaptureFinalizationTest, ExportWithoutBundlingIsRevealedAndClearsTheRows) {
     EXPECT_GE(rig.historyChanges, 3);  // stop, export, cleanup
 }
 
+TEST(CaptureFinalizationTest, TwoExportsInOneSecondGetTwoFolders) {
+    CaptureRig rig;
+    QStringList folders;
+    for (int i = 0; i < 2; ++i) {
+        const auto runID = rig.startBeta();
+        rig.addSamples(runID, 2);
+        auto done = rig.stopAndFinalize(false);
+        ASSERT_TRUE(done);
+        folders << done->exportPath;
+    }
+    EXPECT_NE(folders[0], folders[1]);
+    for (const auto& folder : folders)
+        EXPECT_TRUE(QFileInfo::exists(QDir(folder).filePath(QStringLiteral("run.json"))));
+}
+
 TEST(CaptureFinalizationTest, CleanupOfZeroRowsStillAddsTheClearedNote) {
     CaptureRig rig;
     const auto runID = rig.startBeta();

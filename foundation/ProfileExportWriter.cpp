@@ -82,15 +82,22 @@ std::string xmlText(std::string_view text) {
 }
 
 std::string isoTime(Timestamp t) {
-    if (!std::isfinite(t)) return "";
-    const auto seconds = static_cast<std::time_t>(std::floor(t));
+    if (!std::isfinite(t) || std::abs(t) > 1e15) return "";
+    // Whole milliseconds first, so 0.725 s never prints as .724 through binary rounding.
+    const long long totalMs = std::llround(t * 1000.0);
+    long long seconds = totalMs / 1000;
+    long long millis = totalMs % 1000;
+    if (millis < 0) {
+        millis += 1000;
+        seconds -= 1;
+    }
+    const auto whole = static_cast<std::time_t>(seconds);
     std::tm utc{};
-    if (!gmtime_r(&seconds, &utc)) return "";
+    if (!gmtime_r(&whole, &utc)) return "";
     char buffer[40];
     if (std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%S", &utc) == 0) return "";
-    const int millis = std::clamp(static_cast<int>((t - std::floor(t)) * 1000), 0, 999);
     char out[48];
-    std::snprintf(out, sizeof out, "%s.%03dZ", buffer, millis);
+    std::snprintf(out, sizeof out, "%s.%03lldZ", buffer, millis);
     return out;
 }
 

@@ -216,12 +216,20 @@ TEST_F(ProfilingRunsTest, AnExportFolderHoldsTheFourFiles) {
     EXPECT_NE(json.find("\"burst_ramp\": 1"), std::string::npos);
     const auto csv = slurp(folder / "samples.csv");
     EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 31);
+    EXPECT_NE(csv.find("\n2000.000,1970-01-01T00:33:20.000Z,"), std::string::npos);
     EXPECT_NE(slurp(folder / "summary.svg").find("<polyline"), std::string::npos);
     // The same folder again is refused rather than overwritten.
     EXPECT_FALSE(service.exportRun(*id.value, folder.string(), std::nullopt).ok());
     // An unknown run exports nothing.
     EXPECT_FALSE(service.exportRun(999, (dir_ / "other").string(), std::nullopt).ok());
     EXPECT_FALSE(fs::exists(dir_ / "other"));
+}
+
+TEST(ProfileExportWriterTest, TimesAreWholeMillisecondsInUtc) {
+    TelemetrySample s;
+    s.timestamp = 1795417221.725;
+    const auto csv = ProfileExportWriter::samplesCsv({s});
+    EXPECT_NE(csv.find("1795417221.725,2026-11-23T07:00:21.725Z,"), std::string::npos) << csv;
 }
 
 TEST_F(ProfilingRunsTest, AFailedWriteLeavesNoHalfExport) {

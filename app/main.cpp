@@ -64,11 +64,13 @@ int main(int argc, char** argv) {
 
     kelvo::AppRuntimeOptions options;
     options.arguments = arguments;
-    options.makeCapture = [arguments](kelvo::ControlLoop& loop, kelvo::ProfilingService& service) {
+    const bool headless = arguments.contains(QStringLiteral("--headless"));
+    options.makeCapture = [arguments, headless](kelvo::ControlLoop& loop,
+                                                kelvo::ProfilingService& service) {
         kelvo::CaptureCoordinatorOptions captureOptions;
         captureOptions.arguments = arguments;
-        // No window to show the export in: the headless run prints where it is instead.
-        captureOptions.reveal = [](const QString&) {};
+        // Asked to stay without windows: the headless run prints where the export is instead.
+        if (headless) captureOptions.reveal = [](const QString&) {};
         return std::make_unique<kelvo::CaptureCoordinator>(loop, service,
                                                            std::move(captureOptions));
     };

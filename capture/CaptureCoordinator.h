@@ -157,7 +157,7 @@ public:
 
     bool adaptiveRefreshAfterFinalizationEnabled() const { return adaptiveRefreshEnabled_; }
     ProfilingWorkloadRunner& workloadRunner() { return *workloadRunner_; }
-    // The present Part 3.3 state, for inspection.
+    // The throttle-signal state of the open run, for inspection.
     int droopConsecutiveSamples() const { return droopConsecutiveSamples_; }
     bool droopEventLatched() const { return droopEventLatched_; }
     bool autoStopPending() const { return autoStopTimer_.isActive() || autoStopQueued_; }

@@ -438,9 +438,10 @@ void CaptureCoordinator::launchFinalization(std::int64_t runID, bool packageBund
 void CaptureCoordinator::handleFinalizationWatchdog(QUuid token) {
     if (finalizationToken_ != token || !profilingFinalizationInProgress_) return;
     setProfilingFinalizationInProgress(false);
-    setProfilingMessage(QStringLiteral(
-        "Capture stopped. Finalization is taking longer than expected. Finder will open when the "
-        "export is ready."));
+    setProfilingMessage(
+        QStringLiteral("Capture stopped. Finalization is taking longer than expected. The file "
+                       "manager will open when "
+                       "the export is ready."));
 }
 
 QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool packageBundle,
@@ -466,7 +467,8 @@ QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool p
     } else {
         exportPath = fromStd(artifacts->folder);
         if (!packageBundle) {
-            outcome = QStringLiteral("Capture stopped. Export created and revealed in Finder.");
+            outcome =
+                QStringLiteral("Capture stopped. Export created and revealed in the file manager.");
             reveal_(exportPath);
             clearRows = true;
         } else {
@@ -479,13 +481,14 @@ QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool p
                 bundlePath = fromStd(*bundle.value);
                 // The token guards the published state only: the bundle exists either way.
                 if (finalizationToken_ == token) setLastPackagedExportPath(bundlePath);
-                outcome =
-                    QStringLiteral("Capture stopped. Export packaged and revealed in Finder.");
+                outcome = QStringLiteral(
+                    "Capture stopped. Export packaged and revealed in the file manager.");
                 reveal_(bundlePath);
                 clearRows = true;
             } else {
                 outcome = QStringLiteral(
-                    "Capture stopped. Export created and revealed in Finder, but packaging "
+                    "Capture stopped. Export created and revealed in the file manager, but "
+                    "packaging "
                     "failed.");
                 notes << retained;
                 reveal_(exportPath);

@@ -148,10 +148,11 @@ TEST(CaptureEndToEndTest, AWholeCaptureOnTheSimulatedMachine) {
 
     // Rows cleared: every sample, every event and the run itself.
     EXPECT_EQ(rig.rowCount(runID), 0);
-    EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export packaged and revealed in Finder. Local "
-                             "SQLite capture rows were cleared after export (%1 rows).")
-                  .arg(sampleRows + eventRows + 1));
+    EXPECT_EQ(
+        rig.coordinator->profilingMessage(),
+        QStringLiteral("Capture stopped. Export packaged and revealed in the file manager. Local "
+                       "SQLite capture rows were cleared after export (%1 rows).")
+            .arg(sampleRows + eventRows + 1));
 }
 
 }  // namespace

@@ -30,8 +30,8 @@ TEST(CaptureFinalizationTest, ALongFinalizationUnlocksTheCardThenReportsItsOutco
     bool sawWatchdog = false;
     QObject::connect(rig.coordinator.get(), &CaptureCoordinator::profilingMessageChanged, [&] {
         if (rig.coordinator->profilingMessage() ==
-            QStringLiteral("Capture stopped. Finalization is taking longer than expected. Finder "
-                           "will open when the export is ready.")) {
+            QStringLiteral("Capture stopped. Finalization is taking longer than expected. The file "
+                           "manager will open when the export is ready.")) {
             sawWatchdog = true;
             EXPECT_FALSE(rig.coordinator->profilingFinalizationInProgress());
             EXPECT_FALSE(rig.coordinator->captureInteractionLocked());
@@ -40,9 +40,10 @@ TEST(CaptureFinalizationTest, ALongFinalizationUnlocksTheCardThenReportsItsOutco
     auto done = rig.stopAndFinalize(true);
     ASSERT_TRUE(done);
     EXPECT_TRUE(sawWatchdog);
-    EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export packaged and revealed in Finder. Local "
-                             "SQLite capture rows were cleared after export (6 rows)."));
+    EXPECT_EQ(
+        rig.coordinator->profilingMessage(),
+        QStringLiteral("Capture stopped. Export packaged and revealed in the file manager. Local "
+                       "SQLite capture rows were cleared after export (6 rows)."));
     EXPECT_EQ(rig.coordinator->lastPackagedExportPath(), done->bundlePath);
     EXPECT_EQ(rig.revealed, QStringList{done->bundlePath});
 }
@@ -78,8 +79,9 @@ TEST(CaptureFinalizationTest, ExportWithoutBundlingIsRevealedAndClearsTheRows) {
     auto done = rig.stopAndFinalize(false);
     ASSERT_TRUE(done);
     EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export created and revealed in Finder. Local SQLite "
-                             "capture rows were cleared after export (8 rows)."));
+              QStringLiteral(
+                  "Capture stopped. Export created and revealed in the file manager. Local SQLite "
+                  "capture rows were cleared after export (8 rows)."));
     EXPECT_EQ(rig.revealed, QStringList{done->exportPath});
     EXPECT_EQ(rig.coordinator->lastExportPath(), done->exportPath);
     EXPECT_FALSE(rig.coordinator->lastPackagedExportPath());
@@ -110,8 +112,9 @@ TEST(CaptureFinalizationTest, CleanupOfZeroRowsStillAddsTheClearedNote) {
     rig.service->clearedCount = [] { return std::optional<int>(0); };
     ASSERT_TRUE(rig.stopAndFinalize(false));
     EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export created and revealed in Finder. Local SQLite "
-                             "capture rows were cleared after export (0 rows)."));
+              QStringLiteral(
+                  "Capture stopped. Export created and revealed in the file manager. Local SQLite "
+                  "capture rows were cleared after export (0 rows)."));
 }
 
 TEST(CaptureFinalizationTest, AFailedDerivationExportsWithTheCurrentModel) {
@@ -122,10 +125,11 @@ TEST(CaptureFinalizationTest, AFailedDerivationExportsWithTheCurrentModel) {
     rig.service->failDerive = [] { return std::optional<std::string>("boom"); };
     auto done = rig.stopAndFinalize(false);
     ASSERT_TRUE(done);
-    EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export created and revealed in Finder. Used the "
-                             "current model because post-run model derivation failed: boom Local "
-                             "SQLite capture rows were cleared after export (3 rows)."));
+    EXPECT_EQ(
+        rig.coordinator->profilingMessage(),
+        QStringLiteral("Capture stopped. Export created and revealed in the file manager. Used the "
+                       "current model because post-run model derivation failed: boom Local "
+                       "SQLite capture rows were cleared after export (3 rows)."));
     QFile json(QDir(done->exportPath).filePath(QStringLiteral("run.json")));
     ASSERT_TRUE(json.open(QIODevice::ReadOnly));
     EXPECT_TRUE(json.readAll().contains("\"cpuReferenceClockMHz\": 4100.0"));
@@ -177,10 +181,11 @@ TEST(CaptureFinalizationTest, PackagingThatFailsHalfWayKeepsTheRowsAndTheFolder)
     rig.addSamples(runID, 200);  // more than 2 KiB of CSV
     auto done = rig.stopAndFinalize(true);
     ASSERT_TRUE(done);
-    EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export created and revealed in Finder, but "
-                             "packaging failed. ") +
-                  kRetained);
+    EXPECT_EQ(
+        rig.coordinator->profilingMessage(),
+        QStringLiteral("Capture stopped. Export created and revealed in the file manager, but "
+                       "packaging failed. ") +
+            kRetained);
     EXPECT_TRUE(done->bundlePath.isEmpty());
     EXPECT_FALSE(rig.coordinator->lastPackagedExportPath());
     EXPECT_EQ(rig.revealed, QStringList{done->exportPath});
@@ -216,9 +221,10 @@ TEST(CaptureFinalizationTest, AFailedCleanupIsReportedAndTheExportStands) {
         sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
         sqlite3_close(other);
     }
-    EXPECT_TRUE(rig.coordinator->profilingMessage().startsWith(QStringLiteral(
-        "Capture stopped. Export created and revealed in Finder. Export succeeded but local "
-        "SQLite cleanup failed: ")));
+    EXPECT_TRUE(rig.coordinator->profilingMessage().startsWith(
+        QStringLiteral("Capture stopped. Export created and revealed in the file manager. Export "
+                       "succeeded but local "
+                       "SQLite cleanup failed: ")));
     EXPECT_EQ(rig.rowCount(runID), 4 + 1);
 }
 

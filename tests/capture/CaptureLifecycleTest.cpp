@@ -128,7 +128,7 @@ TEST(CaptureLifecycleTest, AnAutoStopAlreadyDueAtRestoreFiresAtOnce) {
     EXPECT_EQ(after.coordinator->lastCompletedRunID(), runID);
     EXPECT_FALSE(after.coordinator->profilingIsRunning());
     EXPECT_TRUE(after.coordinator->profilingMessage().startsWith(
-        QStringLiteral("Capture stopped. Export packaged and revealed in Finder.")));
+        QStringLiteral("Capture stopped. Export packaged and revealed in the file manager.")));
 }
 
 TEST(CaptureLifecycleTest, TheAutoStopHandlerStopsOnlyItsOwnRun) {

@@ -112,7 +112,7 @@ TEST(CaptureE2E, SigintWrapsTheCaptureUpAndPrintsTheBundleLast) {
     EXPECT_GE(std::count(entries.at("samples.csv").begin(), entries.at("samples.csv").end(), '\n'),
               3);
     EXPECT_TRUE(kelvo.stderrText.contains(
-        QStringLiteral("Capture stopped. Export packaged and revealed in Finder.")));
+        QStringLiteral("Capture stopped. Export packaged and revealed in the file manager.")));
 }
 
 TEST(CaptureE2E, ACaptureKilledMidwayIsResumedAndExportedByTheNextLaunch) {

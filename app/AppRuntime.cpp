@@ -1,5 +1,7 @@
 #include "app/AppRuntime.h"
 
+#include <algorithm>
+
 #include <QCoreApplication>
 #include <QCoroFuture>
 #include <QFileInfo>
@@ -243,7 +245,7 @@ QCoro::Task<> AppRuntime::applyModeTask(ControlMode mode) {
     live_->clearPreview();
     auto events = eventRing_->recent(kEventReadLimit);
     live_->applyEventSnapshot(events);
-    handleAlerts(events.empty() ? eventRing_->latest() : std::optional(events.back()));
+    handleAlertsThrough(events);
 }
 
 QCoro::Task<> AppRuntime::restorePersistedModeIfNeeded() {
@@ -263,7 +265,7 @@ QCoro::Task<> AppRuntime::restorePersistedModeIfNeeded() {
     live_->setStatus(state.first);
     live_->setThrottleWarning(state.second);
     live_->applyEventSnapshot(events);
-    handleAlerts(events.empty() ? eventRing_->latest() : std::optional(events.back()));
+    handleAlertsThrough(events);
 }
 
 QFuture<void> AppRuntime::recordThroughLoop(const RuntimeEvent& event) {
@@ -366,9 +368,9 @@ QCoro::Task<> AppRuntime::handleSnapshot(std::shared_ptr<const ControlSnapshot> 
         if (!self) co_return;
         capture_->updateProfilingClock(snapshot.sample.timestamp);
     }
-    const auto latest = eventRing_->latest();
+    const auto events = eventRing_->recent(kEventReadLimit);
     if (!live_->shouldRefresh(snapshot.sample.timestamp)) {
-        handleAlerts(latest);
+        handleAlertsThrough(events);
         emit snapshotHandled(snapshot);
         co_return;
     }
@@ -384,16 +386,40 @@ QCoro::Task<> AppRuntime::handleSnapshot(std::shared_ptr<const ControlSnapshot> 
     ingest.authority = snapshot.authority;
     ingest.throttleWarning = snapshot.throttleWarning;
     ingest.gpuConfig = snapshot.gpuConfig;
-    ingest.events = eventRing_->recent(kEventReadLimit);
+    ingest.events = events;
     live_->ingest(ingest);
-    handleAlerts(latest);
+    handleAlertsThrough(events);
     emit snapshotHandled(snapshot);
+}
+
+void AppRuntime::handleAlertsThrough(const std::vector<RuntimeEvent>& events) {
+    if (events.empty()) {
+        handleAlerts(eventRing_->latest());
+        return;
+    }
+    // Every event since the last one handled, not only the newest: two events in one tick (the
+    // fallback and a start-up record, say) must not swallow an alert.
+    auto next = events.begin();
+    if (lastNotifiedEventID_) {
+        const auto seen = std::find_if(events.begin(), events.end(), [this](const auto& e) {
+            return e.id == *lastNotifiedEventID_;
+        });
+        if (seen != events.end()) {
+            next = seen + 1;
+        } else {
+            next = std::find_if(events.begin(), events.end(), [this](const auto& e) {
+                return e.timestamp > lastNotifiedEventTimestamp_;
+            });
+        }
+    }
+    for (; next != events.end(); ++next) handleAlerts(*next);
 }
 
 void AppRuntime::handleAlerts(const std::optional<RuntimeEvent>& event) {
     if (!event) return;
     if (lastNotifiedEventID_ && *lastNotifiedEventID_ == event->id) return;
     lastNotifiedEventID_ = event->id;
+    lastNotifiedEventTimestamp_ = event->timestamp;
     const QString message = QString::fromStdString(event->message);
     if (message.contains(QLatin1String("monitor+alert fallback")))
         notifications_->post(

@@ -78,6 +78,8 @@ public:
     bool startupFinished() const { return startupFinished_; }
 
     void handleAlerts(const std::optional<RuntimeEvent>& event);
+    // handleAlerts for each event (oldest first) after the last one handled.
+    void handleAlertsThrough(const std::vector<RuntimeEvent>& events);
     // Stops the loop, which gives the fans back to the firmware. Safe to call twice.
     void shutdown();
 
@@ -121,6 +123,7 @@ private:
     ExternalControlBridge* externalBridge_ = nullptr;
     std::optional<Uuid> subscriptionID_;
     std::optional<Uuid> lastNotifiedEventID_;
+    Timestamp lastNotifiedEventTimestamp_ = 0;
     QString buildIdentitySummary_ =
         QStringLiteral("app unknown (unknown), backend unknown, helper unknown");
     bool startupFinished_ = false;

@@ -145,6 +145,28 @@ TEST_F(RuntimeFixture, SameLatestEventTwiceRaisesOneNotification) {
     EXPECT_TRUE(runtime.notifications()->authorizationRequested());
 }
 
+TEST_F(RuntimeFixture, AnAlertFollowedByAnotherEventInTheSameTickIsStillRaisedOnce) {
+    AppRuntime runtime(options());
+    QStringList titles;
+    runtime.notifications()->setObserver([&](const QString& t, const QString&) { titles << t; });
+    auto fallback = RuntimeEvent::make("Entered monitor+alert fallback (helper unavailable)", true);
+    auto identity = RuntimeEvent::make("Startup build identity: app 1 (1)", false, true);
+    auto boundary = RuntimeEvent::make("Repeated boundary pressure while in Quiet");
+    identity.timestamp = fallback.timestamp + 0.001;
+    boundary.timestamp = identity.timestamp + 1;
+    runtime.handleAlertsThrough({fallback, identity});
+    EXPECT_EQ(titles, QStringList{QStringLiteral("Kelvo fallback mode")});
+    runtime.handleAlertsThrough({fallback, identity});
+    runtime.handleAlertsThrough({fallback, identity, boundary});
+    EXPECT_EQ(titles, (QStringList{QStringLiteral("Kelvo fallback mode"),
+                                   QStringLiteral("Kelvo boundary warning")}));
+    // The last handled event has left the window: only newer events count.
+    auto older = RuntimeEvent::make("Entered monitor+alert fallback (helper unavailable)", true);
+    older.timestamp = boundary.timestamp - 5;
+    runtime.handleAlertsThrough({older});
+    EXPECT_EQ(titles.size(), 2);
+}
+
 TEST_F(RuntimeFixture, OneMessageCanRaiseSeveralAlertsAndBoundaryNamesTheRuntimeMode) {
     settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("performance"));
     AppRuntime runtime(options());

@@ -1,0 +1,131 @@
+// Runs control_quality on a short trace and checks the CSV it writes: the columns, one row per
+// machine and controller, every figure finite and inside its possible range. Never the targets.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <cmath>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kSeconds = 150;
+
+std::vector<std::string> splitCsv(const std::string& line) {
+    std::vector<std::string> cells;
+    std::stringstream stream(line);
+    std::string cell;
+    while (std::getline(stream, cell, ',')) cells.push_back(cell);
+    return cells;
+}
+
+struct Csv {
+    std::vector<std::string> header;
+    std::vector<std::map<std::string, std::string>> rows;
+};
+
+Csv readCsv(const std::filesystem::path& path) {
+    Csv csv;
+    std::ifstream file(path);
+    std::string line;
+    if (!std::getline(file, line)) return csv;
+    csv.header = splitCsv(line);
+    while (std::getline(file, line)) {
+        auto cells = splitCsv(line);
+        std::map<std::string, std::string> row;
+        for (std::size_t i = 0; i < cells.size() && i < csv.header.size(); ++i)
+            row[csv.header[i]] = cells[i];
+        if (cells.size() != csv.header.size()) row["__width"] = std::to_string(cells.size());
+        csv.rows.push_back(std::move(row));
+    }
+    return csv;
+}
+
+double number(const std::map<std::string, std::string>& row, const std::string& column) {
+    auto it = row.find(column);
+    if (it == row.end()) return NAN;
+    char* end = nullptr;
+    double value = std::strtod(it->second.c_str(), &end);
+    return end && *end == '\0' && !it->second.empty() ? value : NAN;
+}
+
+class ControlQualitySmoke : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = std::filesystem::temp_directory_path() /
+               ("control_quality_smoke_" + std::to_string(::getpid()));
+        std::filesystem::create_directories(dir_);
+        std::string command = std::string(CONTROL_QUALITY_BIN) + " --trace compile --max-seconds " +
+                              std::to_string(kSeconds) + " --csv " + (dir_ / "out.csv").string() +
+                              " --svg-dir " + (dir_ / "svg").string() + " > " +
+                              (dir_ / "stdout.txt").string();
+        status_ = std::system(command.c_str());
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+
+    std::filesystem::path dir_;
+    int status_ = -1;
+};
+
+TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
+    ASSERT_EQ(status_, 0);
+    Csv csv = readCsv(dir_ / "out.csv");
+    for (const char* column :
+         {"controller", "trace", "peak_c", "p95_c", "over_limit_s", "throttled_s", "retention",
+          "mean_rpm", "audible_changes_per_h", "rpm_sd"}) {
+        EXPECT_NE(std::find(csv.header.begin(), csv.header.end(), column), csv.header.end())
+            << column;
+    }
+    std::set<std::string> controllers;
+    std::set<std::string> machines;
+    for (const auto& row : csv.rows) {
+        ASSERT_EQ(row.count("__width"), 0u) << "a row with a different width than the header";
+        EXPECT_EQ(row.at("trace"), "compile");
+        controllers.insert(row.at("controller"));
+        machines.insert(row.at("machine"));
+        for (const auto& column : csv.header) {
+            if (column == "machine" || column == "controller" || column == "trace") continue;
+            EXPECT_TRUE(std::isfinite(number(row, column)))
+                << row.at("controller") << " " << column;
+        }
+        EXPECT_GE(number(row, "peak_c"), number(row, "p95_c"));
+        EXPECT_GT(number(row, "p95_c"), 0.0);
+        EXPECT_GE(number(row, "over_limit_s"), 0.0);
+        EXPECT_LE(number(row, "over_limit_s"), kSeconds);
+        EXPECT_GE(number(row, "throttled_s"), 0.0);
+        EXPECT_LE(number(row, "throttled_s"), kSeconds);
+        EXPECT_GT(number(row, "retention"), 0.0);
+        EXPECT_LE(number(row, "retention"), 1.0);
+        EXPECT_GT(number(row, "mean_rpm"), 0.0);
+        EXPECT_GE(number(row, "audible_changes_per_h"), 0.0);
+        EXPECT_GE(number(row, "rpm_sd"), 0.0);
+    }
+    EXPECT_EQ(controllers, (std::set<std::string>{"quiet", "quietHybrid", "performance",
+                                                  "linear-curve", "stepped-hysteresis", "pid"}));
+    EXPECT_GE(machines.size(), 2u);
+    EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
+}
+
+TEST_F(ControlQualitySmoke, DrawsOneChartPerMachineAndTrace) {
+    ASSERT_EQ(status_, 0);
+    int charts = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_ / "svg")) {
+        std::ifstream file(entry.path());
+        std::string text((std::istreambuf_iterator<char>(file)), {});
+        EXPECT_EQ(text.rfind("<svg", 0), 0u) << entry.path();
+        EXPECT_NE(text.find("<polyline"), std::string::npos) << entry.path();
+        EXPECT_NE(text.find("</svg>"), std::string::npos) << entry.path();
+        ++charts;
+    }
+    EXPECT_EQ(charts, 2);
+}
+
+}  // namespace

@@ -1,0 +1,22 @@
+// The simulated machines the controllers are judged on.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "foundation/sim/ThermalPlant.h"
+
+namespace kelvo::quality {
+
+struct MachineProfile {
+    std::string name;
+    sim::PlantConfig plant;
+};
+
+// A thin laptop: little thermal mass, one small fast fan, a heatsink that needs airflow.
+MachineProfile thinLaptop();
+// A desktop with a large tower cooler: big slow fans, a heavy sink, much more power.
+MachineProfile desktopLargeCooler();
+std::vector<MachineProfile> standardMachines();
+
+}  // namespace kelvo::quality

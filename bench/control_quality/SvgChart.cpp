@@ -1,0 +1,125 @@
+#include "SvgChart.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+
+namespace kelvo::quality {
+
+namespace {
+
+constexpr double kWidth = 1000;
+constexpr double kLeft = 70;
+constexpr double kRight = 20;
+constexpr std::size_t kMaxPoints = 1200;
+const char* const kColours[] = {"#1f77b4", "#2ca02c", "#d62728", "#9467bd",
+                                "#8c564b", "#e377c2", "#7f7f7f", "#bcbd22"};
+
+double hottest(const SeriesPoint& p) {
+    return std::max(p.cpuC, p.gpuC);
+}
+
+std::string number(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", value);
+    return text;
+}
+
+}  // namespace
+
+double SvgChart::seconds() const {
+    std::size_t longest = 1;
+    for (const auto& line : lines_) longest = std::max(longest, line.series.size());
+    return static_cast<double>(longest);
+}
+
+std::string SvgChart::polyline(const std::vector<SeriesPoint>& series, const Panel& panel, bool rpm,
+                               const std::string& colour) const {
+    const double plotWidth = kWidth - kLeft - kRight;
+    const std::size_t stride = std::max<std::size_t>(1, series.size() / kMaxPoints);
+    std::string points;
+    for (std::size_t i = 0; i < series.size(); i += stride) {
+        const double value = rpm ? series[i].rpm : hottest(series[i]);
+        const double x = kLeft + plotWidth * static_cast<double>(i) / seconds();
+        const double y =
+            panel.top + panel.height * (1 - (value - panel.lo) / (panel.hi - panel.lo));
+        points +=
+            number(x) + "," + number(std::clamp(y, panel.top, panel.top + panel.height)) + " ";
+    }
+    return "<polyline fill=\"none\" stroke=\"" + colour + "\" stroke-width=\"1.2\" points=\"" +
+           points + "\"/>\n";
+}
+
+std::string SvgChart::axes(const Panel& panel, const std::string& label, double step) const {
+    std::string out = "<rect x=\"" + number(kLeft) + "\" y=\"" + number(panel.top) + "\" width=\"" +
+                      number(kWidth - kLeft - kRight) + "\" height=\"" + number(panel.height) +
+                      "\" fill=\"none\" stroke=\"#999\"/>\n";
+    for (double v = std::ceil(panel.lo / step) * step; v <= panel.hi; v += step) {
+        const double y = panel.top + panel.height * (1 - (v - panel.lo) / (panel.hi - panel.lo));
+        out += "<line x1=\"" + number(kLeft) + "\" x2=\"" + number(kWidth - kRight) + "\" y1=\"" +
+               number(y) + "\" y2=\"" + number(y) + "\" stroke=\"#eee\"/>\n";
+        out += "<text x=\"" + number(kLeft - 6) + "\" y=\"" + number(y + 4) +
+               "\" text-anchor=\"end\">" + std::to_string(static_cast<int>(v)) + "</text>\n";
+    }
+    out += "<text x=\"14\" y=\"" + number(panel.top + panel.height / 2) +
+           "\" transform=\"rotate(-90 14 " + number(panel.top + panel.height / 2) +
+           ")\" text-anchor=\"middle\">" + label + "</text>\n";
+    return out;
+}
+
+std::string SvgChart::legend() const {
+    std::string out;
+    double x = kLeft;
+    for (std::size_t i = 0; i < lines_.size(); ++i) {
+        const std::string colour = kColours[i % std::size(kColours)];
+        out += "<rect x=\"" + number(x) + "\" y=\"38\" width=\"14\" height=\"4\" fill=\"" + colour +
+               "\"/><text x=\"" + number(x + 18) + "\" y=\"44\">" + lines_[i].controller +
+               "</text>\n";
+        x += 30 + 8.0 * static_cast<double>(lines_[i].controller.size());
+    }
+    return out;
+}
+
+std::string SvgChart::render() const {
+    double tLo = 1e9, tHi = -1e9, rHi = 0;
+    for (const auto& line : lines_)
+        for (const auto& p : line.series) {
+            tLo = std::min(tLo, hottest(p));
+            tHi = std::max(tHi, hottest(p));
+            rHi = std::max(rHi, p.rpm);
+        }
+    Panel temps{60, 300, std::floor(std::min(tLo, 40.0) / 10) * 10,
+                std::ceil(std::max(tHi, std::max(cpuLimitC_, gpuLimitC_) + 2) / 10) * 10};
+    Panel rpm{400, 260, 0, std::max(1000.0, std::ceil(rHi / 500) * 500)};
+    std::string svg =
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"1000\" height=\"720\" "
+        "font-family=\"sans-serif\" font-size=\"12\">\n<rect width=\"100%\" height=\"100%\" "
+        "fill=\"white\"/>\n<text x=\"" +
+        number(kLeft) + "\" y=\"22\" font-size=\"16\">" + title_ + "</text>\n";
+    svg += legend();
+    svg += axes(temps, "hotter die, C", 10);
+    svg += axes(rpm, "mean fan speed, rpm", rpm.hi > 3000 ? 1000 : 250);
+    const double limitY =
+        temps.top + temps.height * (1 - (cpuLimitC_ - temps.lo) / (temps.hi - temps.lo));
+    svg += "<line x1=\"" + number(kLeft) + "\" x2=\"" + number(kWidth - kRight) + "\" y1=\"" +
+           number(limitY) + "\" y2=\"" + number(limitY) +
+           "\" stroke=\"#d62728\" stroke-dasharray=\"4 4\"/>\n";
+    for (std::size_t i = 0; i < lines_.size(); ++i) {
+        const std::string colour = kColours[i % std::size(kColours)];
+        svg += polyline(lines_[i].series, temps, false, colour);
+        svg += polyline(lines_[i].series, rpm, true, colour);
+    }
+    svg += "<text x=\"" + number(kLeft) +
+           "\" y=\"690\">time: " + std::to_string(static_cast<int>(seconds())) +
+           " s (simulated)</text>\n</svg>\n";
+    return svg;
+}
+
+bool SvgChart::write(const std::string& path) const {
+    std::ofstream file(path);
+    file << render();
+    return static_cast<bool>(file);
+}
+
+}  // namespace kelvo::quality

@@ -12,6 +12,9 @@ constexpr double kMaxFallPerSecond = 0.02;
 constexpr double kAnticipationDuty = 0.55;
 constexpr double kPowerRiseWatts = 12;
 constexpr double kTrendSeconds = 3;
+// A burst shorter than this (opening an application) is not the sustained load anticipation is
+// for: raising the fans for it only adds noise.
+constexpr double kSustainedConfirmSeconds = 3;
 }  // namespace
 
 ControlPolicy::ControlPolicy(ControlLimits limits) : limits_(limits) {}
@@ -21,6 +24,10 @@ void ControlPolicy::reset(double duty) {
     sinceIncrease_ = 1e9;
     anticipationLeft_ = 0;
     powerTrend_.clear();
+    highLoadSince_.reset();
+    lastHighLoad_.reset();
+    powerRoseUnderLoad_ = false;
+    freshLoad_ = false;
 }
 
 double ControlPolicy::cpuLimit(ControlMode) const {
@@ -51,8 +58,49 @@ bool ControlPolicy::predictsSustainedLoad(const TelemetrySample& sample,
     while (!powerTrend_.empty() && sample.timestamp - powerTrend_.front().first > kTrendSeconds)
         powerTrend_.pop_front();
     auto util = sample.maxUtilizationPct();
-    if (!util || *util < model.utilizationThresholdPct || powerTrend_.size() < 2) return false;
-    return powerTrend_.back().second - powerTrend_.front().second >= kPowerRiseWatts;
+    if (!util || *util < model.utilizationThresholdPct) {
+        highLoadSince_.reset();
+        powerRoseUnderLoad_ = false;
+        return false;
+    }
+    if (!highLoadSince_) {
+        highLoadSince_ = sample.timestamp;
+        // A pause shorter than the lead (a link step, a loading screen) leaves the heat of the
+        // load before it in place: the same workload goes on, and it was anticipated already.
+        const double leadSeconds = model.averageLeadMs / 1000.0;
+        freshLoad_ = !lastHighLoad_ || sample.timestamp - *lastHighLoad_ > leadSeconds;
+    }
+    lastHighLoad_ = sample.timestamp;
+    if (powerTrend_.size() >= 2 &&
+        powerTrend_.back().second - powerTrend_.front().second >= kPowerRiseWatts)
+        powerRoseUnderLoad_ = true;
+    return freshLoad_ && powerRoseUnderLoad_ &&
+           sample.timestamp - *highLoadSince_ >= kSustainedConfirmSeconds - 1e-9;
+}
+
+// Anticipation lifts the integrator itself, so when it ends the fans come down by the same slow
+// rules as after any rise instead of dropping back audibly. A load that falls away before the
+// window is over ends it early: the prediction missed.
+void ControlPolicy::anticipate(const TelemetrySample& sample, double dt,
+                               const AdaptiveLeadModel& model, PolicyOutput& out) {
+    if (predictsSustainedLoad(sample, model)) {
+        // One window per rise: a load that simply stays high does not keep renewing it.
+        powerRoseUnderLoad_ = false;
+        anticipationLeft_ = std::max(anticipationLeft_, model.averageLeadMs / 1000.0 + 5);
+    }
+    if (!highLoadSince_) anticipationLeft_ = 0;
+    if (anticipationLeft_ <= 0) return;
+    anticipationLeft_ -= dt;
+    sinceIncrease_ = 0;
+    if (duty_ < kAnticipationDuty) {
+        duty_ = kAnticipationDuty;
+        out.duty = duty_;
+        out.anticipating = true;
+        out.reason = "anticipating sustained load";
+    } else if (out.reason == "holding" || out.reason == "below setpoint") {
+        out.anticipating = true;
+        out.reason = "anticipating sustained load";
+    }
 }
 
 PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& sample, double dt,
@@ -75,7 +123,10 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         sinceIncrease_ = 0;
         out.reason = "above setpoint";
     } else if (excess < -limits_.hysteresisC && sinceIncrease_ >= limits_.decreaseHoldSeconds) {
-        double fall = std::min(kMaxFallPerSecond, kFallGainPerDegreeSecond * -excess) * dt;
+        // Measured from the band's lower edge: the fans settle just under the band instead of
+        // sliding through it and coming back up with a second audible change.
+        double under = -excess - limits_.hysteresisC;
+        double fall = std::min(kMaxFallPerSecond, kFallGainPerDegreeSecond * under) * dt;
         duty_ = std::max(0.0, duty_ - fall);
         out.reason = "below setpoint";
     } else {
@@ -94,18 +145,7 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     }
 
     out.duty = duty_;
-    if (mode == ControlMode::quietHybrid && leadModel) {
-        if (predictsSustainedLoad(sample, *leadModel))
-            anticipationLeft_ = std::max(anticipationLeft_, leadModel->averageLeadMs / 1000.0 + 5);
-        if (anticipationLeft_ > 0) {
-            anticipationLeft_ -= dt;
-            if (out.duty < kAnticipationDuty) {
-                out.duty = kAnticipationDuty;
-                out.anticipating = true;
-                out.reason = "anticipating sustained load";
-            }
-        }
-    }
+    if (mode == ControlMode::quietHybrid && leadModel) anticipate(sample, dt, *leadModel, out);
     return out;
 }
 

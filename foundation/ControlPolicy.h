@@ -46,12 +46,18 @@ public:
 private:
     double setpointExcess(ControlMode mode, const TelemetrySample& sample) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
+    void anticipate(const TelemetrySample& sample, double dt, const AdaptiveLeadModel& model,
+                    PolicyOutput& out);
 
     ControlLimits limits_;
     double duty_ = 0;
     double sinceIncrease_ = 1e9;
     double anticipationLeft_ = 0;
     std::deque<std::pair<Timestamp, double>> powerTrend_;
+    std::optional<Timestamp> highLoadSince_;  // utilisation over the model's threshold since
+    std::optional<Timestamp> lastHighLoad_;
+    bool powerRoseUnderLoad_ = false;
+    bool freshLoad_ = false;  // the load began after a pause longer than the lead
 };
 
 }  // namespace kelvo

@@ -59,8 +59,12 @@ MachineProfile desktopLargeCooler() {
     return {"desktop-large-cooler", p};
 }
 
+MachineProfile simulatedDefault() {
+    return {"sim-default", sim::PlantConfig{}};
+}
+
 std::vector<MachineProfile> standardMachines() {
-    return {thinLaptop(), desktopLargeCooler()};
+    return {thinLaptop(), desktopLargeCooler(), simulatedDefault()};
 }
 
 }  // namespace kelvo::quality

@@ -17,6 +17,8 @@ struct MachineProfile {
 MachineProfile thinLaptop();
 // A desktop with a large tower cooler: big slow fans, a heavy sink, much more power.
 MachineProfile desktopLargeCooler();
+// The machine `kelvo --harness-simulated-fans` runs on: a compact desktop, two fans.
+MachineProfile simulatedDefault();
 std::vector<MachineProfile> standardMachines();
 
 }  // namespace kelvo::quality

@@ -86,15 +86,16 @@ bool ReportWriter::checkHybrid(std::ostream& out, const QualityRow& hybrid) cons
                       where.c_str(), hybrid.throttledS);
         return true;
     }
-    const double changesCut =
-        fewestChanges->audibleChangesPerHour > 0
-            ? 1.0 - hybrid.audibleChangesPerHour / fewestChanges->audibleChangesPerHour
-            : (hybrid.audibleChangesPerHour > 0 ? -1.0 : 1.0);
+    const double baseChanges = fewestChanges->audibleChangesPerHour;
+    const double changesCut = baseChanges > 0 ? 1.0 - hybrid.audibleChangesPerHour / baseChanges
+                                              : (hybrid.audibleChangesPerHour > 0 ? -1.0 : 1.0);
     const double rpmCut = 1.0 - hybrid.meanRPM / lowestRPM->meanRPM;
     const bool met = changesCut >= kChangesReduction && rpmCut >= kRPMReduction;
-    out << format("  %-36s changes %+.0f%% vs %s, mean rpm %+.0f%% vs %s: %s\n", where.c_str(),
-                  -changesCut * 100, fewestChanges->controller.c_str(), -rpmCut * 100,
-                  lowestRPM->controller.c_str(), met ? "met" : "MISSED");
+    out << format(
+        "  %-34s changes/h %5.1f vs %5.1f %-18s  rpm %5.0f vs %5.0f (%+4.0f%%) %-18s %s\n",
+        where.c_str(), hybrid.audibleChangesPerHour, baseChanges, fewestChanges->controller.c_str(),
+        hybrid.meanRPM, lowestRPM->meanRPM, -rpmCut * 100, lowestRPM->controller.c_str(),
+        met ? "met" : "MISSED");
     return met;
 }
 

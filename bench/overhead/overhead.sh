@@ -68,7 +68,7 @@ measure() {
     local rss hwm
     rss="$(status_kb "$pid" VmRSS)"
     hwm="$(status_kb "$pid" VmHWM)"
-    kill -INT "$pid"
+    kill -TERM "$pid"
     wait "$pid" 2>/dev/null || true
     pid=""
     awk -v label="$label" -v c="$((c1 - c0))" -v hz="$ticks_per_second" -v t0="$t0" -v t1="$t1" \

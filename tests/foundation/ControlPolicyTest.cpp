@@ -72,6 +72,91 @@ TEST(ControlPolicy, QuietHybridAnticipatesARisingLoadOnlyWithALeadModel) {
     EXPECT_DOUBLE_EQ(b.duty, 0.0);
 }
 
+namespace {
+AdaptiveLeadModel fourSecondLead() {
+    AdaptiveLeadModel model;
+    model.utilizationThresholdPct = 70;
+    model.averageLeadMs = 4000;
+    return model;
+}
+
+// One second of quietHybrid at a cool temperature: busy (95 %) at `power` watts, or idle.
+PolicyOutput hybridTick(ControlPolicy& policy, Timestamp t, bool busy, double power) {
+    TelemetrySample s = temps(t, 55, 50);
+    s.cpuUtilizationPct = busy ? 95 : 5;
+    s.totalPowerW = power;
+    return policy.decide(ControlMode::quietHybrid, s, 1.0, fourSecondLead());
+}
+}  // namespace
+
+TEST(ControlPolicy, QuietHybridLeavesABurstShorterThanThreeSecondsAlone) {
+    ControlPolicy policy;
+    EXPECT_FALSE(hybridTick(policy, 0, false, 10).anticipating);
+    EXPECT_FALSE(hybridTick(policy, 1, true, 60).anticipating);
+    EXPECT_FALSE(hybridTick(policy, 2, true, 60).anticipating);
+    for (Timestamp t = 3; t < 20; ++t) {
+        auto out = hybridTick(policy, t, false, 10);
+        EXPECT_FALSE(out.anticipating);
+        EXPECT_DOUBLE_EQ(out.duty, 0.0);
+    }
+}
+
+TEST(ControlPolicy, QuietHybridAnticipatesOncePerWorkloadAndAgainAfterALongPause) {
+    ControlPolicy policy;
+    hybridTick(policy, 0, false, 10);
+    bool anticipated = false;
+    for (Timestamp t = 1; t <= 4; ++t) anticipated = hybridTick(policy, t, true, 60).anticipating;
+    ASSERT_TRUE(anticipated);
+    // A two-second dip (shorter than the four-second lead) is the same workload going on.
+    hybridTick(policy, 5, false, 10);
+    hybridTick(policy, 6, false, 10);
+    for (Timestamp t = 7; t <= 12; ++t)
+        EXPECT_FALSE(hybridTick(policy, t, true, 60).anticipating) << t;
+    // A pause longer than the lead ends it: the next load is new and is anticipated again.
+    for (Timestamp t = 13; t <= 22; ++t) hybridTick(policy, t, false, 10);
+    anticipated = false;
+    for (Timestamp t = 23; t <= 26; ++t)
+        anticipated = anticipated || hybridTick(policy, t, true, 60).anticipating;
+    EXPECT_TRUE(anticipated);
+}
+
+TEST(ControlPolicy, QuietHybridAnticipationEndsWithoutADrop) {
+    ControlPolicy policy;
+    hybridTick(policy, 0, false, 10);
+    PolicyOutput out;
+    Timestamp t = 1;
+    for (; t <= 4; ++t) out = hybridTick(policy, t, true, 60);
+    ASSERT_TRUE(out.anticipating);
+    double previous = out.duty;
+    // Lead plus five seconds of anticipation, then the ordinary hold and slow fall.
+    for (; t <= 60; ++t) {
+        out = hybridTick(policy, t, true, 60);
+        EXPECT_LE(previous - out.duty, 0.02 + 1e-9) << t;
+        previous = out.duty;
+    }
+    EXPECT_LT(previous, 0.55);
+}
+
+TEST(ControlPolicy, QuietFallsFasterTheFurtherItIsUnderTheHysteresisBand) {
+    ControlPolicy nearBand;
+    ControlPolicy farBelow;
+    for (auto* policy : {&nearBand, &farBelow})
+        policy->decide(ControlMode::quiet, temps(0, 87, 50), 1.0, std::nullopt);
+    const double raised = nearBand.duty();
+    for (int i = 1; i <= 11; ++i) {  // the twelve-second hold
+        nearBand.decide(ControlMode::quiet, temps(i, 79, 50), 1.0, std::nullopt);
+        farBelow.decide(ControlMode::quiet, temps(i, 60, 50), 1.0, std::nullopt);
+    }
+    // 83 °C setpoint, 3 °C band: 79 °C is one degree under the band's lower edge.
+    double near = nearBand.decide(ControlMode::quiet, temps(12, 79, 50), 1.0, std::nullopt).duty;
+    double far = farBelow.decide(ControlMode::quiet, temps(12, 60, 50), 1.0, std::nullopt).duty;
+    EXPECT_NEAR(raised - near, 0.004, 1e-9);
+    EXPECT_NEAR(raised - far, 0.02, 1e-9);
+    // Inside the band nothing moves.
+    EXPECT_DOUBLE_EQ(nearBand.decide(ControlMode::quiet, temps(13, 81, 50), 1.0, std::nullopt).duty,
+                     near);
+}
+
 TEST(ControlPolicy, NoTemperatureRunsAtASafeMiddleSpeed) {
     ControlPolicy policy;
     TelemetrySample s;

@@ -9,6 +9,9 @@ namespace {
 constexpr double kRiseGainPerDegreeSecond = 0.04;
 constexpr double kFallGainPerDegreeSecond = 0.004;
 constexpr double kMaxFallPerSecond = 0.02;
+// Within this much over the setpoint the rise eases in (quadratically), so a degree of drift does
+// not step the fans audibly; beyond it the full gain applies.
+constexpr double kSoftRiseC = 2;
 constexpr double kAnticipationDuty = 0.55;
 constexpr double kPowerRiseWatts = 12;
 constexpr double kTrendSeconds = 3;
@@ -119,7 +122,8 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     double riseGain =
         mode == ControlMode::performance ? 2 * kRiseGainPerDegreeSecond : kRiseGainPerDegreeSecond;
     if (excess > 0) {
-        duty_ = std::min(1.0, duty_ + riseGain * excess * dt);
+        const double eased = excess * std::min(1.0, excess / kSoftRiseC);
+        duty_ = std::min(1.0, duty_ + riseGain * eased * dt);
         sinceIncrease_ = 0;
         out.reason = "above setpoint";
     } else if (excess < -limits_.hysteresisC && sinceIncrease_ >= limits_.decreaseHoldSeconds) {

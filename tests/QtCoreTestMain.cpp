@@ -1,5 +1,6 @@
-// The coordinator needs a Qt application object; every test also runs with its own data and
-// config homes so that nothing touches the user's files.
+// Test main for the areas whose code needs a Qt core application object (stores, coroutine
+// helpers, the capture coordinator); every test also runs with its own data and config homes so
+// that nothing touches the user's files.
 #include <gtest/gtest.h>
 #include <QCoreApplication>
 #include <QDir>

@@ -1,17 +1,29 @@
-// kelvo: runs the thermal-control runtime. Without a window yet, it always runs headless and
-// logs one line per card update; SIGINT/SIGTERM give the fans back and exit cleanly.
+// kelvo: runs the thermal-control runtime with its tray item and dashboard window. With
+// "--headless" it runs without any window and logs one line per card update; SIGINT/SIGTERM give
+// the fans back and exit cleanly either way.
+// "--autostart on|off" adds or removes the desktop's autostart entry and exits.
+// "--report-first-frame" prints how long the launch took to the dashboard's first frame.
 // "--capture [--capture-notes TEXT]" records a beta capture from launch: the first SIGINT stops
 // it, finalizes, exports and packages it, and prints the bundle's path as the last line.
 #include <sys/socket.h>
 #include <unistd.h>
-#include <QCoreApplication>
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QQuickWindow>
+#include <QSettings>
 #include <QSocketNotifier>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 
 #include "app/AppRuntime.h"
 #include "app/HeadlessLog.h"
+#include "app/shell/AppLifecycleController.h"
+#include "app/shell/AutostartEntry.h"
+#include "app/shell/KelvoIcon.h"
 #include "capture/CaptureCoordinator.h"
+#include "dashboard/view/DashboardView.h"
 
 namespace {
 int signalPipe[2] = {-1, -1};
@@ -45,17 +57,71 @@ void printLine(std::FILE* stream, const QString& line) {
     std::fprintf(stream, "%s\n", line.toUtf8().constData());
     std::fflush(stream);
 }
+
+bool nonEmptyEnvironment(const char* name) {
+    const char* value = std::getenv(name);
+    return value && *value;
+}
+
+// An X11 or Wayland session, or a Qt platform chosen explicitly.
+bool displayAvailable() {
+    return nonEmptyEnvironment("DISPLAY") || nonEmptyEnvironment("WAYLAND_DISPLAY") ||
+           nonEmptyEnvironment("QT_QPA_PLATFORM");
+}
+
+bool wantsHeadless(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (QLatin1String(argv[i]) == QLatin1String("--headless")) return true;
+    return false;
+}
+
+int applyAutostart(const QStringList& arguments) {
+    const QString choice = argumentValue(arguments, QStringLiteral("--autostart"));
+    if (choice != QLatin1String("on") && choice != QLatin1String("off")) {
+        printLine(stderr, QStringLiteral("kelvo: --autostart takes \"on\" or \"off\""));
+        return 2;
+    }
+    const bool enable = choice == QLatin1String("on");
+    if (!kelvo::setAutostartEnabled(enable, QCoreApplication::applicationFilePath())) {
+        printLine(stderr, QStringLiteral("kelvo: cannot change ") + kelvo::autostartEntryPath());
+        return 1;
+    }
+    printLine(stdout, (enable ? QStringLiteral("kelvo: starts with the desktop (")
+                              : QStringLiteral("kelvo: no longer starts with the desktop (")) +
+                          kelvo::autostartEntryPath() + QLatin1Char(')'));
+    return 0;
+}
 }  // namespace
 
 int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
+    QElapsedTimer launchClock;
+    launchClock.start();
+    const bool headless = wantsHeadless(argc, argv);
+    if (!headless && !displayAvailable()) {
+        std::fprintf(stderr,
+                     "kelvo: no display found (neither X11 nor Wayland: DISPLAY and "
+                     "WAYLAND_DISPLAY are unset), so the dashboard cannot open.\n"
+                     "kelvo: run `kelvo --headless` to control the fans without a window.\n");
+        return 1;
+    }
+    std::unique_ptr<QCoreApplication> application;
+    if (headless)
+        application = std::make_unique<QCoreApplication>(argc, argv);
+    else
+        application = std::make_unique<QApplication>(argc, argv);
+    QCoreApplication& app = *application;
     QCoreApplication::setOrganizationName(QStringLiteral("Kelvo"));
     QCoreApplication::setApplicationName(QStringLiteral("Kelvo"));
     QCoreApplication::setApplicationVersion(QStringLiteral(KELVO_VERSION_STRING));
 
     const QStringList arguments = QCoreApplication::arguments();
-    if (!arguments.contains(QStringLiteral("--headless")))
-        std::fprintf(stderr, "kelvo: this build has no dashboard window yet; running headless\n");
+    if (arguments.contains(QStringLiteral("--autostart"))) return applyAutostart(arguments);
+    QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+    if (!headless) {
+        QApplication::setQuitOnLastWindowClosed(false);
+        QApplication::setWindowIcon(kelvo::kelvoApplicationIcon());
+        kelvo::AppLifecycleController::clearLegacyWindowFrameDefaults(settings);
+    }
     const bool captureMode = arguments.contains(QStringLiteral("--capture"));
     if (!installSignalHandlers()) {
         std::perror("kelvo: cannot install signal handlers");
@@ -64,7 +130,7 @@ int main(int argc, char** argv) {
 
     kelvo::AppRuntimeOptions options;
     options.arguments = arguments;
-    const bool headless = arguments.contains(QStringLiteral("--headless"));
+    options.settings = &settings;
     options.makeCapture = [arguments, headless](kelvo::ControlLoop& loop,
                                                 kelvo::ProfilingService& service) {
         kelvo::CaptureCoordinatorOptions captureOptions;
@@ -77,10 +143,36 @@ int main(int argc, char** argv) {
     kelvo::AppRuntime runtime(std::move(options));
     auto* capture = dynamic_cast<kelvo::CaptureCoordinator*>(runtime.capture());
 
+    std::unique_ptr<kelvo::AppLifecycleController> lifecycle;
+    if (!headless) {
+        lifecycle = std::make_unique<kelvo::AppLifecycleController>(&settings);
+        lifecycle->configure(&runtime);
+        lifecycle->installStatusItem();
+        lifecycle->showDashboardWindow();
+        if (arguments.contains(QStringLiteral("--report-first-frame")) &&
+            lifecycle->dashboardWindow()) {
+            auto* window = lifecycle->dashboardWindow();
+            auto connection = std::make_shared<QMetaObject::Connection>();
+            *connection = QObject::connect(
+                window, &QQuickWindow::frameSwapped, window,
+                [connection, &launchClock] {
+                    // Frames queued before the disconnect still arrive: report the first only.
+                    if (!*connection) return;
+                    QObject::disconnect(*connection);
+                    *connection = {};
+                    printLine(stderr, QStringLiteral("kelvo: first dashboard frame after %1 ms")
+                                          .arg(launchClock.elapsed()));
+                },
+                Qt::QueuedConnection);
+        }
+    }
+
     // One line per card update: the card's sample changes at most once a second.
     double lastPrinted = 0;
     auto logConnection = QObject::connect(
-        &runtime, &kelvo::AppRuntime::snapshotHandled, &runtime, [&runtime, &lastPrinted] {
+        &runtime, &kelvo::AppRuntime::snapshotHandled, &runtime,
+        [&runtime, &lastPrinted, headless] {
+            if (!headless) return;
             const auto* live = runtime.live();
             const auto& sample = live->latestSample();
             if (!sample || sample->timestamp == lastPrinted) return;
@@ -91,6 +183,7 @@ int main(int argc, char** argv) {
 
     auto finish = [&](int code) {
         QObject::disconnect(logConnection);
+        lifecycle.reset();
         runtime.shutdown();
         printLine(stdout, QStringLiteral("kelvo: stopped; fans released to automatic control"));
         QCoreApplication::exit(code);

@@ -1,0 +1,259 @@
+#include "app/shell/AppLifecycleController.h"
+
+#include <QGuiApplication>
+#include <QIcon>
+#include <QQuickWindow>
+#include <QScreen>
+#include <QTimer>
+#include <array>
+
+#include "app/AppRuntime.h"
+#include "app/shell/DashboardWindowPlacement.h"
+#include "app/shell/KelvoIcon.h"
+#include "app/shell/WindowChromeAccessor.h"
+#include "capture/CaptureCoordinator.h"
+#include "dashboard/view/DashboardLayout.h"
+#include "dashboard/view/DashboardView.h"
+
+namespace kelvo {
+
+namespace {
+QPointer<AppLifecycleController> sharedController;
+
+constexpr std::array<const char*, 3> kLegacyFramePrefixes = {
+    "NSWindow Frame dashboard-AppWindow-",
+    "NSWindow Frame SwiftUI.ModifiedContent<Kelvo.DashboardView",
+    "NSWindow Frame Kelvo.dashboardWindow",
+};
+
+QList<QRectF> availableGeometries() {
+    QList<QRectF> result;
+    for (const QScreen* screen : QGuiApplication::screens())
+        result << QRectF(screen->availableGeometry());
+    return result;
+}
+
+QRectF primaryAvailableGeometry() {
+    const QScreen* primary = QGuiApplication::primaryScreen();
+    return primary ? QRectF(primary->availableGeometry()) : QRectF();
+}
+
+// Decorations around the content; zero until a window manager framed the window.
+QMargins frameMargins(const QWindow* window) {
+    return window->frameMargins();
+}
+}  // namespace
+
+AppLifecycleController::AppLifecycleController(QSettings* defaults, QObject* parent)
+    : QObject(parent), defaults_(defaults) {
+    if (!sharedController) sharedController = this;
+}
+
+AppLifecycleController::~AppLifecycleController() {
+    if (dashboardWindow_) dashboardWindow_->removeEventFilter(this);
+}
+
+AppLifecycleController* AppLifecycleController::shared() {
+    return sharedController.data();
+}
+
+void AppLifecycleController::clearLegacyWindowFrameDefaults(QSettings& defaults) {
+    for (const QString& key : defaults.allKeys())
+        for (const char* prefix : kLegacyFramePrefixes)
+            if (key.startsWith(QLatin1String(prefix))) {
+                defaults.remove(key);
+                break;
+            }
+}
+
+void AppLifecycleController::configure(AppRuntime* runtime) {
+    runtime_ = runtime;
+    presentation_ = runtime ? runtime->presentation() : nullptr;
+    if (dashboardWindow_) updateWindowVisibility(dashboardWindow_);
+}
+
+void AppLifecycleController::installStatusItem() {
+    if (statusItem_) return;
+    statusItem_ = new QSystemTrayIcon(this);
+    const QIcon icon = kelvoTrayIcon();
+    statusItem_->setIcon(icon);
+    statusItem_->setToolTip(QStringLiteral("Kelvo"));
+    // Left click only: the item has no menu.
+    connect(statusItem_, &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+                if (reason == QSystemTrayIcon::Trigger) showDashboardWindow();
+            });
+    statusItem_->show();
+}
+
+void AppLifecycleController::showDashboardWindow() {
+    pendingShowRequest_ = true;
+    if (!ensureDashboardWindow()) return;
+    // The placement step shows the window when it finishes.
+    if (!hasAppliedInitialWindowPlacement_) return;
+    pendingShowRequest_ = false;
+    bringWindowForward();
+}
+
+void AppLifecycleController::bringWindowForward() {
+    QQuickWindow* window = dashboardWindow_;
+    if (window->windowStates().testFlag(Qt::WindowMinimized))
+        window->setWindowStates(window->windowStates() & ~Qt::WindowMinimized);
+    window->show();
+    window->raise();
+    window->requestActivate();
+    updateWindowVisibility(window);
+}
+
+void AppLifecycleController::handleReopen(bool hasVisibleWindows) {
+    if (hasVisibleWindows) {
+        if (dashboardWindow_) updateWindowVisibility(dashboardWindow_);
+        return;
+    }
+    showDashboardWindow();
+}
+
+DashboardView* AppLifecycleController::ensureDashboardWindow() {
+    if (dashboardWindow_) return dashboardWindow_;
+    if (!runtime_) return nullptr;
+    auto* capture = dynamic_cast<CaptureCoordinator*>(runtime_->capture());
+    ownedWindow_ = std::make_unique<DashboardView>(runtime_, capture, defaults_);
+    DashboardView* window = ownedWindow_.get();
+    window->setIcon(kelvoApplicationIcon());
+    // The chrome accessor hands the window back to us and applies the first placement.
+    WindowChromeAccessor::attach(window, dashboard_layout::minimumContentWidth, this);
+    return window;
+}
+
+void AppLifecycleController::attachDashboardWindow(QQuickWindow* window) {
+    if (window == dashboardWindow_.data()) {
+        updateWindowVisibility(window);
+        if (pendingShowRequest_ && hasAppliedInitialWindowPlacement_) showDashboardWindow();
+        return;
+    }
+    if (dashboardWindow_) dashboardWindow_->removeEventFilter(this);
+    dashboardWindow_ = qobject_cast<DashboardView*>(window);
+    hasAppliedInitialWindowPlacement_ = false;
+    isApplyingInitialWindowPlacement_ = false;
+    if (!dashboardWindow_) return;
+    window->installEventFilter(this);
+    updateWindowVisibility(window);
+    if (pendingShowRequest_ && hasAppliedInitialWindowPlacement_) showDashboardWindow();
+}
+
+void AppLifecycleController::applyInitialWindowPlacement(QQuickWindow* window,
+                                                         double minimumContentWidth,
+                                                         double fittingContentHeight) {
+    isApplyingInitialWindowPlacement_ = true;
+    const QVariant persistedWidth = defaults_->value(kContentWidthKey);
+    const QVariant x = defaults_->value(kTopLeftXKey);
+    const QVariant y = defaults_->value(kTopLeftYKey);
+    double width = minimumContentWidth;
+    bool ok = false;
+    const double stored = persistedWidth.toDouble(&ok);
+    if (ok && stored >= minimumContentWidth) width = stored;
+    const double height = fittingContentHeight > 1 ? fittingContentHeight : window->height();
+    bool okX = false;
+    bool okY = false;
+    const QPointF topLeft(x.toDouble(&okX), y.toDouble(&okY));
+    const QMargins margins = frameMargins(window);
+    if (persistedWidth.isValid() && okX && okY) {
+        const QSizeF frameSize(width + margins.left() + margins.right(),
+                               height + margins.top() + margins.bottom());
+        const QRectF frame = constrainedDashboardFrame(frameSize, topLeft, availableGeometries(),
+                                                       primaryAvailableGeometry());
+        window->setGeometry(qRound(frame.x() + margins.left()), qRound(frame.y() + margins.top()),
+                            qRound(frame.width() - margins.left() - margins.right()),
+                            qRound(frame.height() - margins.top() - margins.bottom()));
+    } else {
+        QRectF area = primaryAvailableGeometry();
+        const QSizeF size(std::min(width, area.isNull() ? width : area.width()),
+                          std::min(height, area.isNull() ? height : area.height()));
+        QRectF content(QPointF(), size);
+        if (!area.isNull()) content.moveCenter(area.center());
+        window->setGeometry(content.toRect());
+    }
+    QTimer::singleShot(
+        0, this, [this, guard = QPointer<QQuickWindow>(window)] { finishInitialPlacement(guard); });
+}
+
+void AppLifecycleController::finishInitialPlacement(QPointer<QQuickWindow> window) {
+    if (!window || window.data() != dashboardWindow_.data()) return;
+    isApplyingInitialWindowPlacement_ = false;
+    hasAppliedInitialWindowPlacement_ = true;
+    persistDashboardWindowPlacement(window);
+    if (pendingShowRequest_) showDashboardWindow();
+    emit initialPlacementFinished();
+}
+
+void AppLifecycleController::persistDashboardWindowPlacement(QQuickWindow* window) {
+    if (window != dashboardWindow_.data() || !hasAppliedInitialWindowPlacement_ ||
+        isApplyingInitialWindowPlacement_ || (window->windowStates().testFlag(Qt::WindowMinimized)))
+        return;
+    const QRect frame = window->frameGeometry();
+    defaults_->setValue(kContentWidthKey, static_cast<double>(window->width()));
+    defaults_->setValue(kTopLeftXKey, static_cast<double>(frame.x()));
+    defaults_->setValue(kTopLeftYKey, static_cast<double>(frame.y()));
+}
+
+void AppLifecycleController::updateWindowVisibility(QQuickWindow* window) {
+    if (window != dashboardWindow_.data()) return;
+    DashboardWindowVisibility visibility = DashboardWindowVisibility::offscreen;
+    if (!window->isVisible())
+        visibility = DashboardWindowVisibility::hidden;
+    else if (window->windowStates().testFlag(Qt::WindowMinimized))
+        visibility = DashboardWindowVisibility::minimized;
+    else if (window->isExposed())
+        visibility = DashboardWindowVisibility::visible;
+    setVisibility(visibility);
+}
+
+void AppLifecycleController::setVisibility(DashboardWindowVisibility visibility) {
+    if (presentation_ && presentation_->dashboardWindowVisibility() != visibility)
+        presentation_->setDashboardWindowVisibility(visibility);
+}
+
+bool AppLifecycleController::windowShouldClose(QQuickWindow* window) {
+    window->hide();
+    setVisibility(DashboardWindowVisibility::hidden);
+    return false;
+}
+
+bool AppLifecycleController::eventFilter(QObject* watched, QEvent* event) {
+    auto* window = qobject_cast<QQuickWindow*>(watched);
+    if (!window || window != dashboardWindow_.data()) return QObject::eventFilter(watched, event);
+    switch (event->type()) {
+        case QEvent::Close:
+            if (!windowShouldClose(window)) {
+                event->ignore();
+                return true;
+            }
+            break;
+        case QEvent::Move:
+        case QEvent::Resize:
+            // After the window has handled it, so the geometry is the new one.
+            QTimer::singleShot(0, this, [this, guard = QPointer<QQuickWindow>(window)] {
+                if (guard) persistDashboardWindowPlacement(guard);
+            });
+            break;
+        case QEvent::WindowStateChange:
+            if (window->windowStates().testFlag(Qt::WindowMinimized))
+                setVisibility(DashboardWindowVisibility::minimized);
+            else
+                updateWindowVisibility(window);
+            break;
+        case QEvent::Expose:
+        case QEvent::Show:
+        case QEvent::Hide:
+        case QEvent::FocusIn:
+        case QEvent::ScreenChangeInternal:
+            QTimer::singleShot(0, this, [this, guard = QPointer<QQuickWindow>(window)] {
+                if (guard) updateWindowVisibility(guard);
+            });
+            break;
+        default: break;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+}  // namespace kelvo

@@ -1,0 +1,36 @@
+#include "dashboard/view/DashboardView.h"
+
+#include <QQmlContext>
+#include <QQuickItem>
+
+#include "app/AppRuntime.h"
+#include "capture/CaptureCoordinator.h"
+#include "dashboard/TrendSectionModel.h"
+#include "dashboard/view/DashboardLayout.h"
+#include "dashboard/view/DashboardViewModel.h"
+#include "trend_render/FixedViewportTrendView.h"
+
+namespace kelvo {
+
+DashboardView::DashboardView(AppRuntime* runtime, CaptureCoordinator* capture, QSettings* settings)
+    : viewModel_(new DashboardViewModel(runtime, this)),
+      trendModel_(new TrendSectionModel(runtime->live(), runtime, settings, this)) {
+    FixedViewportTrendView::registerQmlTypes();
+    setTitle(QStringLiteral("Kelvo"));
+    setResizeMode(QQuickView::SizeRootObjectToView);
+    QQmlContext* context = rootContext();
+    context->setContextProperty(QStringLiteral("dashboard"), viewModel_);
+    context->setContextProperty(QStringLiteral("trend"), trendModel_);
+    context->setContextProperty(QStringLiteral("live"), runtime->live());
+    context->setContextProperty(QStringLiteral("capture"), capture);
+    context->setContextProperty(QStringLiteral("layout"), dashboard_layout::dashboardLayoutMap());
+    setSource(QUrl(QStringLiteral("qrc:/kelvo/dashboard/Dashboard.qml")));
+    resize(kInitialWidth, kInitialHeight);
+}
+
+double DashboardView::fittingContentHeight() const {
+    const QQuickItem* root = rootObject();
+    return root ? root->implicitHeight() : 0;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,34 @@
+// The dashboard window's content: the QML dashboard with the runtime's stores, the capture
+// coordinator and the trend section in its context. Titled "Kelvo", 900×700 when created.
+#pragma once
+
+#include <QQuickView>
+#include <QSettings>
+
+namespace kelvo {
+
+class AppRuntime;
+class CaptureCoordinator;
+class DashboardViewModel;
+class TrendSectionModel;
+
+class DashboardView : public QQuickView {
+    Q_OBJECT
+public:
+    static constexpr int kInitialWidth = 900;
+    static constexpr int kInitialHeight = 700;
+
+    // `capture` may be null (a runtime built without one): the capture card then stays empty.
+    DashboardView(AppRuntime* runtime, CaptureCoordinator* capture, QSettings* settings);
+
+    DashboardViewModel* viewModel() const { return viewModel_; }
+    TrendSectionModel* trendModel() const { return trendModel_; }
+    // The laid-out content's natural height (0 before the QML loaded).
+    double fittingContentHeight() const;
+
+private:
+    DashboardViewModel* viewModel_;
+    TrendSectionModel* trendModel_;
+};
+
+}  // namespace kelvo

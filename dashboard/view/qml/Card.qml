@@ -1,0 +1,34 @@
+// A titled card with the dashboard's corner radius and padding.
+import QtQuick
+import QtQuick.Layouts
+
+Rectangle {
+    id: card
+    property string title
+    property color accent: palette.mid
+    default property alias content: body.data
+    property alias spacing: body.spacing
+
+    SystemPalette { id: palette; colorGroup: SystemPalette.Active }
+
+    radius: layout.cardCornerRadius
+    color: Qt.lighter(palette.window, palette.window.hslLightness > 0.5 ? 1.03 : 1.25)
+    border.color: accent
+    border.width: 1
+    implicitHeight: body.implicitHeight + 2 * layout.sectionCardContentPadding
+    Accessible.role: Accessible.Grouping
+
+    ColumnLayout {
+        id: body
+        anchors.fill: parent
+        anchors.margins: layout.sectionCardContentPadding
+        spacing: layout.liveMetricsCardSpacing
+        Text {
+            visible: card.title.length > 0
+            text: card.title
+            font.bold: true
+            font.pixelSize: 15
+            color: palette.windowText
+        }
+    }
+}

@@ -1,0 +1,428 @@
+// The dashboard window's content: the utility top bar, the shared top deck (trend card and live
+// metrics card), the selected surface's extra detail and the capture card.
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Kelvo.TrendRender 1.0
+
+Rectangle {
+    id: root
+    objectName: "surface-root"
+    Accessible.name: "Kelvo Root Surface"
+    Accessible.role: Accessible.Pane
+    color: palette.window
+    implicitWidth: layout.minimumContentWidth
+    implicitHeight: stack.implicitHeight + 2 * layout.windowGutter
+
+    SystemPalette { id: palette; colorGroup: SystemPalette.Active }
+
+    readonly property color gpuClockColor: Qt.rgba(48 / 255, 178 / 255, 96 / 255, 1)
+    readonly property color gpuTempColor: Qt.rgba(232 / 255, 72 / 255, 77 / 255, 1)
+    readonly property color cpuClockColor: Qt.rgba(36 / 255, 132 / 255, 240 / 255, 1)
+    readonly property color cpuTempColor: Qt.rgba(152 / 255, 96 / 255, 214 / 255, 1)
+    readonly property color fanColor: Qt.rgba(44 / 255, 186 / 255, 214 / 255, 1)
+    readonly property color powerColor: Qt.rgba(244 / 255, 134 / 255, 40 / 255, 1)
+    readonly property color orange: Qt.rgba(244 / 255, 134 / 255, 40 / 255, 1)
+
+    // Measured once per label text; the widest label sets the toggles' common column width.
+    property var trendControlLabelWidthCache: ({})
+    function labelWidth(text) {
+        if (trendControlLabelWidthCache[text] === undefined) {
+            labelMetrics.text = text
+            trendControlLabelWidthCache[text] = Math.ceil(labelMetrics.advanceWidth)
+        }
+        return trendControlLabelWidthCache[text]
+    }
+    readonly property var seriesLabels: ["GPU Clock", "GPU Temp", "CPU Clock", "CPU Temp",
+                                         "Fan Speed", "Watts"]
+    property real seriesColumnWidth: 0
+    Component.onCompleted: {
+        var widest = 0
+        for (var i = 0; i < seriesLabels.length; ++i)
+            widest = Math.max(widest, labelWidth(seriesLabels[i]))
+        seriesColumnWidth = widest
+    }
+    TextMetrics { id: labelMetrics; font.pixelSize: 13 }
+
+    Flickable {
+        objectName: "dashboard-scroll"
+        anchors.fill: parent
+        contentWidth: width
+        contentHeight: stack.implicitHeight + 2 * layout.windowGutter
+        boundsBehavior: Flickable.StopAtBounds
+        clip: true
+        ScrollBar.vertical: ScrollBar {}
+
+        ColumnLayout {
+            id: stack
+            x: layout.windowGutter
+            y: layout.windowGutter
+            width: root.width - 2 * layout.windowGutter
+            spacing: layout.surfaceStackSpacing
+
+            // ----- Utility top bar -----
+            RowLayout {
+                objectName: "topbar-utility"
+                Accessible.name: "Utility Top Bar"
+                Accessible.role: Accessible.ToolBar
+                Layout.fillWidth: true
+                spacing: layout.utilityTopBarSpacing
+
+                SegmentedControl {
+                    objectName: "control-public-mode"
+                    Accessible.name: "Cooling Preference"
+                    Layout.preferredWidth: layout.utilityModeSliderWidth
+                    optionPrefix: "dashboard-public-mode-"
+                    options: [{ value: "system", title: "System" },
+                              { value: "enhanced", title: "Kelvo" }]
+                    selected: dashboard.publicMode
+                    onChosen: value => dashboard.setPublicMode(value)
+                }
+                Item { Layout.fillWidth: true; Layout.minimumWidth: layout.utilityTopBarMinimumSlack }
+                RowLayout {
+                    objectName: "topbar-aux-controls"
+                    Accessible.name: "Utility Auxiliary Controls"
+                    spacing: layout.utilityAuxiliarySpacing
+                    SegmentedControl {
+                        objectName: "surface-selection"
+                        Accessible.name: "Surface"
+                        Layout.preferredWidth: layout.utilitySurfacePickerWidth
+                        optionPrefix: "surface-selection-"
+                        options: [{ value: "dashboard", title: "Dashboard" },
+                                  { value: "advanced", title: "Advanced" },
+                                  { value: "capture", title: "Capture" }]
+                        selected: dashboard.selectedSurface
+                        onChosen: value => dashboard.selectedSurface = value
+                    }
+                }
+            }
+
+            // ----- Shared top deck -----
+            ColumnLayout {
+                objectName: "surface-top-deck"
+                Accessible.name: "Shared Top Deck"
+                Layout.fillWidth: true
+                spacing: layout.surfaceStackSpacing
+
+                Card {
+                    objectName: "card-trend"
+                    Accessible.name: "Trend Card"
+                    Layout.fillWidth: true
+                    spacing: layout.trendControlCardSpacing
+
+                    RowLayout {
+                        Layout.fillWidth: true
+                        Text {
+                            text: "Trend"
+                            font.bold: true
+                            font.pixelSize: 15
+                            color: palette.windowText
+                            Layout.fillWidth: true
+                        }
+                        SegmentedControl {
+                            objectName: "control-trend-window"
+                            Accessible.name: "Trend Window"
+                            Layout.preferredWidth: 180
+                            optionPrefix: "control-trend-window-"
+                            options: [{ value: "oneMinute", title: "1 min" },
+                                      { value: "fiveMinutes", title: "5 min" }]
+                            selected: trend.trendWindow
+                            onChosen: value => trend.trendWindow = value
+                        }
+                    }
+
+                    FixedViewportTrendView {
+                        id: chart
+                        objectName: "trend-chart-live"
+                        Accessible.name: "Live Trend Chart"
+                        Accessible.role: Accessible.Chart
+                        Layout.fillWidth: true
+                        Layout.preferredHeight: 260
+                        model: trend
+                        plotFrame: Qt.rect(44, 12, Math.max(0, width - 100), Math.max(0, height - 44))
+                    }
+
+                    RowLayout {
+                        Layout.fillWidth: true
+                        spacing: layout.trendControlCardSpacing
+
+                        GridLayout {
+                            objectName: "trend-series-toggles"
+                            Layout.fillWidth: true
+                            columns: 3
+                            columnSpacing: layout.trendControlGridSpacing
+                            rowSpacing: layout.trendControlRowSpacing
+
+                            LinkedPair {
+                                first: SeriesToggle {
+                                    label: "GPU Clock"; dotColor: root.gpuClockColor
+                                    labelWidth: root.seriesColumnWidth
+                                    on: trend.showGPUSeries
+                                    help: "GPU clock as a percentage of " + trend.gpuScaleText
+                                          + " MHz. Toggling this also toggles GPU Temp."
+                                    onClicked: trend.showGPUSeries = !trend.showGPUSeries
+                                }
+                                second: SeriesToggle {
+                                    label: "GPU Temp"; dotColor: root.gpuTempColor
+                                    labelWidth: root.seriesColumnWidth
+                                    on: trend.showGPUSeries
+                                    help: "GPU temperature. Toggling this also toggles GPU Clock."
+                                    onClicked: trend.showGPUSeries = !trend.showGPUSeries
+                                }
+                                linkName: "gpu"
+                            }
+                            LinkedPair {
+                                first: SeriesToggle {
+                                    label: "CPU Clock"; dotColor: root.cpuClockColor
+                                    labelWidth: root.seriesColumnWidth
+                                    on: trend.showCPUSeries
+                                    help: "CPU clock as a percentage of " + trend.cpuScaleText
+                                          + " MHz. Toggling this also toggles CPU Temp."
+                                    onClicked: trend.showCPUSeries = !trend.showCPUSeries
+                                }
+                                second: SeriesToggle {
+                                    label: "CPU Temp"; dotColor: root.cpuTempColor
+                                    labelWidth: root.seriesColumnWidth
+                                    on: trend.showCPUSeries
+                                    help: "CPU temperature. Toggling this also toggles CPU Clock."
+                                    onClicked: trend.showCPUSeries = !trend.showCPUSeries
+                                }
+                                linkName: "cpu"
+                            }
+                            Row {
+                                spacing: layout.trendControlGridSpacing
+                                SeriesToggle {
+                                    label: "Fan Speed"; dotColor: root.fanColor
+                                    labelWidth: root.seriesColumnWidth
+                                    on: trend.showFanSeries
+                                    help: "Fan speed as a percentage of " + trend.fanScaleText + " RPM."
+                                    onClicked: trend.showFanSeries = !trend.showFanSeries
+                                }
+                                SeriesToggle {
+                                    label: "Watts"; dotColor: root.powerColor
+                                    labelWidth: root.seriesColumnWidth
+                                    on: trend.showPowerSeries
+                                    help: "Right axis up to " + trend.totalPowerScaleText
+                                          + " of total system power."
+                                    onClicked: trend.showPowerSeries = !trend.showPowerSeries
+                                }
+                            }
+                        }
+
+                        Rectangle {
+                            objectName: "trend-peak-performance"
+                            Accessible.name: "Peak Performance"
+                            Accessible.description: trend.peakPerformanceHelp
+                            radius: layout.cardCornerRadius
+                            color: "transparent"
+                            border.color: trend.peakPerformanceTint
+                            implicitWidth: peakColumn.implicitWidth + 2 * layout.trendControlOuterPaddingAllowance
+                            implicitHeight: peakColumn.implicitHeight + layout.trendControlOuterPaddingAllowance
+                            HoverHandler { id: peakHover }
+                            ToolTip.visible: peakHover.hovered
+                            ToolTip.text: trend.peakPerformanceHelp
+                            Column {
+                                id: peakColumn
+                                anchors.centerIn: parent
+                                Text {
+                                    text: "Peak Performance"
+                                    color: palette.windowText
+                                    font.pixelSize: layout.trendPerformanceLabelFontSize * layout.trendPerformanceFontScale
+                                }
+                                Text {
+                                    objectName: "trend-peak-performance-value"
+                                    text: trend.peakPerformanceValueText
+                                    color: trend.peakPerformanceTint
+                                    font.bold: true
+                                    font.pixelSize: layout.trendPerformanceValueFontSize * layout.trendPerformanceFontScale
+                                }
+                            }
+                        }
+                    }
+                }
+
+                Card {
+                    objectName: "card-live-metrics"
+                    Accessible.name: "Live Metrics Card"
+                    Layout.fillWidth: true
+                    title: "Live"
+
+                    GridLayout {
+                        Layout.fillWidth: true
+                        columns: 6
+                        columnSpacing: layout.liveMetricsCardSpacing
+                        rowSpacing: 4
+                        Repeater {
+                            model: [["Mode", "mode"], ["Status", "status"], ["Authority", "authority"],
+                                    ["CPU Temp", "cpuTemperature"], ["GPU Temp", "gpuTemperature"],
+                                    ["Power", "power"], ["CPU Clock", "cpuClock"],
+                                    ["GPU Clock", "gpuClock"], ["Throttle", "throttle"],
+                                    ["Fans", "fans"]]
+                            delegate: Column {
+                                required property var modelData
+                                objectName: "metric-" + dashboard.slug(modelData[0])
+                                Accessible.name: modelData[0]
+                                Accessible.description: valueText.text
+                                Layout.fillWidth: true
+                                Layout.columnSpan: modelData[1] === "fans" ? 2 : 1
+                                Text { text: modelData[0]; color: palette.mid; font.pixelSize: 11 }
+                                Text {
+                                    id: valueText
+                                    text: dashboard.card[modelData[1]] || "—"
+                                    color: modelData[1] === "throttle" && live.throttleWarning
+                                           ? root.gpuTempColor : palette.windowText
+                                    font.pixelSize: 14
+                                }
+                            }
+                        }
+                    }
+                    Text {
+                        objectName: "metric-benefit"
+                        Layout.fillWidth: true
+                        wrapMode: Text.Wrap
+                        text: dashboard.card.benefit || ""
+                        color: palette.windowText
+                        font.pixelSize: 12
+                    }
+                    Column {
+                        objectName: "metric-recent-events"
+                        Accessible.name: "Recent Events"
+                        Layout.fillWidth: true
+                        Repeater {
+                            model: dashboard.card.events || []
+                            Text {
+                                required property var modelData
+                                width: parent.width
+                                elide: Text.ElideRight
+                                text: modelData
+                                color: palette.windowText
+                                font.pixelSize: 12
+                            }
+                        }
+                    }
+                    Text {
+                        objectName: "build-version"
+                        Accessible.name: "Build Version"
+                        Accessible.description: live.buildVersionDetail
+                        text: live.buildVersionLabel
+                        color: palette.mid
+                        font.pixelSize: 11
+                        HoverHandler { id: buildHover }
+                        ToolTip.visible: buildHover.hovered && live.buildVersionDetail.length > 0
+                        ToolTip.text: live.buildVersionDetail
+                    }
+                }
+            }
+
+            // ----- The selected surface's own detail -----
+            Card {
+                objectName: "surface-advanced"
+                Accessible.name: "Advanced Surface"
+                visible: dashboard.selectedSurface === "advanced"
+                Layout.fillWidth: true
+                title: "Advanced"
+                DetailList { title: "Fans"; lines: dashboard.advanced.fans || []; objectName: "advanced-fans" }
+                DetailList { title: "Sensors"; lines: dashboard.advanced.sensors || []; objectName: "advanced-sensors" }
+                DetailList { title: "Throttle assessment"; lines: dashboard.advanced.throttle || []; objectName: "advanced-throttle" }
+                DetailList { title: "Last decision"; lines: [dashboard.advanced.decision || "—"]; objectName: "advanced-decision" }
+                DetailList { title: "Control loop events"; lines: dashboard.advanced.events || []; objectName: "advanced-events" }
+            }
+            Card {
+                objectName: "surface-capture"
+                Accessible.name: "Capture Surface"
+                visible: dashboard.selectedSurface === "capture" && capture !== null
+                Layout.fillWidth: true
+                title: "Capture run"
+                DetailList {
+                    title: "Workflow"
+                    lines: capture ? [capture.currentWorkflowLabel,
+                                      "Scenario: " + capture.profilingScenario,
+                                      "Plan: " + (capture.profilingPlanIsRunning ? capture.profilingPlanProgress : "idle")]
+                                   : []
+                }
+            }
+
+            // ----- Capture card -----
+            Card {
+                id: captureCard
+                objectName: "card-capture-primary"
+                Accessible.name: "Beta Capture Primary Card"
+                Layout.fillWidth: true
+                title: "Beta Capture"
+                visible: capture !== null
+                accent: capture && capture.captureActivityTint === "orange" ? root.orange : palette.mid
+                border.width: capture && capture.captureActivityTint === "orange" ? 2 : 1
+
+                TextField {
+                    objectName: "capture-beta-notes"
+                    Accessible.name: "Notes"
+                    Layout.fillWidth: true
+                    placeholderText: "Notes for this tester or session"
+                    enabled: capture && !capture.captureInteractionLocked
+                    text: capture ? capture.betaCaptureNotes : ""
+                    onTextEdited: capture.betaCaptureNotes = text
+                }
+                RowLayout {
+                    spacing: layout.utilityAuxiliarySpacing
+                    Button {
+                        objectName: "capture-start-beta"
+                        text: "Start Beta Capture"
+                        Accessible.name: text
+                        enabled: capture && !capture.captureInteractionLocked && !capture.profilingIsRunning
+                        onClicked: capture.startBetaCapture()
+                    }
+                    Button {
+                        objectName: "capture-stop"
+                        text: "Stop Capture"
+                        Accessible.name: text
+                        enabled: capture && capture.profilingIsRunning && !capture.profilingStopInProgress
+                        onClicked: capture.beginCaptureStop(true)
+                    }
+                    Text {
+                        objectName: "capture-elapsed"
+                        text: capture ? capture.profilingElapsed : ""
+                        color: captureCard.accent
+                        font.pixelSize: 14
+                    }
+                }
+                Text {
+                    objectName: "capture-message"
+                    Layout.fillWidth: true
+                    wrapMode: Text.Wrap
+                    text: capture ? capture.profilingMessage : ""
+                    color: palette.windowText
+                }
+                Text {
+                    objectName: "capture-last-export"
+                    Layout.fillWidth: true
+                    elide: Text.ElideMiddle
+                    visible: capture && capture.lastExportPath !== undefined && capture.lastExportPath !== null
+                    text: "Last export: " + (capture ? capture.lastExportPath : "")
+                    color: palette.windowText
+                    font.pixelSize: 12
+                }
+                Text {
+                    objectName: "capture-last-bundle"
+                    Layout.fillWidth: true
+                    elide: Text.ElideMiddle
+                    visible: capture && capture.lastPackagedExportPath !== undefined && capture.lastPackagedExportPath !== null
+                    text: "Bundle: " + (capture ? capture.lastPackagedExportPath : "")
+                    color: palette.windowText
+                    font.pixelSize: 12
+                }
+                Text {
+                    objectName: "capture-predictor"
+                    Accessible.description: capture ? capture.adaptivePredictorDetail : ""
+                    Layout.fillWidth: true
+                    wrapMode: Text.Wrap
+                    text: capture ? capture.adaptivePredictorLabel : ""
+                    color: palette.mid
+                    font.pixelSize: 12
+                    HoverHandler { id: predictorHover }
+                    ToolTip.visible: predictorHover.hovered && capture && capture.adaptivePredictorDetail.length > 0
+                    ToolTip.text: capture ? capture.adaptivePredictorDetail : ""
+                }
+            }
+        }
+    }
+}

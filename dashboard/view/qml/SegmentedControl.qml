@@ -1,0 +1,29 @@
+// A row of mutually exclusive option buttons; each option's objectName is the prefix plus its
+// value, so tests and assistive tools find every option by a stable identifier.
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+
+RowLayout {
+    id: control
+    property var options: []   // [{ value, title }]
+    property string selected
+    property string optionPrefix
+    signal chosen(string value)
+    spacing: 0
+
+    Repeater {
+        model: control.options
+        Button {
+            required property var modelData
+            objectName: control.optionPrefix + modelData.value
+            text: modelData.title
+            checkable: true
+            checked: control.selected === modelData.value
+            Layout.fillWidth: true
+            Layout.preferredWidth: 1
+            Accessible.name: modelData.title
+            onClicked: control.chosen(modelData.value)
+        }
+    }
+}

@@ -1,0 +1,101 @@
+// Saves the dashboard as it looks after ten seconds on the simulated machine, in the light and
+// the dark palette, and checks that the chart drew real lines.
+#include <QDir>
+#include <QImage>
+#include <QPalette>
+#include <QQuickWindow>
+#include <QSet>
+
+#include "DesktopTestSupport.h"
+
+namespace kelvo::testing {
+namespace {
+
+QPalette darkPalette() {
+    QPalette p;
+    p.setColor(QPalette::Window, QColor(30, 31, 34));
+    p.setColor(QPalette::WindowText, QColor(230, 230, 232));
+    p.setColor(QPalette::Base, QColor(22, 23, 25));
+    p.setColor(QPalette::AlternateBase, QColor(40, 41, 45));
+    p.setColor(QPalette::Text, QColor(230, 230, 232));
+    p.setColor(QPalette::Button, QColor(48, 49, 54));
+    p.setColor(QPalette::ButtonText, QColor(230, 230, 232));
+    p.setColor(QPalette::Mid, QColor(120, 122, 130));
+    p.setColor(QPalette::Highlight, QColor(36, 132, 240));
+    p.setColor(QPalette::HighlightedText, Qt::white);
+    return p;
+}
+
+QImage grabAfterNextFrame(QQuickWindow* window) {
+    bool swapped = false;
+    auto connection = QObject::connect(
+        window, &QQuickWindow::frameSwapped, window, [&swapped] { swapped = true; },
+        Qt::QueuedConnection);
+    window->update();
+    waitFor([&] { return swapped; });
+    QObject::disconnect(connection);
+    return window->grabWindow();
+}
+
+struct ChartPixels {
+    int distinctColours = 0;
+    int seriesPixels = 0;  // strongly coloured pixels: the series lines
+};
+
+ChartPixels inspect(const QImage& image, const QRect& area) {
+    ChartPixels result;
+    QSet<QRgb> colours;
+    for (int y = area.top(); y <= area.bottom(); ++y)
+        for (int x = area.left(); x <= area.right(); ++x) {
+            const QColor c = image.pixelColor(x, y);
+            colours.insert(c.rgb());
+            if (c.hsvSaturation() > 120 && c.value() > 90) ++result.seriesPixels;
+        }
+    result.distinctColours = static_cast<int>(colours.size());
+    return result;
+}
+
+class DashboardScreenshot : public DesktopFixture {
+protected:
+    QString shotPath(const QString& name) const {
+        const QString dir = QStringLiteral(KELVO_BINARY_DIR "/screenshots");
+        QDir().mkpath(dir);
+        return dir + QLatin1Char('/') + name;
+    }
+    void checkChart(const QImage& shot, const char* palette) {
+        QQuickItem* chart = item(QStringLiteral("trend-chart-live"));
+        const QRect area = chart->mapRectToScene(QRectF(0, 0, chart->width(), chart->height()))
+                               .toAlignedRect()
+                               .intersected(shot.rect());
+        ASSERT_FALSE(area.isEmpty()) << palette << ": the chart is in the window";
+        const ChartPixels pixels = inspect(shot, area);
+        EXPECT_GT(pixels.distinctColours, 20) << palette;
+        EXPECT_GT(pixels.seriesPixels, area.width()) << palette << ": the series lines are drawn";
+    }
+};
+
+TEST_F(DashboardScreenshot, TenSecondsOfSimulatedDataInLightAndDarkPalettes) {
+    const QPalette original = QGuiApplication::palette();
+    openDashboard();
+    window()->resize(1000, 1000);
+    processFor(10000);
+
+    const QImage light = grabAfterNextFrame(window());
+    ASSERT_FALSE(light.isNull());
+    EXPECT_TRUE(light.save(shotPath(QStringLiteral("dashboard-light.png"))));
+    checkChart(light, "light");
+
+    QGuiApplication::setPalette(darkPalette());
+    processFor(500);
+    const QImage dark = grabAfterNextFrame(window());
+    QGuiApplication::setPalette(original);
+    ASSERT_FALSE(dark.isNull());
+    EXPECT_TRUE(dark.save(shotPath(QStringLiteral("dashboard-dark.png"))));
+    checkChart(dark, "dark");
+    // The palette reached the window: its background is dark now.
+    EXPECT_LT(dark.pixelColor(5, 5).lightness(), 80);
+    EXPECT_GT(light.pixelColor(5, 5).lightness(), 150);
+}
+
+}  // namespace
+}  // namespace kelvo::testing

@@ -1,0 +1,153 @@
+#include <QGuiApplication>
+#include <QScreen>
+#include <QSignalSpy>
+#include <QSystemTrayIcon>
+
+#include "DesktopTestSupport.h"
+#include "dashboard/view/DashboardLayout.h"
+#include "dashboard/view/DashboardViewModel.h"
+#include "live/LiveDashboardStore.h"
+
+namespace kelvo::testing {
+namespace {
+
+using Visibility = DashboardWindowVisibility;
+
+class DashboardWindow : public DesktopFixture {
+protected:
+    Visibility visibility() const { return runtime->presentation()->dashboardWindowVisibility(); }
+    QRect screenArea() const { return QGuiApplication::primaryScreen()->availableGeometry(); }
+};
+
+TEST_F(DashboardWindow, OpensOneWindowTitledKelvoWithTheLayoutsMinimumWidth) {
+    openDashboard();
+    EXPECT_EQ(window()->title(), QStringLiteral("Kelvo"));
+    EXPECT_EQ(window()->minimumWidth(), static_cast<int>(dashboard_layout::minimumContentWidth));
+    EXPECT_GE(window()->width(), window()->minimumWidth());
+    EXPECT_TRUE(controller->hasAppliedInitialWindowPlacement());
+    EXPECT_FALSE(controller->pendingShowRequest());
+    ASSERT_TRUE(waitFor([&] { return visibility() == Visibility::visible; }));
+    // Showing again reuses the same window.
+    DashboardView* first = window();
+    controller->showDashboardWindow();
+    EXPECT_EQ(window(), first);
+}
+
+TEST_F(DashboardWindow, TheTrayItemSaysKelvoAndShowsAnImage) {
+    openDashboard();
+    ASSERT_NE(controller->statusItem(), nullptr);
+    EXPECT_EQ(controller->statusItem()->toolTip(), QStringLiteral("Kelvo"));
+    EXPECT_FALSE(controller->statusItem()->icon().isNull());
+    EXPECT_EQ(controller->statusItem()->contextMenu(), nullptr);
+    controller->installStatusItem();  // once only
+    EXPECT_EQ(controller->findChildren<QSystemTrayIcon*>().size(), 1);
+}
+
+TEST_F(DashboardWindow, ClosingHidesTheWindowSetsHiddenAndTheProcessKeepsRunning) {
+    openDashboard();
+    ASSERT_TRUE(waitFor([&] { return visibility() == Visibility::visible; }));
+    QSignalSpy lastClosed(qApp, &QGuiApplication::lastWindowClosed);
+    EXPECT_FALSE(window()->close()) << "the close is refused: the window is only hidden";
+    EXPECT_FALSE(window()->isVisible());
+    EXPECT_EQ(visibility(), Visibility::hidden);
+    EXPECT_NE(window(), nullptr) << "the window is kept for the next show";
+    processFor(100);
+    EXPECT_EQ(lastClosed.count(), 0);
+    EXPECT_FALSE(runtime->live()->dashboardIsUserVisible());
+}
+
+TEST_F(DashboardWindow, WhileHiddenTheLiveStoreBuffersAndTheViewStaysStill) {
+    openDashboard();
+    ASSERT_TRUE(waitFor([&] { return runtime->live()->sampleHistory().size() >= 4; }));
+    window()->close();
+    ASSERT_EQ(visibility(), Visibility::hidden);
+    const auto shown = runtime->live()->sampleHistory().size();
+    const auto refreshes = window()->viewModel()->refreshCount();
+    ASSERT_TRUE(
+        waitFor([&] { return runtime->live()->bufferedSampleHistory().size() > shown + 4; }));
+    EXPECT_EQ(runtime->live()->sampleHistory().size(), shown) << "published history frozen";
+    EXPECT_EQ(window()->viewModel()->refreshCount(), refreshes) << "no view updates while hidden";
+
+    controller->showDashboardWindow();
+    ASSERT_TRUE(waitFor([&] { return visibility() == Visibility::visible; }));
+    EXPECT_GT(runtime->live()->sampleHistory().size(), shown + 4) << "buffers published on show";
+    EXPECT_TRUE(waitFor([&] { return window()->viewModel()->refreshCount() > refreshes; }));
+}
+
+TEST_F(DashboardWindow, ClickingTheTrayItemWhileMinimizedRestoresAndFocusesIt) {
+    openDashboard();
+    window()->showMinimized();
+    ASSERT_TRUE(waitFor([&] { return visibility() == Visibility::minimized; }));
+    emit controller->statusItem()->activated(QSystemTrayIcon::Trigger);
+    EXPECT_FALSE(window()->windowStates().testFlag(Qt::WindowMinimized));
+    EXPECT_TRUE(window()->isVisible());
+    EXPECT_TRUE(waitFor([&] { return visibility() == Visibility::visible; }));
+    EXPECT_TRUE(waitFor([&] { return window()->isActive(); }));
+}
+
+TEST_F(DashboardWindow, AContextClickOnTheTrayItemDoesNothing) {
+    openDashboard();
+    window()->close();
+    emit controller->statusItem()->activated(QSystemTrayIcon::Context);
+    processFor(50);
+    EXPECT_FALSE(window()->isVisible());
+}
+
+TEST_F(DashboardWindow, ReopeningWithNoVisibleWindowShowsTheDashboard) {
+    openDashboard();
+    window()->close();
+    ASSERT_EQ(visibility(), Visibility::hidden);
+    controller->handleReopen(false);
+    EXPECT_TRUE(window()->isVisible());
+    EXPECT_TRUE(waitFor([&] { return visibility() == Visibility::visible; }));
+}
+
+TEST_F(DashboardWindow, APersistedWidthBelowTheMinimumGivesTheMinimum) {
+    settings->setValue(AppLifecycleController::kContentWidthKey, 300.0);
+    settings->setValue(AppLifecycleController::kTopLeftXKey, 10.0);
+    settings->setValue(AppLifecycleController::kTopLeftYKey, 10.0);
+    openDashboard();
+    EXPECT_EQ(window()->width(), static_cast<int>(dashboard_layout::minimumContentWidth));
+}
+
+TEST_F(DashboardWindow, PlacementIsPersistedAndRestoredAcrossARestart) {
+    openDashboard();
+    window()->setGeometry(40, 30, 760, 500);
+    ASSERT_TRUE(waitFor([&] {
+        return settings->value(AppLifecycleController::kContentWidthKey).toDouble() == 760 &&
+               settings->value(AppLifecycleController::kTopLeftXKey).toDouble() ==
+                   window()->frameGeometry().x();
+    }));
+    const double x = settings->value(AppLifecycleController::kTopLeftXKey).toDouble();
+    const double y = settings->value(AppLifecycleController::kTopLeftYKey).toDouble();
+
+    controller.reset();  // the window goes with it, as at quit
+    openDashboard();
+    EXPECT_EQ(window()->frameGeometry().x(), x);
+    EXPECT_EQ(window()->frameGeometry().y(), y);
+    EXPECT_EQ(window()->width(), 760);
+}
+
+TEST_F(DashboardWindow, APlacementFromAScreenNoLongerAttachedLandsOnThisOneShrunkToFit) {
+    // Saved on a big second monitor to the right; this session has only the Xvfb screen.
+    const QRect area = screenArea();
+    settings->setValue(AppLifecycleController::kContentWidthKey, area.width() + 400.0);
+    settings->setValue(AppLifecycleController::kTopLeftXKey, area.right() + 600.0);
+    settings->setValue(AppLifecycleController::kTopLeftYKey, area.bottom() + 300.0);
+    openDashboard();
+    const QRect frame = window()->frameGeometry();
+    EXPECT_TRUE(area.contains(frame))
+        << frame.x() << "," << frame.y() << " " << frame.width() << "x" << frame.height();
+    EXPECT_EQ(frame.width(), area.width()) << "shrunk to the screen's width";
+}
+
+TEST_F(DashboardWindow, WithoutAPersistedPlacementTheWindowIsCentred) {
+    openDashboard();
+    const QRect area = screenArea();
+    const QPoint centre = window()->geometry().center();
+    EXPECT_LE(std::abs(centre.x() - area.center().x()), 2);
+    EXPECT_LE(std::abs(centre.y() - area.center().y()), 2);
+}
+
+}  // namespace
+}  // namespace kelvo::testing

@@ -1,0 +1,133 @@
+// A real runtime on the simulated machine, its dashboard window and tray item, each test with
+// its own settings file and data folders.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QQmlContext>
+#include <QQmlProperty>
+#include <QQuickItem>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTest>
+#include <functional>
+#include <memory>
+
+#include "app/AppRuntime.h"
+#include "app/shell/AppLifecycleController.h"
+#include "capture/CaptureCoordinator.h"
+#include "dashboard/view/DashboardView.h"
+
+namespace kelvo::testing {
+
+inline bool waitFor(const std::function<bool()>& condition, int timeoutMs = 5000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition() && timer.elapsed() < timeoutMs)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    return condition();
+}
+
+inline void processFor(int ms) {
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+}
+
+class DesktopFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(home.isValid());
+        qputenv("XDG_DATA_HOME", home.filePath(QStringLiteral("data")).toUtf8());
+        qputenv("XDG_CONFIG_HOME", home.filePath(QStringLiteral("config")).toUtf8());
+        settings = std::make_unique<QSettings>(home.filePath(QStringLiteral("settings.ini")),
+                                               QSettings::IniFormat);
+    }
+    void TearDown() override {
+        controller.reset();
+        if (runtime) runtime->shutdown();
+        runtime.reset();
+    }
+
+    void startRuntime() {
+        AppRuntimeOptions options;
+        options.arguments = {QStringLiteral("--harness-simulated-fans")};
+        options.settings = settings.get();
+        options.loopConfig.tickSeconds = 0.25;
+        options.makeCapture = [this](ControlLoop& loop, ProfilingService& service) {
+            CaptureCoordinatorOptions captureOptions;
+            captureOptions.profilesBaseDirectory = [this] {
+                return home.filePath(QStringLiteral("profiles"));
+            };
+            captureOptions.reveal = [this](const QString& path) { revealed << path; };
+            return std::make_unique<CaptureCoordinator>(loop, service, std::move(captureOptions));
+        };
+        runtime = std::make_unique<AppRuntime>(std::move(options));
+    }
+
+    // Starts the runtime (when not yet) and shows the dashboard, waiting for its first frame.
+    void openDashboard() {
+        if (!runtime) startRuntime();
+        controller = std::make_unique<AppLifecycleController>(settings.get());
+        controller->configure(runtime.get());
+        controller->installStatusItem();
+        controller->showDashboardWindow();
+        ASSERT_NE(window(), nullptr);
+        ASSERT_TRUE(waitFor([&] { return window()->isExposed(); }));
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(window()));
+    }
+
+    DashboardView* window() const { return controller ? controller->dashboardWindow() : nullptr; }
+    CaptureCoordinator* capture() const {
+        return dynamic_cast<CaptureCoordinator*>(runtime->capture());
+    }
+
+    QQuickItem* item(const QString& identifier) const {
+        QQuickItem* root = window()->rootObject();
+        if (root->objectName() == identifier) return root;
+        return root->findChild<QQuickItem*>(identifier);
+    }
+
+    static QString accessibleName(QQuickItem* item) {
+        return QQmlProperty(item, QStringLiteral("Accessible.name"), qmlContext(item))
+            .read()
+            .toString();
+    }
+
+    // Clicks the middle of the item with the mouse, as a user would.
+    void click(const QString& identifier) {
+        QQuickItem* target = item(identifier);
+        ASSERT_NE(target, nullptr) << identifier.toStdString();
+        ASSERT_TRUE(target->isVisible()) << identifier.toStdString();
+        scrollIntoView(target);
+        const QPointF centre =
+            target->mapToScene(QPointF(target->width() / 2, target->height() / 2));
+        QTest::mouseClick(window(), Qt::LeftButton, Qt::NoModifier, centre.toPoint());
+        QCoreApplication::processEvents();
+    }
+
+    // The dashboard scrolls when it is taller than the window: bring the item into view first.
+    void scrollIntoView(QQuickItem* target) {
+        QObject* flickable =
+            window()->rootObject()->findChild<QObject*>(QStringLiteral("dashboard-scroll"));
+        if (!flickable) return;
+        const double y = target->mapToItem(window()->contentItem(), QPointF(0, 0)).y();
+        const double contentY = flickable->property("contentY").toDouble();
+        const double maxY = flickable->property("contentHeight").toDouble() - window()->height();
+        if (y < 0 || y + target->height() > window()->height()) {
+            const double wanted = std::clamp(contentY + y - 20, 0.0, std::max(0.0, maxY));
+            flickable->setProperty("contentY", wanted);
+            processFor(50);
+        }
+    }
+
+    QTemporaryDir home;
+    std::unique_ptr<QSettings> settings;
+    std::unique_ptr<AppRuntime> runtime;
+    std::unique_ptr<AppLifecycleController> controller;
+    QStringList revealed;
+};
+
+}  // namespace kelvo::testing

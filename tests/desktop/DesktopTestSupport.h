@@ -84,10 +84,16 @@ protected:
         return dynamic_cast<CaptureCoordinator*>(runtime->capture());
     }
 
+    // Searches the visual tree, where the items made by repeaters live too.
+    static QQuickItem* findItem(QQuickItem* from, const QString& identifier) {
+        if (from->objectName() == identifier) return from;
+        for (QQuickItem* child : from->childItems())
+            if (QQuickItem* found = findItem(child, identifier)) return found;
+        return nullptr;
+    }
+
     QQuickItem* item(const QString& identifier) const {
-        QQuickItem* root = window()->rootObject();
-        if (root->objectName() == identifier) return root;
-        return root->findChild<QQuickItem*>(identifier);
+        return findItem(window()->contentItem(), identifier);
     }
 
     static QString accessibleName(QQuickItem* item) {

@@ -72,13 +72,19 @@ Rectangle {
                     objectName: "control-public-mode"
                     Accessible.name: "Cooling Preference"
                     Layout.preferredWidth: layout.utilityModeSliderWidth
+                    Layout.minimumWidth: layout.utilityModeSliderWidth
+                    Layout.maximumWidth: layout.utilityModeSliderWidth
                     optionPrefix: "dashboard-public-mode-"
                     options: [{ value: "system", title: "System" },
                               { value: "enhanced", title: "Kelvo" }]
                     selected: dashboard.publicMode
                     onChosen: value => dashboard.setPublicMode(value)
                 }
-                Item { Layout.fillWidth: true; Layout.minimumWidth: layout.utilityTopBarMinimumSlack }
+                // The slack between the slider and the picker includes the spacing on one side.
+                Item {
+                    Layout.fillWidth: true
+                    Layout.minimumWidth: layout.utilityTopBarMinimumSlack - layout.utilityTopBarSpacing
+                }
                 RowLayout {
                     objectName: "topbar-aux-controls"
                     Accessible.name: "Utility Auxiliary Controls"
@@ -87,6 +93,8 @@ Rectangle {
                         objectName: "surface-selection"
                         Accessible.name: "Surface"
                         Layout.preferredWidth: layout.utilitySurfacePickerWidth
+                        Layout.minimumWidth: layout.utilitySurfacePickerWidth
+                        Layout.maximumWidth: layout.utilitySurfacePickerWidth
                         optionPrefix: "surface-selection-"
                         options: [{ value: "dashboard", title: "Dashboard" },
                                   { value: "advanced", title: "Advanced" },

@@ -22,6 +22,7 @@
 #include "app/shell/AppLifecycleController.h"
 #include "app/shell/AutostartEntry.h"
 #include "app/shell/KelvoIcon.h"
+#include "app/shell/ReopenBridge.h"
 #include "capture/CaptureCoordinator.h"
 #include "dashboard/view/DashboardView.h"
 
@@ -117,6 +118,12 @@ int main(int argc, char** argv) {
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.contains(QStringLiteral("--autostart"))) return applyAutostart(arguments);
     QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+    // A second windowed launch shows the running Kelvo's dashboard and leaves.
+    if (!headless &&
+        kelvo::ReopenBridge::claimOrForward() == kelvo::ReopenBridge::Claim::alreadyRunning) {
+        printLine(stdout, QStringLiteral("kelvo: already running; its dashboard is shown"));
+        return 0;
+    }
     if (!headless) {
         QApplication::setQuitOnLastWindowClosed(false);
         QApplication::setWindowIcon(kelvo::kelvoApplicationIcon());
@@ -149,6 +156,8 @@ int main(int argc, char** argv) {
         lifecycle->configure(&runtime);
         lifecycle->installStatusItem();
         lifecycle->showDashboardWindow();
+        auto* reopen = new kelvo::ReopenBridge(lifecycle.get(), lifecycle.get());
+        reopen->publish();
         if (arguments.contains(QStringLiteral("--report-first-frame")) &&
             lifecycle->dashboardWindow()) {
             auto* window = lifecycle->dashboardWindow();

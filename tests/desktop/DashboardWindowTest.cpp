@@ -4,6 +4,7 @@
 #include <QSystemTrayIcon>
 
 #include "DesktopTestSupport.h"
+#include "app/shell/ReopenBridge.h"
 #include "dashboard/view/DashboardLayout.h"
 #include "dashboard/view/DashboardViewModel.h"
 #include "live/LiveDashboardStore.h"
@@ -98,6 +99,15 @@ TEST_F(DashboardWindow, ReopeningWithNoVisibleWindowShowsTheDashboard) {
     window()->close();
     ASSERT_EQ(visibility(), Visibility::hidden);
     controller->handleReopen(false);
+    EXPECT_TRUE(window()->isVisible());
+    EXPECT_TRUE(waitFor([&] { return visibility() == Visibility::visible; }));
+}
+
+TEST_F(DashboardWindow, AForwardedReopenShowsAHiddenDashboard) {
+    openDashboard();
+    ReopenBridge bridge(controller.get());
+    window()->close();
+    bridge.Reopen();
     EXPECT_TRUE(window()->isVisible());
     EXPECT_TRUE(waitFor([&] { return visibility() == Visibility::visible; }));
 }

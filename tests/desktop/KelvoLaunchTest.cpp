@@ -55,3 +55,31 @@ TEST(KelvoLaunch, WithADisplayItDrawsTheDashboardAndStopsCleanlyOnSigint) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(KelvoLaunch, ASecondLaunchHandsOverToTheRunningKelvoAndLeaves) {
+    QTemporaryDir home;
+    QProcess session;
+    session.setProcessEnvironment(isolatedEnvironment(home));
+    session.setWorkingDirectory(home.path());
+    // Both launches share one private session bus.
+    const QString script = QStringLiteral(
+        "\"$0\" --harness-simulated-fans --report-first-frame 2>first.err & pid=$!\n"
+        "for i in $(seq 150); do grep -q 'first dashboard frame' first.err && break; sleep 0.2; "
+        "done\n"
+        "\"$0\" --harness-simulated-fans; second=$?\n"
+        "kill -INT $pid; wait $pid; echo \"second=$second first=$?\"\n");
+    session.start(QStringLiteral("dbus-run-session"),
+                  {QStringLiteral("--"), QStringLiteral("bash"), QStringLiteral("-c"), script,
+                   QStringLiteral(KELVO_BIN)});
+    ASSERT_TRUE(session.waitForFinished(90000));
+    const QString out = QString::fromUtf8(session.readAllStandardOutput());
+    EXPECT_TRUE(out.contains(QStringLiteral("kelvo: already running; its dashboard is shown")))
+        << out.toStdString();
+    EXPECT_TRUE(out.contains(QStringLiteral("second=0 first=0"))) << out.toStdString();
+    EXPECT_EQ(out.count(QStringLiteral("fans released to automatic control")), 1)
+        << "only the first launch ran a runtime";
+}
+
+}  // namespace

@@ -180,14 +180,14 @@ QVariantMap DashboardViewModel::buildAdvanced() const {
     for (std::size_t i = 0; i < sample.fanCurrentRPM.size(); ++i) {
         const double target = i < sample.fanTargetRPM.size() ? sample.fanTargetRPM[i] : 0;
         const double max = i < sample.fanMaxRPM.size() ? sample.fanMaxRPM[i] : 0;
-        const double pwm = max > 0 ? std::min(100.0, sample.fanCurrentRPM[i] / max * 100) : 0;
+        const double share = max > 0 ? std::min(100.0, sample.fanCurrentRPM[i] / max * 100) : 0;
         const bool decided = decision && i < decision->targetRPM.size();
-        fans << QStringLiteral("%1: %2 RPM, target %3, duty %4 % of %5 RPM%6")
+        fans << QStringLiteral("%1: %2 RPM, target %3, %4 % of its %5 RPM maximum%6")
                     .arg(fanName(sample, i))
                     .arg(sample.fanCurrentRPM[i], 0, 'f', 0)
                     .arg(target > 0 ? QString::number(target, 'f', 0) + QStringLiteral(" RPM")
                                     : QStringLiteral("firmware"))
-                    .arg(pwm, 0, 'f', 0)
+                    .arg(share, 0, 'f', 0)
                     .arg(max, 0, 'f', 0)
                     .arg(decided ? QStringLiteral(", loop wants %1 RPM")
                                        .arg(decision->targetRPM[i], 0, 'f', 0)

@@ -137,7 +137,7 @@ TEST_F(DashboardControls, TheSurfacePickerSelectsTheAdvancedSurfaceWithItsDetail
         [&] { return !window()->viewModel()->advanced().value("fans").toStringList().isEmpty(); }));
     const QString fans = window()->viewModel()->advanced().value("fans").toStringList().join('\n');
     EXPECT_TRUE(fans.contains("RPM, target")) << fans.toStdString();
-    EXPECT_TRUE(fans.contains("duty")) << fans.toStdString();
+    EXPECT_TRUE(fans.contains("RPM maximum")) << fans.toStdString();
     click("surface-selection-capture");
     EXPECT_EQ(runtime->presentation()->selectedSurface(), AppSurfaceSelection::capture);
     EXPECT_FALSE(item("surface-advanced")->isVisible());

@@ -23,6 +23,8 @@ QPalette darkPalette() {
     p.setColor(QPalette::Mid, QColor(120, 122, 130));
     p.setColor(QPalette::Highlight, QColor(36, 132, 240));
     p.setColor(QPalette::HighlightedText, Qt::white);
+    for (auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+        p.setColor(QPalette::Disabled, role, QColor(110, 111, 116));
     return p;
 }
 
@@ -98,6 +100,16 @@ TEST_F(DashboardScreenshot, TenSecondsOfSimulatedDataInLightAndDarkPalettes) {
     // The palette reached the window: its background is dark now.
     EXPECT_LT(dark.pixelColor(5, 5).lightness(), 80);
     EXPECT_GT(light.pixelColor(5, 5).lightness(), 150);
+
+    // The advanced surface adds its detail below the deck.
+    click(QStringLiteral("surface-selection-advanced"));
+    processFor(1500);
+    QQuickItem* advanced = item(QStringLiteral("surface-advanced"));
+    ASSERT_TRUE(advanced->isVisible());
+    scrollIntoView(advanced);
+    const QImage detail = grabAfterNextFrame(window());
+    EXPECT_TRUE(detail.save(shotPath(QStringLiteral("dashboard-advanced.png"))));
+    EXPECT_GT(advanced->height(), 200) << "fans, sensors, throttle and events are listed";
 }
 
 }  // namespace

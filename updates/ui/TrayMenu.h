@@ -1,0 +1,23 @@
+// The tray icon's context menu: "Show Dashboard", "Check for Updates…", "Settings…" and
+// "Quit Kelvo". The tray owner attaches it and supplies what showing and quitting mean (quitting
+// must give the fans back).
+#pragma once
+
+#include <QMenu>
+#include <functional>
+#include <memory>
+
+namespace kelvo {
+
+class CheckForUpdatesView;
+class UpdaterSettingsView;
+
+struct TrayMenuActions {
+    std::function<void()> showDashboard;
+    std::function<void()> quit;
+};
+
+std::unique_ptr<QMenu> makeTrayMenu(TrayMenuActions actions, CheckForUpdatesView& checkForUpdates,
+                                    UpdaterSettingsView& settings);
+
+}  // namespace kelvo

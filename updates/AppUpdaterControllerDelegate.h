@@ -11,7 +11,7 @@ public:
         return versionDisplayer;
     }
 
-    const BuildAwareVersionDisplayer versionDisplayer;
+    const BuildAwareVersionDisplayer versionDisplayer{};
 };
 
 }  // namespace kelvo

@@ -43,6 +43,34 @@ QString archiveError(archive* a) {
     return QString::fromLocal8Bit(message ? message : "unknown archive error");
 }
 
+// A path inside the archive that stays inside its folder: relative, without "..".
+bool containedPath(const QString& name) {
+    if (name.isEmpty() || name.startsWith(QLatin1Char('/'))) return false;
+    const QStringList parts = name.split(QLatin1Char('/'));
+    return !parts.contains(QStringLiteral(".."));
+}
+
+// Points the entry (and a hard link's target) into the staging folder.
+QString placeEntry(archive_entry* entry, const QString& name, const QString& into) {
+    if (!containedPath(name))
+        return QStringLiteral(
+                   "the update archive cannot be unpacked (%1): the path leaves the "
+                   "install folder")
+            .arg(name);
+    archive_entry_set_pathname(entry, QFile::encodeName(QDir(into).filePath(name)).constData());
+    if (const char* link = archive_entry_hardlink(entry)) {
+        const QString linked = QString::fromUtf8(link);
+        if (!containedPath(linked))
+            return QStringLiteral(
+                       "the update archive cannot be unpacked (%1): the link leaves "
+                       "the install folder")
+                .arg(name);
+        archive_entry_set_hardlink(entry,
+                                   QFile::encodeName(QDir(into).filePath(linked)).constData());
+    }
+    return {};
+}
+
 // Extracts into `into` (an existing, empty directory), refusing absolute paths, ".." and
 // writes through symbolic links, so a hostile archive cannot reach outside it.
 QString extractArchive(const QString& archivePath, const QString& into) {
@@ -53,8 +81,7 @@ QString extractArchive(const QString& archivePath, const QString& into) {
     std::unique_ptr<archive, WriteArchiveFree> writer(archive_write_disk_new());
     archive_write_disk_set_options(writer.get(), ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
                                                      ARCHIVE_EXTRACT_SECURE_NODOTDOT |
-                                                     ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                                                     ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
+                                                     ARCHIVE_EXTRACT_SECURE_SYMLINKS);
     if (archive_read_open_filename(reader.get(), QFile::encodeName(archivePath).constData(),
                                    64 * 1024) != ARCHIVE_OK)
         return QStringLiteral("the update archive cannot be opened: %1")
@@ -64,8 +91,8 @@ QString extractArchive(const QString& archivePath, const QString& into) {
     int status = ARCHIVE_OK;
     while ((status = archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK) {
         const QString name = QString::fromUtf8(archive_entry_pathname(entry));
-        const QString destination = QDir(into).filePath(name);
-        archive_entry_set_pathname(entry, QFile::encodeName(destination).constData());
+        const QString placeError = placeEntry(entry, name, into);
+        if (!placeError.isEmpty()) return placeError;
         if (archive_write_header(writer.get(), entry) != ARCHIVE_OK)
             return QStringLiteral("the update archive cannot be unpacked (%1): %2")
                 .arg(name, archiveError(writer.get()));
@@ -198,10 +225,10 @@ void removePreviousBuild(const QString& target) {
 QString runningInstallTarget(const QString& executablePath) {
     const QString appImage = qEnvironmentVariable("APPIMAGE");
     if (!appImage.isEmpty() && QFileInfo(appImage).isFile()) return appImage;
-    const QFileInfo executable(executablePath);
-    QDir folder = executable.absoluteDir();
-    if (folder.dirName() == QLatin1String("bin") && folder.cdUp()) return folder.absolutePath();
-    return executable.absolutePath();
+    const QString folder = QFileInfo(executablePath).absolutePath();
+    if (QFileInfo(folder).fileName() == QLatin1String("bin"))
+        return QFileInfo(folder).absolutePath();
+    return folder;
 }
 
 }  // namespace kelvo::UpdateInstaller

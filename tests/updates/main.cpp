@@ -1,0 +1,77 @@
+// The settings window, the menu command and the dialogs are real widgets on X11.
+// Without a display a private Xvfb server is started (and stopped at exit), so the tests run
+// the same from ctest, a terminal or CI. Listing the tests needs no display at all.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QApplication>
+#include <QDir>
+#include <QTemporaryDir>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+pid_t xvfbPid = -1;
+
+void stopXvfb() {
+    if (xvfbPid <= 0) return;
+    ::kill(xvfbPid, SIGTERM);
+    ::waitpid(xvfbPid, nullptr, 0);
+    xvfbPid = -1;
+}
+
+// Starts Xvfb on a display it picks itself (-displayfd), so parallel runs never collide.
+bool startXvfb() {
+    int fds[2];
+    if (::pipe(fds) != 0) return false;
+    xvfbPid = ::fork();
+    if (xvfbPid < 0) return false;
+    if (xvfbPid == 0) {
+        ::close(fds[0]);
+        const std::string fd = std::to_string(fds[1]);
+        ::execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1024x768x24",
+                 "-nolisten", "tcp", "-noreset", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ::close(fds[1]);
+    std::string display;
+    char c;
+    while (::read(fds[0], &c, 1) == 1 && c != '\n') display.push_back(c);
+    ::close(fds[0]);
+    if (display.empty()) return false;
+    ::setenv("DISPLAY", (":" + display).c_str(), 1);
+    std::atexit(stopXvfb);
+    return true;
+}
+
+bool listingOnly(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::strcmp(argv[i], "--gtest_list_tests") == 0) return true;
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    if (listingOnly(argc, argv)) return RUN_ALL_TESTS();
+    const char* display = std::getenv("DISPLAY");
+    if ((!display || !*display) && !startXvfb()) {
+        std::fprintf(stderr, "updates_tests: no display and Xvfb could not start\n");
+        return 1;
+    }
+    qputenv("QT_QPA_PLATFORM", "xcb");
+    QTemporaryDir home;
+    if (!home.isValid()) return 1;
+    qputenv("XDG_DATA_HOME", QDir(home.path()).filePath(QStringLiteral("data")).toLocal8Bit());
+    qputenv("XDG_CONFIG_HOME", QDir(home.path()).filePath(QStringLiteral("config")).toLocal8Bit());
+    QApplication app(argc, argv);
+    const int result = RUN_ALL_TESTS();
+    stopXvfb();
+    return result;
+}

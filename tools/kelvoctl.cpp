@@ -1,5 +1,5 @@
-// kelvoctl: sends external-control requests to a running Kelvo on the session bus, and reports
-// what the privileged helper sees.
+// kelvoctl: sends external-control requests to a running Kelvo on the session bus, reports
+// what the privileged helper sees, and checks for and publishes updates.
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -13,6 +13,7 @@
 #include "foundation/linux/HelperClient.h"
 #include "foundation/linux/HelperStatusReport.h"
 #include "foundation/linux/HwmonFanService.h"
+#include "tools/UpdateCommand.h"
 
 namespace {
 
@@ -33,6 +34,7 @@ int usage() {
         "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
         "Kelvo only accepts mode and cooldown when it was started with --allow-external-control.\n",
         modeList().replace(QStringLiteral(", "), QStringLiteral("|")).toUtf8().constData());
+    kelvo::kelvoctl::printUpdateUsage();
     return kUsageError;
 }
 
@@ -111,6 +113,8 @@ QStringList commandWords(const QStringList& args) {
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     const QStringList all = QCoreApplication::arguments().mid(1);
+    if (!all.isEmpty() && all.front() == QLatin1String("update"))
+        return kelvo::kelvoctl::runUpdateCommand(all.mid(1));
     const QStringList args = commandWords(all);
     if (args.size() != 2) return usage();
     if (args[0] == QLatin1String("helper")) {

@@ -76,6 +76,9 @@ void Updater::setUpdateCheckInterval(double seconds) {
 }
 
 void Updater::start(int firstCheckDelayMs) {
+    // This build is running, so the one it replaced is no longer needed as a way back.
+    if (!configuration_.installTarget.isEmpty())
+        UpdateInstaller::removePreviousBuild(configuration_.installTarget);
     started_ = true;
     firstCheckDelayMs_ = std::max(0, firstCheckDelayMs);
     scheduleNextCheck();

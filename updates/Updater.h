@@ -53,8 +53,9 @@ public:
     // A feed is configured and no check or install is under way.
     bool canCheckForUpdates() const { return canCheck_; }
 
-    // Starts the schedule (the first scheduled check comes after firstCheckDelayMs at the
-    // earliest, so a launch is never slowed by it).
+    // Removes the build the last install kept beside this one, and starts the schedule (the
+    // first scheduled check comes after firstCheckDelayMs at the earliest, so a launch is never
+    // slowed by it).
     void start(int firstCheckDelayMs = 60000);
     // The moment of the next scheduled check; invalid while none is scheduled.
     QDateTime nextScheduledCheck() const { return nextCheck_; }

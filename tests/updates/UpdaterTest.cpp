@@ -327,3 +327,14 @@ TEST_F(UpdaterTest, AScheduledCheckIsDueOneIntervalAfterTheLastOne) {
     EXPECT_GT(untilNext, 2590 * 1000);
     EXPECT_LE(untilNext, 2600 * 1000);
 }
+
+TEST_F(UpdaterTest, StartingRemovesThePreviousBuildKeptByTheLastInstall) {
+    const QString target = rig.installFile("new build");
+    const QString previous = kelvo::UpdateInstaller::previousBuildPath(target);
+    UpdateTestRig::writeFile(previous, "old build");
+    Updater updater(rig.configuration(server.url(QStringLiteral("/appcast.xml")), target));
+    EXPECT_TRUE(QFileInfo::exists(previous)) << "kept until the new build starts";
+    updater.start();
+    EXPECT_FALSE(QFileInfo::exists(previous));
+    EXPECT_EQ(UpdateTestRig::readFile(target), QByteArray("new build"));
+}

@@ -2,7 +2,9 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 #include "updates/UpdateInstaller.h"
 #include "updates/UpdateSignature.h"
@@ -45,7 +47,7 @@ Updater::Updater(UpdaterConfiguration configuration, QObject* parent)
     allowsAutomaticUpdates_ = UpdateSignature::publicKeyProblem(configuration_.publicKey).isEmpty();
     transfer_.setTransferTimeout(configuration_.transferTimeoutMs);
     scheduleTimer_.setSingleShot(true);
-    connect(&scheduleTimer_, &QTimer::timeout, this, &Updater::checkForUpdatesInBackground);
+    connect(&scheduleTimer_, &QTimer::timeout, this, &Updater::onScheduleTimer);
     canCheck_ = !configuration_.feedUrl.isEmpty();
 }
 
@@ -96,6 +98,21 @@ void Updater::scheduleNextCheck() {
     due = std::max(due, now.addMSecs(firstCheckDelayMs_));
     nextCheck_ = due;
     scheduleTimer_.start(static_cast<int>(std::min<qint64>(now.msecsTo(due), INT32_MAX)));
+}
+
+void Updater::onScheduleTimer() {
+    // A timer runs at most about 24 days, a monthly interval is longer: wait on when early.
+    if (nextCheck_.isValid() && QDateTime::currentDateTimeUtc() < nextCheck_) {
+        scheduleTimer_.start(static_cast<int>(
+            std::min<qint64>(QDateTime::currentDateTimeUtc().msecsTo(nextCheck_), INT32_MAX)));
+        return;
+    }
+    // The user's own check or an install is running: try again a little later.
+    if (busy_) {
+        scheduleTimer_.start(kBusyRetryMs);
+        return;
+    }
+    checkForUpdatesInBackground();
 }
 
 void Updater::recordCheck() {

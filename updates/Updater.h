@@ -92,6 +92,9 @@ private:
     void refreshCanCheck();
     void recordCheck();
     void scheduleNextCheck();
+    void onScheduleTimer();
+
+    static constexpr int kBusyRetryMs = 60000;
 
     UpdaterConfiguration configuration_;
     std::unique_ptr<QSettings> ownedSettings_;

@@ -338,3 +338,15 @@ TEST_F(UpdaterTest, StartingRemovesThePreviousBuildKeptByTheLastInstall) {
     EXPECT_FALSE(QFileInfo::exists(previous));
     EXPECT_EQ(UpdateTestRig::readFile(target), QByteArray("new build"));
 }
+
+TEST_F(UpdaterTest, AMonthlyIntervalIsScheduledAMonthAhead) {
+    const QString target = rig.installFile("installed");
+    rig.settings->setValue(QString::fromLatin1(Updater::kLastCheckKey),
+                           QDateTime::currentDateTimeUtc());
+    Updater updater(rig.configuration(server.url(QStringLiteral("/appcast.xml")), target));
+    updater.setUpdateCheckInterval(2629800);
+    updater.start(0);
+    const qint64 untilNext = QDateTime::currentDateTimeUtc().secsTo(updater.nextScheduledCheck());
+    EXPECT_GT(untilNext, 2629800 - 10);
+    EXPECT_LE(untilNext, 2629800);
+}

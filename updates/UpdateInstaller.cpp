@@ -130,7 +130,12 @@ QString installDirectory(const QString& payload, const QString& target) {
     QByteArray pattern = QFile::encodeName(stagingPath(target));
     if (!::mkdtemp(pattern.data())) return systemError(QStringLiteral("cannot stage the update"));
     const QString staged = QFile::decodeName(pattern);
-    const QString unpackError = extractArchive(payload, staged);
+    QString unpackError = extractArchive(payload, staged);
+    // An archive that would leave the install without its program is not a Kelvo build.
+    const QString program = QStringLiteral("bin/kelvo");
+    if (unpackError.isEmpty() && QFileInfo::exists(QDir(target).filePath(program)) &&
+        !QFileInfo(QDir(staged).filePath(program)).isFile())
+        unpackError = QStringLiteral("the update archive has no %1").arg(program);
     if (!unpackError.isEmpty()) {
         removeTree(staged);
         return unpackError;

@@ -132,3 +132,16 @@ TEST_F(UpdateInstallerTest, TheRunningTargetIsTheFolderAboveBin) {
               appImage);
     qunsetenv("APPIMAGE");
 }
+
+TEST_F(UpdateInstallerTest, AnArchiveWithoutTheProgramLeavesTheInstallUntouched) {
+    const QString target = makeInstall(QStringLiteral("kelvo"), "old build");
+    const QString other = path(QStringLiteral("other"));
+    QDir().mkpath(other);
+    UpdateTestRig::writeFile(other + QStringLiteral("/README"), "not a build");
+    const QString payload = archive(other, QStringLiteral("other.tar.gz"));
+    EXPECT_EQ(UpdateInstaller::install(payload, target),
+              QStringLiteral("the update archive has no bin/kelvo"));
+    EXPECT_EQ(UpdateTestRig::readFile(target + QStringLiteral("/bin/kelvo")),
+              QByteArray("old build"));
+    EXPECT_FALSE(QFileInfo::exists(UpdateInstaller::previousBuildPath(target)));
+}

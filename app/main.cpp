@@ -19,12 +19,14 @@
 
 #include "app/AppRuntime.h"
 #include "app/HeadlessLog.h"
+#include "app/shell/AppCommands.h"
 #include "app/shell/AppLifecycleController.h"
 #include "app/shell/AutostartEntry.h"
 #include "app/shell/KelvoIcon.h"
 #include "app/shell/ReopenBridge.h"
 #include "capture/CaptureCoordinator.h"
 #include "dashboard/view/DashboardView.h"
+#include "updates/ui/AppUpdaterController.h"
 
 namespace {
 int signalPipe[2] = {-1, -1};
@@ -190,13 +192,31 @@ int main(int argc, char** argv) {
                                                   live->throttleWarning()));
         });
 
+    std::unique_ptr<kelvo::AppUpdaterController> updates;
     auto finish = [&](int code) {
         QObject::disconnect(logConnection);
+        updates.reset();
         lifecycle.reset();
         runtime.shutdown();
         printLine(stdout, QStringLiteral("kelvo: stopped; fans released to automatic control"));
         QCoreApplication::exit(code);
     };
+
+    if (!headless) {
+        // Quitting from the tray menu runs after the menu's own signal has returned: finish()
+        // destroys the menu.
+        updates = std::make_unique<kelvo::AppUpdaterController>(
+            kelvo::UpdaterConfiguration::fromBuild(),
+            kelvo::TrayMenuActions{[&lifecycle] { lifecycle->showDashboardWindow(); },
+                                   [&app, &finish] {
+                                       QMetaObject::invokeMethod(
+                                           &app, [&finish] { finish(0); }, Qt::QueuedConnection);
+                                   }});
+        lifecycle->setStatusItemMenu(updates->trayMenu());
+        auto* commands = new kelvo::AppCommands(
+            [controller = updates.get()] { controller->settingsView().show(); }, updates.get());
+        lifecycle->setAppCommands(commands);
+    }
 
     if (captureMode && capture) {
         capture->setBetaCaptureNotes(argumentValue(arguments, QStringLiteral("--capture-notes")));

@@ -78,12 +78,21 @@ void AppLifecycleController::installStatusItem() {
     const QIcon icon = kelvoTrayIcon();
     statusItem_->setIcon(icon);
     statusItem_->setToolTip(QStringLiteral("Kelvo"));
-    // Left click only: the item has no menu.
+    // Left click shows the dashboard; the context menu, when set, comes with right click.
     connect(statusItem_, &QSystemTrayIcon::activated, this,
             [this](QSystemTrayIcon::ActivationReason reason) {
                 if (reason == QSystemTrayIcon::Trigger) showDashboardWindow();
             });
     statusItem_->show();
+}
+
+void AppLifecycleController::setStatusItemMenu(QMenu* menu) {
+    if (statusItem_) statusItem_->setContextMenu(menu);
+}
+
+void AppLifecycleController::setAppCommands(QObject* commands) {
+    appCommands_ = commands;
+    if (dashboardWindow_) dashboardWindow_->setAppCommands(commands);
 }
 
 void AppLifecycleController::showDashboardWindow() {
@@ -118,6 +127,7 @@ DashboardView* AppLifecycleController::ensureDashboardWindow() {
     if (!runtime_) return nullptr;
     auto* capture = dynamic_cast<CaptureCoordinator*>(runtime_->capture());
     ownedWindow_ = std::make_unique<DashboardView>(runtime_, capture, defaults_);
+    if (appCommands_) ownedWindow_->setAppCommands(appCommands_);
     DashboardView* window = ownedWindow_.get();
     window->setIcon(kelvoApplicationIcon());
     // The chrome accessor hands the window back to us and applies the first placement.

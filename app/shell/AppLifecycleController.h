@@ -12,6 +12,7 @@
 #include "app/AppPresentationStore.h"
 #include "dashboard/view/DashboardView.h"
 
+class QMenu;
 class QQuickWindow;
 
 namespace kelvo {
@@ -35,6 +36,10 @@ public:
 
     void configure(AppRuntime* runtime);
     void installStatusItem();
+    // The tray item's context menu (right click); the controller does not own it.
+    void setStatusItemMenu(QMenu* menu);
+    // Commands the dashboard's top bar offers; applied to the window now or when it is made.
+    void setAppCommands(QObject* commands);
     void showDashboardWindow();
     // A second launch (or the desktop's activation) while running.
     void handleReopen(bool hasVisibleWindows);
@@ -69,6 +74,7 @@ private:
     QPointer<DashboardView> dashboardWindow_;
     std::unique_ptr<DashboardView> ownedWindow_;
     QSystemTrayIcon* statusItem_ = nullptr;
+    QPointer<QObject> appCommands_;
     bool pendingShowRequest_ = false;
     bool hasAppliedInitialWindowPlacement_ = false;
     bool isApplyingInitialWindowPlacement_ = false;

@@ -24,8 +24,13 @@ DashboardView::DashboardView(AppRuntime* runtime, CaptureCoordinator* capture, Q
     context->setContextProperty(QStringLiteral("live"), runtime->live());
     context->setContextProperty(QStringLiteral("capture"), capture);
     context->setContextProperty(QStringLiteral("layout"), dashboard_layout::dashboardLayoutMap());
+    context->setContextProperty(QStringLiteral("appCommands"), nullptr);
     setSource(QUrl(QStringLiteral("qrc:/kelvo/dashboard/Dashboard.qml")));
     resize(kInitialWidth, kInitialHeight);
+}
+
+void DashboardView::setAppCommands(QObject* commands) {
+    rootContext()->setContextProperty(QStringLiteral("appCommands"), commands);
 }
 
 double DashboardView::fittingContentHeight() const {

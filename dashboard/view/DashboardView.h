@@ -21,6 +21,10 @@ public:
     // `capture` may be null (a runtime built without one): the capture card then stays empty.
     DashboardView(AppRuntime* runtime, CaptureCoordinator* capture, QSettings* settings);
 
+    // Application commands the top bar offers (an object with an invokable openSettings()), or
+    // null when there are none.
+    void setAppCommands(QObject* commands);
+
     DashboardViewModel* viewModel() const { return viewModel_; }
     TrendSectionModel* trendModel() const { return trendModel_; }
     // The laid-out content's natural height (0 before the QML loaded).

@@ -102,6 +102,14 @@ Rectangle {
                         selected: dashboard.selectedSurface
                         onChosen: value => dashboard.selectedSurface = value
                     }
+                    // Update settings, also in the tray menu; absent where no updater runs.
+                    ToolButton {
+                        objectName: "topbar-settings"
+                        Accessible.name: "Settings"
+                        visible: typeof appCommands !== "undefined" && appCommands !== null
+                        text: "Settings…"
+                        onClicked: appCommands.openSettings()
+                    }
                 }
             }
 

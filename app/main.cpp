@@ -19,14 +19,11 @@
 
 #include "app/AppRuntime.h"
 #include "app/HeadlessLog.h"
-#include "app/shell/AppCommands.h"
-#include "app/shell/AppLifecycleController.h"
 #include "app/shell/AutostartEntry.h"
-#include "app/shell/KelvoIcon.h"
+#include "app/shell/KelvoApp.h"
 #include "app/shell/ReopenBridge.h"
 #include "capture/CaptureCoordinator.h"
 #include "dashboard/view/DashboardView.h"
-#include "updates/ui/AppUpdaterController.h"
 
 namespace {
 int signalPipe[2] = {-1, -1};
@@ -126,11 +123,7 @@ int main(int argc, char** argv) {
         printLine(stdout, QStringLiteral("kelvo: already running; its dashboard is shown"));
         return 0;
     }
-    if (!headless) {
-        QApplication::setQuitOnLastWindowClosed(false);
-        QApplication::setWindowIcon(kelvo::kelvoApplicationIcon());
-        kelvo::AppLifecycleController::clearLegacyWindowFrameDefaults(settings);
-    }
+    if (!headless) kelvo::KelvoApp::willFinishLaunching(settings);
     const bool captureMode = arguments.contains(QStringLiteral("--capture"));
     if (!installSignalHandlers()) {
         std::perror("kelvo: cannot install signal handlers");
@@ -152,17 +145,14 @@ int main(int argc, char** argv) {
     kelvo::AppRuntime runtime(std::move(options));
     auto* capture = dynamic_cast<kelvo::CaptureCoordinator*>(runtime.capture());
 
-    std::unique_ptr<kelvo::AppLifecycleController> lifecycle;
+    std::function<void(int)> finish;
+    std::unique_ptr<kelvo::KelvoApp> desktop;
     if (!headless) {
-        lifecycle = std::make_unique<kelvo::AppLifecycleController>(&settings);
-        lifecycle->configure(&runtime);
-        lifecycle->installStatusItem();
-        lifecycle->showDashboardWindow();
-        auto* reopen = new kelvo::ReopenBridge(lifecycle.get(), lifecycle.get());
-        reopen->publish();
-        if (arguments.contains(QStringLiteral("--report-first-frame")) &&
-            lifecycle->dashboardWindow()) {
-            auto* window = lifecycle->dashboardWindow();
+        desktop = std::make_unique<kelvo::KelvoApp>(
+            runtime, settings, kelvo::UpdaterConfiguration::fromBuild(), [&finish] { finish(0); });
+        desktop->didFinishLaunching();
+        auto* window = desktop->lifecycle().dashboardWindow();
+        if (arguments.contains(QStringLiteral("--report-first-frame")) && window) {
             auto connection = std::make_shared<QMetaObject::Connection>();
             *connection = QObject::connect(
                 window, &QQuickWindow::frameSwapped, window,
@@ -192,31 +182,13 @@ int main(int argc, char** argv) {
                                                   live->throttleWarning()));
         });
 
-    std::unique_ptr<kelvo::AppUpdaterController> updates;
-    auto finish = [&](int code) {
+    finish = [&](int code) {
         QObject::disconnect(logConnection);
-        updates.reset();
-        lifecycle.reset();
+        desktop.reset();
         runtime.shutdown();
         printLine(stdout, QStringLiteral("kelvo: stopped; fans released to automatic control"));
         QCoreApplication::exit(code);
     };
-
-    if (!headless) {
-        // Quitting from the tray menu runs after the menu's own signal has returned: finish()
-        // destroys the menu.
-        updates = std::make_unique<kelvo::AppUpdaterController>(
-            kelvo::UpdaterConfiguration::fromBuild(),
-            kelvo::TrayMenuActions{[&lifecycle] { lifecycle->showDashboardWindow(); },
-                                   [&app, &finish] {
-                                       QMetaObject::invokeMethod(
-                                           &app, [&finish] { finish(0); }, Qt::QueuedConnection);
-                                   }});
-        lifecycle->setStatusItemMenu(updates->trayMenu());
-        auto* commands = new kelvo::AppCommands(
-            [controller = updates.get()] { controller->settingsView().show(); }, updates.get());
-        lifecycle->setAppCommands(commands);
-    }
 
     if (captureMode && capture) {
         capture->setBetaCaptureNotes(argumentValue(arguments, QStringLiteral("--capture-notes")));

@@ -5,48 +5,62 @@
 #include <QSystemTrayIcon>
 
 #include "DesktopTestSupport.h"
-#include "app/shell/AppCommands.h"
-#include "updates/ui/AppUpdaterController.h"
+#include "app/shell/KelvoApp.h"
 
 namespace kelvo::testing {
 namespace {
 
 class DesktopUpdates : public DesktopFixture {
 protected:
-    void attachUpdater() {
-        UpdaterConfiguration configuration;  // no feed: nothing leaves this machine
+    // The desktop application as `kelvo` builds it, with an updater that has no feed (nothing
+    // leaves this machine).
+    void launch() {
+        startRuntime();
+        UpdaterConfiguration configuration;
         configuration.displayVersion = QStringLiteral("0.1.0");
         configuration.buildVersion = QStringLiteral("1");
         configuration.settings = settings.get();
-        updates = std::make_unique<AppUpdaterController>(
-            configuration,
-            TrayMenuActions{[this] { controller->showDashboardWindow(); }, [this] { ++quits; }});
-        controller->setStatusItemMenu(updates->trayMenu());
-        commands = new AppCommands([this] { updates->settingsView().show(); }, updates.get());
-        controller->setAppCommands(commands);
+        app = std::make_unique<KelvoApp>(*runtime, *settings, configuration, [this] { ++quits; });
+        app->didFinishLaunching();
+        ASSERT_NE(dashboard(), nullptr);
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(dashboard()));
     }
     void TearDown() override {
-        updates.reset();
+        app.reset();
         DesktopFixture::TearDown();
     }
 
+    DashboardView* dashboard() const { return app->lifecycle().dashboardWindow(); }
+    QQuickItem* dashboardItem(const QString& identifier) const {
+        return findItem(dashboard()->contentItem(), identifier);
+    }
     QAction* menuAction(const QString& text) const {
-        for (QAction* action : controller->statusItem()->contextMenu()->actions())
+        for (QAction* action : app->lifecycle().statusItem()->contextMenu()->actions())
             if (action->text() == text) return action;
         return nullptr;
     }
 
-    std::unique_ptr<AppUpdaterController> updates;
-    AppCommands* commands = nullptr;
+    // The live metrics card can sit below the fold of a small window.
+    void scrollInto(QQuickItem* target) {
+        QObject* flickable =
+            dashboard()->rootObject()->findChild<QObject*>(QStringLiteral("dashboard-scroll"));
+        ASSERT_NE(flickable, nullptr);
+        const double y = target->mapToItem(dashboard()->contentItem(), QPointF(0, 0)).y();
+        if (y >= 0 && y + target->height() <= dashboard()->height()) return;
+        const double contentY = flickable->property("contentY").toDouble();
+        flickable->setProperty("contentY", std::max(0.0, contentY + y - 20));
+        processFor(50);
+    }
+
+    std::unique_ptr<KelvoApp> app;
     int quits = 0;
 };
 
 }  // namespace
 
 TEST_F(DesktopUpdates, TheTrayMenuOffersFourCommandsInOrder) {
-    openDashboard();
-    attachUpdater();
-    QMenu* menu = controller->statusItem()->contextMenu();
+    launch();
+    QMenu* menu = app->lifecycle().statusItem()->contextMenu();
     ASSERT_NE(menu, nullptr);
     QStringList texts;
     for (QAction* action : menu->actions())
@@ -57,43 +71,52 @@ TEST_F(DesktopUpdates, TheTrayMenuOffersFourCommandsInOrder) {
 }
 
 TEST_F(DesktopUpdates, ShowDashboardFromTheMenuBringsBackAClosedWindow) {
-    openDashboard();
-    attachUpdater();
-    window()->close();
-    ASSERT_TRUE(waitFor([&] { return !window()->isVisible(); }));
+    launch();
+    dashboard()->close();
+    ASSERT_TRUE(waitFor([&] { return !dashboard()->isVisible(); }));
     QAction* show = menuAction(QStringLiteral("Show Dashboard"));
     ASSERT_NE(show, nullptr);
     show->trigger();
-    EXPECT_TRUE(waitFor([&] { return window()->isVisible(); }));
+    EXPECT_TRUE(waitFor([&] { return dashboard()->isVisible(); }));
 }
 
 TEST_F(DesktopUpdates, QuitFromTheMenuReachesTheApplication) {
-    openDashboard();
-    attachUpdater();
+    launch();
     QAction* quit = menuAction(QStringLiteral("Quit Kelvo"));
     ASSERT_NE(quit, nullptr);
     quit->trigger();
-    EXPECT_EQ(quits, 1);
+    // Quitting destroys the menu, so it happens once the menu's signal has returned.
+    EXPECT_EQ(quits, 0);
+    EXPECT_TRUE(waitFor([&] { return quits == 1; }));
 }
 
-TEST_F(DesktopUpdates, TheTopBarOpensTheUpdateSettings) {
+TEST_F(DesktopUpdates, WithoutAnUpdaterThereIsNoUpdateSettingsButton) {
     openDashboard();
-    EXPECT_FALSE(item(QStringLiteral("topbar-settings"))->isVisible());
-    attachUpdater();
-    ASSERT_TRUE(waitFor([&] { return item(QStringLiteral("topbar-settings"))->isVisible(); }));
-    EXPECT_EQ(accessibleName(item(QStringLiteral("topbar-settings"))), QStringLiteral("Settings"));
-    EXPECT_FALSE(updates->settingsView().isVisible());
-    click(QStringLiteral("topbar-settings"));
-    EXPECT_TRUE(waitFor([&] { return updates->settingsView().isVisible(); }));
+    ASSERT_NE(item(QStringLiteral("build-update-settings")), nullptr);
+    EXPECT_FALSE(item(QStringLiteral("build-update-settings"))->isVisible());
+}
+
+TEST_F(DesktopUpdates, TheButtonBesideTheVersionOpensTheUpdateSettings) {
+    launch();
+    QQuickItem* button = dashboardItem(QStringLiteral("build-update-settings"));
+    ASSERT_NE(button, nullptr);
+    ASSERT_TRUE(waitFor([&] { return button->isVisible(); }));
+    EXPECT_EQ(accessibleName(button), QStringLiteral("Update Settings"));
+    EXPECT_FALSE(app->updates().settingsView().isVisible());
+    ASSERT_TRUE(waitFor([&] { return app->lifecycle().hasAppliedInitialWindowPlacement(); }));
+    processFor(100);  // the placement's resize settles the layout
+    ASSERT_NO_FATAL_FAILURE(scrollInto(button));
+    const QPointF centre = button->mapToScene(QPointF(button->width() / 2, button->height() / 2));
+    QTest::mouseClick(dashboard(), Qt::LeftButton, Qt::NoModifier, centre.toPoint());
+    EXPECT_TRUE(waitFor([&] { return app->updates().settingsView().isVisible(); }));
 }
 
 TEST_F(DesktopUpdates, SettingsFromTheMenuOpensTheSameWindow) {
-    openDashboard();
-    attachUpdater();
+    launch();
     QAction* settingsAction = menuAction(QStringLiteral("Settings…"));
     ASSERT_NE(settingsAction, nullptr);
     settingsAction->trigger();
-    EXPECT_TRUE(waitFor([&] { return updates->settingsView().isVisible(); }));
+    EXPECT_TRUE(waitFor([&] { return app->updates().settingsView().isVisible(); }));
 }
 
 }  // namespace kelvo::testing

@@ -102,14 +102,6 @@ Rectangle {
                         selected: dashboard.selectedSurface
                         onChosen: value => dashboard.selectedSurface = value
                     }
-                    // Update settings, also in the tray menu; absent where no updater runs.
-                    ToolButton {
-                        objectName: "topbar-settings"
-                        Accessible.name: "Settings"
-                        visible: typeof appCommands !== "undefined" && appCommands !== null
-                        text: "Settings…"
-                        onClicked: appCommands.openSettings()
-                    }
                 }
             }
 
@@ -316,16 +308,30 @@ Rectangle {
                             }
                         }
                     }
-                    Text {
-                        objectName: "build-version"
-                        Accessible.name: "Build Version"
-                        Accessible.description: live.buildVersionDetail
-                        text: live.buildVersionLabel
-                        color: palette.mid
-                        font.pixelSize: 11
-                        HoverHandler { id: buildHover }
-                        ToolTip.visible: buildHover.hovered && live.buildVersionDetail.length > 0
-                        ToolTip.text: live.buildVersionDetail
+                    RowLayout {
+                        spacing: 8
+                        Text {
+                            objectName: "build-version"
+                            Accessible.name: "Build Version"
+                            Accessible.description: live.buildVersionDetail
+                            text: live.buildVersionLabel
+                            color: palette.mid
+                            font.pixelSize: 11
+                            HoverHandler { id: buildHover }
+                            ToolTip.visible: buildHover.hovered && live.buildVersionDetail.length > 0
+                            ToolTip.text: live.buildVersionDetail
+                        }
+                        // The update settings (also in the tray menu) sit with the version they
+                        // concern; the top bar's width is fixed by its two controls. Absent where
+                        // no updater runs.
+                        ToolButton {
+                            objectName: "build-update-settings"
+                            Accessible.name: "Update Settings"
+                            visible: typeof appCommands !== "undefined" && appCommands !== null
+                            text: "Update Settings…"
+                            font.pixelSize: 11
+                            onClicked: appCommands.openSettings()
+                        }
                     }
                 }
             }

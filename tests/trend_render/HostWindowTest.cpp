@@ -164,10 +164,12 @@ TEST_F(HostWindow, LabelsFadeOutAtThePlotsLeftEdge) {
         {tickDate, FixedViewportTrendAxisLabels::text(tickDate, 60), 2.0 / 60});
     // Newer samples let the display run 3 s past this snapshot.
     give(snapshot, r + 3);
+    // The frame this tick asked for (later, when one was still in flight), once it is on screen.
     auto shownFrame = [&] {
-        const int before = frames;
+        const auto drawn = host->renderer().drawnFrameCount();
         host->tick();
-        EXPECT_TRUE(test::waitUntil([&] { return frames > before; }));
+        EXPECT_TRUE(test::waitUntil([&] { return host->renderer().drawnFrameCount() > drawn; }));
+        test::waitUntil([&] { return !host->renderer().frameInFlight(); });
         return window->grabWindow().convertToFormat(QImage::Format_RGB32);
     };
     // The label area: below the plot, from its left edge to well before the live label.

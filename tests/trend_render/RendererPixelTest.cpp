@@ -38,11 +38,18 @@ protected:
         ASSERT_TRUE(test::waitUntil([this] { return window->isExposed() && frames > 0; }));
     }
 
-    // Asks for one frame, waits until it is on screen, and reads it back.
+    // Asks for one frame, waits until it is on screen, and reads it back. The renderer draws
+    // nothing while an earlier frame is in flight (a read-back can leave one), so it asks again
+    // until a frame of its own was drawn.
     QImage frame() {
-        const int before = frames;
-        probe->update();
-        EXPECT_TRUE(test::waitUntil([&] { return frames > before; }));
+        const auto drawn = probe->renderer.drawnFrameCount();
+        for (int attempt = 0; attempt < 20 && probe->renderer.drawnFrameCount() == drawn;
+             ++attempt) {
+            const int before = frames;
+            probe->update();
+            EXPECT_TRUE(test::waitUntil([&] { return frames > before; }));
+        }
+        EXPECT_GT(probe->renderer.drawnFrameCount(), drawn);
         test::waitUntil([&] { return !probe->renderer.frameInFlight(); });
         return window->grabWindow().convertToFormat(QImage::Format_RGB32);
     }

@@ -5,7 +5,7 @@
 #   bench/overhead/overhead.sh [--seconds N] [--warmup N] [--build DIR]
 #
 # Targets measured: `kelvo --headless` on the simulated back-end; the dashboard window visible
-# and hidden under Xvfb (once the window exists); the trend chart demo as an extra.
+# and hidden under Xvfb; the trend chart demo as an extra.
 set -euo pipefail
 
 seconds=120
@@ -102,13 +102,21 @@ else
     echo "kelvo --headless: not built ($kelvo)"
 fi
 
-# The dashboard window: visible, and hidden to the tray. This build has no window yet; when it
-# exists, measure it here with the flags that show or hide it.
-echo "kelvo dashboard (visible, hidden):  not measured: this build has no dashboard window"
+# The dashboard window, visible and then hidden to the tray: the probe measures both spans itself
+# (CPU of the whole process, frames drawn, view updates, resident memory).
+probe="$build/bench/kelvo_dashboard_probe"
+if [[ -x "$probe" ]] && command -v Xvfb >/dev/null; then
+    start_xvfb
+    echo "kelvo dashboard under Xvfb:"
+    DISPLAY="$display" "$probe" --settle-seconds "$warmup" --visible-seconds "$seconds" \
+        --hidden-seconds "$seconds" | sed 's/^/    /'
+else
+    echo "kelvo dashboard: not built ($probe) or no Xvfb"
+fi
 
 demo="$build/trend_render/kelvo-chart-demo"
 if [[ -x "$demo" ]] && command -v Xvfb >/dev/null; then
-    start_xvfb
+    [[ -n "${display:-}" ]] || start_xvfb
     measure "chart demo under Xvfb (extra)" env DISPLAY="$display" "$demo"
 else
     echo "chart demo: not built ($demo)"

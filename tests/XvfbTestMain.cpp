@@ -1,6 +1,7 @@
-// The settings window, the menu command and the dialogs are real widgets on X11.
-// Without a display a private Xvfb server is started (and stopped at exit), so the tests run
-// the same from ctest, a terminal or CI. Listing the tests needs no display at all.
+// Test main for the areas that draw real windows (the trend chart, the dashboard, the update
+// windows): they run on X11 through Mesa's software OpenGL. Without a display a private Xvfb server
+// is started (and stopped at exit), so the tests run the same from ctest, a terminal or CI.
+// Listing the tests needs no display at all.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -62,15 +63,17 @@ int main(int argc, char** argv) {
     if (listingOnly(argc, argv)) return RUN_ALL_TESTS();
     const char* display = std::getenv("DISPLAY");
     if ((!display || !*display) && !startXvfb()) {
-        std::fprintf(stderr, "updates_tests: no display and Xvfb could not start\n");
+        std::fprintf(stderr, "%s: no display and Xvfb could not start\n", argv[0]);
         return 1;
     }
     qputenv("QT_QPA_PLATFORM", "xcb");
+    qputenv("LIBGL_ALWAYS_SOFTWARE", "1");
     QTemporaryDir home;
     if (!home.isValid()) return 1;
     qputenv("XDG_DATA_HOME", QDir(home.path()).filePath(QStringLiteral("data")).toLocal8Bit());
     qputenv("XDG_CONFIG_HOME", QDir(home.path()).filePath(QStringLiteral("config")).toLocal8Bit());
     QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
     const int result = RUN_ALL_TESTS();
     stopXvfb();
     return result;

@@ -13,11 +13,15 @@ constexpr double kMaxFallPerSecond = 0.02;
 // not step the fans audibly; beyond it the full gain applies.
 constexpr double kSoftRiseC = 2;
 constexpr double kAnticipationDuty = 0.55;
+// Quiet modes ramp the fans no faster than this: a slow ramp is heard as the machine working, a
+// step as a noise. The limit at the hard edge still jumps.
+constexpr double kQuietRiseRPMPerSecond = 120;
+constexpr double kQuietRiseDutyWithoutSpeeds = 0.03;  // fans that report no range
 constexpr double kPowerRiseWatts = 12;
 constexpr double kTrendSeconds = 3;
-// A burst shorter than this (opening an application) is not the sustained load anticipation is
-// for: raising the fans for it only adds noise.
-constexpr double kSustainedConfirmSeconds = 3;
+// A burst shorter than this (opening an application, a page, a search) is not the sustained load
+// anticipation is for: raising the fans for it only adds noise.
+constexpr double kSustainedConfirmSeconds = 8;
 }  // namespace
 
 ControlPolicy::ControlPolicy(ControlLimits limits) : limits_(limits) {}
@@ -43,16 +47,31 @@ double ControlPolicy::gpuLimit(ControlMode) const {
 // Positive when the hottest sensor is over the mode's setpoint, negative when under it.
 double ControlPolicy::setpointExcess(ControlMode mode, const TelemetrySample& sample) const {
     double worst = -1e9;
+    // An idle die sits close to its heatsink; a burst lifts it by its full power over the
+    // die-to-sink resistance within a second or two, faster than any fan can answer. So the
+    // less busy the machine, the further under the limit quiet keeps it.
+    const double idleShare =
+        1.0 - std::clamp(sample.maxUtilizationPct().value_or(100.0) / 100.0, 0.0, 1.0);
+    const double reserve = limits_.quietBurstReserveC * idleShare;
     auto consider = [&](const std::optional<double>& temp, double limit) {
         if (!temp) return;
         double setpoint = mode == ControlMode::performance
                               ? std::min(limits_.performanceTargetC, limit)
-                              : limit - limits_.quietSetpointMarginC;
+                              : limit - limits_.quietSetpointMarginC - reserve;
         worst = std::max(worst, *temp - setpoint);
     };
     consider(sample.cpuTemperatureC, limits_.quietCpuLimitC);
     consider(sample.gpuTemperatureC, limits_.quietGpuLimitC);
     return worst;
+}
+
+// Duty per second that moves the widest fan by the quiet ramp.
+double ControlPolicy::quietRiseLimit(const TelemetrySample& sample) const {
+    double span = 0;
+    const std::size_t fans = std::min(sample.fanMinRPM.size(), sample.fanMaxRPM.size());
+    for (std::size_t i = 0; i < fans; ++i)
+        span = std::max(span, sample.fanMaxRPM[i] - sample.fanMinRPM[i]);
+    return span > 0 ? kQuietRiseRPMPerSecond / span : kQuietRiseDutyWithoutSpeeds;
 }
 
 bool ControlPolicy::predictsSustainedLoad(const TelemetrySample& sample,
@@ -96,7 +115,7 @@ void ControlPolicy::anticipate(const TelemetrySample& sample, double dt,
     anticipationLeft_ -= dt;
     sinceIncrease_ = 0;
     if (duty_ < kAnticipationDuty) {
-        duty_ = kAnticipationDuty;
+        duty_ = std::min(kAnticipationDuty, duty_ + quietRiseLimit(sample) * dt);
         out.duty = duty_;
         out.anticipating = true;
         out.reason = "anticipating sustained load";
@@ -123,7 +142,9 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         mode == ControlMode::performance ? 2 * kRiseGainPerDegreeSecond : kRiseGainPerDegreeSecond;
     if (excess > 0) {
         const double eased = excess * std::min(1.0, excess / kSoftRiseC);
-        duty_ = std::min(1.0, duty_ + riseGain * eased * dt);
+        double rise = riseGain * eased * dt;
+        if (mode != ControlMode::performance) rise = std::min(rise, quietRiseLimit(sample) * dt);
+        duty_ = std::min(1.0, duty_ + rise);
         sinceIncrease_ = 0;
         out.reason = "above setpoint";
     } else if (excess < -limits_.hysteresisC && sinceIncrease_ >= limits_.decreaseHoldSeconds) {

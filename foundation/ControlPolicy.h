@@ -17,7 +17,8 @@ struct ControlLimits {
     // minus the hysteresis, so the fans never hunt audibly.
     double decreaseHoldSeconds = 12;
     double hysteresisC = 3;
-    double quietSetpointMarginC = 5;  // quiet aims this far under its limit
+    double quietSetpointMarginC = 4.5;  // quiet aims this far under its limit
+    double quietBurstReserveC = 6;      // and this much further on an idle machine
 };
 
 // How far between a fan's minimum (0) and maximum (1) it should run.
@@ -45,6 +46,7 @@ public:
 
 private:
     double setpointExcess(ControlMode mode, const TelemetrySample& sample) const;
+    double quietRiseLimit(const TelemetrySample& sample) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
     void anticipate(const TelemetrySample& sample, double dt, const AdaptiveLeadModel& model,
                     PolicyOutput& out);

@@ -97,7 +97,7 @@ TEST(ControlLoopSim, QuietHybridWithALeadModelRaisesFansBeforeTheTemperature) {
     }
     bool anticipated = false;
     double plainFans = 0, earlyFans = 0;
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < 12; ++i) {  // eight seconds to confirm the load, then the ramp
         auto a = anticipating.tick();
         auto p = plain.tick();
         anticipated = anticipated || (a.decision && a.decision->anticipating);

@@ -13,14 +13,25 @@ TelemetrySample temps(Timestamp t, double cpu, double gpu) {
     s.gpuTemperatureC = gpu;
     return s;
 }
+
+// The same, from a machine whose fans report their range (the widest spans 4000 rpm).
+TelemetrySample withFans(TelemetrySample s) {
+    s.fanMinRPM = {1000, 800};
+    s.fanMaxRPM = {5000, 3000};
+    return s;
+}
+constexpr double kQuietRampDuty = 120.0 / 4000.0;  // 120 rpm a second on the widest fan
 }  // namespace
 
 TEST(ControlPolicy, QuietRisesAboveItsSetpointAndHoldsBeforeFalling) {
     ControlPolicy policy;
     policy.reset(0);
-    // 88 °C limit, 5 °C margin: 87 °C is 4 °C over the quiet setpoint.
-    auto up = policy.decide(ControlMode::quiet, temps(0, 87, 50), 1.0, std::nullopt);
+    // 88 °C limit, 4.5 °C margin: 86.5 °C is 3 °C over the quiet setpoint.
+    PolicyOutput up;
+    for (int i = -5; i <= 0; ++i)
+        up = policy.decide(ControlMode::quiet, temps(i, 86.5, 50), 1.0, std::nullopt);
     EXPECT_GT(up.duty, 0.1);
+    EXPECT_EQ(up.reason, "above setpoint");
     double raised = up.duty;
     // Cooler, but inside the hold time: no decrease.
     for (int i = 1; i <= 5; ++i)
@@ -34,6 +45,60 @@ TEST(ControlPolicy, QuietRisesAboveItsSetpointAndHoldsBeforeFalling) {
         previous = duty;
     }
     EXPECT_LT(previous, raised);
+}
+
+TEST(ControlPolicy, QuietRampsNoFasterThanOneQuietStepASecondWherePerformanceDoesNot) {
+    ControlPolicy quiet;
+    ControlPolicy performance;
+    double previous = 0;
+    for (int i = 0; i < 10; ++i) {
+        double duty =
+            quiet.decide(ControlMode::quiet, withFans(temps(i, 86.5, 50)), 1.0, std::nullopt).duty;
+        EXPECT_NEAR(duty - previous, kQuietRampDuty, 1e-9) << i;
+        previous = duty;
+    }
+    // Half a second moves half as far.
+    double half =
+        quiet.decide(ControlMode::quiet, withFans(temps(10, 86.5, 50)), 0.5, std::nullopt).duty;
+    EXPECT_NEAR(half - previous, kQuietRampDuty / 2, 1e-9);
+    // Performance holds clocks: it rises as fast as its gain asks (3 °C over 70 °C and more).
+    auto p = performance.decide(ControlMode::performance, withFans(temps(0, 76.5, 50)), 1.0,
+                                std::nullopt);
+    EXPECT_GT(p.duty, 3 * kQuietRampDuty);
+}
+
+TEST(ControlPolicy, QuietWithoutFanRangesRampsAtThreePercentASecond) {
+    ControlPolicy policy;
+    EXPECT_NEAR(policy.decide(ControlMode::quiet, temps(0, 86.5, 50), 1.0, std::nullopt).duty, 0.03,
+                1e-9);
+}
+
+TEST(ControlPolicy, AnIdleMachineIsKeptFurtherUnderTheLimitThanABusyOne) {
+    // 81 °C: inside the busy machine's band (setpoint 83.5 °C), but over the idle machine's
+    // setpoint (83.5 - 6 = 77.5 °C), because a burst from idle lifts the die faster than the fans
+    // can answer. Half busy, the setpoint is half way (80.5 °C).
+    auto at81 = [](double utilisation) {
+        TelemetrySample s = withFans(temps(0, 81, 50));
+        s.cpuUtilizationPct = utilisation;
+        return s;
+    };
+    ControlPolicy idle;
+    ControlPolicy busy;
+    ControlPolicy halfBusy;
+    auto i = idle.decide(ControlMode::quiet, at81(0), 1.0, std::nullopt);
+    auto b = busy.decide(ControlMode::quiet, at81(100), 1.0, std::nullopt);
+    auto h = halfBusy.decide(ControlMode::quiet, at81(50), 1.0, std::nullopt);
+    EXPECT_EQ(i.reason, "above setpoint");
+    EXPECT_EQ(b.reason, "holding");
+    EXPECT_DOUBLE_EQ(b.duty, 0.0);
+    EXPECT_EQ(h.reason, "above setpoint");
+    EXPECT_GT(h.duty, 0.0);
+    EXPECT_LT(h.duty, i.duty);
+    // Without a utilisation reading no reserve is guessed.
+    ControlPolicy unknown;
+    EXPECT_EQ(
+        unknown.decide(ControlMode::quiet, withFans(temps(0, 81, 50)), 1.0, std::nullopt).reason,
+        "holding");
 }
 
 TEST(ControlPolicy, NearTheHardLimitJumpsToHighDuty) {
@@ -55,21 +120,27 @@ TEST(ControlPolicy, PerformanceReactsWhereQuietStillHolds) {
 TEST(ControlPolicy, QuietHybridAnticipatesARisingLoadOnlyWithALeadModel) {
     AdaptiveLeadModel model;
     model.utilizationThresholdPct = 70;
-    model.averageLeadMs = 4000;
+    model.averageLeadMs = 20000;
     ControlPolicy withModel;
     ControlPolicy without;
     PolicyOutput a, b;
-    for (int i = 0; i < 4; ++i) {
-        TelemetrySample s = temps(i, 55, 50);
+    bool anticipated = false;
+    double previous = 0;
+    for (int i = 0; i < 30; ++i) {
+        TelemetrySample s = withFans(temps(i, 55, 50));
         s.cpuUtilizationPct = 95;
-        s.totalPowerW = 10.0 + 15.0 * i;  // rising by 15 W a second
+        s.totalPowerW = 10.0 + 15.0 * std::min(i, 4);  // rising by 15 W a second, then steady
         a = withModel.decide(ControlMode::quietHybrid, s, 1.0, model);
         b = without.decide(ControlMode::quietHybrid, s, 1.0, std::nullopt);
+        anticipated = anticipated || a.anticipating;
+        // The anticipation ramps the fans up like any quiet rise, without a step.
+        EXPECT_LE(a.duty - previous, kQuietRampDuty + 1e-9) << i;
+        previous = a.duty;
+        EXPECT_FALSE(b.anticipating);
+        EXPECT_DOUBLE_EQ(b.duty, 0.0);
     }
-    EXPECT_TRUE(a.anticipating);
-    EXPECT_GE(a.duty, 0.55);
-    EXPECT_FALSE(b.anticipating);
-    EXPECT_DOUBLE_EQ(b.duty, 0.0);
+    EXPECT_TRUE(anticipated);
+    EXPECT_NEAR(a.duty, 0.55, 1e-9);  // the anticipation level, reached and held
 }
 
 namespace {
@@ -89,12 +160,11 @@ PolicyOutput hybridTick(ControlPolicy& policy, Timestamp t, bool busy, double po
 }
 }  // namespace
 
-TEST(ControlPolicy, QuietHybridLeavesABurstShorterThanThreeSecondsAlone) {
+TEST(ControlPolicy, QuietHybridLeavesABurstShorterThanEightSecondsAlone) {
     ControlPolicy policy;
     EXPECT_FALSE(hybridTick(policy, 0, false, 10).anticipating);
-    EXPECT_FALSE(hybridTick(policy, 1, true, 60).anticipating);
-    EXPECT_FALSE(hybridTick(policy, 2, true, 60).anticipating);
-    for (Timestamp t = 3; t < 20; ++t) {
+    for (Timestamp t = 1; t <= 7; ++t) EXPECT_FALSE(hybridTick(policy, t, true, 60).anticipating);
+    for (Timestamp t = 8; t < 25; ++t) {
         auto out = hybridTick(policy, t, false, 10);
         EXPECT_FALSE(out.anticipating);
         EXPECT_DOUBLE_EQ(out.duty, 0.0);
@@ -105,17 +175,17 @@ TEST(ControlPolicy, QuietHybridAnticipatesOncePerWorkloadAndAgainAfterALongPause
     ControlPolicy policy;
     hybridTick(policy, 0, false, 10);
     bool anticipated = false;
-    for (Timestamp t = 1; t <= 4; ++t) anticipated = hybridTick(policy, t, true, 60).anticipating;
+    for (Timestamp t = 1; t <= 9; ++t) anticipated = hybridTick(policy, t, true, 60).anticipating;
     ASSERT_TRUE(anticipated);
     // A two-second dip (shorter than the four-second lead) is the same workload going on.
-    hybridTick(policy, 5, false, 10);
-    hybridTick(policy, 6, false, 10);
-    for (Timestamp t = 7; t <= 12; ++t)
+    hybridTick(policy, 10, false, 10);
+    hybridTick(policy, 11, false, 10);
+    for (Timestamp t = 12; t <= 30; ++t)
         EXPECT_FALSE(hybridTick(policy, t, true, 60).anticipating) << t;
     // A pause longer than the lead ends it: the next load is new and is anticipated again.
-    for (Timestamp t = 13; t <= 22; ++t) hybridTick(policy, t, false, 10);
+    for (Timestamp t = 31; t <= 40; ++t) hybridTick(policy, t, false, 10);
     anticipated = false;
-    for (Timestamp t = 23; t <= 26; ++t)
+    for (Timestamp t = 41; t <= 49; ++t)
         anticipated = anticipated || hybridTick(policy, t, true, 60).anticipating;
     EXPECT_TRUE(anticipated);
 }
@@ -125,7 +195,7 @@ TEST(ControlPolicy, QuietHybridAnticipationEndsWithoutADrop) {
     hybridTick(policy, 0, false, 10);
     PolicyOutput out;
     Timestamp t = 1;
-    for (; t <= 4; ++t) out = hybridTick(policy, t, true, 60);
+    for (; t <= 9; ++t) out = hybridTick(policy, t, true, 60);
     ASSERT_TRUE(out.anticipating);
     double previous = out.duty;
     // Lead plus five seconds of anticipation, then the ordinary hold and slow fall.
@@ -144,11 +214,11 @@ TEST(ControlPolicy, QuietFallsFasterTheFurtherItIsUnderTheHysteresisBand) {
         policy->decide(ControlMode::quiet, temps(0, 87, 50), 1.0, std::nullopt);
     const double raised = nearBand.duty();
     for (int i = 1; i <= 11; ++i) {  // the twelve-second hold
-        nearBand.decide(ControlMode::quiet, temps(i, 79, 50), 1.0, std::nullopt);
+        nearBand.decide(ControlMode::quiet, temps(i, 79.5, 50), 1.0, std::nullopt);
         farBelow.decide(ControlMode::quiet, temps(i, 60, 50), 1.0, std::nullopt);
     }
-    // 83 °C setpoint, 3 °C band: 79 °C is one degree under the band's lower edge.
-    double near = nearBand.decide(ControlMode::quiet, temps(12, 79, 50), 1.0, std::nullopt).duty;
+    // 83.5 °C setpoint, 3 °C band: 79.5 °C is one degree under the band's lower edge.
+    double near = nearBand.decide(ControlMode::quiet, temps(12, 79.5, 50), 1.0, std::nullopt).duty;
     double far = farBelow.decide(ControlMode::quiet, temps(12, 60, 50), 1.0, std::nullopt).duty;
     EXPECT_NEAR(raised - near, 0.004, 1e-9);
     EXPECT_NEAR(raised - far, 0.02, 1e-9);

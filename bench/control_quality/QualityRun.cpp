@@ -1,5 +1,6 @@
 #include "QualityRun.h"
 
+#include "LimitHoldPolicy.h"
 #include "LinearCurvePolicy.h"
 #include "PidPolicy.h"
 #include "SteppedHysteresisPolicy.h"
@@ -99,6 +100,7 @@ std::vector<ControllerSpec> standardControllers() {
         {"stepped-hysteresis", std::nullopt,
          [] { return std::make_unique<SteppedHysteresisPolicy>(); }},
         {"pid", std::nullopt, [] { return std::make_unique<PidPolicy>(); }},
+        {"limit-hold", std::nullopt, [] { return std::make_unique<LimitHoldPolicy>(); }},
     };
 }
 

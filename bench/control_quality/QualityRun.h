@@ -44,7 +44,7 @@ struct RunSettings {
 RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
                         const ControllerSpec& controller, const RunSettings& settings);
 
-// Kelvo's three modes and the three baselines, in table order.
+// Kelvo's three modes, the three baselines and the limit-hold reference, in table order.
 std::vector<ControllerSpec> standardControllers();
 
 }  // namespace kelvo::quality

@@ -25,6 +25,7 @@ private:
     const QualityRow* find(const std::string& machine, const std::string& trace,
                            const std::string& controller) const;
     bool checkHybrid(std::ostream& out, const QualityRow& hybrid) const;
+    std::string reach(const QualityRow& hybrid, const QualityRow& baseline) const;
     bool checkRetention(std::ostream& out, const QualityRow& performance) const;
 
     std::vector<QualityRow> rows_;

@@ -73,7 +73,7 @@ void writeSeries(const std::string& path, const std::vector<SeriesPoint>& series
 }
 
 void printSetup(const std::vector<ControllerSpec>& controllers) {
-    std::cout << "Baselines:\n";
+    std::cout << "Baselines and reference:\n";
     for (const auto& controller : controllers)
         if (controller.makeBaseline)
             std::cout << "  " << controller.name << ": " << controller.makeBaseline()->parameters()

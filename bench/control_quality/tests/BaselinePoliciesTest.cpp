@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "LimitHoldPolicy.h"
 #include "LinearCurvePolicy.h"
 #include "PidPolicy.h"
 #include "SteppedHysteresisPolicy.h"
@@ -50,4 +51,17 @@ TEST(PidPolicy, TheIntegralDoesNotWindUpWhileTheOutputIsSaturated) {
     for (int i = 0; i < 100; ++i) EXPECT_DOUBLE_EQ(pid.duty(temps(95, 40), 1), 1.0);
     // Back under the setpoint, the fans come off at once instead of paying back a huge integral.
     EXPECT_LT(pid.duty(temps(60, 40), 1), 0.5);
+}
+
+TEST(LimitHoldPolicy, HoldsWhicheverDieIsClosestToItsOwnLimit) {
+    LimitHoldPolicy hold(LimitHoldSettings{88, 85, 0.5, 0.1, 0.01, 0});
+    // The GPU at 84.5 °C sits on its hold point (85 - 0.5); the CPU at 86 °C is 1.5 °C under its
+    // own: the GPU decides, with nothing to correct.
+    EXPECT_NEAR(hold.duty(temps(86, 84.5), 1), 0.0, 1e-12);
+    // Two degrees over the GPU's hold point: 0.2 + 0.02.
+    EXPECT_NEAR(hold.duty(temps(70, 86.5), 1), 0.22, 1e-12);
+    // The CPU 3 °C over its hold point while the GPU is cool: the CPU decides (0.3, plus the
+    // integral of both seconds over: 0.05).
+    EXPECT_NEAR(hold.duty(temps(90.5, 60), 1), 0.35, 1e-12);
+    EXPECT_DOUBLE_EQ(LimitHoldPolicy().duty(temps(std::nullopt, std::nullopt), 1), 1.0);
 }

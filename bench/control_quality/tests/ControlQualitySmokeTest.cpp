@@ -108,8 +108,9 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
         EXPECT_GE(number(row, "audible_changes_per_h"), 0.0);
         EXPECT_GE(number(row, "rpm_sd"), 0.0);
     }
-    EXPECT_EQ(controllers, (std::set<std::string>{"quiet", "quietHybrid", "performance",
-                                                  "linear-curve", "stepped-hysteresis", "pid"}));
+    EXPECT_EQ(controllers,
+              (std::set<std::string>{"quiet", "quietHybrid", "performance", "linear-curve",
+                                     "stepped-hysteresis", "pid", "limit-hold"}));
     EXPECT_GE(machines.size(), 2u);  // a laptop and a desktop at least
     EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
 }

@@ -16,6 +16,7 @@
 #include "foundation/Types.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace kelvo {
 
@@ -114,6 +115,7 @@ private:
     void open();
     void openInMemory(const std::string& reason);
     void closeLocked();
+    sqlite3_stmt* keptLocked(const std::string& sql);
     void queueFailure(std::string message);
     bool failLocked(const std::string& what);
     bool execLocked(const char* sql);
@@ -128,6 +130,8 @@ private:
     std::string lastError_;
     std::vector<RuntimeEvent> startupEvents_;
     std::optional<Timestamp> lastSampleTimestamp_;
+    // Statements run every tick stay prepared while the database is open.
+    std::vector<std::pair<std::string, sqlite3_stmt*>> kept_;
 };
 
 using ProfilingRunRecord = SQLiteStore::ProfilingRunRecord;

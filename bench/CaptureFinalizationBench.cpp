@@ -9,6 +9,7 @@
 #include <QTemporaryDir>
 #include <chrono>
 
+#include "BenchApplication.h"
 #include "app/LoopCall.h"
 #include "capture/CaptureCoordinator.h"
 #include "capture/GPUStressWorker.h"
@@ -17,15 +18,6 @@
 #include "foundation/sim/SimulatedTelemetryProvider.h"
 
 namespace {
-
-QCoreApplication& application() {
-    static int argc = 1;
-    static char name[] = "kelvo_bench";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication* app =
-        QCoreApplication::instance() ? nullptr : new QCoreApplication(argc, argv);
-    return app ? *app : *QCoreApplication::instance();
-}
 
 bool waitFor(const std::function<bool()>& condition) {
     QElapsedTimer timer;
@@ -52,7 +44,7 @@ kelvo::TelemetrySample sampleAt(kelvo::Timestamp t, int i) {
 }
 
 void BM_FinalizeExportPackage15MinuteCapture(benchmark::State& state) {
-    application();
+    kelvo::bench::benchApplication();
     constexpr int kSamples = 15 * 60;
     constexpr int kEvents = 12;
     for (auto _ : state) {

@@ -4,11 +4,11 @@
 // samples × 7 series. A frame must cost the same whatever the number of samples.
 #include <benchmark/benchmark.h>
 
-#include <QGuiApplication>
 #include <QSGNode>
 #include <cmath>
 #include <memory>
 
+#include "BenchApplication.h"
 #include "dashboard/TrendReferenceLabels.h"
 #include "trend_render/FixedViewportTrendHostItem.h"
 
@@ -18,16 +18,6 @@ using kelvo::Timestamp;
 
 constexpr Timestamp kReference = 1'700'000'000;
 const QRectF kPlot{40, 12, 1000, 220};
-
-// Fonts and the palette need a GUI application; the offscreen platform is enough here.
-void ensureGuiApplication() {
-    if (QCoreApplication::instance()) return;
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    static int argc = 1;
-    static char name[] = "kelvo_bench";
-    static char* argv[] = {name, nullptr};
-    static QGuiApplication app(argc, argv);
-}
 
 // The viewport of a snapshot whose newest sample is at `reference`, with its minute ticks.
 void placeAt(kelvo::FixedViewportTrendSnapshot& snapshot, Timestamp reference) {
@@ -103,7 +93,7 @@ private:
 };
 
 void BM_RendererFrame(benchmark::State& state) {
-    ensureGuiApplication();
+    kelvo::bench::benchApplication();
     const auto snapshot = makeSnapshot(static_cast<int>(state.range(0)));
     auto rig = std::make_unique<FrameRig>(snapshot);
     std::uint64_t frames = 0;
@@ -126,7 +116,7 @@ void BM_RendererFrame(benchmark::State& state) {
 BENCHMARK(BM_RendererFrame)->Arg(10)->Arg(1202)->Unit(benchmark::kMicrosecond);
 
 void BM_RendererUpload(benchmark::State& state) {
-    ensureGuiApplication();
+    kelvo::bench::benchApplication();
     const auto snapshot = makeSnapshot(static_cast<int>(state.range(0)));
     const auto appearance = kelvo::TrendChartAppearance::current();
     kelvo::FixedViewportTrendRenderer renderer;

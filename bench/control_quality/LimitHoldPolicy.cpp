@@ -31,16 +31,7 @@ std::optional<double> LimitHoldPolicy::error(const TelemetrySample& sample) cons
 
 double LimitHoldPolicy::duty(const TelemetrySample& sample, double dt) {
     const auto e = error(sample);
-    if (!e) return 1.0;
-    const double derivative = previousError_ && dt > 0 ? (*e - *previousError_) / dt : 0.0;
-    previousError_ = e;
-    const double unclamped =
-        settings_.kp * *e + settings_.ki * (integral_ + *e * dt) + settings_.kd * derivative;
-    const bool saturatedHigh = unclamped > 1.0 && *e > 0;
-    const bool saturatedLow = unclamped < 0.0 && *e < 0;
-    if (!saturatedHigh && !saturatedLow) integral_ += *e * dt;
-    return std::clamp(settings_.kp * *e + settings_.ki * integral_ + settings_.kd * derivative, 0.0,
-                      1.0);
+    return e ? loop_.update(*e, dt) : 1.0;
 }
 
 }  // namespace kelvo::quality

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "BaselinePolicy.h"
+#include "PidLoop.h"
 
 namespace kelvo::quality {
 
@@ -21,7 +22,8 @@ struct LimitHoldSettings {
 
 class LimitHoldPolicy : public BaselinePolicy {
 public:
-    explicit LimitHoldPolicy(LimitHoldSettings settings = {}) : settings_(settings) {}
+    explicit LimitHoldPolicy(LimitHoldSettings settings = {})
+        : settings_(settings), loop_(settings.kp, settings.ki, settings.kd) {}
     std::string name() const override { return "limit-hold"; }
     std::string parameters() const override;
     double duty(const TelemetrySample& sample, double dt) override;
@@ -30,8 +32,7 @@ private:
     std::optional<double> error(const TelemetrySample& sample) const;
 
     LimitHoldSettings settings_;
-    double integral_ = 0;
-    std::optional<double> previousError_;
+    PidLoop loop_;
 };
 
 }  // namespace kelvo::quality

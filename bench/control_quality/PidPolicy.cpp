@@ -1,6 +1,5 @@
 #include "PidPolicy.h"
 
-#include <algorithm>
 #include <cstdio>
 
 namespace kelvo::quality {
@@ -15,16 +14,7 @@ std::string PidPolicy::parameters() const {
 
 double PidPolicy::duty(const TelemetrySample& sample, double dt) {
     if (!sample.cpuTemperatureC) return 1.0;
-    const double error = *sample.cpuTemperatureC - gains_.setpointC;
-    const double derivative = previousError_ && dt > 0 ? (error - *previousError_) / dt : 0.0;
-    previousError_ = error;
-    const double unclamped =
-        gains_.kp * error + gains_.ki * (integral_ + error * dt) + gains_.kd * derivative;
-    // Integrate only while the output is inside its range, or while the error pulls it back in.
-    const bool saturatedHigh = unclamped > 1.0 && error > 0;
-    const bool saturatedLow = unclamped < 0.0 && error < 0;
-    if (!saturatedHigh && !saturatedLow) integral_ += error * dt;
-    return std::clamp(gains_.kp * error + gains_.ki * integral_ + gains_.kd * derivative, 0.0, 1.0);
+    return loop_.update(*sample.cpuTemperatureC - gains_.setpointC, dt);
 }
 
 }  // namespace kelvo::quality

@@ -2,9 +2,8 @@
 // to the fan range and the integral frozen while the output is saturated (anti-windup).
 #pragma once
 
-#include <optional>
-
 #include "BaselinePolicy.h"
+#include "PidLoop.h"
 
 namespace kelvo::quality {
 
@@ -17,15 +16,14 @@ struct PidGains {
 
 class PidPolicy : public BaselinePolicy {
 public:
-    explicit PidPolicy(PidGains gains = {}) : gains_(gains) {}
+    explicit PidPolicy(PidGains gains = {}) : gains_(gains), loop_(gains.kp, gains.ki, gains.kd) {}
     std::string name() const override { return "pid"; }
     std::string parameters() const override;
     double duty(const TelemetrySample& sample, double dt) override;
 
 private:
     PidGains gains_;
-    double integral_ = 0;
-    std::optional<double> previousError_;
+    PidLoop loop_;
 };
 
 }  // namespace kelvo::quality

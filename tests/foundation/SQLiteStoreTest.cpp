@@ -475,6 +475,31 @@ TEST(SQLiteStore, FailedStatementSetsLastErrorWithoutThrowing) {
     EXPECT_FALSE(store.saveLearnedModel(LearnedModel{}, true));
 }
 
+TEST(SQLiteStore, TheKeptSampleInsertFailsCleanlyAndRecoversWithItsTable) {
+    TempDir dir;
+    const auto path = dir.file("kelvo.sqlite");
+    SQLiteStore store(path);
+    ASSERT_TRUE(store.appendSample(sampleAt(100)));
+    ASSERT_TRUE(store.appendSample(sampleAt(110)));  // the same prepared insert, used again
+
+    // Another connection takes the table away under the prepared statement.
+    const auto schema = rawQuery(path, "SELECT sql FROM sqlite_master WHERE name = 'samples'");
+    ASSERT_FALSE(schema.empty());
+    ASSERT_EQ(rawQuery(path, "DROP TABLE samples"), "");
+    EXPECT_FALSE(store.appendSample(sampleAt(120)));
+    EXPECT_NE(store.lastError().find("append sample"), std::string::npos);
+    EXPECT_NE(store.lastError().find("samples"), std::string::npos);
+
+    // Once the table is back, the same insert works again.
+    ASSERT_EQ(rawQuery(path, schema), "");
+    EXPECT_TRUE(store.appendSample(sampleAt(130)));
+    EXPECT_TRUE(store.appendSample(sampleAt(140)));
+    auto stored = store.samples(0, 1000);
+    ASSERT_EQ(stored.size(), 2u);
+    EXPECT_DOUBLE_EQ(stored[0].timestamp, 130);
+    EXPECT_DOUBLE_EQ(stored[1].timestamp, 140);
+}
+
 TEST(SQLiteStore, ConcurrentWritersFromTwoThreadsAllLand) {
     TempDir dir;
     SQLiteStore store(dir.file("kelvo.sqlite"));

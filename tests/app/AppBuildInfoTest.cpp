@@ -22,7 +22,7 @@
 #include "foundation/linux/HwmonFanService.h"
 #include "foundation/linux/HybridFanController.h"
 #include "foundation/linux/LocalFanController.h"
-#include "tests/app/QtTestPrinters.h"
+#include "tests/QtTestPrinters.h"
 
 namespace kelvo {
 namespace {

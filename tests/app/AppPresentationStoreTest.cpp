@@ -7,7 +7,7 @@
 #include <QTemporaryDir>
 #include <memory>
 
-#include "tests/app/QtTestPrinters.h"
+#include "tests/QtTestPrinters.h"
 
 namespace kelvo {
 namespace {

@@ -15,7 +15,6 @@
 #include <mutex>
 #include <thread>
 
-#include "../app/QtTestPrinters.h"
 #include "app/LoopCall.h"
 #include "capture/CaptureCoordinator.h"
 #include "foundation/ControlLoop.h"
@@ -25,6 +24,7 @@
 #include "foundation/SQLiteStore.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"
+#include "tests/QtTestPrinters.h"
 
 namespace kelvo::testing {
 

@@ -10,7 +10,7 @@
 
 #include "app/AppBuildInfo.h"
 #include "app/AppPresentationStore.h"
-#include "tests/app/QtTestPrinters.h"
+#include "tests/QtTestPrinters.h"
 
 namespace kelvo {
 namespace {

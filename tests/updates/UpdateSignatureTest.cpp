@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "QtTestPrinters.h"
+#include "tests/QtTestPrinters.h"
 
 #include <QFile>
 #include <QTemporaryDir>

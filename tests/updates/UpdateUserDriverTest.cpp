@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "QtTestPrinters.h"
+#include "tests/QtTestPrinters.h"
 
 #include <QAbstractButton>
 #include <QSignalSpy>
@@ -23,6 +23,19 @@ QAbstractButton* buttonNamed(QMessageBox* box, const QString& text) {
         if (button->text() == text) return button;
     return nullptr;
 }
+
+// A feed that offers nothing newer than the installed build, and the driver showing its outcome.
+class UpdateUserDriverWithEmptyFeed : public ::testing::Test {
+protected:
+    UpdateUserDriverWithEmptyFeed() { rig.publish(server, {}); }
+
+    UpdateTestRig rig;
+    LocalHttpServer server;
+    Updater updater{rig.configuration(server.url(QStringLiteral("/appcast.xml")),
+                                      rig.installFile("installed"))};
+    AppUpdaterControllerDelegate delegate;
+    UpdateUserDriver driver{updater, delegate};
+};
 
 }  // namespace
 
@@ -62,14 +75,7 @@ TEST(UpdateUserDriver, TheOfferShowsBothVersionsWithTheirBuildsAndInstalls) {
     driver.currentDialog()->close();
 }
 
-TEST(UpdateUserDriver, UpToDateAndFailuresOfTheUsersCheckAreShown) {
-    UpdateTestRig rig;
-    LocalHttpServer server;
-    rig.publish(server, {});
-    Updater updater(rig.configuration(server.url(QStringLiteral("/appcast.xml")),
-                                      rig.installFile("installed")));
-    AppUpdaterControllerDelegate delegate;
-    UpdateUserDriver driver(updater, delegate);
+TEST_F(UpdateUserDriverWithEmptyFeed, UpToDateAndFailuresOfTheUsersCheckAreShown) {
     QSignalSpy notFound(&updater, &Updater::updateNotFound);
     updater.checkForUpdates();
     ASSERT_TRUE(notFound.wait(10000));
@@ -90,14 +96,7 @@ TEST(UpdateUserDriver, UpToDateAndFailuresOfTheUsersCheckAreShown) {
     driver.currentDialog()->close();
 }
 
-TEST(UpdateUserDriver, AScheduledCheckThatFindsNothingStaysQuiet) {
-    UpdateTestRig rig;
-    LocalHttpServer server;
-    rig.publish(server, {});
-    Updater updater(rig.configuration(server.url(QStringLiteral("/appcast.xml")),
-                                      rig.installFile("installed")));
-    AppUpdaterControllerDelegate delegate;
-    UpdateUserDriver driver(updater, delegate);
+TEST_F(UpdateUserDriverWithEmptyFeed, AScheduledCheckThatFindsNothingStaysQuiet) {
     QSignalSpy notFound(&updater, &Updater::updateNotFound);
     updater.checkForUpdatesInBackground();
     ASSERT_TRUE(notFound.wait(10000));

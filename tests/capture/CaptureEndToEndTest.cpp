@@ -1,8 +1,6 @@
 // A whole capture on the simulated machine: the loop records samples, the machine overheats
 // into serious or critical thermal pressure and a clock droop, the run is stopped, exported,
 // packaged and cleared, and the bundle holds exactly the exported files.
-#include <archive.h>
-#include <archive_entry.h>
 #include <gtest/gtest.h>
 
 #include <QJsonArray>
@@ -12,6 +10,7 @@
 #include <map>
 
 #include "CaptureTestRig.h"
+#include "tests/ZipEntries.h"
 
 namespace kelvo::testing {
 namespace {
@@ -37,29 +36,6 @@ std::function<Timestamp()> fastClock() {
         const std::chrono::duration<double> real = std::chrono::steady_clock::now() - start;
         return origin + real.count() * 20.0;
     };
-}
-
-std::map<std::string, std::string> readBundle(const std::string& path) {
-    std::map<std::string, std::string> files;
-    archive* a = archive_read_new();
-    archive_read_support_format_zip(a);
-    if (archive_read_open_filename(a, path.c_str(), 16384) != ARCHIVE_OK) {
-        ADD_FAILURE() << "cannot open " << path << ": " << archive_error_string(a);
-        archive_read_free(a);
-        return files;
-    }
-    archive_entry* entry = nullptr;
-    while (archive_read_next_header(a, &entry) == ARCHIVE_OK) {
-        std::string content;
-        char buffer[8192];
-        la_ssize_t got = 0;
-        while ((got = archive_read_data(a, buffer, sizeof buffer)) > 0)
-            content.append(buffer, static_cast<std::size_t>(got));
-        EXPECT_EQ(got, 0) << archive_error_string(a);
-        files[archive_entry_pathname(entry)] = content;
-    }
-    archive_read_free(a);
-    return files;
 }
 
 std::string readFile(const QString& path) {
@@ -138,7 +114,7 @@ TEST(CaptureEndToEndTest, AWholeCaptureOnTheSimulatedMachine) {
     // The bundle holds exactly the exported files.
     EXPECT_EQ(done->bundlePath, done->exportPath + QStringLiteral(".kelvocapture"));
     EXPECT_EQ(rig.revealed, QStringList{done->bundlePath});
-    const auto bundled = readBundle(done->bundlePath.toStdString());
+    const auto bundled = kelvo::test::zipEntries(done->bundlePath.toStdString());
     const std::string prefix = folder.dirName().toStdString() + "/";
     ASSERT_EQ(bundled.size(), 4u);
     for (const char* name : {"events.csv", "run.json", "samples.csv", "summary.svg"}) {

@@ -34,6 +34,19 @@ protected:
         runID = rig.startBeta();
         ASSERT_GT(runID, 0);
     }
+    // One second from a slow, quiet GPU to a fast, busy one: 1900 MHz/s and 50 W/s.
+    void burstRampEndingAt(Timestamp t) {
+        auto before = loadedSample(t - 1);
+        before.gpuClockMHz = 300;
+        before.totalPowerW = 40;
+        rig.evaluate(before);
+        auto after = loadedSample(t);
+        after.gpuClockMHz = 2200;
+        after.gpuUtilizationPct = 85;
+        after.totalPowerW = 90;
+        rig.evaluate(after);
+    }
+
     CaptureRig rig;
     std::int64_t runID = 0;
 };
@@ -103,38 +116,16 @@ TEST_F(ThrottleSignalsTest, DroopNeedsTheHeatGate) {
 }
 
 TEST_F(ThrottleSignalsTest, TwoRampsOneAndAHalfSecondsApartRecordOne) {
-    auto ramp = [&](Timestamp t) {
-        auto before = loadedSample(t - 1);
-        before.gpuClockMHz = 300;
-        before.totalPowerW = 40;
-        rig.evaluate(before);
-        auto after = loadedSample(t);
-        after.gpuClockMHz = 2200;  // 1900 MHz/s
-        after.gpuUtilizationPct = 85;
-        after.totalPowerW = 90;  // 50 W/s
-        rig.evaluate(after);
-    };
-    ramp(100);
-    ramp(101.5);
+    burstRampEndingAt(100);
+    burstRampEndingAt(101.5);
     auto events = rig.events(runID, "burst_ramp");
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].severity, "high");
 }
 
 TEST_F(ThrottleSignalsTest, TwoRampsTwoSecondsApartRecordTwo) {
-    auto ramp = [&](Timestamp t) {
-        auto before = loadedSample(t - 1);
-        before.gpuClockMHz = 300;
-        before.totalPowerW = 40;
-        rig.evaluate(before);
-        auto after = loadedSample(t);
-        after.gpuClockMHz = 2200;
-        after.gpuUtilizationPct = 85;
-        after.totalPowerW = 90;
-        rig.evaluate(after);
-    };
-    ramp(100);
-    ramp(102);
+    burstRampEndingAt(100);
+    burstRampEndingAt(102);
     EXPECT_EQ(rig.events(runID, "burst_ramp").size(), 2u);
 }
 

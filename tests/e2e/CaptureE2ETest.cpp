@@ -1,7 +1,5 @@
 // `kelvo --headless --capture` as a script uses it: SIGINT wraps the capture up and the last
 // line of output is the bundle; a capture whose process was killed is resumed by the next one.
-#include <archive.h>
-#include <archive_entry.h>
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
@@ -14,6 +12,7 @@
 #include <map>
 
 #include "foundation/SQLiteStore.h"
+#include "tests/ZipEntries.h"
 
 namespace {
 
@@ -75,23 +74,11 @@ public:
     QString stdoutText, stderrText;
 };
 
+// The bundle's entries by their path inside the capture folder.
 std::map<std::string, std::string> bundleEntries(const QString& path) {
     std::map<std::string, std::string> entries;
-    archive* a = archive_read_new();
-    archive_read_support_format_zip(a);
-    if (archive_read_open_filename(a, path.toLocal8Bit().constData(), 16384) == ARCHIVE_OK) {
-        archive_entry* entry = nullptr;
-        while (archive_read_next_header(a, &entry) == ARCHIVE_OK) {
-            std::string content;
-            char buffer[8192];
-            la_ssize_t got = 0;
-            while ((got = archive_read_data(a, buffer, sizeof buffer)) > 0)
-                content.append(buffer, static_cast<std::size_t>(got));
-            const std::string name = archive_entry_pathname(entry);
-            entries[name.substr(name.find('/') + 1)] = content;
-        }
-    }
-    archive_read_free(a);
+    for (auto& [name, content] : kelvo::test::zipEntries(path.toLocal8Bit().toStdString()))
+        entries[name.substr(name.find('/') + 1)] = std::move(content);
     return entries;
 }
 

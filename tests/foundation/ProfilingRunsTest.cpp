@@ -1,7 +1,5 @@
 // The profiling side of the framework: run signals in the store, abandoned-run recovery, model
 // derivation and the adaptive lead fit, the export folder and its bundle, the auto-stop policy.
-#include <archive.h>
-#include <archive_entry.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
@@ -20,6 +18,7 @@
 #include "foundation/ProfileExportWriter.h"
 #include "foundation/ProfilingModels.h"
 #include "foundation/ProfilingService.h"
+#include "tests/ZipEntries.h"
 
 namespace kelvo {
 namespace {
@@ -260,19 +259,9 @@ TEST_F(ProfilingRunsTest, TheBundleUnpacksToTheFolder) {
     auto bundle = ProfileExportBundler::createBundle(folder.string());
     ASSERT_TRUE(bundle.ok()) << bundle.error;
     EXPECT_EQ(*bundle.value, folder.string() + ".kelvocapture");
-    archive* a = archive_read_new();
-    archive_read_support_format_zip(a);
-    ASSERT_EQ(archive_read_open_filename(a, bundle.value->c_str(), 10240), ARCHIVE_OK);
     std::map<std::string, std::size_t> sizes;
-    archive_entry* entry = nullptr;
-    while (archive_read_next_header(a, &entry) == ARCHIVE_OK) {
-        char buffer[4096];
-        std::size_t total = 0;
-        la_ssize_t got = 0;
-        while ((got = archive_read_data(a, buffer, sizeof buffer)) > 0) total += got;
-        sizes[archive_entry_pathname(entry)] = total;
-    }
-    archive_read_free(a);
+    for (const auto& [name, content] : kelvo::test::zipEntries(*bundle.value))
+        sizes[name] = content.size();
     EXPECT_EQ(sizes, (std::map<std::string, std::size_t>{{"20260101-120000/a.txt", 5},
                                                          {"20260101-120000/b.csv", 100000}}));
     EXPECT_FALSE(ProfileExportBundler::createBundle((dir_ / "missing").string()).ok());

@@ -22,7 +22,7 @@
 
 namespace kelvo::testing {
 
-inline bool waitFor(const std::function<bool()>& condition, int timeoutMs = 5000) {
+inline bool waitFor(const std::function<bool()>& condition, int timeoutMs = 15000) {
     QElapsedTimer timer;
     timer.start();
     while (!condition() && timer.elapsed() < timeoutMs)

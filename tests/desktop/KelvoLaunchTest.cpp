@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <QDeadlineTimer>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QTemporaryDir>
@@ -41,7 +42,9 @@ TEST(KelvoLaunch, WithADisplayItDrawsTheDashboardAndStopsCleanlyOnSigint) {
                                             QStringLiteral("--report-first-frame")});
     ASSERT_TRUE(kelvo.waitForStarted());
     QString err;
-    for (int i = 0; i < 100 && !err.contains(QStringLiteral("first dashboard frame")); ++i) {
+    // A deadline, not a count of reads: every line Kelvo writes ends one wait early.
+    const QDeadlineTimer deadline(30000);
+    while (!deadline.hasExpired() && !err.contains(QStringLiteral("first dashboard frame"))) {
         kelvo.waitForReadyRead(300);
         err += QString::fromUtf8(kelvo.readAllStandardError());
     }

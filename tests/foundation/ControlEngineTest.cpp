@@ -181,7 +181,7 @@ TEST(ControlLoop, TicksDeliverSnapshotsAndStopReleasesTheFans) {
         applied = true;
     });
     loop.start();
-    for (int i = 0; i < 100 && snapshots < 3; ++i)
+    for (int i = 0; i < 500 && snapshots < 3; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_TRUE(applied);
     EXPECT_GE(snapshots.load(), 3);

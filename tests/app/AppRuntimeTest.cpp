@@ -2,7 +2,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QSettings>
 #include <QTemporaryDir>
 
@@ -10,18 +9,13 @@
 #include "app/AppRuntime.h"
 #include "foundation/linux/HybridFanController.h"
 #include "foundation/sim/SimulatedFanController.h"
+#include "tests/EventLoopWait.h"
 
 using namespace kelvo;
 
 namespace {
 
-bool waitFor(const std::function<bool()>& condition, int timeoutMs = 15000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition() && timer.elapsed() < timeoutMs)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    return condition();
-}
+using kelvo::testing::waitFor;
 
 // Each runtime gets its own settings file and data folder.
 class RuntimeFixture : public ::testing::Test {

@@ -259,7 +259,7 @@ TEST(CaptureFinalizationTest, WithoutTheLaunchFlagFinalizationLeavesThePredictor
     const auto runID = rig.startBeta();
     addLoadRises(rig, runID);
     ASSERT_TRUE(rig.stopAndFinalize(false));
-    spin(100);
+    processFor(100);
     EXPECT_EQ(rig.service->refreshCalls, 0);
     EXPECT_EQ(rig.coordinator->adaptivePredictorLabel(), QStringLiteral("Baseline"));
     EXPECT_EQ(rig.coordinator->adaptivePredictorDetail(),

@@ -57,7 +57,7 @@ TEST(CaptureLifecycleTest, TheLoopRecordsSamplesForTheActiveRunOnly) {
     EXPECT_FALSE(active.result().has_value());
     // Ticks after the stop add nothing to the run.
     const auto recorded = rig.store->runSamples(runID).size();
-    spin(700);
+    processFor(700);
     EXPECT_EQ(rig.store->runSamples(runID).size(), recorded);
 }
 

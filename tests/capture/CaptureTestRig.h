@@ -6,7 +6,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <atomic>
 #include <chrono>
@@ -24,23 +23,10 @@
 #include "foundation/SQLiteStore.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"
+#include "tests/EventLoopWait.h"
 #include "tests/QtTestPrinters.h"
 
 namespace kelvo::testing {
-
-inline bool waitFor(const std::function<bool()>& condition, int timeoutMs = 15000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition() && timer.elapsed() < timeoutMs)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    return condition();
-}
-
-inline void spin(int ms) {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ms) QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-}
 
 // The real service, with optional replacements for the calls a test wants to break or slow.
 class HookedProfilingService : public ProfilingService {

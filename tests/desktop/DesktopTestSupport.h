@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QQmlContext>
 #include <QQmlProperty>
 #include <QQuickItem>
@@ -19,22 +18,9 @@
 #include "app/shell/AppLifecycleController.h"
 #include "capture/CaptureCoordinator.h"
 #include "dashboard/view/DashboardView.h"
+#include "tests/EventLoopWait.h"
 
 namespace kelvo::testing {
-
-inline bool waitFor(const std::function<bool()>& condition, int timeoutMs = 15000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition() && timer.elapsed() < timeoutMs)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    return condition();
-}
-
-inline void processFor(int ms) {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ms) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-}
 
 class DesktopFixture : public ::testing::Test {
 protected:

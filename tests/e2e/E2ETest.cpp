@@ -7,7 +7,6 @@
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
@@ -17,6 +16,7 @@
 #include <csignal>
 
 #include "foundation/SQLiteStore.h"
+#include "tests/EventLoopWait.h"
 #include "tests/e2e/KelvoProcess.h"
 
 namespace {
@@ -72,11 +72,7 @@ int countContaining(const std::vector<std::string>& messages, const std::string&
     return n;
 }
 
-void pump(int ms) {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ms) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-}
+using kelvo::testing::processFor;
 
 void sendSignal(const char* member, const QVariantList& arguments) {
     auto message = QDBusMessage::createSignal(QStringLiteral("/org/kelvo/ExternalControl"),
@@ -128,7 +124,7 @@ TEST(ExternalControl, KelvoctlSwitchesModeAndCooldownWhenAllowed) {
     EXPECT_EQ(kelvoctl({QStringLiteral("mode"), QStringLiteral("quiet")}).exitCode, 0);
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=controlling")));
     EXPECT_EQ(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("on")}).exitCode, 0);
-    pump(1500);
+    processFor(1500);
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
     QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
                        QSettings::IniFormat);
@@ -147,7 +143,7 @@ TEST(ExternalControl, RequestsAreIgnoredWithoutTheLaunchFlag) {
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
     EXPECT_EQ(kelvoctl({QStringLiteral("mode"), QStringLiteral("performance")}).exitCode, 0);
     EXPECT_EQ(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("on")}).exitCode, 0);
-    pump(2500);
+    processFor(2500);
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=systemAuto status=monitoring")));
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
     auto messages = eventMessages(home);
@@ -212,7 +208,7 @@ TEST(Alerts, HelperlessDefaultLaunchFallsBackAndNotifiesOnce) {
     // Default back-end: the helper, which does not run here, and no local fallback.
     kelvo.start({QStringLiteral("--headless")});
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=fallback")));
-    pump(2500);
+    processFor(2500);
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
     bus.unregisterService(QStringLiteral("org.freedesktop.Notifications"));
     bus.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));

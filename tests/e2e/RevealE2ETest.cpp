@@ -6,12 +6,12 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QUrl>
 
 #include "capture/FileManagerReveal.h"
+#include "tests/EventLoopWait.h"
 
 namespace {
 
@@ -24,13 +24,7 @@ public slots:
     void ShowItems(const QStringList& uris, const QString&) { shown << uris; }
 };
 
-bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 10000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition() && timer.elapsed() < timeoutMs)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    return condition();
-}
+using kelvo::testing::waitFor;
 
 TEST(Reveal, TheFileManagerSelectsTheBundle) {
     auto bus = QDBusConnection::sessionBus();
@@ -42,7 +36,7 @@ TEST(Reveal, TheFileManagerSelectsTheBundle) {
     QTemporaryDir dir;
     const QString bundle = dir.filePath(QStringLiteral("20260101-000000.kelvocapture"));
     kelvo::revealInFileManager(bundle);
-    EXPECT_TRUE(waitUntil([&] { return !manager.shown.isEmpty(); }));
+    EXPECT_TRUE(waitFor([&] { return !manager.shown.isEmpty(); }));
     EXPECT_EQ(manager.shown, QStringList{QUrl::fromLocalFile(bundle).toString()});
     bus.unregisterService(QStringLiteral("org.freedesktop.FileManager1"));
     bus.unregisterObject(QStringLiteral("/org/freedesktop/FileManager1"));
@@ -64,10 +58,10 @@ TEST(Reveal, WithoutAFileManagerTheFolderIsOpened) {
     qputenv("PATH", tools.path().toUtf8() + ":" + path);
     QTemporaryDir exports;
     kelvo::revealInFileManager(exports.filePath(QStringLiteral("20260101-000000")));
-    const bool opened = waitUntil([&] { return QFile::exists(record); });
+    const bool opened = waitFor([&] { return QFile::exists(record); });
     qputenv("PATH", path);
     ASSERT_TRUE(opened);
-    ASSERT_TRUE(waitUntil([&] {
+    ASSERT_TRUE(waitFor([&] {
         QFile f(record);
         return f.open(QIODevice::ReadOnly) && !f.readAll().isEmpty();
     }));

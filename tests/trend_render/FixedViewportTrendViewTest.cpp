@@ -40,7 +40,7 @@ TEST(FixedViewportTrendView, HandsTheModelsSnapshotAndNewestSampleToItsHost) {
     const Timestamp t = wallClockNow();
     store.ingest(liveSnapshotAt(t));
     store.ingest(liveSnapshotAt(t + 1));
-    ASSERT_TRUE(test::waitUntil(
+    ASSERT_TRUE(test::waitFor(
         [&] { return host->snapshot()->viewportDomain.referenceUpperBound == t + 1; }));
     EXPECT_EQ(*host->snapshot(), model.snapshot());
     EXPECT_EQ(host->liveAnimationUpperBound(*host->snapshot()), t + 1 + 1)

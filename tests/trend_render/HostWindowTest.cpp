@@ -41,7 +41,7 @@ protected:
     void showWindow() {
         host->setSize(QSizeF(400, 300));
         window->show();
-        ASSERT_TRUE(test::waitUntil([this] { return window->isExposed() && frames > 0; }));
+        ASSERT_TRUE(test::waitFor([this] { return window->isExposed() && frames > 0; }));
     }
     void give(const FixedViewportTrendSnapshot& snapshot, std::optional<Timestamp> latest) {
         host->update(snapshot, latest, kPlot,
@@ -73,7 +73,7 @@ TEST_F(HostWindow, ATickWhileAFrameIsInFlightAsksForNoFrame) {
     useFakeClocks();
     showWindow();
     give(test::snapshotEndingAt(clocks.wall), clocks.wall);
-    ASSERT_TRUE(test::waitUntil([this] { return !host->renderer().frameInFlight(); }));
+    ASSERT_TRUE(test::waitFor([this] { return !host->renderer().frameInFlight(); }));
     // A frame of our own, never swapped: the renderer now has one in flight.
     std::unique_ptr<QSGNode> inFlight(
         host->renderer().draw(nullptr, nullptr, QSizeF(400, 300), kPlot));
@@ -90,7 +90,7 @@ TEST_F(HostWindow, AHiddenWindowGetsNoFrames) {
     useFakeWallClock();
     showWindow();
     give(test::snapshotEndingAt(clocks.wall), clocks.wall);
-    ASSERT_TRUE(test::waitUntil([this] { return frames > 3; }));
+    ASSERT_TRUE(test::waitFor([this] { return frames > 3; }));
     window->hide();
     test::processFor(100);
     const quint64 requested = host->requestedFrameCount();
@@ -105,7 +105,7 @@ TEST_F(HostWindow, AMinimisedWindowGetsNoFrames) {
     showWindow();
     give(test::snapshotEndingAt(clocks.wall), clocks.wall);
     window->showMinimized();
-    ASSERT_TRUE(test::waitUntil([this] { return !host->displayLinkRunning(); }));
+    ASSERT_TRUE(test::waitFor([this] { return !host->displayLinkRunning(); }));
     const quint64 requested = host->requestedFrameCount();
     test::processFor(300);
     EXPECT_EQ(host->requestedFrameCount(), requested);
@@ -129,7 +129,7 @@ TEST_F(HostWindow, ACaughtUpChartRequestsZeroFramesPerSecond) {
     give(test::snapshotEndingAt(now), now);
     EXPECT_TRUE(host->displayLinkRunning());
     // The display catches up with the newest sample plus the 1 s reveal.
-    ASSERT_TRUE(test::waitUntil([this] { return !host->displayLinkRunning(); }, 4000));
+    ASSERT_TRUE(test::waitFor([this] { return !host->displayLinkRunning(); }, 4000));
     test::processFor(100);
     const quint64 requested = host->requestedFrameCount();
     const int rendered = framesDuring(1000);
@@ -168,8 +168,8 @@ TEST_F(HostWindow, LabelsFadeOutAtThePlotsLeftEdge) {
     auto shownFrame = [&] {
         const auto drawn = host->renderer().drawnFrameCount();
         host->tick();
-        EXPECT_TRUE(test::waitUntil([&] { return host->renderer().drawnFrameCount() > drawn; }));
-        test::waitUntil([&] { return !host->renderer().frameInFlight(); });
+        EXPECT_TRUE(test::waitFor([&] { return host->renderer().drawnFrameCount() > drawn; }));
+        test::waitFor([&] { return !host->renderer().frameInFlight(); });
         return window->grabWindow().convertToFormat(QImage::Format_RGB32);
     };
     // The label area: below the plot, from its left edge to well before the live label.
@@ -208,7 +208,7 @@ TEST_F(HostWindow, ShowingTheWindowAgainResetsTheLabelsAndTheBound) {
     test::processFor(100);
     clocks.wall += 100;
     window->show();
-    ASSERT_TRUE(test::waitUntil([this] { return host->scrollingLabelStates().empty(); }));
+    ASSERT_TRUE(test::waitFor([this] { return host->scrollingLabelStates().empty(); }));
     EXPECT_TRUE(host->renderer().labelDrawCalls().empty() || host->scrollingLabelSprites().empty());
     EXPECT_LE(*host->continuousDisplayUpperBound(), host->liveAnimationUpperBound(snapshot));
 }
@@ -224,7 +224,7 @@ TEST_F(HostWindow, APaletteChangeDropsLabelTexturesAndRemakesThemInTheNewColour)
         {now - 31, FixedViewportTrendAxisLabels::text(now - 31, 60), 0.5});
     give(snapshot, now);
     ASSERT_TRUE(
-        test::waitUntil([this] { return !host->renderer().labelTextureCacheOrder().empty(); }));
+        test::waitFor([this] { return !host->renderer().labelTextureCacheOrder().empty(); }));
     EXPECT_EQ(host->renderer().labelTextureCacheOrder().front().style.red, 0);
 
     QGuiApplication::setPalette(QPalette(Qt::white, QColor(30, 30, 30)));
@@ -232,7 +232,7 @@ TEST_F(HostWindow, APaletteChangeDropsLabelTexturesAndRemakesThemInTheNewColour)
         << "emptied as soon as the palette changes";
     give(snapshot, now);
     ASSERT_TRUE(
-        test::waitUntil([this] { return !host->renderer().labelTextureCacheOrder().empty(); }));
+        test::waitFor([this] { return !host->renderer().labelTextureCacheOrder().empty(); }));
     for (const auto& key : host->renderer().labelTextureCacheOrder())
         EXPECT_EQ(key.style.red, 255) << key.text;
     QGuiApplication::setPalette(original);

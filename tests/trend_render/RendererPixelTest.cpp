@@ -35,7 +35,7 @@ protected:
         QObject::connect(window.get(), &QQuickWindow::frameSwapped, window.get(),
                          [this] { ++frames; });
         window->show();
-        ASSERT_TRUE(test::waitUntil([this] { return window->isExposed() && frames > 0; }));
+        ASSERT_TRUE(test::waitFor([this] { return window->isExposed() && frames > 0; }));
     }
 
     // Asks for one frame, waits until it is on screen, and reads it back. The renderer draws
@@ -47,10 +47,10 @@ protected:
              ++attempt) {
             const int before = frames;
             probe->update();
-            EXPECT_TRUE(test::waitUntil([&] { return frames > before; }));
+            EXPECT_TRUE(test::waitFor([&] { return frames > before; }));
         }
         EXPECT_GT(probe->renderer.drawnFrameCount(), drawn);
-        test::waitUntil([&] { return !probe->renderer.frameInFlight(); });
+        test::waitFor([&] { return !probe->renderer.frameInFlight(); });
         return window->grabWindow().convertToFormat(QImage::Format_RGB32);
     }
 

@@ -5,13 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QImage>
 #include <QQuickWindow>
-#include <functional>
 
 #include "dashboard/FixedViewportTrendSnapshot.h"
+#include "tests/EventLoopWait.h"
 
 namespace kelvo::test {
 
@@ -29,22 +28,8 @@ inline FixedViewportTrendSnapshot snapshotEndingAt(Timestamp reference, double w
     return snapshot;
 }
 
-// Processes events until `done` holds or `ms` pass; returns whether it held.
-inline bool waitUntil(const std::function<bool()>& done, int ms = 3000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > ms) return false;
-        QGuiApplication::processEvents(QEventLoop::AllEvents, 10);
-    }
-    return true;
-}
-
-inline void processFor(int ms) {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ms) QGuiApplication::processEvents(QEventLoop::AllEvents, 5);
-}
+using kelvo::testing::processFor;
+using kelvo::testing::waitFor;
 
 // Where frames of failing pixel tests go.
 inline QString failureFramePath(const QString& name) {

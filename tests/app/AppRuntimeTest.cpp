@@ -10,6 +10,7 @@
 #include "foundation/linux/HybridFanController.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "tests/EventLoopWait.h"
+#include "tests/PrivateHome.h"
 
 using namespace kelvo;
 
@@ -22,10 +23,7 @@ class RuntimeFixture : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(home.isValid());
-        qputenv("XDG_DATA_HOME", home.filePath(QStringLiteral("data")).toUtf8());
-        qputenv("XDG_CONFIG_HOME", home.filePath(QStringLiteral("config")).toUtf8());
-        settings = std::make_unique<QSettings>(home.filePath(QStringLiteral("settings.ini")),
-                                               QSettings::IniFormat);
+        settings = kelvo::testing::enterPrivateHome(home);
     }
     AppRuntimeOptions options(QStringList args = {QStringLiteral("--harness-simulated-fans")}) {
         AppRuntimeOptions o;

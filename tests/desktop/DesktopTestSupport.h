@@ -19,6 +19,7 @@
 #include "capture/CaptureCoordinator.h"
 #include "dashboard/view/DashboardView.h"
 #include "tests/EventLoopWait.h"
+#include "tests/PrivateHome.h"
 
 namespace kelvo::testing {
 
@@ -26,10 +27,7 @@ class DesktopFixture : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(home.isValid());
-        qputenv("XDG_DATA_HOME", home.filePath(QStringLiteral("data")).toUtf8());
-        qputenv("XDG_CONFIG_HOME", home.filePath(QStringLiteral("config")).toUtf8());
-        settings = std::make_unique<QSettings>(home.filePath(QStringLiteral("settings.ini")),
-                                               QSettings::IniFormat);
+        settings = enterPrivateHome(home);
     }
     void TearDown() override {
         controller.reset();

@@ -26,6 +26,27 @@ void stopXvfb() {
     xvfbPid = -1;
 }
 
+// The private screen: KELVO_TEST_SCREEN where a test run asks for a particular one, as
+// WIDTHxHEIGHT with an optional "@SCALE" (e.g. "1366x768@2"), else 1024x768 at scale 1.
+struct TestScreen {
+    std::string geometry = "1024x768";
+    int scale = 1;
+};
+
+TestScreen testScreen() {
+    TestScreen screen;
+    const char* wanted = std::getenv("KELVO_TEST_SCREEN");
+    int width = 0;
+    int height = 0;
+    int scale = 1;
+    if (!wanted) return screen;
+    const int fields = std::sscanf(wanted, "%dx%d@%d", &width, &height, &scale);
+    if (fields < 2 || width < 320 || height < 240 || width > 8192 || height > 8192) return screen;
+    screen.geometry = std::to_string(width) + "x" + std::to_string(height);
+    if (fields == 3 && scale >= 1 && scale <= 4) screen.scale = scale;
+    return screen;
+}
+
 // Starts Xvfb on a display it picks itself (-displayfd), so parallel runs never collide.
 bool startXvfb() {
     int fds[2];
@@ -35,7 +56,8 @@ bool startXvfb() {
     if (xvfbPid == 0) {
         ::close(fds[0]);
         const std::string fd = std::to_string(fds[1]);
-        ::execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1024x768x24",
+        const std::string screen = testScreen().geometry + "x24";
+        ::execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", screen.c_str(),
                  "-nolisten", "tcp", "-noreset", static_cast<char*>(nullptr));
         ::_exit(127);
     }
@@ -66,6 +88,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: no display and Xvfb could not start\n", argv[0]);
         return 1;
     }
+    if (const int scale = testScreen().scale; scale != 1)
+        qputenv("QT_SCALE_FACTOR", QByteArray::number(scale));
     qputenv("QT_QPA_PLATFORM", "xcb");
     qputenv("LIBGL_ALWAYS_SOFTWARE", "1");
     QTemporaryDir home;

@@ -164,6 +164,9 @@ void FixedViewportTrendRenderer::syncLabels(TrendRootNode& root, QQuickWindow* w
         root.labelTextures.clear();
         labelTextureCacheClearPending_ = false;
     }
+    // The label nodes still point at what the last sync evicted; they are all reassigned below,
+    // so those textures can go when this sync ends.
+    const auto evictedBefore = root.labelTextures.takeEvicted();
     // Textures first, so that a label whose texture cannot be made is left out.
     std::vector<std::pair<const LabelDrawCall*, QSGTexture*>> drawable;
     drawable.reserve(labelDrawCalls_.size());
@@ -172,16 +175,20 @@ void FixedViewportTrendRenderer::syncLabels(TrendRootNode& root, QQuickWindow* w
         if (!texture && window) {
             const QImage image = rasterizedLabelImage(call.key.text, appearance_, labelScale_);
             if (!image.isNull())
-                if (QSGTexture* made = window->createTextureFromImage(image))
+                if (QSGTexture* made = window->createTextureFromImage(image)) {
+                    // Labels move by fractions of a pixel every frame: nearest sampling would
+                    // make them shimmer.
+                    made->setFiltering(QSGTexture::Linear);
+                    made->setHorizontalWrapMode(QSGTexture::ClampToEdge);
+                    made->setVerticalWrapMode(QSGTexture::ClampToEdge);
                     texture =
                         root.labelTextures.insert(call.key, std::unique_ptr<QSGTexture>(made));
+                }
         }
+        // A texture that a later insert of this sync evicts stays alive (see takeEvicted), so
+        // every label found or made here is drawn in this frame.
         if (texture) drawable.emplace_back(&call, texture);
     }
-    // More distinct labels than the cache holds can evict a texture made earlier this frame.
-    std::erase_if(drawable, [&](const auto& entry) {
-        return root.labelTextures.find(entry.first->key) != entry.second;
-    });
     auto& nodes = root.labelNodes(drawable.size());
     const QSizeF drawableSize = window ? QSizeF(window->size()) : QSizeF(1, 1);
     for (std::size_t i = 0; i < drawable.size(); ++i) {

@@ -1,5 +1,6 @@
 // Label textures by text and style. Eviction is by first insertion, not by last use: labels
-// are short-lived and the cache only has to bound memory, so the cheaper rule is enough.
+// are short-lived and the cache only has to bound memory, so the cheaper rule is enough. An
+// evicted texture is handed back through takeEvicted() rather than destroyed at once.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace kelvo {
@@ -51,16 +53,22 @@ public:
         if (order_.size() > kCapacity) {
             const std::size_t excess = order_.size() - kCapacity;
             for (std::size_t i = 0; i < excess; ++i) {
-                textures_.erase(order_.front());
+                auto node = textures_.extract(order_.front());
+                if (!node.empty()) evicted_.push_back(std::move(node.mapped()));
                 order_.pop_front();
             }
         }
         return stored;
     }
 
+    // Textures evicted since the last call. A label drawn in the frame that evicted its texture
+    // still uses it, so the caller keeps these until that frame's labels are replaced.
+    std::vector<std::unique_ptr<Texture>> takeEvicted() { return std::exchange(evicted_, {}); }
+
     void clear() {
         textures_.clear();
         order_.clear();
+        evicted_.clear();
     }
 
     std::size_t size() const { return textures_.size(); }
@@ -69,6 +77,7 @@ public:
 private:
     std::unordered_map<LabelTextureKey, std::unique_ptr<Texture>, LabelTextureKeyHash> textures_;
     std::deque<LabelTextureKey> order_;
+    std::vector<std::unique_ptr<Texture>> evicted_;
 };
 
 }  // namespace kelvo

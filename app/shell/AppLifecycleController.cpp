@@ -42,6 +42,12 @@ QRectF primaryAvailableGeometry() {
 QMargins frameMargins(const QWindow* window) {
     return window->frameMargins();
 }
+
+void setFrameGeometry(QWindow* window, const QRectF& frame, const QMargins& margins) {
+    window->setGeometry(qRound(frame.x() + margins.left()), qRound(frame.y() + margins.top()),
+                        qRound(frame.width() - margins.left() - margins.right()),
+                        qRound(frame.height() - margins.top() - margins.bottom()));
+}
 }  // namespace
 
 AppLifecycleController::AppLifecycleController(QSettings* defaults, QObject* parent)
@@ -167,21 +173,20 @@ void AppLifecycleController::applyInitialWindowPlacement(QQuickWindow* window,
     bool okY = false;
     const QPointF topLeft(x.toDouble(&okX), y.toDouble(&okY));
     const QMargins margins = frameMargins(window);
+    QSizeF frameSize(width + margins.left() + margins.right(),
+                     height + margins.top() + margins.bottom());
     if (persistedWidth.isValid() && okX && okY) {
-        const QSizeF frameSize(width + margins.left() + margins.right(),
-                               height + margins.top() + margins.bottom());
-        const QRectF frame = constrainedDashboardFrame(frameSize, topLeft, availableGeometries(),
-                                                       primaryAvailableGeometry());
-        window->setGeometry(qRound(frame.x() + margins.left()), qRound(frame.y() + margins.top()),
-                            qRound(frame.width() - margins.left() - margins.right()),
-                            qRound(frame.height() - margins.top() - margins.bottom()));
+        setFrameGeometry(window,
+                         constrainedDashboardFrame(frameSize, topLeft, availableGeometries(),
+                                                   primaryAvailableGeometry()),
+                         margins);
     } else {
-        QRectF area = primaryAvailableGeometry();
-        const QSizeF size(std::min(width, area.isNull() ? width : area.width()),
-                          std::min(height, area.isNull() ? height : area.height()));
-        QRectF content(QPointF(), size);
-        if (!area.isNull()) content.moveCenter(area.center());
-        window->setGeometry(content.toRect());
+        // Centred on the primary screen, the frame (decorations included) shrunk to fit it.
+        const QRectF area = primaryAvailableGeometry();
+        if (!area.isNull()) frameSize = frameSize.boundedTo(area.size());
+        QRectF frame(QPointF(), frameSize);
+        if (!area.isNull()) frame.moveCenter(area.center());
+        setFrameGeometry(window, frame, margins);
     }
     QTimer::singleShot(
         0, this, [this, guard = QPointer<QQuickWindow>(window)] { finishInitialPlacement(guard); });

@@ -1,6 +1,6 @@
 // Connects the dashboard's content to its window: hands the window to the lifecycle controller,
-// keeps the window's minimum width at the layout's minimum, widens a narrower window once, and
-// starts the window's first placement.
+// keeps the window's minimum width at the content's minimum (never wider than the screen),
+// widens a narrower window once, and starts the window's first placement.
 #pragma once
 
 #include <QObject>
@@ -15,27 +15,35 @@ class AppLifecycleController;
 class WindowChromeAccessor : public QObject {
     Q_OBJECT
 public:
-    // Lives as long as `window` (its child).
-    static WindowChromeAccessor* attach(QQuickView* window, double targetContentWidth,
+    // Lives as long as `window` (its child). `minimumContentWidth` is a floor; the content's own
+    // "minimumContentWidth" property, where its root item has one, raises it.
+    static WindowChromeAccessor* attach(QQuickView* window, double minimumContentWidth,
                                         AppLifecycleController* controller);
 
-    double targetContentWidth() const { return targetContentWidth_; }
+    // The content's minimum width: the floor, or the content's own minimum when that is wider.
+    double targetContentWidth() const;
     bool appliedInitialContentFit() const { return appliedInitialContentFit_; }
     double lastAppliedContentWidth() const { return lastAppliedContentWidth_; }
 
+public slots:
     void update();
 
 private:
-    WindowChromeAccessor(QQuickView* window, double targetContentWidth,
+    WindowChromeAccessor(QQuickView* window, double minimumContentWidth,
                          AppLifecycleController* controller);
+    void watchContentMinimum();
+    void settleContentLayout();
+    // The screen area the window may use; null before the window has a screen.
+    QRect availableArea() const;
 
     QQuickView* window_;
-    double targetContentWidth_;
+    double minimumContentWidthFloor_;
     QPointer<AppLifecycleController> controller_;
     QPointer<QQuickView> resolvedWindow_;
     bool appliedInitialContentFit_ = false;
     double lastAppliedContentWidth_ = 0;
     bool placementStarted_ = false;
+    bool watchingContentMinimum_ = false;
 };
 
 }  // namespace kelvo

@@ -27,6 +27,10 @@ DashboardView::DashboardView(AppRuntime* runtime, CaptureCoordinator* capture, Q
     context->setContextProperty(QStringLiteral("appCommands"), nullptr);
     setSource(QUrl(QStringLiteral("qrc:/kelvo/dashboard/Dashboard.qml")));
     resize(kInitialWidth, kInitialHeight);
+    // The view sizes its root only when the two differ; a root that was never sized follows its
+    // own implicit height, so content that grew after the window was sized to it would run past
+    // the window's bottom with nothing to scroll. Sizing it once ties it to the view for good.
+    if (QQuickItem* root = rootObject()) root->setSize(QSizeF(kInitialWidth, kInitialHeight));
 }
 
 void DashboardView::setAppCommands(QObject* commands) {

@@ -49,6 +49,8 @@ TEST_F(DashboardControls, EveryRegionCarriesItsIdentifierAndLabel) {
               "Notes for this tester or session");
     EXPECT_EQ(item("control-public-mode")->width(), 286);
     EXPECT_EQ(item("surface-selection")->width(), 318);
+    EXPECT_EQ(item("control-trend-window")->width(), 180)
+        << "the trend window switch keeps its width";
     // In the window's order: the top bar above the deck, the deck above the capture card.
     const auto y = [&](const char* id) { return item(id)->mapToScene(QPointF(0, 0)).y(); };
     EXPECT_LT(y("topbar-utility"), y("surface-top-deck"));
@@ -90,13 +92,58 @@ TEST_F(DashboardControls, SeriesTogglesCarryTheirHelpWithTheScaleMaxima) {
               "CPU temperature. Toggling this also toggles CPU Clock.");
     EXPECT_EQ(item("trend-series-fan-speed")->property("help").toString(),
               "Fan speed as a percentage of " + window()->trendModel()->fanScaleText() + " RPM.");
-    EXPECT_TRUE(
-        item("trend-series-watts")
-            ->property("help")
-            .toString()
-            .startsWith("Right axis up to " + window()->trendModel()->totalPowerScaleText()));
+    EXPECT_EQ(item("trend-series-watts")->property("help").toString(),
+              "Right axis up to " + window()->trendModel()->totalPowerScaleText() +
+                  " W of total system power.");
     EXPECT_NE(item("trend-series-link-gpu"), nullptr);
     EXPECT_EQ(item("trend-series-link-cpu")->width(), 14);
+}
+
+TEST_F(DashboardControls, EverySegmentedControlShowsExactlyItsSelectionWhateverIsPressed) {
+    openDashboard();
+    struct Segmented {
+        QString prefix;
+        QStringList values;
+        std::function<QString()> current;
+    };
+    const QList<Segmented> controls = {
+        {"dashboard-public-mode-",
+         {"system", "enhanced"},
+         [&] { return window()->viewModel()->publicMode(); }},
+        {"surface-selection-",
+         {"dashboard", "advanced", "capture"},
+         [&] { return window()->viewModel()->selectedSurface(); }},
+        {"control-trend-window-",
+         {"oneMinute", "fiveMinutes"},
+         [&] { return window()->trendModel()->trendWindow(); }},
+    };
+    for (const Segmented& control : controls) {
+        const auto expectOnlyCurrentChecked = [&](const QString& pressed) {
+            SCOPED_TRACE((control.prefix + pressed).toStdString());
+            // The press may go through the control loop before the selection changes.
+            ASSERT_TRUE(waitFor([&] { return control.current() == pressed; }));
+            QStringList shown;
+            for (const QString& value : control.values)
+                if (checked(control.prefix + value)) shown << value;
+            EXPECT_EQ(shown, QStringList{control.current()});
+        };
+        const QString selected = control.current();
+        ASSERT_TRUE(control.values.contains(selected)) << selected.toStdString();
+        const QString other =
+            control.values.first() == selected ? control.values.last() : control.values.first();
+        for (const QString& value : {selected, selected, other, other, selected}) {
+            click(control.prefix + value);
+            expectOnlyCurrentChecked(value);
+        }
+    }
+}
+
+TEST_F(DashboardControls, ThePeakPerformanceCardIsTitledWithItsTwoLines) {
+    openDashboard();
+    QQuickItem* title = item("trend-peak-performance-title");
+    ASSERT_NE(title, nullptr);
+    EXPECT_EQ(title->property("text").toString(), "Peak Performance\nUnder Full Load");
+    EXPECT_EQ(title->property("lineCount").toInt(), 2);
 }
 
 TEST_F(DashboardControls, TheTrendWindowControlSwitchesToOneMinute) {

@@ -2,6 +2,7 @@
 #include <QScreen>
 #include <QSignalSpy>
 #include <QSystemTrayIcon>
+#include <cmath>
 
 #include "DesktopTestSupport.h"
 #include "app/shell/ReopenBridge.h"
@@ -20,10 +21,14 @@ protected:
     QRect screenArea() const { return QGuiApplication::primaryScreen()->availableGeometry(); }
 };
 
-TEST_F(DashboardWindow, OpensOneWindowTitledKelvoWithTheLayoutsMinimumWidth) {
+TEST_F(DashboardWindow, OpensOneWindowTitledKelvoWithTheContentsMinimumWidth) {
     openDashboard();
     EXPECT_EQ(window()->title(), QStringLiteral("Kelvo"));
-    EXPECT_EQ(window()->minimumWidth(), static_cast<int>(dashboard_layout::minimumContentWidth));
+    const double contentMinimum =
+        window()->rootObject()->property("minimumContentWidth").toDouble();
+    EXPECT_GE(contentMinimum, dashboard_layout::minimumContentWidth);
+    EXPECT_EQ(window()->minimumWidth(),
+              std::min(static_cast<int>(std::ceil(contentMinimum)), screenArea().width()));
     EXPECT_GE(window()->width(), window()->minimumWidth());
     EXPECT_TRUE(controller->hasAppliedInitialWindowPlacement());
     EXPECT_FALSE(controller->pendingShowRequest());
@@ -117,14 +122,17 @@ TEST_F(DashboardWindow, APersistedWidthBelowTheMinimumGivesTheMinimum) {
     settings->setValue(AppLifecycleController::kTopLeftXKey, 10.0);
     settings->setValue(AppLifecycleController::kTopLeftYKey, 10.0);
     openDashboard();
-    EXPECT_EQ(window()->width(), static_cast<int>(dashboard_layout::minimumContentWidth));
+    EXPECT_EQ(window()->width(), window()->minimumWidth());
+    EXPECT_GE(window()->width(), static_cast<int>(dashboard_layout::minimumContentWidth));
 }
 
 TEST_F(DashboardWindow, PlacementIsPersistedAndRestoredAcrossARestart) {
     openDashboard();
-    window()->setGeometry(40, 30, 760, 500);
+    // Wider than the minimum, narrower than the screen.
+    const int width = std::min(window()->minimumWidth() + 60, screenArea().width() - 40);
+    window()->setGeometry(40, 30, width, 500);
     ASSERT_TRUE(waitFor([&] {
-        return settings->value(AppLifecycleController::kContentWidthKey).toDouble() == 760 &&
+        return settings->value(AppLifecycleController::kContentWidthKey).toDouble() == width &&
                settings->value(AppLifecycleController::kTopLeftXKey).toDouble() ==
                    window()->frameGeometry().x();
     }));
@@ -135,7 +143,7 @@ TEST_F(DashboardWindow, PlacementIsPersistedAndRestoredAcrossARestart) {
     openDashboard();
     const QRect frame = window()->frameGeometry();
     EXPECT_EQ(frame.x(), x);
-    EXPECT_EQ(window()->width(), 760);
+    EXPECT_EQ(window()->width(), width);
     // The height is the content's fitting height again; the top edge stays unless that height
     // no longer fits below it.
     const QRect area = screenArea();

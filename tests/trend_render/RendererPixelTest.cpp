@@ -213,6 +213,62 @@ TEST_F(RendererPixels, LabelTexturesAreCachedAndTheSixtyFifthEvictsTheFirst) {
     EXPECT_EQ(order.back().text, "L64");
 }
 
+TEST_F(RendererPixels, ALabelWhoseTextureIsEvictedInTheFrameThatShowsItIsStillDrawn) {
+    probe->renderer.update(test::snapshotEndingAt(1000), kPlot, kLight);
+    const FixedViewportTrendLabelSprite shown{"12:34:56", QRectF(40, 250, 60, 16), 1.0f};
+    // The shown label's texture is the first in the cache; 63 others fill it, drawn out of the
+    // way below the measured area.
+    std::vector<FixedViewportTrendLabelSprite> sprites{shown};
+    for (int i = 1; i < 64; ++i)
+        sprites.push_back({"F" + std::to_string(i), QRectF(4 * i, 280, 12, 12), 1.0f});
+    probe->renderer.updateXAxisLabelSprites(sprites, std::nullopt, kLight, 1);
+    frame();
+    ASSERT_EQ(probe->renderer.labelTextureCacheOrder().front().text, "12:34:56");
+    const auto ink = [&](const QImage& image) {
+        int darkest = 255;
+        for (int y = 250; y < 266; ++y)
+            for (int x = 40; x < 100; ++x) darkest = std::min(darkest, qGray(image.pixel(x, y)));
+        return 255 - darkest;
+    };
+    // Next frame: the same label and a new one, whose texture evicts the shown label's.
+    const std::vector<FixedViewportTrendLabelSprite> next{shown,
+                                                          {"new", QRectF(200, 280, 30, 12), 1.0f}};
+    probe->renderer.updateXAxisLabelSprites(next, std::nullopt, kLight, 1);
+    const QImage image = frame();
+    ASSERT_EQ(probe->renderer.labelTextureCacheOrder().back().text, "new");
+    EXPECT_NE(probe->renderer.labelTextureCacheOrder().front().text, "12:34:56")
+        << "its texture left the cache in this frame";
+    EXPECT_GT(ink(image), 60) << "the label is drawn with the texture it had";
+}
+
+// Magnified four times, a label sampled linearly ramps across each texel; nearest sampling
+// would repeat every texel's value four times over.
+TEST_F(RendererPixels, LabelTexturesAreSampledLinearly) {
+    probe->renderer.update(test::snapshotEndingAt(1000), kPlot, kLight);
+    const QImage texels = FixedViewportTrendRenderer::rasterizedLabelImage("8", kLight, 1)
+                              .convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    ASSERT_FALSE(texels.isNull());
+    const QRectF spriteFrame(40, 100, texels.width() * 4.0, texels.height() * 4.0);
+    const FixedViewportTrendLabelSprite sprite{"8", spriteFrame, 1.0f};
+    probe->renderer.updateXAxisLabelSprites(std::span(&sprite, 1), std::nullopt, kLight, 1);
+    const QImage image = frame();
+    // Neighbouring pixels inside the glyph that differ: with four pixels a texel, nearest
+    // sampling changes value at most once in four steps.
+    int steps = 0;
+    int changes = 0;
+    const QRect area = spriteFrame.toAlignedRect().intersected(image.rect());
+    for (int y = area.top(); y <= area.bottom(); ++y)
+        for (int x = area.left(); x < area.right(); ++x) {
+            const int a = qGray(image.pixel(x, y));
+            const int b = qGray(image.pixel(x + 1, y));
+            if (a > 250 && b > 250) continue;  // background on both sides
+            ++steps;
+            if (std::abs(a - b) > 2) ++changes;
+        }
+    ASSERT_GT(steps, 40) << "the glyph is drawn";
+    EXPECT_GT(changes, steps / 2) << changes << " of " << steps << " steps change value";
+}
+
 TEST_F(RendererPixels, ALabelSpriteDrawsItsTextScaledByItsOpacity) {
     probe->renderer.update(test::snapshotEndingAt(1000), kPlot, kLight);
     const QRectF frameRect(40, 250, 60, 16);

@@ -11,8 +11,19 @@ Rectangle {
     Accessible.name: "Kelvo Root Surface"
     Accessible.role: Accessible.Pane
     color: palette.window
-    implicitWidth: layout.minimumContentWidth
+    implicitWidth: minimumContentWidth
     implicitHeight: stack.implicitHeight + 2 * layout.windowGutter
+
+    // The narrowest content in which nothing is cut off: the top bar, the trend card's rows and
+    // the capture card's buttons at their natural widths. The live metrics grid and the detail
+    // lists wrap, so they fit any width. The window keeps this as its minimum; a screen narrower
+    // than that scrolls sideways instead of clipping.
+    readonly property real minimumContentWidth: Math.ceil(Math.max(
+        layout.minimumContentWidth,
+        2 * layout.windowGutter + topBar.implicitWidth,
+        2 * (layout.windowGutter + layout.sectionCardContentPadding)
+            + Math.max(trendTitleRow.implicitWidth, trendControlsRow.implicitWidth,
+                       captureButtons.implicitWidth)))
 
     SystemPalette { id: palette; colorGroup: SystemPalette.Active }
 
@@ -45,23 +56,36 @@ Rectangle {
     TextMetrics { id: labelMetrics; font.pixelSize: 13 }
 
     Flickable {
+        id: scroller
         objectName: "dashboard-scroll"
         anchors.fill: parent
-        contentWidth: width
+        contentWidth: Math.max(width, root.minimumContentWidth)
         contentHeight: stack.implicitHeight + 2 * layout.windowGutter
         boundsBehavior: Flickable.StopAtBounds
         clip: true
-        ScrollBar.vertical: ScrollBar {}
+        // Shown for as long as there is more content than window, not only while scrolling:
+        // otherwise nothing tells a user that the capture card lies below the fold.
+        ScrollBar.vertical: ScrollBar {
+            objectName: "dashboard-scroll-vertical"
+            policy: scroller.contentHeight > scroller.height ? ScrollBar.AlwaysOn
+                                                             : ScrollBar.AlwaysOff
+        }
+        ScrollBar.horizontal: ScrollBar {
+            objectName: "dashboard-scroll-horizontal"
+            policy: scroller.contentWidth > scroller.width ? ScrollBar.AlwaysOn
+                                                           : ScrollBar.AlwaysOff
+        }
 
         ColumnLayout {
             id: stack
             x: layout.windowGutter
             y: layout.windowGutter
-            width: root.width - 2 * layout.windowGutter
+            width: scroller.contentWidth - 2 * layout.windowGutter
             spacing: layout.surfaceStackSpacing
 
             // ----- Utility top bar -----
             RowLayout {
+                id: topBar
                 objectName: "topbar-utility"
                 Accessible.name: "Utility Top Bar"
                 Accessible.role: Accessible.ToolBar
@@ -80,10 +104,11 @@ Rectangle {
                     selected: dashboard.publicMode
                     onChosen: value => dashboard.setPublicMode(value)
                 }
-                // The slack between the slider and the picker includes the spacing on one side.
+                // The slack between the slider and the picker includes the spacing on both sides.
                 Item {
                     Layout.fillWidth: true
-                    Layout.minimumWidth: layout.utilityTopBarMinimumSlack - layout.utilityTopBarSpacing
+                    Layout.minimumWidth: Math.max(0, layout.utilityTopBarMinimumSlack
+                                                     - 2 * layout.utilityTopBarSpacing)
                 }
                 RowLayout {
                     objectName: "topbar-aux-controls"
@@ -119,7 +144,9 @@ Rectangle {
                     spacing: layout.trendControlCardSpacing
 
                     RowLayout {
+                        id: trendTitleRow
                         Layout.fillWidth: true
+                        spacing: layout.trendControlCardSpacing
                         Text {
                             text: "Trend"
                             font.bold: true
@@ -130,6 +157,9 @@ Rectangle {
                         SegmentedControl {
                             objectName: "control-trend-window"
                             Accessible.name: "Trend Window"
+                            // Its options fill the control, which would otherwise make the
+                            // whole control fill the row.
+                            Layout.fillWidth: false
                             Layout.preferredWidth: 180
                             optionPrefix: "control-trend-window-"
                             options: [{ value: "oneMinute", title: "1 min" },
@@ -151,6 +181,7 @@ Rectangle {
                     }
 
                     RowLayout {
+                        id: trendControlsRow
                         Layout.fillWidth: true
                         spacing: layout.trendControlCardSpacing
 
@@ -211,7 +242,7 @@ Rectangle {
                                     labelWidth: root.seriesColumnWidth
                                     on: trend.showPowerSeries
                                     help: "Right axis up to " + trend.totalPowerScaleText
-                                          + " of total system power."
+                                          + " W of total system power."
                                     onClicked: trend.showPowerSeries = !trend.showPowerSeries
                                 }
                             }
@@ -233,12 +264,16 @@ Rectangle {
                                 id: peakColumn
                                 anchors.centerIn: parent
                                 Text {
-                                    text: "Peak Performance"
+                                    objectName: "trend-peak-performance-title"
+                                    anchors.horizontalCenter: parent.horizontalCenter
+                                    horizontalAlignment: Text.AlignHCenter
+                                    text: "Peak Performance\nUnder Full Load"
                                     color: palette.windowText
                                     font.pixelSize: layout.trendPerformanceLabelFontSize * layout.trendPerformanceFontScale
                                 }
                                 Text {
                                     objectName: "trend-peak-performance-value"
+                                    anchors.horizontalCenter: parent.horizontalCenter
                                     text: trend.peakPerformanceValueText
                                     color: trend.peakPerformanceTint
                                     font.bold: true
@@ -256,8 +291,13 @@ Rectangle {
                     title: "Live"
 
                     GridLayout {
+                        id: liveGrid
+                        objectName: "live-metrics-grid"
+                        // Fewer columns when the window is narrow; values wrap inside theirs.
+                        readonly property real minimumColumnWidth: 96
                         Layout.fillWidth: true
-                        columns: 6
+                        columns: Math.max(2, Math.min(6, Math.floor((width + columnSpacing)
+                                                   / (minimumColumnWidth + columnSpacing))))
                         columnSpacing: layout.liveMetricsCardSpacing
                         rowSpacing: 4
                         Repeater {
@@ -273,9 +313,18 @@ Rectangle {
                                 Accessible.description: valueText.text
                                 Layout.fillWidth: true
                                 Layout.columnSpan: modelData[1] === "fans" ? 2 : 1
-                                Text { text: modelData[0]; color: palette.mid; font.pixelSize: 11 }
+                                Layout.preferredWidth: liveGrid.minimumColumnWidth * Layout.columnSpan
+                                Text {
+                                    width: parent.width
+                                    elide: Text.ElideRight
+                                    text: modelData[0]
+                                    color: palette.mid
+                                    font.pixelSize: 11
+                                }
                                 Text {
                                     id: valueText
+                                    width: parent.width
+                                    wrapMode: Text.WrapAtWordBoundaryOrAnywhere
                                     text: dashboard.card[modelData[1]] || "—"
                                     color: modelData[1] === "throttle" && live.throttleWarning
                                            ? root.gpuTempColor : palette.windowText
@@ -287,7 +336,7 @@ Rectangle {
                     Text {
                         objectName: "metric-benefit"
                         Layout.fillWidth: true
-                        wrapMode: Text.Wrap
+                        wrapMode: Text.WrapAtWordBoundaryOrAnywhere
                         text: dashboard.card.benefit || ""
                         color: palette.windowText
                         font.pixelSize: 12
@@ -385,6 +434,7 @@ Rectangle {
                     onTextEdited: capture.betaCaptureNotes = text
                 }
                 RowLayout {
+                    id: captureButtons
                     spacing: layout.utilityAuxiliarySpacing
                     Button {
                         objectName: "capture-start-beta"
@@ -410,7 +460,7 @@ Rectangle {
                 Text {
                     objectName: "capture-message"
                     Layout.fillWidth: true
-                    wrapMode: Text.Wrap
+                    wrapMode: Text.WrapAtWordBoundaryOrAnywhere
                     text: capture ? capture.profilingMessage : ""
                     color: palette.windowText
                 }
@@ -436,7 +486,7 @@ Rectangle {
                     objectName: "capture-predictor"
                     Accessible.description: capture ? capture.adaptivePredictorDetail : ""
                     Layout.fillWidth: true
-                    wrapMode: Text.Wrap
+                    wrapMode: Text.WrapAtWordBoundaryOrAnywhere
                     text: capture ? capture.adaptivePredictorLabel : ""
                     color: palette.mid
                     font.pixelSize: 12

@@ -14,7 +14,7 @@ ColumnLayout {
         Text {
             required property var modelData
             Layout.fillWidth: true
-            wrapMode: Text.Wrap
+            wrapMode: Text.WrapAtWordBoundaryOrAnywhere
             text: modelData
             color: palette.windowText
             font.pixelSize: 12

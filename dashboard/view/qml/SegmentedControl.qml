@@ -18,11 +18,17 @@ RowLayout {
             required property var modelData
             objectName: control.optionPrefix + modelData.value
             text: modelData.title
-            checkable: true
+            // Not checkable: a checkable button flips its own state on every press, which
+            // breaks the binding below and leaves a re-pressed option unhighlighted. The
+            // selection alone decides which option shows as checked.
+            checkable: false
             checked: control.selected === modelData.value
             Layout.fillWidth: true
             Layout.preferredWidth: 1
             Accessible.name: modelData.title
+            Accessible.role: Accessible.RadioButton
+            Accessible.checkable: true
+            Accessible.checked: checked
             onClicked: control.chosen(modelData.value)
         }
     }

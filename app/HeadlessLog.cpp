@@ -14,7 +14,8 @@ QString number(const std::optional<double>& value, int decimals, const char* uni
 QString fanList(const std::vector<double>& rpm) {
     if (rpm.empty()) return QStringLiteral("n/a");
     QStringList parts;
-    for (double value : rpm) parts << QString::number(value, 'f', 0);
+    for (double value : rpm)
+        parts << (isReadableRPM(value) ? QString::number(value, 'f', 0) : QStringLiteral("n/a"));
     return parts.join(QLatin1Char(',')) + QStringLiteral("rpm");
 }
 }  // namespace

@@ -6,8 +6,12 @@ namespace kelvo {
 
 namespace {
 
+// Unreadable speeds (NaN) are left out.
 double largestOf(const std::vector<double>& values) {
-    return values.empty() ? 0 : *std::max_element(values.begin(), values.end());
+    double best = 0;
+    for (double value : values)
+        if (value > best) best = value;
+    return best;
 }
 
 double largestPositive(std::span<const TelemetrySample> samples,

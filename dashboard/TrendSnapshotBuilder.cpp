@@ -25,10 +25,7 @@ double positiveOrZero(const std::optional<double>& value) {
 }
 
 double meanFanRPM(const TelemetrySample& s) {
-    if (s.fanCurrentRPM.empty()) return 0;
-    double sum = 0;
-    for (double rpm : s.fanCurrentRPM) sum += rpm;
-    return sum / static_cast<double>(s.fanCurrentRPM.size());
+    return s.meanFanCurrentRPM().value_or(0);
 }
 
 class SeriesBuilder {

@@ -54,18 +54,21 @@ void ControlEngine::applyMode(ControlMode mode) {
         releasePending_ = true;
     } else if (previous == ControlMode::systemAuto) {
         // Start from the speed the firmware was running so the switch is not audible.
-        double duty = 0;
-        if (!lastFans_.empty()) {
-            double sum = 0;
-            for (const auto& fan : lastFans_) {
-                double span = fan.maxRPM - fan.minRPM;
-                if (span > 0) sum += std::clamp((fan.currentRPM - fan.minRPM) / span, 0.0, 1.0);
-            }
-            duty = sum / static_cast<double>(lastFans_.size());
-        }
-        policy_.reset(duty);
+        policy_.reset(currentFanDuty());
     }
     record("Control mode changed to " + std::string(displayName(mode)));
+}
+
+double ControlEngine::currentFanDuty() const {
+    double sum = 0;
+    int counted = 0;
+    for (const auto& fan : lastFans_) {
+        const double span = fan.maxRPM - fan.minRPM;
+        if (span <= 0 || !isReadableRPM(fan.currentRPM)) continue;
+        sum += std::clamp((fan.currentRPM - fan.minRPM) / span, 0.0, 1.0);
+        ++counted;
+    }
+    return counted > 0 ? sum / counted : 0;
 }
 
 void ControlEngine::setCooldownEnabled(bool enabled) {
@@ -101,11 +104,30 @@ void ControlEngine::releaseFans(const char* why) {
     authority_ = fallback_ ? ControlAuthorityState::unavailable : ControlAuthorityState::system;
 }
 
+namespace {
+// The fans whose speed came back as no number, as "a, b"; empty when every speed was read.
+std::string unreadableSpeeds(const std::vector<FanState>& fans) {
+    std::string names;
+    for (const auto& fan : fans) {
+        if (isReadableRPM(fan.currentRPM)) continue;
+        if (!names.empty()) names += ", ";
+        names += fan.name;
+    }
+    return names;
+}
+}  // namespace
+
 void ControlEngine::readFans(TelemetrySample& sample) {
     FanReadResult read = fans_->readFans();
     if (read.ok) {
         lastFans_ = std::move(read.fans);
-        if (fanTelemetryDegraded_) {
+        const std::string unreadable = unreadableSpeeds(lastFans_);
+        if (!unreadable.empty() && !fanTelemetryDegraded_) {
+            fanTelemetryDegraded_ = true;
+            record("Fan telemetry degraded (no speed reading from " + unreadable +
+                       "); shown as absent",
+                   true);
+        } else if (unreadable.empty() && fanTelemetryDegraded_) {
             fanTelemetryDegraded_ = false;
             record("Fan telemetry recovered");
         }
@@ -175,7 +197,8 @@ bool ControlEngine::applyTargets(const std::vector<double>& targets) {
 }
 
 void ControlEngine::updateCooldown(const TelemetrySample& sample) {
-    if (!cooldown_) return;
+    // A die that cannot be read is not known to be cool.
+    if (!cooldown_ || !blindDies(sample).empty()) return;
     bool cool = true;
     bool any = false;
     double margin = config_.limits.cooldownMarginC;
@@ -194,9 +217,36 @@ void ControlEngine::updateCooldown(const TelemetrySample& sample) {
     }
 }
 
+std::string ControlEngine::blindDies(const TelemetrySample& sample) {
+    if (sample.gpuTemperatureC) gpuTemperatureSeen_ = true;
+    // Every fan Kelvo drives follows one decision over both dies, so each fan cools each die
+    // Kelvo knows of. The CPU always counts. The GPU counts once it has shown a temperature, and
+    // only while it is awake (other readings still come): a discrete GPU that sleeps reports
+    // nothing at all and makes no heat.
+    const bool cpuBlind = !sample.cpuTemperatureC;
+    const bool gpuAwake = sample.gpuClockMHz || sample.gpuUtilizationPct;
+    const bool gpuBlind = gpuTemperatureSeen_ && !sample.gpuTemperatureC && gpuAwake;
+    if (cpuBlind && gpuBlind) return "CPU and GPU";
+    if (cpuBlind) return "CPU";
+    if (gpuBlind) return "GPU";
+    return {};
+}
+
+void ControlEngine::holdBlind(const std::string& dies) {
+    status_ = ControlStatus::fallback;
+    if (!blind_ || fans_->holdsControl()) releaseFans(nullptr);
+    authority_ = ControlAuthorityState::system;
+    if (blind_) return;
+    blind_ = true;
+    record("No " + dies +
+               " temperature can be read: the fans are back on firmware control until it can",
+           true);
+}
+
 std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample& sample,
                                                           double dt) {
     bool wantsControl = mode_ != ControlMode::systemAuto || cooldown_;
+    const std::string blind = blindDies(sample);
     if (!wantsControl) {
         if (releasePending_ || fans_->holdsControl()) {
             releasePending_ = false;
@@ -204,9 +254,21 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
         }
         // The firmware is in charge anyway: nothing is left to fall back from.
         fallback_ = false;
+        blind_ = false;
         status_ = ControlStatus::monitoring;
         authority_ = ControlAuthorityState::system;
         return std::nullopt;
+    }
+    // Never drive a fan blind: the firmware's own curve reads the sensors directly and holds
+    // the machine safe until Kelvo can see again.
+    if (!blind.empty()) {
+        holdBlind(blind);
+        return std::nullopt;
+    }
+    if (blind_) {
+        blind_ = false;
+        policy_.reset(currentFanDuty());
+        record("Temperatures can be read again: Kelvo controls the fans again");
     }
     if (fallback_) {
         if (sample.timestamp - lastFallbackProbe_ < config_.fallbackRetrySeconds)

@@ -83,6 +83,13 @@ private:
     std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
     bool applyTargets(const std::vector<double>& targets);
     void enterFallback(const std::string& reason);
+    // The dies the fans answer to that gave no temperature this tick ("CPU", "GPU",
+    // "CPU and GPU"); empty while every one of them can be read.
+    std::string blindDies(const TelemetrySample& sample);
+    // Hands the fans to the firmware for as long as Kelvo cannot see what they cool.
+    void holdBlind(const std::string& dies);
+    // The fans' speed as a share of their range, where the speeds can be read.
+    double currentFanDuty() const;
     void trackBoundary(const TelemetrySample& sample);
     void updateCooldown(const TelemetrySample& sample);
     void record(std::string message, bool failure = false);
@@ -111,6 +118,8 @@ private:
     bool runSampleFailureReported_ = false;
 
     std::vector<FanState> lastFans_;
+    bool blind_ = false;
+    bool gpuTemperatureSeen_ = false;
     bool fanTelemetryDegraded_ = false;
     bool fallback_ = false;
     std::string fallbackReason_;

@@ -7,11 +7,13 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/Types.h"
+
 namespace kelvo {
 
 struct FanState {
     std::string name;
-    double currentRPM = 0;
+    double currentRPM = 0;  // kUnreadableRPM when the tachometer gives no number
     double targetRPM = 0;  // 0 while the firmware is in charge
     double minRPM = 0;
     double maxRPM = 0;

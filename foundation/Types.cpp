@@ -80,9 +80,15 @@ std::optional<double> TelemetrySample::maxUtilizationPct() const {
 }
 
 std::optional<double> TelemetrySample::meanFanCurrentRPM() const {
-    if (fanCurrentRPM.empty()) return std::nullopt;
-    return std::accumulate(fanCurrentRPM.begin(), fanCurrentRPM.end(), 0.0) /
-           static_cast<double>(fanCurrentRPM.size());
+    double sum = 0;
+    int readable = 0;
+    for (double rpm : fanCurrentRPM)
+        if (isReadableRPM(rpm)) {
+            sum += rpm;
+            ++readable;
+        }
+    if (readable == 0) return std::nullopt;
+    return sum / readable;
 }
 
 TelemetrySample TelemetrySample::compactedForTrendHistory() const {

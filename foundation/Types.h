@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +49,12 @@ enum GpuThrottleReason : std::uint32_t {
     gpuThrottleOther = 1u << 2,
 };
 
+// A fan speed that could not be read (see TelemetrySample::fanCurrentRPM).
+inline constexpr double kUnreadableRPM = std::numeric_limits<double>::quiet_NaN();
+inline bool isReadableRPM(double rpm) {
+    return rpm == rpm;  // false only for NaN
+}
+
 struct TelemetrySample {
     Timestamp timestamp = 0;
     std::optional<double> cpuTemperatureC;
@@ -60,7 +67,8 @@ struct TelemetrySample {
     std::optional<double> totalPowerW;
     std::optional<ThermalPressureLevel> thermalPressure;
     // Per-fan lists share one index per fan. Target is the speed last commanded (0 when the
-    // firmware is in charge); max is the fan's rated maximum.
+    // firmware is in charge); max is the fan's rated maximum. A speed that could not be read is
+    // kUnreadableRPM (NaN), never 0: a stopped fan and a broken tachometer must look different.
     std::vector<double> fanCurrentRPM;
     std::vector<double> fanTargetRPM;
     std::vector<double> fanMaxRPM;

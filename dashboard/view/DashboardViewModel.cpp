@@ -48,7 +48,8 @@ QString fanName(const TelemetrySample& sample, std::size_t i) {
 QString fanSpeeds(const TelemetrySample& sample) {
     if (sample.fanCurrentRPM.empty()) return QStringLiteral("—");
     QStringList parts;
-    for (double rpm : sample.fanCurrentRPM) parts << QString::number(rpm, 'f', 0);
+    for (double rpm : sample.fanCurrentRPM)
+        parts << (isReadableRPM(rpm) ? QString::number(rpm, 'f', 0) : QStringLiteral("—"));
     return parts.join(QStringLiteral(" / ")) + QStringLiteral(" RPM");
 }
 
@@ -180,14 +181,18 @@ QVariantMap DashboardViewModel::buildAdvanced() const {
     for (std::size_t i = 0; i < sample.fanCurrentRPM.size(); ++i) {
         const double target = i < sample.fanTargetRPM.size() ? sample.fanTargetRPM[i] : 0;
         const double max = i < sample.fanMaxRPM.size() ? sample.fanMaxRPM[i] : 0;
-        const double share = max > 0 ? std::min(100.0, sample.fanCurrentRPM[i] / max * 100) : 0;
+        const double rpm = sample.fanCurrentRPM[i];
+        const bool readable = isReadableRPM(rpm);
+        const QString share = max > 0 && readable
+                                  ? QString::number(std::min(100.0, rpm / max * 100), 'f', 0)
+                                  : QStringLiteral("—");
         const bool decided = decision && i < decision->targetRPM.size();
         fans << QStringLiteral("%1: %2 RPM, target %3, %4 % of its %5 RPM maximum%6")
                     .arg(fanName(sample, i))
-                    .arg(sample.fanCurrentRPM[i], 0, 'f', 0)
+                    .arg(readable ? QString::number(rpm, 'f', 0) : QStringLiteral("—"))
                     .arg(target > 0 ? QString::number(target, 'f', 0) + QStringLiteral(" RPM")
                                     : QStringLiteral("firmware"))
-                    .arg(share, 0, 'f', 0)
+                    .arg(share)
                     .arg(max, 0, 'f', 0)
                     .arg(decided ? QStringLiteral(", loop wants %1 RPM")
                                        .arg(decision->targetRPM[i], 0, 'f', 0)

@@ -68,7 +68,7 @@ FanReadResult HelperFanController::readFans() {
     for (const hp::FanInfo& fan : inventory->fans) {
         FanState state;
         state.name = fan.identity;
-        state.currentRPM = fan.rpm.value_or(0);
+        state.currentRPM = fan.rpm.value_or(kUnreadableRPM);
         const auto held = held_.find(fan.identity);
         state.targetRPM = held != held_.end() ? held->second : 0;
         state.minRPM = fan.minRPM;

@@ -36,13 +36,18 @@ std::optional<FanCurve> LocalFanController::learnedCurve(const std::string& iden
     return curves_.curve(identity);
 }
 
+bool LocalFanController::sweeping(const std::string& identity) const {
+    std::lock_guard lock(mutex_);
+    return curves_.sweeping(identity);
+}
+
 FanReadResult LocalFanController::readFans() {
     std::lock_guard lock(mutex_);
     FanReadResult result;
     for (const HwmonFan& fan : service_->discover()) {
         FanState state;
         state.name = fan.identity;
-        state.currentRPM = fan.currentRPM.value_or(0);
+        state.currentRPM = fan.currentRPM.value_or(kUnreadableRPM);
         const auto held = held_.find(fan.identity);
         state.targetRPM = held != held_.end() ? held->second.targetRPM : 0;
         state.minRPM = fan.minRPM;

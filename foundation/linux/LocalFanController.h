@@ -37,6 +37,8 @@ public:
     // FanCurveLearner) and the curve stored.
     void attachCurveStore(FanCurveStore store) override;
     std::optional<FanCurve> learnedCurve(const std::string& identity) override;
+    // Whether the fan's curve sweep is under way (diagnostics).
+    bool sweeping(const std::string& identity) const;
 
 private:
     struct Held {

@@ -50,8 +50,7 @@ TelemetrySample SystemTelemetryProvider::sample(Timestamp now) {
     sample.thermalPressure = pressure_.sample(
         hwmon.cpuTemperatureFromThermalZone ? std::nullopt : hwmon.cpuTemperatureC);
     for (const HwmonFan& fan : hwmon.fans) {
-        if (!fan.currentRPM) continue;
-        sample.fanCurrentRPM.push_back(*fan.currentRPM);
+        sample.fanCurrentRPM.push_back(fan.currentRPM.value_or(kUnreadableRPM));
         sample.fanTargetRPM.push_back(fan.targetRPM.value_or(0));
         sample.fanMaxRPM.push_back(fan.maxRPM);
         sample.fanMinRPM.push_back(fan.minRPM);

@@ -104,6 +104,103 @@ TEST(ControlEngine, FailedReadsKeepLastKnownFansAndReportOnce) {
     EXPECT_TRUE(rig.hasEvent("Fan telemetry recovered"));
 }
 
+TEST(ControlEngine, WithoutACpuTemperatureTheFansGoBackToTheFirmwareWithinOneTick) {
+    Rig rig;
+    rig.engine->applyMode(ControlMode::quiet);
+    ASSERT_EQ(rig.engine->tick(100).status, ControlStatus::controlling);
+    ASSERT_TRUE(rig.fans->holdsControl());
+    const int writesBefore = rig.fans->writes;
+
+    rig.telemetry->next.cpuTemperatureC.reset();
+    auto blind = rig.engine->tick(101);
+    EXPECT_FALSE(blind.decision);
+    EXPECT_FALSE(rig.fans->holdsControl()) << "released in the tick that saw no temperature";
+    EXPECT_GE(rig.fans->releases, 1);
+    EXPECT_EQ(rig.fans->writes, writesBefore) << "no write without a temperature";
+    EXPECT_EQ(blind.status, ControlStatus::fallback);
+    EXPECT_EQ(blind.authority, ControlAuthorityState::system);
+    auto latest = rig.ring->latest();
+    ASSERT_TRUE(latest);
+    EXPECT_TRUE(latest->isFailure);
+    EXPECT_EQ(latest->message,
+              "No CPU temperature can be read: the fans are back on firmware control until it can");
+
+    // Still blind: no write, no second event.
+    rig.engine->tick(102);
+    EXPECT_EQ(rig.fans->writes, writesBefore);
+    EXPECT_EQ(rig.countEvents("temperature can be read"), 1);
+
+    rig.telemetry->next.cpuTemperatureC = 55;
+    auto back = rig.engine->tick(103);
+    EXPECT_TRUE(back.decision);
+    EXPECT_EQ(back.status, ControlStatus::controlling);
+    EXPECT_TRUE(rig.fans->holdsControl());
+    EXPECT_TRUE(rig.hasEvent("Temperatures can be read again: Kelvo controls the fans again"));
+}
+
+TEST(ControlEngine, CooldownDoesNotDriveTheFansBlindEither) {
+    Rig rig;
+    rig.engine->setCooldownEnabled(true);
+    rig.telemetry->next.cpuTemperatureC.reset();
+    auto snap = rig.engine->tick(100);
+    EXPECT_FALSE(snap.decision);
+    EXPECT_EQ(rig.fans->writes, 0);
+    EXPECT_EQ(snap.status, ControlStatus::fallback);
+    EXPECT_TRUE(rig.engine->isCooldownEnabled()) << "a die that cannot be read is not cool";
+    EXPECT_FALSE(rig.hasEvent("Cooldown finished"));
+}
+
+TEST(ControlEngine, AnAwakeGpuThatLosesItsTemperatureIsBlindButASleepingOneIsNot) {
+    Rig rig;
+    rig.telemetry->next.gpuClockMHz = 1500;
+    rig.engine->applyMode(ControlMode::quiet);
+    ASSERT_EQ(rig.engine->tick(100).status, ControlStatus::controlling);
+
+    // Asleep: no GPU reading at all. Nothing to see, nothing heating.
+    rig.telemetry->next.gpuTemperatureC.reset();
+    rig.telemetry->next.gpuClockMHz.reset();
+    EXPECT_EQ(rig.engine->tick(101).status, ControlStatus::controlling);
+
+    // Awake (a clock comes) with no temperature: blind.
+    rig.telemetry->next.gpuClockMHz = 1500;
+    auto blind = rig.engine->tick(102);
+    EXPECT_EQ(blind.status, ControlStatus::fallback);
+    EXPECT_FALSE(rig.fans->holdsControl());
+    EXPECT_TRUE(rig.hasEvent("No GPU temperature can be read"));
+
+    rig.telemetry->next.gpuTemperatureC = 60;
+    EXPECT_EQ(rig.engine->tick(103).status, ControlStatus::controlling);
+}
+
+TEST(ControlEngine, AMachineWhoseGpuNeverShowedATemperatureIsControlledOnTheCpu) {
+    Rig rig;
+    rig.telemetry->next.gpuTemperatureC.reset();
+    rig.telemetry->next.gpuClockMHz = 1200;
+    rig.engine->applyMode(ControlMode::quiet);
+    EXPECT_EQ(rig.engine->tick(100).status, ControlStatus::controlling);
+    EXPECT_FALSE(rig.hasEvent("temperature can be read"));
+}
+
+TEST(ControlEngine, AnUnreadableFanSpeedIsAbsentAndReportedOnce) {
+    Rig rig;
+    rig.fans->current = kUnreadableRPM;
+    auto snap = rig.engine->tick(100);
+    ASSERT_EQ(snap.sample.fanCurrentRPM.size(), 2u);
+    for (double rpm : snap.sample.fanCurrentRPM) EXPECT_FALSE(isReadableRPM(rpm)) << rpm;
+    EXPECT_FALSE(snap.sample.meanFanCurrentRPM()) << "no speed, not 0 rpm";
+    auto latest = rig.ring->latest();
+    ASSERT_TRUE(latest);
+    EXPECT_TRUE(latest->isFailure);
+    EXPECT_EQ(latest->message,
+              "Fan telemetry degraded (no speed reading from fan0, fan1); shown as absent");
+    rig.engine->tick(101);
+    EXPECT_EQ(rig.countEvents("Fan telemetry degraded"), 1);
+    rig.fans->current = 1800;
+    auto back = rig.engine->tick(102);
+    EXPECT_EQ(back.sample.meanFanCurrentRPM(), 1800);
+    EXPECT_TRUE(rig.hasEvent("Fan telemetry recovered"));
+}
+
 TEST(ControlEngine, ThreeLimitHitsInFiveMinutesRaiseBoundaryPressure) {
     Rig rig;
     rig.engine->applyMode(ControlMode::performance);

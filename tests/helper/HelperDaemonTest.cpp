@@ -24,6 +24,7 @@ using test_support::kFan1;
 using test_support::kFan2;
 using test_support::kFan3;
 using test_support::RawConnection;
+using test_support::releasedOnDisconnect;
 using test_support::waitUntil;
 
 std::string chipFile(const char* name) {
@@ -33,13 +34,6 @@ std::string chipFile(const char* name) {
 // Deadlines for what must happen: they only matter when it never does, so they leave room for
 // a loaded machine.
 constexpr auto kDeadline = 15000ms;
-
-// Whether the helper gave a client's fans back because its connection ended, not because its
-// lease ran out.
-bool releasedOnDisconnect(const std::string& log) {
-    return log.find("): connection") != std::string::npos &&
-           log.find("lease of") == std::string::npos;
-}
 
 class HelperDaemonTest : public ::testing::Test {
 protected:

@@ -278,7 +278,14 @@ TEST_F(RuntimeFixture, CaptureModeSelectionPersistsWithoutSwitchingTheLoop) {
     EXPECT_EQ(capture->modeProvider(), ControlMode::performance);
     EXPECT_EQ(settings->value(QStringLiteral("kelvo.control.mode")).toString(),
               QStringLiteral("performance"));
-    waitFor([] { return false; }, 600);  // a few ticks: the loop must stay in System
+    // Six more ticks, over a second of samples, so the status card has been refreshed too:
+    // each would have shown a switch, and the loop stays in System.
+    int ticks = 0;
+    const auto counting =
+        QObject::connect(&runtime, &AppRuntime::snapshotHandled, &runtime, [&ticks] { ++ticks; });
+    const bool ticked = waitFor([&] { return ticks >= 6; });
+    QObject::disconnect(counting);
+    ASSERT_TRUE(ticked);
     EXPECT_FALSE(ringHas(runtime, "Control mode changed"));
     EXPECT_EQ(runtime.live()->status(), ControlStatus::monitoring);
 }

@@ -55,17 +55,23 @@ TEST(CaptureLifecycleTest, TheLoopRecordsSamplesForTheActiveRunOnly) {
     auto active = loopCall(*rig.loop, [](ControlEngine& e) { return e.activeProfilingRunID(); });
     active.waitForFinished();
     EXPECT_FALSE(active.result().has_value());
-    // Ticks after the stop add nothing to the run.
+    // Ticks after the stop add nothing to the run: three of them, however long they take.
     const auto recorded = rig.store->runSamples(runID).size();
-    processFor(700);
+    auto ticks = std::make_shared<std::atomic<int>>(0);
+    const auto counting = rig.loop->subscribe([ticks](const ControlSnapshot&) { ++*ticks; });
+    const bool ticked = waitFor([&] { return *ticks >= 3; });
+    rig.loop->unsubscribe(counting);
+    ASSERT_TRUE(ticked);
     EXPECT_EQ(rig.store->runSamples(runID).size(), recorded);
 }
 
 TEST(CaptureLifecycleTest, StartDuringStoppingDoesNothing) {
     CaptureRig rig;
     const auto runID = rig.startBeta();
-    rig.service->failStop = [] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // The stop stays on the worker until the start and the second stop have been tried.
+    Gate stopGate;
+    rig.service->failStop = [wait = stopGate.waiter()] {
+        wait();
         return std::optional<std::string>();
     };
     rig.coordinator->beginCaptureStop(false);
@@ -73,6 +79,7 @@ TEST(CaptureLifecycleTest, StartDuringStoppingDoesNothing) {
     EXPECT_TRUE(rig.coordinator->captureInteractionLocked());
     rig.coordinator->startBetaCapture();
     rig.coordinator->beginCaptureStop(true);  // a second stop is ignored too
+    stopGate.open();
     ASSERT_TRUE(waitFor([&] { return !rig.coordinator->profilingStopInProgress(); }));
     EXPECT_FALSE(rig.coordinator->profilingIsRunning());
     EXPECT_EQ(rig.coordinator->lastCompletedRunID(), runID);
@@ -83,13 +90,18 @@ TEST(CaptureLifecycleTest, StartDuringFinalizingOpensANewRunAndTheOldOutcomeIsIg
     CaptureRig rig;
     const auto first = rig.startBeta();
     rig.addSamples(first, 5);
-    rig.service->exportDelayMs = 600;
+    Gate exportGate;
+    rig.service->beforeExport = exportGate.waiter();
     int finished = 0;
     QObject::connect(rig.coordinator.get(), &CaptureCoordinator::finalizationFinished,
                      [&](qint64, const QString&, const QString&, const QString&) { ++finished; });
     rig.coordinator->beginCaptureStop(true);
-    ASSERT_TRUE(waitFor([&] { return rig.coordinator->profilingFinalizationInProgress(); }));
+    // The old run's export is under way and held there while the new run is asked for.
+    ASSERT_TRUE(waitFor([&] { return rig.service->exportCalls == 1; }));
+    ASSERT_TRUE(rig.coordinator->profilingFinalizationInProgress());
     rig.coordinator->startBetaCapture();
+    // The worker is single-threaded: the new run's start waits behind the held export.
+    exportGate.open();
     ASSERT_TRUE(waitFor([&] { return rig.coordinator->profilingIsRunning(); }));
     const auto second = *rig.coordinator->profilingRunID();
     EXPECT_NE(second, first);

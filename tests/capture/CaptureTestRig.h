@@ -9,10 +9,10 @@
 #include <QTemporaryDir>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "app/LoopCall.h"
 #include "capture/CaptureCoordinator.h"
@@ -28,6 +28,40 @@
 
 namespace kelvo::testing {
 
+// Holds a call on the coordinator's worker thread until the test opens it, so that the test can
+// act while that call is certainly still under way, however slow the machine. It opens itself
+// when it goes out of scope: declared after the rig, it never leaves the worker waiting.
+class Gate {
+public:
+    Gate() = default;
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+    ~Gate() { open(); }
+
+    void open() {
+        {
+            std::lock_guard lock(state_->mutex);
+            state_->open = true;
+        }
+        state_->opened.notify_all();
+    }
+    // For the held call: waits until the gate is open. It may outlive the gate.
+    std::function<void()> waiter() const {
+        return [state = state_] {
+            std::unique_lock lock(state->mutex);
+            state->opened.wait(lock, [&] { return state->open; });
+        };
+    }
+
+private:
+    struct State {
+        std::mutex mutex;
+        std::condition_variable opened;
+        bool open = false;
+    };
+    std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
 // The real service, with optional replacements for the calls a test wants to break or slow.
 class HookedProfilingService : public ProfilingService {
 public:
@@ -35,7 +69,7 @@ public:
 
     std::function<std::optional<std::string>()> failStart, failStop, failDerive, failExport;
     std::function<std::optional<int>()> clearedCount;
-    std::atomic<int> exportDelayMs{0};
+    std::function<void()> beforeExport;  // on the worker, e.g. a gate's waiter
     std::atomic<int> exportCalls{0};
     std::atomic<int> clearCalls{0};
     std::atomic<int> refreshCalls{0};
@@ -63,8 +97,7 @@ public:
         std::int64_t runID, const std::string& folder,
         const std::optional<LearnedModel>& model) override {
         ++exportCalls;
-        if (exportDelayMs > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(exportDelayMs.load()));
+        if (beforeExport) beforeExport();
         if (failExport)
             if (auto error = failExport())
                 return ProfilingResult<ProfilingExportArtifacts>::failure(*error);

@@ -9,10 +9,12 @@
 #include <QProcess>
 #include <QTemporaryDir>
 #include <csignal>
+#include <functional>
 #include <map>
 
 #include "foundation/SQLiteStore.h"
 #include "tests/ZipEntries.h"
+#include "tests/e2e/LiveDatabase.h"
 
 namespace {
 
@@ -48,6 +50,18 @@ public:
         }
         return false;
     }
+    // Waits until `condition` holds, reading the output meanwhile.
+    bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 30000) {
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < timeoutMs) {
+            stdoutText += QString::fromUtf8(process.readAllStandardOutput());
+            stderrText += QString::fromUtf8(process.readAllStandardError());
+            if (condition()) return true;
+            process.waitForReadyRead(100);
+        }
+        return condition();
+    }
     bool waitForStderr(const QString& text, int timeoutMs = 30000) {
         QElapsedTimer timer;
         timer.start();
@@ -74,6 +88,12 @@ public:
     QString stdoutText, stderrText;
 };
 
+// Samples the first run holds so far, read while kelvo writes them.
+long long runSamples(const QTemporaryDir& home) {
+    return queryNumber(home.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite")),
+                       "SELECT COUNT(*) FROM run_samples WHERE run_id = 1");
+}
+
 // The bundle's entries by their path inside the capture folder.
 std::map<std::string, std::string> bundleEntries(const QString& path) {
     std::map<std::string, std::string> entries;
@@ -87,7 +107,9 @@ TEST(CaptureE2E, SigintWrapsTheCaptureUpAndPrintsTheBundleLast) {
     CaptureProcess kelvo(home);
     kelvo.start(QStringLiteral("scripted run"));
     ASSERT_TRUE(kelvo.waitForStderr(QStringLiteral("capture run 1 started")));
-    ASSERT_TRUE(kelvo.waitForCardLines(3));
+    // Card lines printed before the run started would say nothing about its samples: wait for
+    // the samples themselves.
+    ASSERT_TRUE(kelvo.waitUntil([&] { return runSamples(home) >= 2; }));
     EXPECT_EQ(kelvo.finish(SIGINT), 0) << kelvo.stderrText.toStdString();
     const QString bundle = kelvo.lastLine();
     EXPECT_TRUE(bundle.endsWith(QStringLiteral(".kelvocapture"))) << bundle.toStdString();
@@ -108,8 +130,7 @@ TEST(CaptureE2E, ACaptureKilledMidwayIsResumedAndExportedByTheNextLaunch) {
         CaptureProcess first(home);
         first.start(QStringLiteral("killed"));
         ASSERT_TRUE(first.waitForStderr(QStringLiteral("capture run 1 started")));
-        const int before = static_cast<int>(first.stdoutText.count(QStringLiteral(" mode=")));
-        ASSERT_TRUE(first.waitForCardLines(before + 3));
+        ASSERT_TRUE(first.waitUntil([&] { return runSamples(home) >= 3; }));
         first.finish(SIGKILL);
     }
     std::size_t recordedBeforeKill = 0;
@@ -122,7 +143,12 @@ TEST(CaptureE2E, ACaptureKilledMidwayIsResumedAndExportedByTheNextLaunch) {
     ASSERT_GE(recordedBeforeKill, 1u);
     CaptureProcess second(home);
     second.start(QStringLiteral("ignored: the open run resumes"));
-    ASSERT_TRUE(second.waitForCardLines(2));
+    // The resumed run records again; one card line later its resumption has been published too,
+    // so the signal finds a running capture.
+    ASSERT_TRUE(second.waitUntil(
+        [&] { return runSamples(home) > static_cast<long long>(recordedBeforeKill); }));
+    const int cards = static_cast<int>(second.stdoutText.count(QStringLiteral(" mode=")));
+    ASSERT_TRUE(second.waitForCardLines(cards + 1));
     EXPECT_EQ(second.finish(SIGINT), 0) << second.stderrText.toStdString();
     const auto entries = bundleEntries(second.lastLine());
     ASSERT_EQ(entries.size(), 4u);

@@ -18,6 +18,7 @@
 #include "foundation/SQLiteStore.h"
 #include "tests/EventLoopWait.h"
 #include "tests/e2e/KelvoProcess.h"
+#include "tests/e2e/LiveDatabase.h"
 
 namespace {
 
@@ -73,6 +74,10 @@ int countContaining(const std::vector<std::string>& messages, const std::string&
 }
 
 using kelvo::testing::processFor;
+using kelvo::testing::waitFor;
+
+// Deadlines for what must happen: they only matter when it never does.
+constexpr int kDeadlineMs = 20000;
 
 void sendSignal(const char* member, const QVariantList& arguments) {
     auto message = QDBusMessage::createSignal(QStringLiteral("/org/kelvo/ExternalControl"),
@@ -124,7 +129,14 @@ TEST(ExternalControl, KelvoctlSwitchesModeAndCooldownWhenAllowed) {
     EXPECT_EQ(kelvoctl({QStringLiteral("mode"), QStringLiteral("quiet")}).exitCode, 0);
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=controlling")));
     EXPECT_EQ(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("on")}).exitCode, 0);
-    processFor(1500);
+    // The request is a signal on the bus: wait until the loop has recorded the cooldown.
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return queryNumber(databasePath(home),
+                               "SELECT COUNT(*) FROM events "
+                               "WHERE message LIKE 'Cooldown started%'") > 0;
+        },
+        kDeadlineMs));
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
     QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
                        QSettings::IniFormat);
@@ -208,7 +220,12 @@ TEST(Alerts, HelperlessDefaultLaunchFallsBackAndNotifiesOnce) {
     // Default back-end: the helper, which does not run here, and no local fallback.
     kelvo.start({QStringLiteral("--headless")});
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=fallback")));
-    processFor(2500);
+    EXPECT_TRUE(waitFor(
+        [&] { return notifications.titles.contains(QStringLiteral("Kelvo fallback mode")); },
+        kDeadlineMs));
+    // Two more card updates in fallback, each a chance to notify again: once is enough.
+    EXPECT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=fallback")));
+    EXPECT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=fallback")));
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
     bus.unregisterService(QStringLiteral("org.freedesktop.Notifications"));
     bus.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));

@@ -1,10 +1,9 @@
 // Small scriptable back-ends for control-loop tests that need exact inputs.
 #pragma once
 
-#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
-#include <thread>
 
 #include "foundation/FanController.h"
 #include "foundation/TelemetryProvider.h"
@@ -36,9 +35,9 @@ public:
         return r;
     }
     FanResult setTargets(const std::vector<double>& targets) override {
-        if (writeDelaySeconds > 0)
-            std::this_thread::sleep_for(std::chrono::duration<double>(writeDelaySeconds));
-        std::lock_guard lock(mutex);
+        std::unique_lock lock(mutex);
+        // The limit only keeps a broken test from hanging; a passing one releases the writes.
+        writesReleased.wait_for(lock, std::chrono::seconds(30), [this] { return !writesHeld; });
         ++writes;
         if (failWrites) return FanResult::failure("helper unavailable");
         lastTargets = targets;
@@ -55,11 +54,29 @@ public:
         std::lock_guard lock(mutex);
         return held;
     }
+    // A back-end slower than any deadline: writes wait until released, however long the caller
+    // waits for them.
+    void holdWrites() {
+        std::lock_guard lock(mutex);
+        writesHeld = true;
+    }
+    void releaseWrites() {
+        {
+            std::lock_guard lock(mutex);
+            writesHeld = false;
+        }
+        writesReleased.notify_all();
+    }
+    int writesDone() const {
+        std::lock_guard lock(mutex);
+        return writes;
+    }
 
     mutable std::mutex mutex;
+    std::condition_variable writesReleased;
+    bool writesHeld = false;
     bool failReads = false;
     bool failWrites = false;
-    double writeDelaySeconds = 0;
     double current = 2000;
     std::vector<double> lastTargets;
     bool held = false;

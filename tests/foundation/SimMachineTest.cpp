@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -211,25 +212,30 @@ TEST(SimulatedFanController, InjectedFailuresAreReportedAndClear) {
 TEST(SimulatedFanController, ASlowWriteLandsLateWithoutBlockingReads) {
     auto machine = std::make_shared<SimulatedMachine>();
     SimulatedFanController controller(machine);
-    machine->setFanWriteDelay(0.6);
-    EXPECT_DOUBLE_EQ(machine->fanWriteDelay(), 0.6);
+    // Long enough that the reads below, made as soon as the write has begun, come before it
+    // lands even on a loaded machine.
+    machine->setFanWriteDelay(1.5);
+    EXPECT_DOUBLE_EQ(machine->fanWriteDelay(), 1.5);
 
     FanResult result;
     double blockedSeconds = 0;
+    std::atomic<bool> writing{false};
     std::thread writer([&] {
         const auto start = std::chrono::steady_clock::now();
+        writing = true;
         result = controller.setTargets({5000, 5000});
         blockedSeconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    while (!writing) std::this_thread::yield();
     // Readable mid-write, and the write has not landed yet.
     EXPECT_DOUBLE_EQ(machine->state().fanTargetRPM[0], 0);
     EXPECT_TRUE(controller.readFans().ok);
     writer.join();
 
     EXPECT_TRUE(result.ok);
-    EXPECT_GE(blockedSeconds, 0.6);
+    // A lower bound only: load can lengthen the wait, never shorten it.
+    EXPECT_GE(blockedSeconds, 1.5);
     EXPECT_DOUBLE_EQ(machine->state().fanTargetRPM[0], 5000);
 }
 

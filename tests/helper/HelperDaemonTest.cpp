@@ -24,11 +24,16 @@ using test_support::kFan1;
 using test_support::kFan2;
 using test_support::kFan3;
 using test_support::RawConnection;
+using test_support::releasedOnDisconnect;
 using test_support::waitUntil;
 
 std::string chipFile(const char* name) {
     return std::string(kChip) + name;
 }
+
+// Deadlines for what must happen: they only matter when it never does, so they leave room for
+// a loaded machine.
+constexpr auto kDeadline = 15000ms;
 
 class HelperDaemonTest : public ::testing::Test {
 protected:
@@ -215,10 +220,11 @@ TEST_F(HelperDaemonTest, ClosingTheConnectionReleasesAtOnce) {
         ASSERT_TRUE(controller.setTargets({0, 2000, 1500, 3000}).ok);
         EXPECT_EQ(file("pwm1_enable"), "1");
     }
-    EXPECT_TRUE(waitUntil([&] { return test_support::boardRestored(sys); }, 3000ms).has_value());
+    ASSERT_TRUE(waitUntil([&] { return test_support::boardRestored(sys); }, kDeadline));
+    EXPECT_TRUE(releasedOnDisconnect(daemon->log())) << daemon->log();
 }
 
-TEST_F(HelperDaemonTest, ClientKilledWithSIGKILLGetsItsFansRestoredWithin3s) {
+TEST_F(HelperDaemonTest, ClientKilledWithSIGKILLGetsItsFansRestoredWhenItsConnectionDrops) {
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = ::fork();
@@ -246,29 +252,32 @@ TEST_F(HelperDaemonTest, ClientKilledWithSIGKILLGetsItsFansRestoredWithin3s) {
     EXPECT_EQ(file("pwm3"), std::to_string(LocalFanController::linearPWMForRPM(3000, 0, 0)));
 
     ASSERT_EQ(::kill(child, SIGKILL), 0);
-    const auto restored = waitUntil([&] { return test_support::boardRestored(sys); },
-                                    std::chrono::milliseconds(5000));
+    const auto restored = waitUntil([&] { return test_support::boardRestored(sys); }, kDeadline);
     ::waitpid(child, nullptr, 0);
     ASSERT_TRUE(restored.has_value()) << daemon->log();
     std::printf("[ measured ] client SIGKILL to fans restored: %.1f ms\n",
                 restored->count() * 1000);
-    EXPECT_LT(restored->count(), 3.0);
+    // The kernel closed the dead client's socket; a helper that missed that would have waited
+    // for the lease instead.
+    EXPECT_TRUE(releasedOnDisconnect(daemon->log())) << daemon->log();
     EXPECT_FALSE(std::filesystem::exists(daemon->journalPath()));
 }
 
 TEST_F(HelperDaemonTest, SilentClientLosesItsFansWhenTheLeaseRunsOut) {
     HelperFanController controller(socket());
+    // Read before the last request, so the helper's lease cannot have started earlier.
+    const auto beforeLastRequest = test_support::SteadyClock::now();
     ASSERT_TRUE(controller.setTargets({0, 2000, 0, 0}).ok);
-    const auto lastRequest = test_support::SteadyClock::now();
+    EXPECT_EQ(file("pwm1_enable"), "1");
 
-    std::this_thread::sleep_for(1500ms);
-    EXPECT_EQ(file("pwm1_enable"), "1") << "released before the lease ran out";
-    const auto released = waitUntil([&] { return file("pwm1_enable") == "2"; }, 3000ms);
+    const auto released = waitUntil([&] { return file("pwm1_enable") == "2"; }, kDeadline);
     ASSERT_TRUE(released.has_value()) << daemon->log();
-    const double sinceLastRequest =
-        std::chrono::duration<double>(test_support::SteadyClock::now() - lastRequest).count();
-    std::printf("[ measured ] last renewal to release: %.0f ms\n", sinceLastRequest * 1000);
-    EXPECT_LT(sinceLastRequest, 3.0);
+    const double heldSeconds =
+        std::chrono::duration<double>(test_support::SteadyClock::now() - beforeLastRequest).count();
+    std::printf("[ measured ] last request to release: %.0f ms\n", heldSeconds * 1000);
+    // Kept for the whole lease. Only a lower bound: load can make the release later, never
+    // earlier.
+    EXPECT_GE(heldSeconds * 1000, hp::kLeaseExpiryMs) << "released before the lease ran out";
     EXPECT_NE(daemon->log().find("lease of client"), std::string::npos) << daemon->log();
 
     const FanResult renew = controller.renewLease();
@@ -283,8 +292,12 @@ TEST_F(HelperDaemonTest, SilentClientLosesItsFansWhenTheLeaseRunsOut) {
 TEST_F(HelperDaemonTest, RenewingClientKeepsItsFans) {
     HelperFanController controller(socket());
     ASSERT_TRUE(controller.setTargets({0, 2000, 0, 0}).ok);
-    for (int i = 0; i < 4; ++i) {
-        std::this_thread::sleep_for(1000ms);
+    // Held past two leases, renewing every 200 ms: a loaded machine would have to stall a
+    // renewal for more than 2 s to lose the fans.
+    const auto start = test_support::SteadyClock::now();
+    while (test_support::SteadyClock::now() - start <
+           2 * std::chrono::milliseconds(hp::kLeaseExpiryMs)) {
+        std::this_thread::sleep_for(200ms);
         const FanResult renew = controller.renewLease();
         ASSERT_TRUE(renew.ok) << renew.error;
     }
@@ -301,7 +314,7 @@ TEST_F(HelperDaemonTest, HelperKilledAndRestartedRestoresFansFromItsJournal) {
     EXPECT_NE(journal.find(std::string(kFan3) + "\t1\t77"), std::string::npos) << journal;
 
     daemon->signal(SIGKILL);
-    ASSERT_TRUE(daemon->waitExit(5000ms).has_value());
+    ASSERT_TRUE(daemon->waitExit(kDeadline).has_value());
     // Nobody gave the fans back: that is what the journal is for.
     EXPECT_EQ(file("pwm1_enable"), "1");
     EXPECT_EQ(file("pwm2_enable"), "1");
@@ -339,7 +352,7 @@ TEST_F(HelperDaemonTest, SIGTERMReleasesEverythingAndExitsCleanly) {
     HelperFanController controller(socket());
     ASSERT_TRUE(controller.setTargets({0, 2000, 1500, 3000}).ok);
     daemon->signal(SIGTERM);
-    const auto status = daemon->waitExit(5000ms);
+    const auto status = daemon->waitExit(kDeadline);
     ASSERT_TRUE(status.has_value());
     EXPECT_TRUE(WIFEXITED(*status));
     EXPECT_EQ(WEXITSTATUS(*status), 0);
@@ -357,7 +370,7 @@ TEST_F(HelperDaemonTest, SIGINTAlsoReleasesEverything) {
     HelperFanController controller(socket());
     ASSERT_TRUE(controller.setTargets({0, 2000, 0, 0}).ok);
     daemon->signal(SIGINT);
-    const auto status = daemon->waitExit(5000ms);
+    const auto status = daemon->waitExit(kDeadline);
     ASSERT_TRUE(status.has_value());
     EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
     EXPECT_EQ(file("pwm1_enable"), "2");
@@ -479,7 +492,7 @@ TEST_F(HelperDaemonTest, EveryMalformedFrameGetsAnErrorReplyAndChangesNothing) {
         ASSERT_TRUE(connection.connected());
         ASSERT_TRUE(connection.send(c.bytes));
         if (c.closeWriteSide) connection.shutdownWrite();
-        const auto reply = connection.reply(4000ms);
+        const auto reply = connection.reply(kDeadline);
         ASSERT_TRUE(reply.has_value()) << "no reply";
         EXPECT_FALSE(reply->ok);
         EXPECT_EQ(reply->code, c.code) << reply->message;
@@ -492,16 +505,16 @@ TEST_F(HelperDaemonTest, EveryMalformedFrameGetsAnErrorReplyAndChangesNothing) {
 TEST_F(HelperDaemonTest, FrameErrorsCloseTheConnectionRequestErrorsDoNot) {
     RawConnection badFrame(socket());
     ASSERT_TRUE(badFrame.send("GET / HTTP/1.0\r\n\r\n"));
-    ASSERT_TRUE(badFrame.reply(2000ms).has_value());
-    EXPECT_TRUE(badFrame.closedByPeer(2000ms));
+    ASSERT_TRUE(badFrame.reply(kDeadline).has_value());
+    EXPECT_TRUE(badFrame.closedByPeer(kDeadline));
 
     RawConnection badRequest(socket());
     ASSERT_TRUE(badRequest.sendRequest(hp::Request::targetPWM("nope@virtual#fan1", 10)));
-    const auto refused = badRequest.reply(2000ms);
+    const auto refused = badRequest.reply(kDeadline);
     ASSERT_TRUE(refused.has_value());
     EXPECT_EQ(refused->code, hp::codes::unknownFan);
     ASSERT_TRUE(badRequest.sendRequest(hp::Request::of(hp::Op::version)));
-    const auto version = badRequest.reply(2000ms);
+    const auto version = badRequest.reply(kDeadline);
     ASSERT_TRUE(version.has_value());
     EXPECT_TRUE(version->ok);
 }
@@ -515,10 +528,10 @@ TEST_F(HelperDaemonTest, SeveralRequestsInOneWriteGetTheirRepliesInOrder) {
         batch += *hp::encodeFrame(hp::encodeRequest(request));
     }
     ASSERT_TRUE(connection.send(batch));
-    const auto version = connection.reply(2000ms);
-    const auto target = connection.reply(2000ms);
-    const auto renew = connection.reply(2000ms);
-    const auto releaseAll = connection.reply(2000ms);
+    const auto version = connection.reply(kDeadline);
+    const auto target = connection.reply(kDeadline);
+    const auto renew = connection.reply(kDeadline);
+    const auto releaseAll = connection.reply(kDeadline);
     ASSERT_TRUE(version && target && renew && releaseAll);
     EXPECT_TRUE(hp::decodeVersionInfo(version->data).ok());
     EXPECT_EQ(hp::decodeAppliedPWM(target->data).value, 33);

@@ -92,6 +92,13 @@ inline bool boardRestored(const FakeSysfs& sys) {
            files.at("pwm3_enable") == "1" && files.at("pwm3") == "77";
 }
 
+// Whether the helper gave a client's fans back because its connection ended, not because its
+// lease ran out.
+inline bool releasedOnDisconnect(const std::string& helperLog) {
+    return helperLog.find("): connection") != std::string::npos &&
+           helperLog.find("lease of") == std::string::npos;
+}
+
 // Polls `condition` every 2 ms; returns the time it took, or none after `limit`.
 inline std::optional<std::chrono::duration<double>> waitUntil(
     const std::function<bool()>& condition, std::chrono::milliseconds limit) {

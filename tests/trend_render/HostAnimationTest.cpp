@@ -25,6 +25,10 @@ protected:
               std::vector<FixedViewportTrendReferenceLabel> labels = {}) {
         host->update(snapshot, latest, plot, std::move(labels));
     }
+    // Lets the queued tick run; the window is never shown, so that tick queues no other.
+    bool queuedTickRan() {
+        return test::waitFor([this] { return !host->tickQueued(); });
+    }
 
     FakeClocks clocks;
     QRectF plot{20, 20, 360, 210};
@@ -118,20 +122,19 @@ TEST_F(HostAnimation, AfterALongPauseTheFirstAdvanceJumpsToAtMostTheRevealBehind
 
 TEST_F(HostAnimation, ASecondUnforcedTickWithinASixtiethIsDroppedAndAForcedOneIsNot) {
     give(snapshotEndingAt(clocks.wall), clocks.wall);
-    test::processFor(20);  // let the forced tick of update() run
-    ASSERT_FALSE(host->tickQueued());
+    ASSERT_TRUE(queuedTickRan());  // the forced tick of update()
     clocks.media += 1;
     host->queueTick(false);
     EXPECT_TRUE(host->tickQueued());
     EXPECT_DOUBLE_EQ(host->lastTickEnqueueAt(), clocks.media);
-    test::processFor(20);
+    ASSERT_TRUE(queuedTickRan());
     clocks.media += 0.010;
     host->queueTick(false);
     EXPECT_FALSE(host->tickQueued()) << "10 ms after the previous one";
     host->queueTick(true);
     EXPECT_TRUE(host->tickQueued());
     EXPECT_DOUBLE_EQ(host->lastTickEnqueueAt(), clocks.media);
-    test::processFor(20);
+    ASSERT_TRUE(queuedTickRan());
     clocks.media += 0.017;
     host->queueTick(false);
     EXPECT_TRUE(host->tickQueued()) << "17 ms is past the throttle";
@@ -139,7 +142,7 @@ TEST_F(HostAnimation, ASecondUnforcedTickWithinASixtiethIsDroppedAndAForcedOneIs
 
 TEST_F(HostAnimation, OnlyOneTickIsQueuedAtATime) {
     give(snapshotEndingAt(clocks.wall), clocks.wall);
-    test::processFor(20);
+    ASSERT_TRUE(queuedTickRan());
     clocks.media += 1;
     host->queueTick(false);
     const double first = host->lastTickEnqueueAt();

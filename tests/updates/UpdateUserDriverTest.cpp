@@ -68,7 +68,7 @@ TEST(UpdateUserDriver, TheOfferShowsBothVersionsWithTheirBuildsAndInstalls) {
     install->click();
     ASSERT_TRUE(installed.wait(10000));
     EXPECT_EQ(UpdateTestRig::readFile(target), QByteArray("new build"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return driver.currentDialog() != nullptr; }, 2000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return driver.currentDialog() != nullptr; }, 10000));
     EXPECT_TRUE(driver.currentDialog()->text().contains(
         QStringLiteral("Kelvo 0.2.0 (12) has been installed")))
         << driver.currentDialog()->text().toStdString();

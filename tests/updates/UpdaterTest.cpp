@@ -71,6 +71,11 @@ protected:
         return install.failure();
     }
 
+    // When the last check happened, as the updater recorded it.
+    QDateTime lastCheck() const {
+        return rig.settings->value(QString::fromLatin1(Updater::kLastCheckKey)).toDateTime();
+    }
+
     UpdateTestRig rig;
     LocalHttpServer server;
 };
@@ -281,14 +286,17 @@ TEST_F(UpdaterTest, AScheduledCheckRunsAtTheIntervalWhileAutomaticChecksAreOn) {
     Updater updater(rig.configuration(server.url(QStringLiteral("/appcast.xml")), target));
     updater.setUpdateCheckInterval(3600);
     Outcome check(updater);
+    const QDateTime beforeStart = QDateTime::currentDateTimeUtc();
     updater.start(50);
     ASSERT_TRUE(check.wait());
+    const QDateTime afterCheck = QDateTime::currentDateTimeUtc();
     ASSERT_EQ(check.found.size(), 1);
     EXPECT_FALSE(check.found.front().at(1).toBool()) << "a scheduled check, not the user's";
-    // The next check is one interval after this one.
-    const qint64 untilNext = QDateTime::currentDateTimeUtc().msecsTo(updater.nextScheduledCheck());
-    EXPECT_GT(untilNext, 3590 * 1000);
-    EXPECT_LE(untilNext, 3600 * 1000);
+    // This check was recorded, and the next one is due one interval after it.
+    const QDateTime last = lastCheck();
+    EXPECT_LE(beforeStart, last);
+    EXPECT_LE(last, afterCheck);
+    EXPECT_EQ(updater.nextScheduledCheck(), last.addSecs(3600));
     updater.setAutomaticallyChecksForUpdates(false);
     EXPECT_FALSE(updater.nextScheduledCheck().isValid());
 }
@@ -300,6 +308,8 @@ TEST_F(UpdaterTest, NoScheduledCheckRunsWhileAutomaticChecksAreOff) {
     updater.setAutomaticallyChecksForUpdates(false);
     Outcome check(updater);
     updater.start(10);
+    EXPECT_FALSE(updater.nextScheduledCheck().isValid()) << "nothing is scheduled";
+    // And nothing reaches the feed meanwhile; a slow machine cannot make one appear.
     EXPECT_FALSE(check.wait(500));
     EXPECT_EQ(server.hits(QStringLiteral("/appcast.xml")), 0);
 }
@@ -318,14 +328,12 @@ TEST_F(UpdaterTest, AScheduledCheckWithAutomaticDownloadsInstallsTheUpdate) {
 
 TEST_F(UpdaterTest, AScheduledCheckIsDueOneIntervalAfterTheLastOne) {
     const QString target = rig.installFile("installed");
-    rig.settings->setValue(QString::fromLatin1(Updater::kLastCheckKey),
-                           QDateTime::currentDateTimeUtc().addSecs(-1000));
+    const QDateTime last = QDateTime::currentDateTimeUtc().addSecs(-1000);
+    rig.settings->setValue(QString::fromLatin1(Updater::kLastCheckKey), last);
     Updater updater(rig.configuration(server.url(QStringLiteral("/appcast.xml")), target));
     updater.setUpdateCheckInterval(3600);
     updater.start(0);
-    const qint64 untilNext = QDateTime::currentDateTimeUtc().msecsTo(updater.nextScheduledCheck());
-    EXPECT_GT(untilNext, 2590 * 1000);
-    EXPECT_LE(untilNext, 2600 * 1000);
+    EXPECT_EQ(updater.nextScheduledCheck(), last.addSecs(3600));
 }
 
 TEST_F(UpdaterTest, StartingRemovesThePreviousBuildKeptByTheLastInstall) {
@@ -341,12 +349,10 @@ TEST_F(UpdaterTest, StartingRemovesThePreviousBuildKeptByTheLastInstall) {
 
 TEST_F(UpdaterTest, AMonthlyIntervalIsScheduledAMonthAhead) {
     const QString target = rig.installFile("installed");
-    rig.settings->setValue(QString::fromLatin1(Updater::kLastCheckKey),
-                           QDateTime::currentDateTimeUtc());
+    const QDateTime last = QDateTime::currentDateTimeUtc();
+    rig.settings->setValue(QString::fromLatin1(Updater::kLastCheckKey), last);
     Updater updater(rig.configuration(server.url(QStringLiteral("/appcast.xml")), target));
     updater.setUpdateCheckInterval(2629800);
     updater.start(0);
-    const qint64 untilNext = QDateTime::currentDateTimeUtc().secsTo(updater.nextScheduledCheck());
-    EXPECT_GT(untilNext, 2629800 - 10);
-    EXPECT_LE(untilNext, 2629800);
+    EXPECT_EQ(updater.nextScheduledCheck(), last.addSecs(2629800));
 }

@@ -34,7 +34,7 @@ QImage grabAfterNextFrame(QQuickWindow* window) {
         window, &QQuickWindow::frameSwapped, window, [&swapped] { swapped = true; },
         Qt::QueuedConnection);
     window->update();
-    waitFor([&] { return swapped; });
+    EXPECT_TRUE(waitFor([&] { return swapped; })) << "a frame reached the screen";
     QObject::disconnect(connection);
     return window->grabWindow();
 }
@@ -83,7 +83,14 @@ TEST_F(DashboardScreenshot, TenSecondsOfSimulatedDataInLightAndDarkPalettes) {
     openDashboard();
     window()->resize(1000, 1000);
     click(QStringLiteral("control-trend-window-oneMinute"));
-    processFor(10000);
+    // Ten seconds of samples, however long the machine takes to produce them.
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const auto& history = runtime->live()->sampleHistory();
+            return history.size() >= 2 &&
+                   history.back().timestamp - history.front().timestamp >= 10;
+        },
+        60000));
 
     const QImage light = grabAfterNextFrame(window());
     ASSERT_FALSE(light.isNull());
@@ -91,7 +98,10 @@ TEST_F(DashboardScreenshot, TenSecondsOfSimulatedDataInLightAndDarkPalettes) {
     checkChart(light, "light");
 
     QGuiApplication::setPalette(darkPalette());
-    processFor(500);
+    ASSERT_TRUE(waitFor([&] {
+        const QImage shot = grabAfterNextFrame(window());
+        return !shot.isNull() && shot.pixelColor(5, 5).lightness() < 80;
+    })) << "the dark palette reached the window";
     const QImage dark = grabAfterNextFrame(window());
     QGuiApplication::setPalette(original);
     ASSERT_FALSE(dark.isNull());
@@ -103,9 +113,8 @@ TEST_F(DashboardScreenshot, TenSecondsOfSimulatedDataInLightAndDarkPalettes) {
 
     // The advanced surface adds its detail below the deck.
     click(QStringLiteral("surface-selection-advanced"));
-    processFor(1500);
     QQuickItem* advanced = item(QStringLiteral("surface-advanced"));
-    ASSERT_TRUE(advanced->isVisible());
+    ASSERT_TRUE(waitFor([&] { return advanced->isVisible() && advanced->height() > 200; }));
     scrollIntoView(advanced);
     const QImage detail = grabAfterNextFrame(window());
     EXPECT_TRUE(detail.save(shotPath(QStringLiteral("dashboard-advanced.png"))));

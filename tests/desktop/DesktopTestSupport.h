@@ -98,19 +98,23 @@ protected:
         QCoreApplication::processEvents();
     }
 
-    // The dashboard scrolls when it is taller than the window: bring the item into view first.
+    // The dashboard scrolls when it is taller than the window: bring the item into view first,
+    // scrolling again until it lies inside the window (the layout may still be settling).
     void scrollIntoView(QQuickItem* target) {
         QObject* flickable =
             window()->rootObject()->findChild<QObject*>(QStringLiteral("dashboard-scroll"));
         if (!flickable) return;
-        const double y = target->mapToItem(window()->contentItem(), QPointF(0, 0)).y();
-        const double contentY = flickable->property("contentY").toDouble();
-        const double maxY = flickable->property("contentHeight").toDouble() - window()->height();
-        if (y < 0 || y + target->height() > window()->height()) {
-            const double wanted = std::clamp(contentY + y - 20, 0.0, std::max(0.0, maxY));
-            flickable->setProperty("contentY", wanted);
-            processFor(50);
-        }
+        EXPECT_TRUE(waitFor([&] {
+            const double y = target->mapToItem(window()->contentItem(), QPointF(0, 0)).y();
+            if (y >= 0 && y + target->height() <= window()->height()) return true;
+            const double contentY = flickable->property("contentY").toDouble();
+            const double maxY =
+                flickable->property("contentHeight").toDouble() - window()->height();
+            flickable->setProperty("contentY",
+                                   std::clamp(contentY + y - 20, 0.0, std::max(0.0, maxY)));
+            return false;
+        })) << "scrolled into view: "
+            << target->objectName().toStdString();
     }
 
     QTemporaryDir home;

@@ -40,16 +40,19 @@ protected:
         return nullptr;
     }
 
-    // The live metrics card can sit below the fold of a small window.
+    // The live metrics card can sit below the fold of a small window. Scrolls until the target
+    // lies inside the window, however long the layout takes to settle.
     void scrollInto(QQuickItem* target) {
         QObject* flickable =
             dashboard()->rootObject()->findChild<QObject*>(QStringLiteral("dashboard-scroll"));
         ASSERT_NE(flickable, nullptr);
-        const double y = target->mapToItem(dashboard()->contentItem(), QPointF(0, 0)).y();
-        if (y >= 0 && y + target->height() <= dashboard()->height()) return;
-        const double contentY = flickable->property("contentY").toDouble();
-        flickable->setProperty("contentY", std::max(0.0, contentY + y - 20));
-        processFor(50);
+        ASSERT_TRUE(waitFor([&] {
+            const double y = target->mapToItem(dashboard()->contentItem(), QPointF(0, 0)).y();
+            if (y >= 0 && y + target->height() <= dashboard()->height()) return true;
+            const double contentY = flickable->property("contentY").toDouble();
+            flickable->setProperty("contentY", std::max(0.0, contentY + y - 20));
+            return false;
+        }));
     }
 
     std::unique_ptr<KelvoApp> app;
@@ -104,7 +107,6 @@ TEST_F(DesktopUpdates, TheButtonBesideTheVersionOpensTheUpdateSettings) {
     EXPECT_EQ(accessibleName(button), QStringLiteral("Update Settings"));
     EXPECT_FALSE(app->updates().settingsView().isVisible());
     ASSERT_TRUE(waitFor([&] { return app->lifecycle().hasAppliedInitialWindowPlacement(); }));
-    processFor(100);  // the placement's resize settles the layout
     ASSERT_NO_FATAL_FAILURE(scrollInto(button));
     const QPointF centre = button->mapToScene(QPointF(button->width() / 2, button->height() / 2));
     QTest::mouseClick(dashboard(), Qt::LeftButton, Qt::NoModifier, centre.toPoint());

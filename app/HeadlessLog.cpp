@@ -14,9 +14,14 @@ QString number(const std::optional<double>& value, int decimals, const char* uni
 QString fanList(const std::vector<double>& rpm) {
     if (rpm.empty()) return QStringLiteral("n/a");
     QStringList parts;
-    for (double value : rpm)
+    bool anyReadable = false;
+    for (double value : rpm) {
+        anyReadable = anyReadable || isReadableRPM(value);
         parts << (isReadableRPM(value) ? QString::number(value, 'f', 0) : QStringLiteral("n/a"));
-    return parts.join(QLatin1Char(',')) + QStringLiteral("rpm");
+    }
+    // "1200,n/a rpm" for a fan whose speed cannot be read; "n/a" alone when none can.
+    if (!anyReadable) return QStringLiteral("n/a");
+    return parts.join(QLatin1Char(',')) + (isReadableRPM(rpm.back()) ? "rpm" : " rpm");
 }
 }  // namespace
 

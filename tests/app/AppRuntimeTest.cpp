@@ -355,6 +355,10 @@ TEST_F(RuntimeFixture, LocalOnlyFansDriveAFakeHwmonTreeAndGiveItBackOnShutdown) 
     sys.write(hwmon + "/fan1_max", "3000\n");
     sys.write(hwmon + "/pwm1", "100\n");
     sys.write(hwmon + "/pwm1_enable", "2\n");
+    // The temperature the fan answers to: without one Kelvo leaves the fan to the firmware.
+    const std::string coretemp = sys.addHwmon(1, "coretemp", "platform/coretemp.0");
+    sys.write(coretemp + "/temp1_label", "Package id 0\n");
+    sys.write(coretemp + "/temp1_input", "55000\n");
     sys.write("proc/stat", "cpu  100 0 100 1000 0 0 0 0 0 0\n");
     settings->setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("performance"));
     const QString root = QString::fromStdString(sys.path("").string());

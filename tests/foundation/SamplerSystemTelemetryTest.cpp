@@ -92,13 +92,18 @@ TEST(SamplerSystemTelemetry, FanTargetIsReportedWhereTheDriverHasOne) {
     EXPECT_EQ(sample.fanMaxRPM, std::vector<double>{0});
 }
 
-TEST(SamplerSystemTelemetry, FanWhoseSpeedCannotBeReadIsLeftOut) {
+TEST(SamplerSystemTelemetry, FanWhoseSpeedCannotBeReadIsAbsentNotZero) {
     TreeCopy tree("amd-desktop");
     tree.replaceWithDirectory("sys/class/hwmon/hwmon1/fan2_input");
     const TelemetrySample sample = SystemTelemetryProvider(tree.rootString()).sample(1);
-    EXPECT_EQ(sample.fanCurrentRPM, (std::vector<double>{950, 1104, 0, 1530}));
-    EXPECT_EQ(sample.fanNames.size(), 4u);
-    EXPECT_EQ(sample.fanMinRPM.size(), 4u);
+    ASSERT_EQ(sample.fanCurrentRPM.size(), 5u);
+    EXPECT_EQ(sample.fanCurrentRPM[0], 950);
+    EXPECT_EQ(sample.fanCurrentRPM[1], 1104);
+    EXPECT_FALSE(isReadableRPM(sample.fanCurrentRPM[2])) << "absent, where a 0 would say stopped";
+    EXPECT_EQ(sample.fanCurrentRPM[3], 0) << "a fan that reads 0 has stopped";
+    EXPECT_EQ(sample.fanCurrentRPM[4], 1530);
+    EXPECT_EQ(sample.fanNames.size(), 5u);
+    EXPECT_EQ(sample.fanMinRPM.size(), 5u);
 }
 
 TEST(SamplerSystemTelemetry, RaplCountersThroughThePrivilegedReader) {

@@ -238,9 +238,7 @@ void ControlEngine::holdBlind(const std::string& dies) {
     authority_ = ControlAuthorityState::system;
     if (blind_) return;
     blind_ = true;
-    record("No " + dies +
-               " temperature can be read: the fans are back on firmware control until it can",
-           true);
+    record("Entered monitor+alert fallback (no " + dies + " temperature can be read)", true);
 }
 
 std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample& sample,

@@ -19,6 +19,7 @@
 #include "tests/EventLoopWait.h"
 #include "tests/e2e/KelvoProcess.h"
 #include "tests/e2e/LiveDatabase.h"
+#include "tests/foundation/LinuxFakeSysfs.h"
 
 namespace {
 
@@ -216,9 +217,17 @@ TEST(Alerts, HelperlessDefaultLaunchFallsBackAndNotifiesOnce) {
                            QSettings::IniFormat);
         settings.setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("quiet"));
     }
+    // A machine with a CPU temperature, so that the helper is what is missing, whatever sensors
+    // the machine running the test has.
+    kelvo::test_support::FakeSysfs sys;
+    const std::string coretemp = sys.addHwmon(0, "coretemp", "platform/coretemp.0");
+    sys.write(coretemp + "/temp1_label", "Package id 0\n");
+    sys.write(coretemp + "/temp1_input", "55000\n");
+    sys.write("proc/stat", "cpu  100 0 100 1000 0 0 0 0 0 0\n");
     KelvoProcess kelvo(home);
     // Default back-end: the helper, which does not run here, and no local fallback.
-    kelvo.start({QStringLiteral("--headless")});
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--sysfs-root"),
+                 QString::fromStdString(sys.root().string())});
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=fallback")));
     EXPECT_TRUE(waitFor(
         [&] { return notifications.titles.contains(QStringLiteral("Kelvo fallback mode")); },

@@ -90,7 +90,7 @@ TEST(BlindControlOnHwmon, TemperaturesVanishingMidSweepAbortItAndGiveTheFanBack)
     EXPECT_EQ(blind.status, ControlStatus::fallback);
     EXPECT_EQ(m.read("pwm1_enable"), "2") << "back on the firmware's curve in the same tick";
     EXPECT_FALSE(m.fans->sweeping(kFan)) << "the sweep stops with the fan given back";
-    EXPECT_TRUE(m.hasEvent("No CPU temperature can be read"));
+    EXPECT_TRUE(m.hasEvent("Entered monitor+alert fallback (no CPU temperature can be read)"));
     const std::string pwm = m.read("pwm1");
     for (int i = 0; i < 10; ++i) {
         m.clock += std::chrono::seconds(1);

@@ -122,13 +122,12 @@ TEST(ControlEngine, WithoutACpuTemperatureTheFansGoBackToTheFirmwareWithinOneTic
     auto latest = rig.ring->latest();
     ASSERT_TRUE(latest);
     EXPECT_TRUE(latest->isFailure);
-    EXPECT_EQ(latest->message,
-              "No CPU temperature can be read: the fans are back on firmware control until it can");
+    EXPECT_EQ(latest->message, "Entered monitor+alert fallback (no CPU temperature can be read)");
 
     // Still blind: no write, no second event.
     rig.engine->tick(102);
     EXPECT_EQ(rig.fans->writes, writesBefore);
-    EXPECT_EQ(rig.countEvents("temperature can be read"), 1);
+    EXPECT_EQ(rig.countEvents("temperature can be read)"), 1);
 
     rig.telemetry->next.cpuTemperatureC = 55;
     auto back = rig.engine->tick(103);
@@ -166,7 +165,7 @@ TEST(ControlEngine, AnAwakeGpuThatLosesItsTemperatureIsBlindButASleepingOneIsNot
     auto blind = rig.engine->tick(102);
     EXPECT_EQ(blind.status, ControlStatus::fallback);
     EXPECT_FALSE(rig.fans->holdsControl());
-    EXPECT_TRUE(rig.hasEvent("No GPU temperature can be read"));
+    EXPECT_TRUE(rig.hasEvent("Entered monitor+alert fallback (no GPU temperature can be read)"));
 
     rig.telemetry->next.gpuTemperatureC = 60;
     EXPECT_EQ(rig.engine->tick(103).status, ControlStatus::controlling);
@@ -178,7 +177,7 @@ TEST(ControlEngine, AMachineWhoseGpuNeverShowedATemperatureIsControlledOnTheCpu)
     rig.telemetry->next.gpuClockMHz = 1200;
     rig.engine->applyMode(ControlMode::quiet);
     EXPECT_EQ(rig.engine->tick(100).status, ControlStatus::controlling);
-    EXPECT_FALSE(rig.hasEvent("temperature can be read"));
+    EXPECT_FALSE(rig.hasEvent("monitor+alert fallback"));
 }
 
 TEST(ControlEngine, AnUnreadableFanSpeedIsAbsentAndReportedOnce) {

@@ -81,6 +81,19 @@ void WindowChromeAccessor::settleContentLayout() {
     }
 }
 
+// The content's natural height when laid out at `width`: texts wrap and grids reflow with the
+// width, so measuring at the window's initial width would misjudge the first placement's height.
+// The narrowest width gives the tallest layout, so a wider saved width only leaves some room.
+double WindowChromeAccessor::fittingHeightAt(int width) {
+    QQuickItem* root = window_->rootObject();
+    if (!root) return 0;
+    if (root->width() != width) {
+        root->setWidth(width);
+        settleContentLayout();
+    }
+    return root->implicitHeight();
+}
+
 void WindowChromeAccessor::update() {
     if (!window_->rootObject() || !controller_) return;
     if (resolvedWindow_.data() != window_) {
@@ -96,7 +109,8 @@ void WindowChromeAccessor::update() {
     const QRect area = availableArea();
     const int minimumWidth = static_cast<int>(
         std::ceil(area.isEmpty() ? target : std::min<double>(target, area.width())));
-    const double fittingHeight = window_->rootObject()->implicitHeight();
+    const double fittingHeight =
+        placementStarted_ ? window_->rootObject()->implicitHeight() : fittingHeightAt(minimumWidth);
     if (window_->minimumWidth() != minimumWidth) window_->setMinimumSize(QSize(minimumWidth, 0));
     if (window_->width() < minimumWidth) {
         int height =

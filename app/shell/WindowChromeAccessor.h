@@ -33,6 +33,7 @@ private:
                          AppLifecycleController* controller);
     void watchContentMinimum();
     void settleContentLayout();
+    double fittingHeightAt(int width);
     // The screen area the window may use; null before the window has a screen.
     QRect availableArea() const;
 

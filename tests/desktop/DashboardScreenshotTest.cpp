@@ -7,26 +7,10 @@
 #include <QSet>
 
 #include "DesktopTestSupport.h"
+#include "tools/screenshots/ScreenshotPalettes.h"
 
 namespace kelvo::testing {
 namespace {
-
-QPalette darkPalette() {
-    QPalette p;
-    p.setColor(QPalette::Window, QColor(30, 31, 34));
-    p.setColor(QPalette::WindowText, QColor(230, 230, 232));
-    p.setColor(QPalette::Base, QColor(22, 23, 25));
-    p.setColor(QPalette::AlternateBase, QColor(40, 41, 45));
-    p.setColor(QPalette::Text, QColor(230, 230, 232));
-    p.setColor(QPalette::Button, QColor(48, 49, 54));
-    p.setColor(QPalette::ButtonText, QColor(230, 230, 232));
-    p.setColor(QPalette::Mid, QColor(120, 122, 130));
-    p.setColor(QPalette::Highlight, QColor(36, 132, 240));
-    p.setColor(QPalette::HighlightedText, Qt::white);
-    for (auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
-        p.setColor(QPalette::Disabled, role, QColor(110, 111, 116));
-    return p;
-}
 
 QImage grabAfterNextFrame(QQuickWindow* window) {
     bool swapped = false;
@@ -97,7 +81,7 @@ TEST_F(DashboardScreenshot, TenSecondsOfSimulatedDataInLightAndDarkPalettes) {
     EXPECT_TRUE(light.save(shotPath(QStringLiteral("dashboard-light.png"))));
     checkChart(light, "light");
 
-    QGuiApplication::setPalette(darkPalette());
+    QGuiApplication::setPalette(darkDesktopPalette());
     ASSERT_TRUE(waitFor([&] {
         const QImage shot = grabAfterNextFrame(window());
         return !shot.isNull() && shot.pixelColor(5, 5).lightness() < 80;

@@ -345,6 +345,10 @@ Rectangle {
                         objectName: "metric-recent-events"
                         Accessible.name: "Recent Events"
                         Layout.fillWidth: true
+                        // Room for the five latest events from the start: the window's first
+                        // height counts them, and nothing below moves as they arrive.
+                        Layout.minimumHeight: 5 * eventLineMetrics.lineSpacing
+                        FontMetrics { id: eventLineMetrics; font.pixelSize: 12 }
                         Repeater {
                             model: dashboard.card.events || []
                             Text {

@@ -23,6 +23,9 @@ RowLayout {
             // selection alone decides which option shows as checked.
             checkable: false
             checked: control.selected === modelData.value
+            // The checked look alone is faint in dark palettes: the selection also takes the
+            // highlight colour.
+            highlighted: checked
             Layout.fillWidth: true
             Layout.preferredWidth: 1
             Accessible.name: modelData.title

@@ -1,0 +1,142 @@
+// kelvo_dashboard_screenshots: the dashboard as a new user first sees it on this display: fresh
+// settings, the window placed and sized by the application itself, the simulated machine running
+// for a while. Saves every surface in the light and the dark palette, a picture of the whole
+// screen for the light one, and a line per shot with the window's and the screen's geometry.
+//
+//   kelvo_dashboard_screenshots --out DIR --tag NAME [--warmup-seconds N]
+#include <QApplication>
+#include <QDir>
+#include <QEventLoop>
+#include <QFile>
+#include <QQuickWindow>
+#include <QScreen>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTextStream>
+#include <QTimer>
+#include <cstdio>
+
+#include "app/AppPresentationStore.h"
+#include "app/AppRuntime.h"
+#include "app/shell/AppLifecycleController.h"
+#include "app/shell/KelvoApp.h"
+#include "capture/CaptureCoordinator.h"
+#include "dashboard/view/DashboardView.h"
+#include "tools/screenshots/ScreenshotPalettes.h"
+
+namespace {
+
+using kelvo::presentation::AppSurfaceSelection;
+
+constexpr int kFrameDeadlineMs = 30000;
+
+void runFor(int milliseconds) {
+    QEventLoop loop;
+    QTimer::singleShot(milliseconds, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+// Two frames on screen since now: the layouts follow the latest change by then.
+bool waitForFrames(QQuickWindow* window, int count) {
+    int swapped = 0;
+    QEventLoop loop;
+    auto connection = QObject::connect(
+        window, &QQuickWindow::frameSwapped, &loop,
+        [&] {
+            if (++swapped >= count) loop.quit();
+        },
+        Qt::QueuedConnection);
+    QTimer::singleShot(kFrameDeadlineMs, &loop, &QEventLoop::quit);
+    window->update();
+    loop.exec();
+    QObject::disconnect(connection);
+    return swapped >= count;
+}
+
+QString argument(const QStringList& arguments, const QString& name, const QString& fallback) {
+    const qsizetype i = arguments.indexOf(name);
+    return i >= 0 && i + 1 < arguments.size() ? arguments[i + 1] : fallback;
+}
+
+QString rectText(const QRect& r) {
+    return QStringLiteral("%1,%2 %3x%4").arg(r.x()).arg(r.y()).arg(r.width()).arg(r.height());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A fresh user: nothing saved, before anything reads the settings.
+    QTemporaryDir home;
+    if (!home.isValid()) return 1;
+    qputenv("XDG_DATA_HOME", home.filePath(QStringLiteral("data")).toUtf8());
+    qputenv("XDG_CONFIG_HOME", home.filePath(QStringLiteral("config")).toUtf8());
+    QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    const QStringList arguments = QCoreApplication::arguments();
+    const QString out = argument(arguments, QStringLiteral("--out"), QString());
+    const QString tag = argument(arguments, QStringLiteral("--tag"), QStringLiteral("screen"));
+    bool ok = false;
+    const int warmup =
+        argument(arguments, QStringLiteral("--warmup-seconds"), QStringLiteral("60")).toInt(&ok);
+    if (out.isEmpty() || !ok || warmup < 0 || !QDir().mkpath(out)) {
+        std::fprintf(stderr,
+                     "usage: kelvo_dashboard_screenshots --out DIR --tag NAME "
+                     "[--warmup-seconds N]\n");
+        return 2;
+    }
+
+    // Put together as the kelvo program does, with the capture card and the update settings.
+    QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                       QSettings::IniFormat);
+    kelvo::KelvoApp::willFinishLaunching(settings);
+    kelvo::AppRuntimeOptions options;
+    options.arguments = {QStringLiteral("--harness-simulated-fans")};
+    options.settings = &settings;
+    options.makeCapture = [](kelvo::ControlLoop& loop, kelvo::ProfilingService& service) {
+        kelvo::CaptureCoordinatorOptions captureOptions;
+        captureOptions.reveal = [](const QString&) {};
+        return std::make_unique<kelvo::CaptureCoordinator>(loop, service,
+                                                           std::move(captureOptions));
+    };
+    kelvo::AppRuntime runtime(std::move(options));
+    kelvo::KelvoApp desktop(runtime, settings, kelvo::UpdaterConfiguration::fromBuild(),
+                            [] { QCoreApplication::quit(); });
+    desktop.didFinishLaunching();
+    kelvo::DashboardView* window = desktop.lifecycle().dashboardWindow();
+    if (!window || !waitForFrames(window, 1)) {
+        std::fprintf(stderr, "kelvo_dashboard_screenshots: the dashboard never drew a frame\n");
+        return 1;
+    }
+    runFor(warmup * 1000);
+
+    QFile geometry(QDir(out).filePath(QStringLiteral("geometry.txt")));
+    if (!geometry.open(QIODevice::Append | QIODevice::Text)) return 1;
+    QTextStream lines(&geometry);
+    const QPalette light = QGuiApplication::palette();
+    int failures = 0;
+    for (const auto& [paletteName, palette] :
+         {std::pair{QStringLiteral("light"), light},
+          std::pair{QStringLiteral("dark"), kelvo::darkDesktopPalette()}}) {
+        QGuiApplication::setPalette(palette);
+        for (const AppSurfaceSelection surface :
+             {AppSurfaceSelection::dashboard, AppSurfaceSelection::advanced,
+              AppSurfaceSelection::capture}) {
+            runtime.presentation()->setSelectedSurface(surface);
+            if (!waitForFrames(window, 2)) ++failures;
+            const QString name = kelvo::presentation::rawValue(surface) + QLatin1Char('-') +
+                                 paletteName + QLatin1Char('-') + tag + QStringLiteral(".png");
+            if (!window->grabWindow().save(QDir(out).filePath(name))) ++failures;
+            if (paletteName == QLatin1String("light")) {
+                const QPixmap screen = window->screen()->grabWindow(0);
+                if (!screen.save(QDir(out).filePath(QStringLiteral("screen-") + name))) ++failures;
+            }
+            lines << name << ": window " << rectText(window->frameGeometry()) << " on screen "
+                  << rectText(window->screen()->availableGeometry()) << " (logical pixels, "
+                  << window->devicePixelRatio() << "x)\n";
+            std::printf("%s\n", qPrintable(QDir(out).filePath(name)));
+        }
+    }
+    QGuiApplication::setPalette(light);
+    runtime.shutdown();
+    return failures == 0 ? 0 : 1;
+}

@@ -119,6 +119,7 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     store_ = std::make_shared<SQLiteStore>(databasePath.toStdString());
     attachFanCurveStore();
     eventRing_ = std::make_shared<EventRing>(160, 300.0);
+    if (options_.eventObserver) eventRing_->setAppendObserver(options_.eventObserver);
     // 9. The reset's outcome, then anything the store or the settings had to report.
     if (auto message = reset.startupMessage())
         eventRing_->append(

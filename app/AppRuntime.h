@@ -46,6 +46,9 @@ struct AppRuntimeOptions {
     std::shared_ptr<FanController> fanControllerOverride;
     std::shared_ptr<TelemetryProvider> telemetryOverride;
     std::function<std::unique_ptr<CaptureSeam>(ControlLoop&, ProfilingService&)> makeCapture;
+    // Sees every runtime event as it is recorded, from the first one at start-up on, on
+    // whichever thread records it (the headless run prints the failures).
+    std::function<void(const RuntimeEvent&)> eventObserver;
 };
 
 class AppRuntime : public QObject {

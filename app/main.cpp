@@ -142,6 +142,14 @@ int main(int argc, char** argv) {
         return std::make_unique<kelvo::CaptureCoordinator>(loop, service,
                                                            std::move(captureOptions));
     };
+    // Without a window the failures would go unseen: each one is a line on standard error as it
+    // happens, from the start-up ones (a database moved aside, unreadable settings) on.
+    if (headless)
+        options.eventObserver = [](const kelvo::RuntimeEvent& event) {
+            if (event.isFailure)
+                printLine(stderr, QStringLiteral("kelvo: failure: ") +
+                                      QString::fromStdString(event.message));
+        };
     kelvo::AppRuntime runtime(std::move(options));
     auto* capture = dynamic_cast<kelvo::CaptureCoordinator*>(runtime.capture());
 

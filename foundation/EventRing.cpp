@@ -20,9 +20,23 @@ void EventRing::pruneLocked(Timestamp now) const {
 
 void EventRing::append(RuntimeEvent event) {
     const Timestamp now = now_();
+    std::shared_ptr<const AppendObserver> observer;
+    {
+        std::lock_guard lock(mutex_);
+        observer = observer_;
+        if (observer) {
+            events_.push_back(event);
+        } else {
+            events_.push_back(std::move(event));
+        }
+        pruneLocked(now);
+    }
+    if (observer) (*observer)(event);
+}
+
+void EventRing::setAppendObserver(AppendObserver observer) {
     std::lock_guard lock(mutex_);
-    events_.push_back(std::move(event));
-    pruneLocked(now);
+    observer_ = observer ? std::make_shared<const AppendObserver>(std::move(observer)) : nullptr;
 }
 
 std::optional<RuntimeEvent> EventRing::latest() const {

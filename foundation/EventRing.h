@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -21,6 +22,10 @@ public:
               NowProvider nowProvider = wallClockNow);
 
     void append(RuntimeEvent event);
+    // Called with every event appended from now on, on the appending thread, after the event
+    // is stored and with no lock held (so it may read the ring).
+    using AppendObserver = std::function<void(const RuntimeEvent&)>;
+    void setAppendObserver(AppendObserver observer);
     std::optional<RuntimeEvent> latest() const;
     // The newest `limit` events that are still retained, oldest first.
     std::vector<RuntimeEvent> recent(std::size_t limit) const;
@@ -36,6 +41,7 @@ private:
     const NowProvider now_;
     mutable std::mutex mutex_;
     mutable std::deque<RuntimeEvent> events_;
+    std::shared_ptr<const AppendObserver> observer_;
 };
 
 }  // namespace kelvo

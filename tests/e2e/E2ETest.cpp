@@ -105,6 +105,39 @@ TEST(Headless, PrintsLiveLinesAndStopsCleanlyOnSigterm) {
     EXPECT_EQ(countContaining(messages, "External mode control disabled for this launch"), 1);
 }
 
+// The failures a server user must know about reach standard error as they happen: here a
+// settings file that cannot be read and a database that cannot be opened, then moved aside.
+TEST(Headless, EveryFailureEventIsALineOnStandardError) {
+    QTemporaryDir home;
+    QDir().mkpath(home.filePath(QStringLiteral("config/Kelvo")));
+    QDir().mkpath(home.filePath(QStringLiteral("data/Kelvo")));
+    {
+        QFile settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")));
+        ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
+        settings.write("[General]\nkelvo.control.mode=quiet\n");
+    }
+    // Unreadable for a root test run too: a folder where the file should be.
+    ASSERT_TRUE(QFile::remove(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf"))));
+    ASSERT_TRUE(QDir().mkpath(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf"))));
+    {
+        QFile database(databasePath(home));
+        ASSERT_TRUE(database.open(QIODevice::WriteOnly));
+        database.write(QByteArray(8192, 'x'));  // not a database at all
+    }
+    KelvoProcess kelvo(home);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans")});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=systemAuto status=monitoring")));
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+    const QString errors = QString::fromUtf8(kelvo.process.readAllStandardError());
+    const QStringList failures =
+        errors.split(QLatin1Char('\n')).filter(QStringLiteral("kelvo: failure: "));
+    EXPECT_EQ(failures.filter(QStringLiteral("could not be read")).size(), 1)
+        << errors.toStdString();
+    EXPECT_EQ(failures.filter(QStringLiteral("moved aside")).size(), 1) << errors.toStdString();
+    for (const QString& line : failures)
+        EXPECT_TRUE(line.startsWith(QStringLiteral("kelvo: failure: ")));
+}
+
 TEST(Headless, SigintReleasesFansThatKelvoHeld) {
     QTemporaryDir home;
     {

@@ -22,6 +22,25 @@ std::vector<std::string> messages(const std::vector<RuntimeEvent>& events) {
     return out;
 }
 
+TEST(EventRing, TheObserverSeesEveryEventAppendedAfterItWasSetAndMayReadTheRing) {
+    EventRing ring(4, 1e9);
+    ring.append(RuntimeEvent::make("before"));
+    std::vector<std::string> seen;
+    std::size_t sizeSeen = 0;
+    ring.setAppendObserver([&](const RuntimeEvent& event) {
+        seen.push_back(event.message + (event.isFailure ? " (failure)" : ""));
+        sizeSeen = ring.recent(10).size();  // no lock held: this must not deadlock
+    });
+    ring.append(RuntimeEvent::make("one"));
+    ring.append(RuntimeEvent::make("two", true));
+    EXPECT_EQ(seen, (std::vector<std::string>{"one", "two (failure)"}));
+    EXPECT_EQ(sizeSeen, 3u);
+    EXPECT_EQ(messages(ring.recent(10)), (std::vector<std::string>{"before", "one", "two"}));
+    ring.setAppendObserver(nullptr);
+    ring.append(RuntimeEvent::make("three"));
+    EXPECT_EQ(seen.size(), 2u);
+}
+
 TEST(EventRing, AppendBeyondCapacityDropsOldest) {
     EventRing ring(3, 600, [] { return 1000.0; });
     for (int i = 0; i < 5; ++i) ring.append(eventAt(1000, "e" + std::to_string(i)));

@@ -1,5 +1,7 @@
 #include "app/AppRuntime.h"
 
+#include <QTimer>
+
 #include <algorithm>
 
 #include <QCoreApplication>
@@ -208,12 +210,39 @@ void AppRuntime::applyVisibility(DashboardWindowVisibility visibility) {
 void AppRuntime::installExternalModeObserver() {
     externalBridge_ = new ExternalControlBridge(this);
     externalBridge_->install();
-    connect(externalBridge_, &ExternalControlBridge::modeRequested, this, [this](ControlMode mode) {
-        if (acceptsExternalModeControl_) setMode(mode);
-    });
-    connect(externalBridge_, &ExternalControlBridge::cooldownRequested, this, [this](bool enabled) {
-        loopCall(*controlLoop_, [enabled](ControlEngine& e) { e.setCooldownEnabled(enabled); });
-    });
+    externalRequestTimer_ = new QTimer(this);
+    externalRequestTimer_->setSingleShot(true);
+    externalRequestTimer_->setInterval(kExternalRequestCoalesceMs);
+    connect(externalRequestTimer_, &QTimer::timeout, this, &AppRuntime::applyExternalRequests);
+    connect(externalBridge_, &ExternalControlBridge::modeRequested, this,
+            &AppRuntime::queueExternalMode);
+    connect(externalBridge_, &ExternalControlBridge::cooldownRequested, this,
+            &AppRuntime::queueExternalCooldown);
+}
+
+void AppRuntime::queueExternalMode(ControlMode mode) {
+    if (!acceptsExternalModeControl_) return;
+    pendingExternalMode_ = mode;
+    if (!externalRequestTimer_->isActive()) externalRequestTimer_->start();
+}
+
+void AppRuntime::queueExternalCooldown(bool enabled) {
+    pendingExternalCooldown_ = enabled;
+    if (!externalRequestTimer_->isActive()) externalRequestTimer_->start();
+}
+
+void AppRuntime::applyExternalRequests() {
+    // Only a change is applied: a repeated request writes no setting and records no event.
+    if (const auto mode = std::exchange(pendingExternalMode_, std::nullopt);
+        mode && *mode != mode_) {
+        ++externalRequestsApplied_;
+        setMode(*mode);
+    }
+    if (const auto cooldown = std::exchange(pendingExternalCooldown_, std::nullopt)) {
+        ++externalRequestsApplied_;
+        loopCall(*controlLoop_,
+                 [enabled = *cooldown](ControlEngine& e) { e.setCooldownEnabled(enabled); });
+    }
 }
 
 void AppRuntime::persistMode(ControlMode mode) {

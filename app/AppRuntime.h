@@ -27,6 +27,8 @@
 #include "foundation/TelemetryProvider.h"
 #include "live/LiveDashboardStore.h"
 
+class QTimer;
+
 namespace kelvo {
 
 // Where the real back-ends look: "--sysfs-root PATH" (a root holding sys/ and proc/, so a fake
@@ -92,7 +94,19 @@ signals:
     // After every snapshot has been handled on the main thread (the headless log listens).
     void snapshotHandled(const kelvo::ControlSnapshot& snapshot);
 
+public:
+    // How long requests from other processes gather before the newest is applied: well under
+    // a control tick, long enough that a flood costs a handful of applications a second.
+    static constexpr int kExternalRequestCoalesceMs = 50;
+    // External requests applied so far (after coalescing), for tests and the flood benchmark.
+    int externalRequestsApplied() const { return externalRequestsApplied_; }
+
 private:
+    void queueExternalMode(ControlMode mode);
+    void queueExternalCooldown(bool enabled);
+    void applyExternalRequests();
+    int externalRequestsApplied_ = 0;
+
     QCoro::Task<> startupTask();
     QCoro::Task<> handleSnapshot(std::shared_ptr<const ControlSnapshot> snapshot);
     QCoro::Task<> applyModeTask(ControlMode mode);
@@ -124,6 +138,11 @@ private:
     std::unique_ptr<ControlLoop> controlLoop_;
     NotificationCoordinator* notifications_ = nullptr;
     ExternalControlBridge* externalBridge_ = nullptr;
+    // External requests are coalesced: at most one pending mode and one pending cooldown, the
+    // newest wins, applied together shortly after the first of a burst arrived.
+    std::optional<ControlMode> pendingExternalMode_;
+    std::optional<bool> pendingExternalCooldown_;
+    QTimer* externalRequestTimer_ = nullptr;
     std::optional<Uuid> subscriptionID_;
     std::optional<Uuid> lastNotifiedEventID_;
     Timestamp lastNotifiedEventTimestamp_ = 0;

@@ -182,6 +182,38 @@ TEST(ExternalControl, KelvoctlSwitchesModeAndCooldownWhenAllowed) {
     EXPECT_EQ(countContaining(messages, "Cooldown started"), 1);
 }
 
+// A flood of requests costs a handful of applications, not one each: the newest wins, and the
+// genuine request after the flood is the one that stays.
+TEST(ExternalControl, AFloodOfRequestsIsCoalescedAndTheLastOneWins) {
+    QTemporaryDir home;
+    KelvoProcess kelvo(home);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans"),
+                 QStringLiteral("--allow-external-control")});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    constexpr int kFlood = 10000;
+    for (int i = 0; i < kFlood; ++i) {
+        const QString mode = i % 2 ? QStringLiteral("quiet") : QStringLiteral("performance");
+        sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), mode}}});
+    }
+    sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), QStringLiteral("quietHybrid")}}});
+    ASSERT_TRUE(
+        kelvo.waitForLine(QStringLiteral("mode=quietHybrid status=controlling"), kDeadlineMs));
+    // Nothing of the flood is still queued behind it.
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quietHybrid")));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quietHybrid")));
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+    QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                       QSettings::IniFormat);
+    EXPECT_EQ(settings.value(QStringLiteral("kelvo.control.mode")).toString(),
+              QStringLiteral("quietHybrid"));
+    const int changes = countContaining(eventMessages(home), "Control mode changed");
+    EXPECT_GE(changes, 1);
+    // One application per coalescing window at most: however slowly the flood went out, a
+    // twentieth of its requests is far more windows than it spans.
+    EXPECT_LE(changes, kFlood / 20)
+        << changes << " mode changes recorded for " << kFlood << " requests";
+}
+
 TEST(ExternalControl, RequestsAreIgnoredWithoutTheLaunchFlag) {
     QTemporaryDir home;
     KelvoProcess kelvo(home);

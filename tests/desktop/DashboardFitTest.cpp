@@ -108,6 +108,14 @@ protected:
         return target->mapRectToScene(rect);
     }
 
+    // Scrolls the item into view both ways and clicks its middle, as a user would.
+    void clickShown(const QString& identifier) {
+        QQuickItem* target = item(identifier);
+        ASSERT_NE(target, nullptr) << identifier.toStdString();
+        const QRectF shown = scrollToShow(target, QRectF(0, 0, target->width(), target->height()));
+        QTest::mouseClick(window(), Qt::LeftButton, Qt::NoModifier, shown.center().toPoint());
+    }
+
     void expectReachable(QQuickItem* target, const QRectF& rect, const char* what) {
         const QRectF shown = scrollToShow(target, rect);
         const QRectF windowRect(0, 0, window()->width(), window()->height());
@@ -246,6 +254,24 @@ TEST_F(DashboardFit, OnEverySurfaceAndPlacementTheWindowFitsAndStartCanBeReached
             expectScrollBarsFollowTheContent();
         }
     }
+}
+
+TEST_F(DashboardFit, ChoosingASurfaceScrollsItsDetailIntoView) {
+    openDashboard();
+    settle();
+    for (const char* surface : {"capture", "advanced"}) {
+        SCOPED_TRACE(surface);
+        clickShown(QStringLiteral("surface-selection-") + QLatin1String(surface));
+        QQuickItem* detail = item(QStringLiteral("surface-") + QLatin1String(surface));
+        ASSERT_NE(detail, nullptr);
+        ASSERT_TRUE(waitFor([&] {
+            const double top = detail->mapToScene(QPointF(0, 0)).y();
+            return detail->isVisible() && top >= 0 && top < window()->height() - 40;
+        })) << "the chosen surface's detail starts inside the window";
+    }
+    clickShown(QStringLiteral("surface-selection-dashboard"));
+    EXPECT_TRUE(waitFor([&] { return scroller()->property("contentY").toDouble() == 0; }))
+        << "the dashboard surface is the top of the window";
 }
 
 TEST_F(DashboardFit, TheMinimumWidthHoldsTheTopBarAtItsFixedWidths) {

@@ -76,6 +76,20 @@ Rectangle {
                                                            : ScrollBar.AlwaysOff
         }
 
+        // A surface's own detail sits below the shared deck: choosing one scrolls it into view,
+        // so the choice shows even where the deck fills the window. Dashboard goes to the top.
+        Connections {
+            target: dashboard
+            function onSelectedSurfaceChanged() {
+                const detail = dashboard.selectedSurface === "advanced" ? advancedSurface
+                             : dashboard.selectedSurface === "capture" ? captureSurface : null
+                stack.ensurePolished()
+                const wanted = detail ? stack.y + detail.y - layout.windowGutter : 0
+                scroller.contentY = Math.max(0, Math.min(wanted,
+                                                         scroller.contentHeight - scroller.height))
+            }
+        }
+
         ColumnLayout {
             id: stack
             x: layout.windowGutter
@@ -391,6 +405,7 @@ Rectangle {
 
             // ----- The selected surface's own detail -----
             Card {
+                id: advancedSurface
                 objectName: "surface-advanced"
                 Accessible.name: "Advanced Surface"
                 visible: dashboard.selectedSurface === "advanced"
@@ -403,6 +418,7 @@ Rectangle {
                 DetailList { title: "Control loop events"; lines: dashboard.advanced.events || []; objectName: "advanced-events" }
             }
             Card {
+                id: captureSurface
                 objectName: "surface-capture"
                 Accessible.name: "Capture Surface"
                 visible: dashboard.selectedSurface === "capture" && capture !== null

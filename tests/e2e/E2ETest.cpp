@@ -88,6 +88,21 @@ void sendSignal(const char* member, const QVariantList& arguments) {
     ASSERT_TRUE(QDBusConnection::sessionBus().send(message));
 }
 
+// A headless kelvo on the simulated machine that takes requests from other processes, once its
+// first status line is out.
+void startAcceptingExternalControl(KelvoProcess& kelvo) {
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans"),
+                 QStringLiteral("--allow-external-control")});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+}
+
+// The control mode kelvo saved in its settings.
+QString savedMode(const QTemporaryDir& home) {
+    QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                       QSettings::IniFormat);
+    return settings.value(QStringLiteral("kelvo.control.mode")).toString();
+}
+
 }  // namespace
 
 TEST(Headless, PrintsLiveLinesAndStopsCleanlyOnSigterm) {
@@ -157,9 +172,7 @@ TEST(Headless, SigintReleasesFansThatKelvoHeld) {
 TEST(ExternalControl, KelvoctlSwitchesModeAndCooldownWhenAllowed) {
     QTemporaryDir home;
     KelvoProcess kelvo(home);
-    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans"),
-                 QStringLiteral("--allow-external-control")});
-    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    ASSERT_NO_FATAL_FAILURE(startAcceptingExternalControl(kelvo));
     EXPECT_EQ(kelvoctl({QStringLiteral("mode"), QStringLiteral("quiet")}).exitCode, 0);
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=controlling")));
     EXPECT_EQ(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("on")}).exitCode, 0);
@@ -172,10 +185,7 @@ TEST(ExternalControl, KelvoctlSwitchesModeAndCooldownWhenAllowed) {
         },
         kDeadlineMs));
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
-    QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
-                       QSettings::IniFormat);
-    EXPECT_EQ(settings.value(QStringLiteral("kelvo.control.mode")).toString(),
-              QStringLiteral("quiet"));
+    EXPECT_EQ(savedMode(home), QStringLiteral("quiet"));
     auto messages = eventMessages(home);
     EXPECT_EQ(countContaining(messages, "External mode control enabled for this launch"), 1);
     EXPECT_EQ(countContaining(messages, "Control mode changed to Quiet"), 1);
@@ -187,9 +197,7 @@ TEST(ExternalControl, KelvoctlSwitchesModeAndCooldownWhenAllowed) {
 TEST(ExternalControl, AFloodOfRequestsIsCoalescedAndTheLastOneWins) {
     QTemporaryDir home;
     KelvoProcess kelvo(home);
-    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans"),
-                 QStringLiteral("--allow-external-control")});
-    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    ASSERT_NO_FATAL_FAILURE(startAcceptingExternalControl(kelvo));
     constexpr int kFlood = 10000;
     for (int i = 0; i < kFlood; ++i) {
         const QString mode = i % 2 ? QStringLiteral("quiet") : QStringLiteral("performance");
@@ -202,10 +210,7 @@ TEST(ExternalControl, AFloodOfRequestsIsCoalescedAndTheLastOneWins) {
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quietHybrid")));
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quietHybrid")));
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
-    QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
-                       QSettings::IniFormat);
-    EXPECT_EQ(settings.value(QStringLiteral("kelvo.control.mode")).toString(),
-              QStringLiteral("quietHybrid"));
+    EXPECT_EQ(savedMode(home), QStringLiteral("quietHybrid"));
     const int changes = countContaining(eventMessages(home), "Control mode changed");
     EXPECT_GE(changes, 1);
     // One application per coalescing window at most: however slowly the flood went out, a
@@ -232,9 +237,7 @@ TEST(ExternalControl, RequestsAreIgnoredWithoutTheLaunchFlag) {
 TEST(ExternalControl, MalformedPayloadsAreDroppedWithoutEffect) {
     QTemporaryDir home;
     KelvoProcess kelvo(home);
-    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans"),
-                 QStringLiteral("--allow-external-control")});
-    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    ASSERT_NO_FATAL_FAILURE(startAcceptingExternalControl(kelvo));
     const QString huge(200000, QLatin1Char('q'));
     sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), 5}}});
     sendSignal("SetMode", {QVariantMap{{QStringLiteral("mode"), QStringLiteral("banana")}}});

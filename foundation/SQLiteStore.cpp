@@ -1,5 +1,7 @@
 #include "foundation/SQLiteStore.h"
 
+#include "foundation/SQLiteSchemaShape.h"
+
 #include <sqlite3.h>
 
 #include <charconv>
@@ -483,6 +485,13 @@ SQLiteStore::OpenResult SQLiteStore::openAt(const std::string& target) {
             return result;
         }
         version = kSchemaVersion;
+    }
+    // A file can claim our version and still be someone else's: every write would then fail.
+    static const SchemaShape ours = schemaShapeBuiltBy(kMigrations);
+    if (const std::string shortfall = schemaShortfall(ours, schemaShapeOf(db_));
+        !shortfall.empty()) {
+        closeLocked();
+        return {false, true, "not a Kelvo database: " + shortfall};
     }
     schemaVersion_ = version;
     lastSampleTimestamp_ = lastStoredSampleTimestampLocked();

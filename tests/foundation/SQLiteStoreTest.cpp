@@ -426,6 +426,63 @@ TEST(SQLiteStore, ForeignTablesAtVersionZeroAreMovedAside) {
     EXPECT_EQ(store.samples(0, 100).size(), 1u);
 }
 
+TEST(SQLiteStore, AFileThatClaimsTheCurrentVersionButHoldsOtherTablesIsMovedAside) {
+    TempDir dir;
+    const auto path = dir.file("kelvo.sqlite");
+    ASSERT_EQ(rawQuery(path, "CREATE TABLE notes (id INTEGER PRIMARY KEY, body TEXT)"), "");
+    ASSERT_EQ(rawQuery(path, "INSERT INTO notes (body) VALUES ('someone else''s data')"), "");
+    ASSERT_EQ(
+        rawQuery(path, "PRAGMA user_version = " + std::to_string(SQLiteStore::kSchemaVersion)), "");
+
+    SQLiteStore store(path, [] { return 1700000000.0; });
+    EXPECT_TRUE(store.isPersistent());
+    auto events = store.takeStartupEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_TRUE(events[0].isFailure);
+    EXPECT_NE(events[0].message.find("not a Kelvo database: no table "), std::string::npos)
+        << events[0].message;
+    EXPECT_NE(events[0].message.find("moved aside to "), std::string::npos);
+    // The other program's data is kept, and Kelvo's writes land in the new file.
+    auto aside = filesStartingWith(dir.path(), "kelvo.sqlite.corrupt-");
+    std::string asideDB;
+    for (const auto& p : aside)
+        if (p.string().find("-wal") == std::string::npos &&
+            p.string().find("-shm") == std::string::npos)
+            asideDB = p.string();
+    ASSERT_FALSE(asideDB.empty());
+    EXPECT_EQ(rawQuery(asideDB, "SELECT body FROM notes"), "someone else's data");
+    ASSERT_TRUE(store.appendSample(sampleAt(10)));
+    EXPECT_EQ(store.samples(0, 100).size(), 1u);
+}
+
+TEST(SQLiteStore, AFileMissingOneOfOurColumnsIsMovedAside) {
+    TempDir dir;
+    const auto path = dir.file("kelvo.sqlite");
+    {
+        SQLiteStore original(path);
+        ASSERT_TRUE(original.isPersistent());
+    }
+    // Our tables, but one of them rebuilt by someone else without a column we write.
+    ASSERT_EQ(rawQuery(path, "DROP TABLE fan_curves"), "");
+    ASSERT_EQ(rawQuery(path, "CREATE TABLE fan_curves (fan_identity TEXT PRIMARY KEY)"), "");
+
+    SQLiteStore store(path);
+    auto events = store.takeStartupEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_NE(events[0].message.find("table fan_curves has no column "), std::string::npos)
+        << events[0].message;
+    EXPECT_TRUE(store.saveFanCurve("fan", {{51, 650}, {255, 2100}}));
+}
+
+TEST(SQLiteStore, OurOwnDatabaseReopensWithoutAnyEvent) {
+    TempDir dir;
+    const auto path = dir.file("kelvo.sqlite");
+    { SQLiteStore first(path); }
+    SQLiteStore second(path);
+    EXPECT_TRUE(second.isPersistent());
+    EXPECT_TRUE(second.takeStartupEvents().empty());
+}
+
 TEST(SQLiteStore, UnusableLocationFallsBackToMemory) {
     TempDir dir;
     const auto blocker = dir.file("blocker");

@@ -117,8 +117,20 @@ std::string unreadableSpeeds(const std::vector<FanState>& fans) {
 }
 }  // namespace
 
+void ControlEngine::noticeLostFans() {
+    const std::vector<std::string> lost = fans_->takeFansLostBehindOurBack();
+    if (lost.empty() || status_ != ControlStatus::controlling) return;
+    std::string names;
+    for (const auto& name : lost) names += (names.empty() ? "" : ", ") + name;
+    leaseLost_ = true;
+    record("Fan lease lost (" + names +
+               "): the helper gave the fans back to the firmware while Kelvo was not answering",
+           true);
+}
+
 void ControlEngine::readFans(TelemetrySample& sample) {
     FanReadResult read = fans_->readFans();
+    noticeLostFans();
     if (read.ok) {
         lastFans_ = std::move(read.fans);
         const std::string unreadable = unreadableSpeeds(lastFans_);
@@ -253,6 +265,8 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
         // The firmware is in charge anyway: nothing is left to fall back from.
         fallback_ = false;
         blind_ = false;
+        leaseLost_ = false;
+        leaseRetakePending_ = false;
         status_ = ControlStatus::monitoring;
         authority_ = ControlAuthorityState::system;
         return std::nullopt;
@@ -267,6 +281,14 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
         blind_ = false;
         policy_.reset(currentFanDuty());
         record("Temperatures can be read again: Kelvo controls the fans again");
+    }
+    // The tick that finds the lease lost shows it: the firmware has the fans until the next.
+    if (leaseLost_) {
+        leaseLost_ = false;
+        leaseRetakePending_ = true;
+        status_ = ControlStatus::fallback;
+        authority_ = ControlAuthorityState::system;
+        return std::nullopt;
     }
     if (fallback_) {
         if (sample.timestamp - lastFallbackProbe_ < config_.fallbackRetrySeconds)
@@ -293,6 +315,10 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
     if (wasFallback) {
         fallback_ = false;
         record("Fan control path restored; Kelvo controls the fans again");
+    }
+    if (leaseRetakePending_) {
+        leaseRetakePending_ = false;
+        record("Fan lease retaken: Kelvo controls the fans again");
     }
     releasePending_ = false;
     status_ = ControlStatus::controlling;

@@ -79,6 +79,7 @@ public:
 
 private:
     void readFans(TelemetrySample& sample);
+    void noticeLostFans();
     std::vector<double> targetsFor(double duty) const;
     std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
     bool applyTargets(const std::vector<double>& targets);
@@ -119,6 +120,9 @@ private:
 
     std::vector<FanState> lastFans_;
     bool blind_ = false;
+    // Fans were taken back from Kelvo behind its back: hand-over shown for a tick, then retaken.
+    bool leaseLost_ = false;
+    bool leaseRetakePending_ = false;
     bool gpuTemperatureSeen_ = false;
     bool fanTelemetryDegraded_ = false;
     bool fallback_ = false;

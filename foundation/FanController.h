@@ -14,7 +14,7 @@ namespace kelvo {
 struct FanState {
     std::string name;
     double currentRPM = 0;  // kUnreadableRPM when the tachometer gives no number
-    double targetRPM = 0;  // 0 while the firmware is in charge
+    double targetRPM = 0;   // 0 while the firmware is in charge
     double minRPM = 0;
     double maxRPM = 0;
 };
@@ -48,6 +48,10 @@ public:
     virtual FanResult releaseToAutomatic() = 0;
     // Whether Kelvo currently holds manual control of at least one fan.
     virtual bool holdsControl() const = 0;
+    // The fans taken from Kelvo since the last call without Kelvo giving them back (a helper
+    // whose lease on them ran out, or that lost the connection they were held on). Back-ends
+    // that write the fans themselves never lose one this way.
+    virtual std::vector<std::string> takeFansLostBehindOurBack() { return {}; }
 };
 
 // Back-ends that drive real fans by duty cycle learn each fan's RPM-to-duty curve and keep it in

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace kelvo {
 
@@ -32,8 +33,16 @@ FanResult HelperFanController::failureFrom(const HelperCallResult& call) {
 
 void HelperFanController::dropHeldIfReconnected() {
     if (client_.connected() && client_.connectionNumber() == heldConnection_) return;
-    for (const auto& [identity, target] : held_) curves_.released(identity);
+    for (const auto& [identity, target] : held_) {
+        curves_.released(identity);
+        lostBehindOurBack_.push_back(identity);
+    }
     held_.clear();
+}
+
+std::vector<std::string> HelperFanController::takeFansLostBehindOurBack() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(lostBehindOurBack_, {});
 }
 
 std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
@@ -53,7 +62,10 @@ std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
         const bool stillMine = std::any_of(
             inventory.value->fans.begin(), inventory.value->fans.end(),
             [&](const hp::FanInfo& fan) { return fan.mine && fan.identity == entry.first; });
-        if (!stillMine) curves_.released(entry.first);
+        if (!stillMine) {
+            curves_.released(entry.first);
+            lostBehindOurBack_.push_back(entry.first);
+        }
         return !stillMine;
     });
     return std::move(inventory.value);
@@ -145,6 +157,8 @@ FanResult HelperFanController::releaseToAutomatic() {
     if (!call.ok()) return failureFrom(call);
     for (const auto& [identity, target] : held_) curves_.released(identity);
     held_.clear();
+    // Given back on purpose: whatever was lost before no longer matters to the caller.
+    lostBehindOurBack_.clear();
     return FanResult::success();
 }
 

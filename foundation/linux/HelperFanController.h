@@ -46,6 +46,7 @@ public:
     FanResult setTargets(const std::vector<double>& targetRPM) override;
     FanResult releaseToAutomatic() override;
     bool holdsControl() const override;
+    std::vector<std::string> takeFansLostBehindOurBack() override;
 
     std::optional<std::string> helperVersion() override;
 
@@ -75,6 +76,7 @@ private:
     mutable std::mutex mutex_;
     HelperClient client_;
     std::map<std::string, double> held_;  // identity -> target RPM
+    std::vector<std::string> lostBehindOurBack_;
     FanCurveLearner curves_;
     std::uint64_t heldConnection_ = 0;  // HelperClient::connectionNumber() when taken
 };

@@ -31,6 +31,10 @@ FanResult HybridFanController::releaseToAutomatic() {
     return viaLocal;
 }
 
+std::vector<std::string> HybridFanController::takeFansLostBehindOurBack() {
+    return helper_->takeFansLostBehindOurBack();
+}
+
 bool HybridFanController::holdsControl() const {
     return helper_->holdsControl() || (local_ && local_->holdsControl());
 }

@@ -28,6 +28,7 @@ public:
     FanResult setTargets(const std::vector<double>& targetRPM) override;
     FanResult releaseToAutomatic() override;
     bool holdsControl() const override;
+    std::vector<std::string> takeFansLostBehindOurBack() override;
 
     std::optional<std::string> helperVersion() override;
     void attachCurveStore(FanCurveStore store) override;

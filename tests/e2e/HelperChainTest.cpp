@@ -120,6 +120,46 @@ TEST(HelperChain, KelvoDrivesFansThroughTheHelperAndAKillGivesThemBack) {
     EXPECT_FALSE(after.out.contains(QStringLiteral("held by Kelvo"))) << after.out.toStdString();
 }
 
+// A Kelvo that stops answering (stopped, swapped out, stuck) loses its fans to the helper's lease
+// expiry; when it runs again it says so, shows the hand-over, and takes them back.
+TEST(HelperChain, ALostLeaseIsReportedAndTheFansAreRetaken) {
+    FakeSysfs board;
+    buildHelperBoard(board);
+    const auto runtime = makeTempDir("kelvo-e2e-run");
+    HelperDaemon helper(board.root().string(), runtime);
+    ASSERT_TRUE(helper.start()) << helper.log();
+    QTemporaryDir home;
+    persistMode(home, QStringLiteral("performance"));
+    KelvoProcess kelvo(home);
+    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, helper)));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")))
+        << kelvo.transcript();
+    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, kDeadline)) << helper.log();
+
+    const auto pid = static_cast<pid_t>(kelvo.process.processId());
+    ASSERT_EQ(::kill(pid, SIGSTOP), 0);
+    const bool released = waitUntil([&] { return !anyFanManual(board); }, kDeadline).has_value();
+    ASSERT_EQ(::kill(pid, SIGCONT), 0);
+    ASSERT_TRUE(released) << "the lease ran out while Kelvo was stopped\n" << helper.log();
+
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=fallback")))
+        << kelvo.transcript();
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")))
+        << kelvo.transcript();
+    EXPECT_TRUE(waitUntil([&] { return anyFanManual(board); }, kDeadline)) << "retaken";
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+    kelvo::SQLiteStore store(
+        home.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite")).toStdString());
+    int lost = 0;
+    int retaken = 0;
+    for (const auto& event : store.recentEvents(200)) {
+        lost += event.message.starts_with("Fan lease lost (") && event.isFailure;
+        retaken += event.message == "Fan lease retaken: Kelvo controls the fans again";
+    }
+    EXPECT_EQ(lost, 1);
+    EXPECT_EQ(retaken, 1);
+}
+
 TEST(HelperChain, PowerComesFromCountersOnlyTheHelperCanRead) {
     FakeSysfs board;
     buildHelperBoard(board);

@@ -200,6 +200,40 @@ TEST(ControlEngine, AnUnreadableFanSpeedIsAbsentAndReportedOnce) {
     EXPECT_TRUE(rig.hasEvent("Fan telemetry recovered"));
 }
 
+TEST(ControlEngine, ALostLeaseIsShownForATickAndTheFansAreRetakenWithAnEvent) {
+    Rig rig;
+    rig.engine->applyMode(ControlMode::quiet);
+    ASSERT_EQ(rig.engine->tick(100).status, ControlStatus::controlling);
+    const int writes = rig.fans->writes;
+
+    rig.fans->lost = {"fan0", "fan1"};
+    auto lost = rig.engine->tick(110);
+    EXPECT_EQ(lost.status, ControlStatus::fallback) << "the card says the fans are not held";
+    EXPECT_EQ(lost.authority, ControlAuthorityState::system);
+    EXPECT_EQ(rig.fans->writes, writes);
+    auto latest = rig.ring->latest();
+    ASSERT_TRUE(latest);
+    EXPECT_TRUE(latest->isFailure);
+    EXPECT_EQ(latest->message,
+              "Fan lease lost (fan0, fan1): the helper gave the fans back to the firmware while "
+              "Kelvo was not answering");
+
+    auto back = rig.engine->tick(111);
+    EXPECT_EQ(back.status, ControlStatus::controlling);
+    EXPECT_TRUE(rig.fans->holdsControl());
+    EXPECT_EQ(rig.countEvents("Fan lease retaken: Kelvo controls the fans again"), 1);
+    rig.engine->tick(112);
+    EXPECT_EQ(rig.countEvents("Fan lease"), 2) << "each said once";
+}
+
+TEST(ControlEngine, FansLostWhileTheFirmwareWasInChargeAnywayAreNotReported) {
+    Rig rig;
+    rig.engine->tick(100);
+    rig.fans->lost = {"fan0"};
+    EXPECT_EQ(rig.engine->tick(101).status, ControlStatus::monitoring);
+    EXPECT_FALSE(rig.hasEvent("Fan lease"));
+}
+
 TEST(ControlEngine, ThreeLimitHitsInFiveMinutesRaiseBoundaryPressure) {
     Rig rig;
     rig.engine->applyMode(ControlMode::performance);

@@ -4,6 +4,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "foundation/FanController.h"
 #include "foundation/TelemetryProvider.h"
@@ -54,6 +57,11 @@ public:
         std::lock_guard lock(mutex);
         return held;
     }
+    std::vector<std::string> takeFansLostBehindOurBack() override {
+        std::lock_guard lock(mutex);
+        if (!lost.empty()) held = false;
+        return std::exchange(lost, {});
+    }
     // A back-end slower than any deadline: writes wait until released, however long the caller
     // waits for them.
     void holdWrites() {
@@ -80,6 +88,7 @@ public:
     double current = 2000;
     std::vector<double> lastTargets;
     bool held = false;
+    std::vector<std::string> lost;  // reported once by the next takeFansLostBehindOurBack()
     int writes = 0;
     int releases = 0;
 };

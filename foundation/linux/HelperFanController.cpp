@@ -33,9 +33,12 @@ FanResult HelperFanController::failureFrom(const HelperCallResult& call) {
 
 void HelperFanController::dropHeldIfReconnected() {
     if (client_.connected() && client_.connectionNumber() == heldConnection_) return;
+    // On a new connection the helper has given back what the old one held. With no connection
+    // at all the helper is gone, which the failed call itself reports.
+    const bool reconnected = client_.connected();
     for (const auto& [identity, target] : held_) {
         curves_.released(identity);
-        lostBehindOurBack_.push_back(identity);
+        if (reconnected) lostBehindOurBack_.push_back(identity);
     }
     held_.clear();
 }

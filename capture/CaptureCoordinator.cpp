@@ -18,6 +18,8 @@ namespace kelvo {
 
 namespace {
 
+constexpr const char* kClosedDuringExport = "the capture was closed during the export";
+
 QString fromStd(const std::string& text) {
     return QString::fromStdString(text);
 }
@@ -461,11 +463,13 @@ QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool p
     bool clearRows = false;
     const QString retained = QStringLiteral(
         "Local SQLite capture rows were retained because package export did not finish.");
-    if (!artifacts) {
-        outcome = QStringLiteral("Capture stopped. Export failed.");
+    if (!artifacts.ok()) {
+        // The reason names the folder and the system's error, so the user can fix it.
+        outcome = QStringLiteral("Capture stopped. Export failed: ") + fromStd(artifacts.error) +
+                  QLatin1Char('.');
         if (packageBundle) notes << retained;
     } else {
-        exportPath = fromStd(artifacts->folder);
+        exportPath = fromStd(artifacts.value->folder);
         if (!packageBundle) {
             outcome =
                 QStringLiteral("Capture stopped. Export created and revealed in the file manager.");
@@ -473,8 +477,9 @@ QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool p
             clearRows = true;
         } else {
             auto bundleFuture = QtConcurrent::run(
-                &worker_,
-                [bundle = createBundle_, folder = artifacts->folder] { return bundle(folder); });
+                &worker_, [bundle = createBundle_, folder = artifacts.value->folder] {
+                    return bundle(folder);
+                });
             const auto bundle = co_await bundleFuture;
             if (!self) co_return;
             if (bundle.ok()) {
@@ -564,7 +569,7 @@ QString CaptureCoordinator::newExportFolder() const {
     return folder;
 }
 
-QCoro::Task<std::optional<ProfilingExportArtifacts>> CaptureCoordinator::exportProfileArtifacts(
+QCoro::Task<ProfilingResult<ProfilingExportArtifacts>> CaptureCoordinator::exportProfileArtifacts(
     std::int64_t runID, std::optional<LearnedModel> modelOverride, bool updateMessage) {
     QPointer<CaptureCoordinator> self(this);
     std::optional<LearnedModel> model = modelOverride;
@@ -572,7 +577,8 @@ QCoro::Task<std::optional<ProfilingExportArtifacts>> CaptureCoordinator::exportP
         auto currentFuture =
             loopCall(controlLoop_, [](ControlEngine& e) { return e.currentModel(); });
         model = co_await currentFuture;
-        if (!self) co_return std::nullopt;
+        if (!self)
+            co_return ProfilingResult<ProfilingExportArtifacts>::failure(kClosedDuringExport);
     }
     const QString folder = newExportFolder();
     auto& service = profilingService_;
@@ -580,16 +586,16 @@ QCoro::Task<std::optional<ProfilingExportArtifacts>> CaptureCoordinator::exportP
         return service.exportRun(runID, folder, model);
     });
     auto exported = co_await exportFuture;
-    if (!self) co_return std::nullopt;
+    if (!self) co_return ProfilingResult<ProfilingExportArtifacts>::failure(kClosedDuringExport);
     if (!exported.ok()) {
         if (updateMessage)
             setProfilingMessage(QStringLiteral("Export failed: ") + fromStd(exported.error));
-        co_return std::nullopt;
+        co_return exported;
     }
     setLastExportPath(fromStd(exported.value->folder));
     if (updateMessage) setProfilingMessage(QStringLiteral("Exported run %1 artifacts").arg(runID));
     if (historyDidChange_) historyDidChange_();
-    co_return exported.value;
+    co_return exported;
 }
 
 QCoro::Task<> CaptureCoordinator::refreshAdaptiveModelAfterFinalization(

@@ -230,7 +230,8 @@ private:
     QCoro::Task<std::optional<LearnedModel>> modelForExport(std::int64_t runID, QStringList& notes);
     QCoro::Task<> clearRowsAfterExport(std::int64_t runID, QStringList& notes);
     QString newExportFolder() const;
-    QCoro::Task<std::optional<ProfilingExportArtifacts>> exportProfileArtifacts(
+    // The artifacts, or why they could not be written (the folder and the system's reason).
+    QCoro::Task<ProfilingResult<ProfilingExportArtifacts>> exportProfileArtifacts(
         std::int64_t runID, std::optional<LearnedModel> modelOverride, bool updateMessage);
     QCoro::Task<> refreshAdaptiveModelAfterFinalization(std::int64_t runID,
                                                         std::optional<LearnedModel> baseline);

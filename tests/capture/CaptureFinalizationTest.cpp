@@ -58,7 +58,7 @@ TEST(CaptureFinalizationTest, ExportFailureWithoutBundlingAddsNoNote) {
     rig.service->failExport = [] { return std::optional<std::string>("no space left"); };
     ASSERT_TRUE(rig.stopAndFinalize(false));
     EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export failed."));
+              QStringLiteral("Capture stopped. Export failed: no space left."));
     EXPECT_EQ(rig.rowCount(runID), 3 + 1);
     EXPECT_EQ(rig.service->clearCalls, 0);
     EXPECT_TRUE(rig.revealed.isEmpty());
@@ -71,7 +71,7 @@ TEST(CaptureFinalizationTest, ExportFailureWithBundlingAddsTheRetainedNote) {
     rig.service->failExport = [] { return std::optional<std::string>("no space left"); };
     ASSERT_TRUE(rig.stopAndFinalize(true));
     EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export failed. ") + kRetained);
+              QStringLiteral("Capture stopped. Export failed: no space left. ") + kRetained);
     EXPECT_EQ(rig.rowCount(runID), 3 + 1);
 }
 

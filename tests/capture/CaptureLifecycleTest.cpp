@@ -2,7 +2,9 @@
 #include <sqlite3.h>
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 
 #include "CaptureTestRig.h"
@@ -426,14 +428,26 @@ TEST(CaptureFailureTest, AnUnwritableExportFolderKeepsTheRows) {
     ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
     blocker.close();
     RigOptions options;
-    options.profilesDirectory = QDir(blocker.fileName()).filePath(QStringLiteral("profiles"));
+    const QString profiles = QDir(blocker.fileName()).filePath(QStringLiteral("profiles"));
+    options.profilesDirectory = profiles;
     CaptureRig rig(std::move(options));
     const auto runID = rig.startBeta();
     rig.addSamples(runID, 4);
+    QString finishedMessage;
+    QObject::connect(rig.coordinator.get(), &CaptureCoordinator::finalizationFinished,
+                     [&finishedMessage](qint64, const QString&, const QString&,
+                                        const QString& message) { finishedMessage = message; });
     ASSERT_TRUE(rig.stopAndFinalize(true));
-    EXPECT_EQ(rig.coordinator->profilingMessage(),
-              QStringLiteral("Capture stopped. Export failed. Local SQLite capture rows were "
-                             "retained because package export did not finish."));
+    // The folder that could not be made and the system's reason, on the card and in the message
+    // the headless run prints.
+    const QString expected = QStringLiteral("Capture stopped. Export failed: cannot create ") +
+                             profiles + QStringLiteral(": ") +
+                             QString::fromStdString(std::strerror(ENOTDIR)) +
+                             QStringLiteral(
+                                 ". Local SQLite capture rows were retained because "
+                                 "package export did not finish.");
+    EXPECT_EQ(rig.coordinator->profilingMessage(), expected);
+    EXPECT_EQ(finishedMessage, expected);
     EXPECT_TRUE(rig.revealed.isEmpty());
     EXPECT_FALSE(rig.coordinator->lastExportPath());
     EXPECT_EQ(rig.service->clearCalls, 0);
@@ -479,7 +493,7 @@ TEST(CaptureFailureTest, ADatabaseCorruptedDuringARunLosesNothing) {
         const QString message = rig.coordinator->profilingMessage();
         // Whichever step meets the damage first, the run's rows are never cleared.
         EXPECT_TRUE(message.startsWith(QStringLiteral("Failed to stop profiling: ")) ||
-                    message.startsWith(QStringLiteral("Capture stopped. Export failed.")))
+                    message.startsWith(QStringLiteral("Capture stopped. Export failed: ")))
             << message.toStdString();
         EXPECT_EQ(rig.service->clearCalls, 0);
         EXPECT_TRUE(rig.revealed.isEmpty());

@@ -213,6 +213,14 @@ int main(int argc, char** argv) {
                                        QStringLiteral("kelvo: ") + capture->profilingMessage());
                              finish(1);
                          });
+        QObject::connect(
+            capture, &kelvo::CaptureCoordinator::captureResumed, capture, [](qint64 runID) {
+                printLine(stderr, QStringLiteral("kelvo: capture run %1 resumed").arg(runID));
+            });
+        QObject::connect(capture, &kelvo::CaptureCoordinator::resumedNotesHandled, capture,
+                         [](qint64, bool, const QString& message) {
+                             printLine(stderr, QStringLiteral("kelvo: ") + message);
+                         });
         // Stopped by SIGINT or by the run's own plan: either way the bundle ends the process.
         QObject::connect(
             capture, &kelvo::CaptureCoordinator::finalizationFinished, capture,

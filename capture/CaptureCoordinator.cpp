@@ -6,6 +6,7 @@
 #include <QtConcurrent/QtConcurrentRun>
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "app/AppBuildInfo.h"
 #include "app/LoopCall.h"
@@ -140,6 +141,11 @@ void CaptureCoordinator::emitDerivedChanges() {
 // ----- Start ---------------------------------------------------------------------------------
 
 void CaptureCoordinator::startBetaCapture() {
+    // Relaunched after a kill, the open run goes on: the notes of this launch belong to it.
+    if (profilingIsRunning_ && resumedRunID_ && profilingRunID_ == resumedRunID_) {
+        addNotesToResumedRun(*std::exchange(resumedRunID_, std::nullopt), betaCaptureNotes_);
+        return;
+    }
     if (profilingIsRunning_ || profilingPlanIsRunning_ || profilingStopInProgress_) return;
     // A second press while the first start is still talking to the database is the same press.
     if (startInFlight_) return;
@@ -229,6 +235,31 @@ QCoro::Task<> CaptureCoordinator::startProfilingAsync(StartRequest request) {
     scheduleAutoStop(request.workflowSource, scenario, request.startWorkload, startedAt);
     startInFlight_ = false;
     emit startFinished(true);
+}
+
+QCoro::Task<> CaptureCoordinator::addNotesToResumedRun(std::int64_t runID, QString notes) {
+    QPointer<CaptureCoordinator> self(this);
+    notes = notes.trimmed();
+    if (notes.isEmpty()) co_return;
+    auto& service = profilingService_;
+    auto appendFuture = onWorker([&service, runID, text = notes.toStdString()] {
+        return service.appendRunNotes(runID, text);
+    });
+    const auto appended = co_await appendFuture;
+    if (!self) co_return;
+    const QString message =
+        appended.ok()
+            ? QStringLiteral("Notes added to resumed capture run %1: %2").arg(runID).arg(notes)
+            : QStringLiteral("Notes for resumed capture run %1 were not saved: %2")
+                  .arg(runID)
+                  .arg(fromStd(appended.error));
+    auto recorded =
+        loopCall(controlLoop_, [event = RuntimeEvent::make(message.toStdString(), !appended.ok())](
+                                   ControlEngine& e) { e.recordEvent(event); });
+    co_await recorded;
+    if (!self) co_return;
+    if (!appended.ok()) setProfilingMessage(message);
+    emit resumedNotesHandled(runID, appended.ok(), message);
 }
 
 // ----- Auto-stop -----------------------------------------------------------------------------
@@ -411,6 +442,16 @@ QCoro::Task<> CaptureCoordinator::restorePersistentState() {
     setProfilingElapsed(elapsedText(now(), open->startedAt));
     setProfilingMessage(backgroundStatusText(*source));
     scheduleAutoStop(*source, scenario, false, open->startedAt);
+    resumedRunID_ = runID;
+    // Said once, so the user knows this is the earlier run going on and not a new one.
+    auto recorded = loopCall(
+        controlLoop_,
+        [event = RuntimeEvent::make(
+             QStringLiteral("Capture run %1 resumed after a restart").arg(runID).toStdString())](
+            ControlEngine& e) { e.recordEvent(event); });
+    co_await recorded;
+    if (!self) co_return;
+    emit captureResumed(runID);
 }
 
 // ----- Finalization --------------------------------------------------------------------------

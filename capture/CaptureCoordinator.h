@@ -203,10 +203,16 @@ signals:
                               const QString& message);
     // A start attempt has ended (the run is open, or the start failed).
     void startFinished(bool started);
+    // A run left open by a killed process was taken up again at launch.
+    void captureResumed(qint64 runID);
+    // Notes given to a start that found a resumed run: added to it, or why not.
+    void resumedNotesHandled(qint64 runID, bool added, const QString& message);
 
 public:
     // The single entry that opens a run; startBetaCapture is its caller in the app.
     QCoro::Task<> startProfilingAsync(StartRequest request);
+    // A start that finds the run resumed at launch adds its notes to that run instead.
+    QCoro::Task<> addNotesToResumedRun(std::int64_t runID, QString notes);
     // Stops the open run; with exportArtifacts it goes on to finalization.
     QCoro::Task<> stopProfilingAsync(bool exportArtifacts, bool packageBundle);
     // What the auto-stop timer runs: stops only the run it was planned for.
@@ -316,6 +322,7 @@ private:
     bool adaptiveRefreshEnabled_ = false;
 
     bool startInFlight_ = false;
+    std::optional<std::int64_t> resumedRunID_;  // until a start has taken up its notes
     // The derived values as last announced, so their signals fire only on a change.
     QString publishedWorkflowLabel_ = QStringLiteral("Idle");
     bool publishedInteractionLock_ = false;

@@ -52,6 +52,13 @@ ProfilingResult<bool> ProfilingService::stopRun(std::int64_t runID) {
     return ProfilingResult<bool>::success(true);
 }
 
+ProfilingResult<bool> ProfilingService::appendRunNotes(std::int64_t runID,
+                                                       const std::string& notes) {
+    if (!store_.appendRunNotes(runID, notes))
+        return ProfilingResult<bool>::failure(store_.lastError());
+    return ProfilingResult<bool>::success(true);
+}
+
 ProfilingResult<bool> ProfilingService::recordRunEvent(std::int64_t runID,
                                                        const ProfilingRunEvent& event) {
     if (!store_.appendRunEvent(runID, event))

@@ -45,6 +45,7 @@ public:
                                                    const std::string& modelSource,
                                                    const std::string& notes);
     virtual ProfilingResult<bool> stopRun(std::int64_t runID);
+    virtual ProfilingResult<bool> appendRunNotes(std::int64_t runID, const std::string& notes);
     virtual ProfilingResult<bool> recordRunEvent(std::int64_t runID,
                                                  const ProfilingRunEvent& event);
     // Closes the open runs that cannot be resumed: all but the newest, and the newest too when

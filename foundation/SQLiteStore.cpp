@@ -723,6 +723,19 @@ bool SQLiteStore::stopRun(std::int64_t id, Timestamp stoppedAt) {
     return true;
 }
 
+bool SQLiteStore::appendRunNotes(std::int64_t id, const std::string& notes) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_,
+                "UPDATE runs SET notes = CASE WHEN notes = '' THEN ?1 ELSE notes || char(10) || ?1 "
+                "END WHERE id = ?2 AND stopped_at IS NULL");
+    s.bindText(1, notes);
+    s.bindInt(2, id);
+    if (!s.run()) return failLocked("append run notes: " + s.error());
+    if (sqlite3_changes(db_) == 0)
+        return failLocked("append run notes: no active run with id " + std::to_string(id));
+    return true;
+}
+
 bool SQLiteStore::appendRunSample(std::int64_t runID, const TelemetrySample& sample) {
     std::lock_guard lock(mutex_);
     static const std::string kInsert = std::string("INSERT INTO run_samples (run_id, ") +

@@ -69,6 +69,8 @@ public:
                                          const std::string& modelID, const std::string& modelSource,
                                          const std::string& notes, Timestamp startedAt);
     bool stopRun(std::int64_t id, Timestamp stoppedAt);  // false if no active run has that id
+    // Adds a paragraph to an open run's notes (a resumed capture keeps what it was started with).
+    bool appendRunNotes(std::int64_t id, const std::string& notes);
     bool appendRunSample(std::int64_t runID, const TelemetrySample& sample);
     bool appendRunEvent(std::int64_t runID, const RuntimeEvent& event);
     bool appendRunEvent(std::int64_t runID, const ProfilingRunEvent& event);

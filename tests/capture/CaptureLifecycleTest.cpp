@@ -309,6 +309,51 @@ TEST(CaptureRestoreTest, ARunKilledMidwayResumesAtTheNextLaunchWithItsRows) {
     EXPECT_EQ(after.rowCount(runID), 0);
 }
 
+TEST(CaptureRestoreTest, AResumedRunSaysSoAndTakesTheNotesOfTheRelaunch) {
+    QTemporaryDir folder;
+    std::int64_t runID = 0;
+    {
+        CaptureRig before({}, folder.path());
+        before.coordinator->setBetaCaptureNotes(QStringLiteral("first run"));
+        runID = before.startBeta();
+        before.addSamples(runID, 3, wallClockNow() - 3);
+        before.abandon();
+    }
+    CaptureRig after({}, folder.path());
+    std::optional<qint64> resumed;
+    QObject::connect(after.coordinator.get(), &CaptureCoordinator::captureResumed,
+                     [&resumed](qint64 id) { resumed = id; });
+    std::optional<QString> notesMessage;
+    QObject::connect(after.coordinator.get(), &CaptureCoordinator::resumedNotesHandled,
+                     [&notesMessage](qint64, bool added, const QString& message) {
+                         EXPECT_TRUE(added);
+                         notesMessage = message;
+                     });
+    QCoro::waitFor(after.coordinator->restorePersistentState());
+    EXPECT_EQ(resumed, runID);
+    auto hasEvent = [&](const std::string& message) {
+        for (const auto& event : after.store->recentEvents(50))
+            if (event.message == message) return true;
+        return false;
+    };
+    EXPECT_TRUE(hasEvent("Capture run " + std::to_string(runID) + " resumed after a restart"));
+
+    // What the relaunch with --capture --capture-notes does once startup is over.
+    after.coordinator->setBetaCaptureNotes(QStringLiteral("  second run "));
+    after.coordinator->startBetaCapture();
+    ASSERT_TRUE(waitFor([&] { return notesMessage.has_value(); }));
+    EXPECT_EQ(*notesMessage,
+              QStringLiteral("Notes added to resumed capture run %1: second run").arg(runID));
+    EXPECT_TRUE(
+        hasEvent("Notes added to resumed capture run " + std::to_string(runID) + ": second run"));
+    const auto record = after.store->run(runID);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->notes, "first run\nsecond run");
+    EXPECT_EQ(record->status, "active");
+    EXPECT_EQ(after.coordinator->profilingRunID(), runID);
+    EXPECT_FALSE(after.store->run(runID + 1));  // no second run was opened
+}
+
 TEST(CaptureRestoreTest, ARunKilledLongAgoIsClosedAndKeepsItsRows) {
     QTemporaryDir folder;
     std::int64_t runID = 0;

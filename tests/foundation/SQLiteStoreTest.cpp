@@ -237,6 +237,21 @@ TEST(SQLiteStore, RunLifecycleRecordsSamplesAndEvents) {
     EXPECT_FALSE(store.clearRun(*id));
 }
 
+TEST(SQLiteStore, NotesAreAppendedToAnOpenRunOnly) {
+    SQLiteStore store(":memory:");
+    auto empty = store.startRun("s", ControlMode::quiet, "", "", "", 1);
+    auto noted = store.startRun("s", ControlMode::quiet, "", "", "first", 2);
+    ASSERT_TRUE(empty && noted);
+    EXPECT_TRUE(store.appendRunNotes(*empty, "only"));
+    EXPECT_TRUE(store.appendRunNotes(*noted, "second"));
+    EXPECT_EQ(store.run(*empty)->notes, "only");
+    EXPECT_EQ(store.run(*noted)->notes, "first\nsecond");
+    ASSERT_TRUE(store.stopRun(*noted, 3));
+    EXPECT_FALSE(store.appendRunNotes(*noted, "late"));
+    EXPECT_NE(store.lastError().find("no active run"), std::string::npos);
+    EXPECT_EQ(store.run(*noted)->notes, "first\nsecond");
+}
+
 TEST(SQLiteStore, LatestCompletedRunIsTheLastStopped) {
     TempDir dir;
     SQLiteStore store(dir.file("kelvo.sqlite"));

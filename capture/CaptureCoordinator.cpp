@@ -82,11 +82,6 @@ CaptureCoordinator::~CaptureCoordinator() {
     worker_.waitForDone();
 }
 
-template <class F>
-auto CaptureCoordinator::onWorker(F job) {
-    return QtConcurrent::run(&worker_, std::move(job));
-}
-
 // ----- Wiring --------------------------------------------------------------------------------
 
 void CaptureCoordinator::configure(std::function<ControlMode()> currentModeProvider,
@@ -410,6 +405,9 @@ QCoro::Task<> CaptureCoordinator::restorePersistentState() {
         setLastCompletedRunID(record->id);
         setLastCompletedWorkflowSource(profilingWorkflowSourceFromRaw(fromStd(record->modelID)));
     }
+    auto keptTask = exportKeptRuns(std::nullopt);
+    co_await keptTask;
+    if (!self) co_return;
     const auto closedCount = closed.value->size();
     if (closedCount > 0)
         setProfilingMessage(
@@ -544,6 +542,10 @@ QCoro::Task<> CaptureCoordinator::performFinalization(std::int64_t runID, bool p
     if (clearRows) {
         auto clearTask = clearRowsAfterExport(runID, notes);
         co_await clearTask;
+        if (!self) co_return;
+        // The folder works now: runs kept by earlier failures go out too.
+        auto keptTask = exportKeptRuns(runID);
+        co_await keptTask;
         if (!self) co_return;
     }
     QString message = outcome;

@@ -15,6 +15,7 @@
 #include <QTimer>
 #include <QUuid>
 #include <QVariant>
+#include <QtConcurrent/QtConcurrentRun>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -249,8 +250,19 @@ private:
     QCoro::Task<> recordBurstRampEventIfNeeded(std::int64_t runID, const TelemetrySample& sample,
                                                double cpuDrop, double gpuDrop);
 
+    // Database and file work runs on the one worker thread, in order.
     template <class F>
-    auto onWorker(F job);
+    auto onWorker(F job) {
+        return QtConcurrent::run(&worker_, std::move(job));
+    }
+
+    // Runs that ended without an export that worked (it failed, or the run was closed at a
+    // launch) are exported again, at launch and after every capture that exports, at most
+    // kKeptRunsPerPass at a time; nothing is revealed for them, an event says where they went.
+    static constexpr int kKeptRunsPerPass = 5;
+    QCoro::Task<> exportKeptRuns(std::optional<std::int64_t> except);
+    QCoro::Task<bool> exportKeptRun(std::int64_t runID);
+    QCoro::Task<> recordRuntimeEvent(RuntimeEvent event);
 
     // Publishing: each setter compares first and emits only on change.
     void setProfilingScenario(ProfilingScenario scenario);

@@ -92,6 +92,13 @@ ProfilingResult<std::optional<ProfilingRunRecord>> ProfilingService::latestCompl
     return ProfilingResult<std::optional<ProfilingRunRecord>>::success(std::move(run));
 }
 
+ProfilingResult<std::vector<std::int64_t>> ProfilingService::keptRuns(int limit) {
+    std::string error;
+    auto ids = store_.keptRunIDs(limit, &error);
+    if (!error.empty()) return ProfilingResult<std::vector<std::int64_t>>::failure(error);
+    return ProfilingResult<std::vector<std::int64_t>>::success(std::move(ids));
+}
+
 ProfilingResult<std::optional<ProfilingRunRecord>> ProfilingService::activeRun() {
     std::string error;
     auto run = store_.activeRun(&error);

@@ -52,6 +52,8 @@ public:
     // it recorded nothing for kResumableGapSeconds.
     virtual ProfilingResult<std::vector<ProfilingRunRecord>> closeAbandonedRuns(Timestamp now);
     virtual ProfilingResult<std::optional<ProfilingRunRecord>> latestCompletedRun();
+    // Runs over but not yet exported (see SQLiteStore::keptRunIDs).
+    virtual ProfilingResult<std::vector<std::int64_t>> keptRuns(int limit);
     virtual ProfilingResult<std::optional<ProfilingRunRecord>> activeRun();
 
     // After a run: a model learned from it (saved as the active one), its export, and the

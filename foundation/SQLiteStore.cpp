@@ -821,6 +821,21 @@ std::optional<SQLiteStore::ProfilingRunRecord> SQLiteStore::latestCompletedRun(s
     return run;
 }
 
+std::vector<std::int64_t> SQLiteStore::keptRunIDs(int limit, std::string* error) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_, "SELECT id FROM runs WHERE status != 'active' ORDER BY id LIMIT ?");
+    s.bindInt(1, limit);
+    std::vector<std::int64_t> ids;
+    while (s.next()) ids.push_back(s.integer(0));
+    s.run();
+    if (!s.ok()) {
+        failLocked("kept runs: " + s.error());
+        setError(error, lastError_);
+        return {};
+    }
+    return ids;
+}
+
 std::vector<SQLiteStore::ProfilingRunRecord> SQLiteStore::closeAbandonedRuns(
     Timestamp now, std::string* error, std::optional<std::int64_t> keep) {
     std::lock_guard lock(mutex_);

@@ -78,6 +78,9 @@ public:
     std::optional<ProfilingRunRecord> activeRun(std::string* error = nullptr);
     std::optional<ProfilingRunRecord> run(std::int64_t id, std::string* error = nullptr);
     std::optional<ProfilingRunRecord> latestCompletedRun(std::string* error = nullptr);
+    // Runs that are over and still here: their export has not succeeded yet (rows go once it
+    // has). Oldest first, at most `limit`.
+    std::vector<std::int64_t> keptRunIDs(int limit, std::string* error = nullptr);
     // Runs left active by an earlier process: stopped at `now` and marked "abandoned"; all of
     // them but `keep`.
     std::vector<ProfilingRunRecord> closeAbandonedRuns(Timestamp now, std::string* error = nullptr,

@@ -243,8 +243,9 @@ TEST(CaptureRestoreTest, OneAbandonedRunIsReportedInTheSingular) {
     EXPECT_EQ(rig.coordinator->profilingMessage(),
               QStringLiteral("Recovered 1 abandoned capture; previous run state was closed."));
     EXPECT_FALSE(rig.coordinator->profilingIsRunning());
-    EXPECT_EQ(rig.rowCount(1), 1);  // closed, not deleted
-    EXPECT_EQ(rig.service->store().run(1)->status, "abandoned");
+    // Closed, then exported like any run whose export has not happened: gone from the database.
+    EXPECT_EQ(rig.rowCount(1), 0);
+    EXPECT_FALSE(rig.service->store().run(1).has_value());
 }
 
 TEST(CaptureRestoreTest, ThreeAbandonedRunsAreReportedInThePlural) {
@@ -354,7 +355,7 @@ TEST(CaptureRestoreTest, AResumedRunSaysSoAndTakesTheNotesOfTheRelaunch) {
     EXPECT_FALSE(after.store->run(runID + 1));  // no second run was opened
 }
 
-TEST(CaptureRestoreTest, ARunKilledLongAgoIsClosedAndKeepsItsRows) {
+TEST(CaptureRestoreTest, ARunKilledLongAgoIsClosedAndExportedByTheNextLaunch) {
     QTemporaryDir folder;
     std::int64_t runID = 0;
     {
@@ -371,7 +372,57 @@ TEST(CaptureRestoreTest, ARunKilledLongAgoIsClosedAndKeepsItsRows) {
     EXPECT_FALSE(after.coordinator->profilingIsRunning());
     EXPECT_EQ(after.coordinator->profilingMessage(),
               QStringLiteral("Recovered 1 abandoned capture; previous run state was closed."));
-    EXPECT_EQ(after.rowCount(runID), 5 + 1 + 1);
+    // Closed, the run is exported like one whose export failed: bundle made, rows gone.
+    EXPECT_EQ(after.rowCount(runID), 0);
+    EXPECT_TRUE(after.revealed.isEmpty()) << "nothing opens by itself at launch";
+    bool said = false;
+    for (const auto& event : after.ring->recent(160))
+        said |= event.message.starts_with("Capture run " + std::to_string(runID) +
+                                          ", kept after an earlier export failed, is exported: ");
+    EXPECT_TRUE(said);
+}
+
+// A folder that could not be written once does not cost the capture: the next launch, or the
+// next capture that exports, takes the kept run out too.
+TEST(CaptureRestoreTest, ARunKeptByAFailedExportGoesOutWithTheNextLaunchOrCapture) {
+    for (const bool byLaunch : {true, false}) {
+        SCOPED_TRACE(byLaunch ? "next launch" : "next capture");
+        QTemporaryDir folder;
+        QFile blocker(QDir(folder.path()).filePath(QStringLiteral("not-a-folder")));
+        ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        std::int64_t keptID = 0;
+        RigOptions failing;
+        failing.profilesDirectory = QDir(blocker.fileName()).filePath(QStringLiteral("profiles"));
+        auto rig = std::make_unique<CaptureRig>(std::move(failing), folder.path());
+        keptID = rig->startBeta();
+        rig->addSamples(keptID, 4);
+        ASSERT_TRUE(rig->stopAndFinalize(true));
+        ASSERT_EQ(rig->rowCount(keptID), 4 + 1) << "kept after the failed export";
+
+        if (byLaunch) {
+            rig.reset();
+            CaptureRig relaunched({}, folder.path());
+            QCoro::waitFor(relaunched.coordinator->restorePersistentState());
+            EXPECT_EQ(relaunched.rowCount(keptID), 0);
+            const QStringList bundles =
+                QDir(relaunched.profilesDirectory).entryList({QStringLiteral("*.kelvocapture")});
+            EXPECT_EQ(bundles.size(), 1) << bundles.join(QLatin1Char(' ')).toStdString();
+        } else {
+            rig->profilesDirectory = QDir(folder.path()).filePath(QStringLiteral("profiles"));
+            const auto next = rig->startBeta();
+            rig->addSamples(next, 3);
+            const auto finished = rig->stopAndFinalize(true);
+            ASSERT_TRUE(finished);
+            EXPECT_FALSE(finished->bundlePath.isEmpty()) << finished->message.toStdString();
+            EXPECT_EQ(rig->rowCount(keptID), 0) << "the kept run went out with it";
+            EXPECT_EQ(rig->rowCount(next), 0);
+            const QStringList bundles =
+                QDir(rig->profilesDirectory).entryList({QStringLiteral("*.kelvocapture")});
+            EXPECT_EQ(bundles.size(), 2) << bundles.join(QLatin1Char(' ')).toStdString();
+            EXPECT_EQ(rig->revealed.size(), 1) << "only the capture just stopped is revealed";
+        }
+    }
 }
 
 // ----- Database failures ---------------------------------------------------------------------

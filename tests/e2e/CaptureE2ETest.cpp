@@ -142,7 +142,9 @@ TEST(CaptureE2E, ACaptureKilledMidwayIsResumedAndExportedByTheNextLaunch) {
     }
     ASSERT_GE(recordedBeforeKill, 1u);
     CaptureProcess second(home);
-    second.start(QStringLiteral("ignored: the open run resumes"));
+    second.start(QStringLiteral("second run"));
+    ASSERT_TRUE(second.waitForStderr(QStringLiteral("capture run 1 resumed")))
+        << second.stderrText.toStdString();
     // The resumed run records again; one card line later its resumption has been published too,
     // so the signal finds a running capture.
     ASSERT_TRUE(second.waitUntil(
@@ -154,7 +156,8 @@ TEST(CaptureE2E, ACaptureKilledMidwayIsResumedAndExportedByTheNextLaunch) {
     ASSERT_EQ(entries.size(), 4u);
     const auto& json = entries.at("run.json");
     EXPECT_NE(json.find("\"id\": 1,"), std::string::npos);
-    EXPECT_NE(json.find("\"notes\": \"killed\""), std::string::npos);
+    // The notes of both launches, the first ones kept.
+    EXPECT_NE(json.find("\"notes\": \"killed\\nsecond run\""), std::string::npos) << json;
     // Samples from both processes: everything recorded before the kill, and more after it.
     const auto& csv = entries.at("samples.csv");
     const auto rows = static_cast<std::size_t>(std::count(csv.begin(), csv.end(), '\n')) - 1;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace kelvo {
 
@@ -16,6 +17,8 @@ namespace hp = helper_protocol;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr auto kBacklogRetry = std::chrono::milliseconds(1);
 
 int millisecondsLeft(Clock::time_point deadline) {
     const auto left =
@@ -34,32 +37,49 @@ bool waitFor(int fd, short events, Clock::time_point deadline) {
     }
 }
 
+// A connection, or why there is none.
+struct Connection {
+    int fd = -1;
+    bool busy = false;  // a helper listens, but its backlog stayed full until the deadline
+};
+
 // A non-blocking connect bounded by poll(), so a wedged helper cannot stall the caller. The
 // socket stays non-blocking; every later wait goes through poll() with a deadline.
-int connectWithTimeout(const std::string& path, int timeoutMs) {
+Connection connectWithTimeout(const std::string& path, int timeoutMs) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof(address.sun_path)) return -1;
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) return {};
     std::memcpy(address.sun_path, path.data(), path.size());
 
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
-        return fd;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd < 0) return {};
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            return {fd};
+        }
+        if (errno == EAGAIN) {
+            // A full backlog: the helper is there but other clients are connecting. Unix
+            // sockets say so at once instead of waiting, so wait here, within the timeout.
+            ::close(fd);
+            if (Clock::now() >= deadline) return {-1, true};
+            std::this_thread::sleep_for(
+                std::min<Clock::duration>(kBacklogRetry, deadline - Clock::now()));
+            continue;
+        }
+        if (errno != EINPROGRESS || !waitFor(fd, POLLOUT, deadline)) {
+            ::close(fd);
+            return {};
+        }
+        int socketError = 0;
+        socklen_t length = sizeof(socketError);
+        if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &socketError, &length) != 0 ||
+            socketError != 0) {
+            ::close(fd);
+            return {};
+        }
+        return {fd};
     }
-    // A full backlog gives EAGAIN on Unix sockets; a busy helper counts as unreachable.
-    if (errno != EINPROGRESS ||
-        !waitFor(fd, POLLOUT, Clock::now() + std::chrono::milliseconds(timeoutMs))) {
-        ::close(fd);
-        return -1;
-    }
-    int socketError = 0;
-    socklen_t length = sizeof(socketError);
-    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &socketError, &length) != 0 || socketError != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 HelperCallResult transportFailure(HelperCallResult::Failure failure, std::string error) {
@@ -108,10 +128,9 @@ void HelperClient::disconnect() {
 }
 
 bool HelperClient::reachable(const std::string& socketPath, int connectTimeoutMs) {
-    const int fd = connectWithTimeout(socketPath, connectTimeoutMs);
-    if (fd < 0) return false;
-    ::close(fd);
-    return true;
+    const Connection connection = connectWithTimeout(socketPath, connectTimeoutMs);
+    if (connection.fd >= 0) ::close(connection.fd);
+    return connection.fd >= 0 || connection.busy;
 }
 
 std::string HelperClient::notRunningMessage(const std::string& socketPath) {
@@ -125,9 +144,15 @@ HelperCallResult HelperClient::call(const hp::Request& request) {
                                 "request too large for one frame");
     }
     for (int attempt = 0;; ++attempt) {
-        const bool reused = connected();
-        if (!reused) {
-            fd_ = connectWithTimeout(socketPath_, connectTimeoutMs_);
+        if (!connected()) {
+            const Connection connection = connectWithTimeout(socketPath_, connectTimeoutMs_);
+            fd_ = connection.fd;
+            if (connection.busy) {
+                return transportFailure(
+                    HelperCallResult::Failure::timedOut,
+                    "the helper at " + socketPath_ + " did not accept a connection within " +
+                        std::to_string(connectTimeoutMs_) + " ms: too many clients are connecting");
+            }
             if (fd_ < 0) {
                 return transportFailure(HelperCallResult::Failure::unreachable,
                                         notRunningMessage(socketPath_));
@@ -136,11 +161,11 @@ HelperCallResult HelperClient::call(const hp::Request& request) {
         }
         HelperCallResult result = exchange(*frame);
         if (result.failure != HelperCallResult::Failure::none) disconnect();
-        // A connection kept from an earlier call may have been closed by a helper that has
-        // restarted since; that says nothing about the helper now, so try once more afresh.
-        if (reused && attempt == 0 && result.failure == HelperCallResult::Failure::connectionLost) {
-            continue;
-        }
+        // A connection that ends before the answer says little about the helper now: one kept
+        // from an earlier call may have been closed for silence or by a helper that has
+        // restarted since, and a new one closed to make room for another client before its
+        // request was read. Try once more afresh.
+        if (attempt == 0 && result.failure == HelperCallResult::Failure::connectionLost) continue;
         // The helper closes the connection of a refused peer right after saying so.
         if (!result.reply.ok && result.reply.code == hp::codes::notAllowed) disconnect();
         return result;

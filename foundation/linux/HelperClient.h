@@ -15,7 +15,7 @@ struct HelperCallResult {
     enum class Failure {
         none,            // a reply arrived (it may still be an error reply)
         unreachable,     // nothing accepts connections at the socket path
-        timedOut,        // connected, but no whole reply within the reply timeout
+        timedOut,        // no connection accepted, or no whole reply, within the timeouts
         connectionLost,  // the helper closed the connection or the socket failed
         badReply,        // the bytes that came back are not a valid reply
     };
@@ -69,7 +69,7 @@ public:
 
     // Sends one request and waits for its reply, connecting first when there is no connection.
     // A transport failure closes the connection, so the next call starts on a fresh one; a call
-    // that finds its reused connection already closed by the helper retries once on a new one.
+    // whose connection the helper closes before answering retries once on a new one.
     HelperCallResult call(const helper_protocol::Request& request);
 
     // Version and the fans and sensors the helper sees.
@@ -77,7 +77,8 @@ public:
     // A root-only RAPL energy counter read through the helper.
     HelperCounterResult readCounter(const std::string& counterPath);
 
-    // Whether a connection to `socketPath` can be opened within the timeout (nothing is sent).
+    // Whether a helper listens at `socketPath`: a connection opens within the timeout, or its
+    // backlog is full of other clients' connections (nothing is sent).
     static bool reachable(const std::string& socketPath, int connectTimeoutMs);
     static std::string notRunningMessage(const std::string& socketPath);
 

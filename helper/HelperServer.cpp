@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -25,6 +26,10 @@ namespace {
 
 constexpr int kMaxPollWaitMs = 1000;
 constexpr auto kPendingRetryInterval = std::chrono::seconds(1);
+constexpr auto kRefusalLogInterval = std::chrono::seconds(1);
+// Room for a burst of connecting clients (the kernel caps it): a full backlog fails a
+// non-blocking connect() at once.
+constexpr int kListenBacklog = SOMAXCONN;
 
 std::string errnoText(const std::string& what) {
     return what + ": " + std::strerror(errno);
@@ -104,7 +109,8 @@ bool HelperServer::start(std::string* error) {
     // Anyone may connect; SO_PEERCRED decides, so that a refused user is told why instead of
     // getting a bare "permission denied" that looks like a missing helper.
     if (::chmod(path.c_str(), 0666) != 0) return fail(errnoText("cannot set mode of " + path));
-    if (::listen(listenFd_, 16) != 0) return fail(errnoText("cannot listen on " + path));
+    if (::listen(listenFd_, kListenBacklog) != 0)
+        return fail(errnoText("cannot listen on " + path));
     log_("listening on " + path + " (sysfs root " + options_.sysfsRoot + ", group " +
          options_.allowedGroup + ")");
     return true;
@@ -133,7 +139,8 @@ void HelperServer::run(int stopFd) {
         }
         if (ready > 0 && descriptors[0].revents != 0) break;
         if (ready > 0) {
-            if (descriptors[1].revents & POLLIN) acceptClients();
+            // Requests first, so that a connection whose request is already here counts as
+            // busy when a newcomer needs room.
             for (std::size_t i = 0; i < owners.size(); ++i) {
                 const short revents = descriptors[i + 2].revents;
                 if (revents == 0) continue;
@@ -150,6 +157,7 @@ void HelperServer::run(int stopFd) {
                     }
                 }
             }
+            if (descriptors[1].revents & POLLIN) acceptClients();
         }
         checkTimers(Clock::now());
     }
@@ -173,9 +181,14 @@ int HelperServer::pollTimeoutMs(Clock::time_point now) const {
         if (client.frameStarted) {
             wake =
                 std::min(wake, *client.frameStarted + std::chrono::milliseconds(kFrameAssemblyMs));
+        } else {
+            wake = std::min(wake, client.lastRequest + ClientAdmission::idleLimit(client.slot));
         }
     }
     if (arbiter_.hasPending()) wake = std::min(wake, lastPendingRetry_ + kPendingRetryInterval);
+    if (unloggedRefusals_ > 0 && lastRefusalLog_) {
+        wake = std::min(wake, *lastRefusalLog_ + kRefusalLogInterval);
+    }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(wake - now).count();
     // One extra millisecond so that a wake-up lands after the deadline, not just before it.
     return static_cast<int>(std::clamp<long long>(left + 1, 0, kMaxPollWaitMs));
@@ -183,17 +196,23 @@ int HelperServer::pollTimeoutMs(Clock::time_point now) const {
 
 void HelperServer::checkTimers(Clock::time_point now) {
     std::vector<ClientId> truncated;
+    std::vector<ClientId> silent;
     for (auto& [id, client] : clients_) {
         if (arbiter_.heldBy(id) > 0 &&
             now - client.lastRequest >= std::chrono::milliseconds(hp::kLeaseExpiryMs)) {
             log_("lease of " + describe(client) + " expired");
             arbiter_.releaseClient(id, "lease expired");
         }
-        if (client.frameStarted &&
-            now - *client.frameStarted >= std::chrono::milliseconds(kFrameAssemblyMs)) {
-            truncated.push_back(id);
+        if (client.frameStarted) {
+            if (now - *client.frameStarted >= std::chrono::milliseconds(kFrameAssemblyMs)) {
+                truncated.push_back(id);
+            }
+        } else if (now - client.lastRequest >= ClientAdmission::idleLimit(client.slot)) {
+            // A slot is not kept for a client with nothing to say; it can connect again.
+            silent.push_back(id);
         }
     }
+    for (ClientId id : silent) closeClient(id, "no request for too long");
     for (ClientId id : truncated) {
         Client& client = clients_.at(id);
         client.frameStarted.reset();
@@ -207,6 +226,22 @@ void HelperServer::checkTimers(Clock::time_point now) {
         lastPendingRetry_ = now;
         arbiter_.retryPending();
     }
+    if (unloggedRefusals_ > 0 && lastRefusalLog_ && now - *lastRefusalLog_ >= kRefusalLogInterval) {
+        log_("refused " + std::to_string(unloggedRefusals_) +
+             " more peer(s) since the last refusal logged");
+        unloggedRefusals_ = 0;
+        lastRefusalLog_ = now;
+    }
+}
+
+void HelperServer::logRefusal(const std::string& line) {
+    const Clock::time_point now = Clock::now();
+    if (lastRefusalLog_ && now - *lastRefusalLog_ < kRefusalLogInterval) {
+        ++unloggedRefusals_;
+        return;
+    }
+    lastRefusalLog_ = now;
+    log_(line);
 }
 
 std::string HelperServer::describe(const Client& client) const {
@@ -231,16 +266,16 @@ void HelperServer::acceptClients() {
         }
         const PeerDecision decision = authorizer_.decide(credentials.uid, credentials.gid);
         if (!decision.allowed) {
-            log_("refused peer pid " + std::to_string(credentials.pid) + " uid " +
-                 std::to_string(credentials.uid) + " gid " + std::to_string(credentials.gid) +
-                 ": not root, not an allowed uid and not in group " + authorizer_.allowedGroup());
+            logRefusal("refused peer pid " + std::to_string(credentials.pid) + " uid " +
+                       std::to_string(credentials.uid) + " gid " + std::to_string(credentials.gid) +
+                       ": not root, not an allowed uid and not in group " +
+                       authorizer_.allowedGroup());
             sendAndForget(fd, hp::Reply::failure(hp::codes::notAllowed, decision.refusal));
             ::close(fd);
             continue;
         }
-        if (clients_.size() >= kMaxClients) {
-            log_("refused peer pid " + std::to_string(credentials.pid) + ": too many clients");
-            sendAndForget(fd, hp::Reply::failure(hp::codes::busy, "too many clients"));
+        const auto slot = admit(credentials.pid, credentials.uid, fd);
+        if (!slot) {
             ::close(fd);
             continue;
         }
@@ -249,8 +284,50 @@ void HelperServer::acceptClients() {
         client.fd = fd;
         client.pid = credentials.pid;
         client.uid = credentials.uid;
+        client.slot = *slot;
         client.lastRequest = Clock::now();
-        clients_.emplace(client.id, std::move(client));
+        const ClientId id = client.id;
+        auto [entry, inserted] = clients_.emplace(id, std::move(client));
+        // A client usually sends its request right after connecting: answer it now, before
+        // the next newcomer could take this slot as a quiet one.
+        if (inserted) readFrom(entry->second);
+    }
+}
+
+std::optional<ClientAdmission::Slot> HelperServer::admit(pid_t pid, uid_t uid, int fd) {
+    std::vector<ClientAdmission::Connection> connections;
+    connections.reserve(clients_.size());
+    for (const auto& [id, client] : clients_) {
+        ClientAdmission::Connection connection;
+        connection.id = id;
+        connection.uid = client.uid;
+        connection.slot = client.slot;
+        connection.engaged = arbiter_.heldBy(id) > 0 || client.reader.midFrame() ||
+                             !client.output.empty() || client.closeAfterFlush;
+        connection.everRequested = client.everRequested;
+        connection.lastActivity = client.lastRequest;
+        connections.push_back(connection);
+    }
+    for (;;) {
+        const ClientAdmission::Decision decision = ClientAdmission::decide(uid, connections);
+        if (!decision.admitted) {
+            logRefusal("refused peer pid " + std::to_string(pid) + " uid " + std::to_string(uid) +
+                       ": " + decision.refusal);
+            sendAndForget(fd, hp::Reply::failure(hp::codes::busy, decision.refusal));
+            return std::nullopt;
+        }
+        if (decision.evict) {
+            // A request that arrived since the last poll makes that connection busy, not quiet.
+            int unread = 0;
+            if (::ioctl(clients_.at(*decision.evict).fd, FIONREAD, &unread) == 0 && unread > 0) {
+                for (auto& connection : connections) {
+                    if (connection.id == *decision.evict) connection.engaged = true;
+                }
+                continue;
+            }
+            closeClient(*decision.evict, "closed to make room for a new connection");
+        }
+        return decision.slot;
     }
 }
 
@@ -291,6 +368,7 @@ void HelperServer::readFrom(Client& client) {
                 break;
             }
             queue(client, handle(client, next.payload));
+            if (client.closeAfterFlush) break;
         }
         if (client.reader.midFrame()) {
             if (!client.frameStarted) client.frameStarted = Clock::now();
@@ -344,6 +422,14 @@ hp::Reply HelperServer::handle(Client& client, const std::string& payload) {
     const hp::Request& request = *decoded.value;
     // Every valid request renews the lease; "renew" exists for clients with nothing else to say.
     client.lastRequest = Clock::now();
+    client.everRequested = true;
+    if (client.slot == ClientAdmission::Slot::status &&
+        !ClientAdmission::allowedInStatusSlot(request.op)) {
+        client.closeAfterFlush = true;
+        return hp::Reply::failure(hp::codes::busy,
+                                  "too many clients: this connection may only ask for status (" +
+                                      std::string(hp::opName(request.op)) + " refused)");
+    }
     switch (request.op) {
         case hp::Op::version:
             return hp::Reply::success(hp::encodeVersionInfo({version_, hp::kVersion}));

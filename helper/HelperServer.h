@@ -6,6 +6,8 @@
 // - a client whose connection ends (exit, crash, SIGKILL, a bad frame) loses them at once;
 // - fans are journaled before they are taken and the journal is replayed at start;
 // - stopping releases everything before the socket goes away.
+// Every peer-controlled cost is bounded: who gets a connection is ClientAdmission's call, a
+// connection that says nothing is closed, a frame must complete in time, unread replies are capped.
 #pragma once
 
 #include <sys/types.h>
@@ -18,6 +20,7 @@
 #include <string>
 
 #include "foundation/linux/HelperProtocol.h"
+#include "helper/ClientAdmission.h"
 #include "helper/FanArbiter.h"
 #include "helper/HelperOptions.h"
 #include "helper/HwmonSensors.h"
@@ -30,7 +33,6 @@ class HelperServer {
 public:
     using Logger = std::function<void(const std::string&)>;
 
-    static constexpr std::size_t kMaxClients = 64;
     // A frame that starts arriving must be complete within this time.
     static constexpr int kFrameAssemblyMs = 2000;
     // A client that does not read its replies is dropped past this much unsent output.
@@ -55,14 +57,20 @@ private:
         int fd = -1;
         pid_t pid = 0;
         uid_t uid = 0;
+        ClientAdmission::Slot slot = ClientAdmission::Slot::ordinary;
         helper_protocol::FrameReader reader;
         std::string output;
-        Clock::time_point lastRequest;
+        Clock::time_point lastRequest;  // or when it connected, before its first request
+        bool everRequested = false;
         std::optional<Clock::time_point> frameStarted;
         bool closeAfterFlush = false;
     };
 
     void acceptClients();
+    // Whether `peer` may have a slot, closing a quiet connection to make room when needed.
+    std::optional<ClientAdmission::Slot> admit(pid_t pid, uid_t uid, int fd);
+    // Refusals are peer-driven: logged at most once a second, with a count of the rest.
+    void logRefusal(const std::string& line);
     void readFrom(Client& client);
     void flush(Client& client);
     void queue(Client& client, const helper_protocol::Reply& reply);
@@ -88,6 +96,8 @@ private:
     ClientId nextClientId_ = 1;
     std::map<ClientId, Client> clients_;
     Clock::time_point lastPendingRetry_;
+    std::optional<Clock::time_point> lastRefusalLog_;
+    std::size_t unloggedRefusals_ = 0;
 };
 
 }  // namespace kelvo::helperd

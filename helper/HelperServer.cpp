@@ -30,6 +30,7 @@ constexpr auto kRefusalLogInterval = std::chrono::seconds(1);
 // Room for a burst of connecting clients (the kernel caps it): a full backlog fails a
 // non-blocking connect() at once.
 constexpr int kListenBacklog = SOMAXCONN;
+constexpr int kMaxAcceptsPerRound = 16;
 
 std::string errnoText(const std::string& what) {
     return what + ": " + std::strerror(errno);
@@ -250,7 +251,9 @@ std::string HelperServer::describe(const Client& client) const {
 }
 
 void HelperServer::acceptClients() {
-    for (;;) {
+    // Bounded, so that clients connecting faster than they can be taken cannot hold up the
+    // requests and the timers (the lease above all): the rest wait for the next round.
+    for (int accepted = 0; accepted < kMaxAcceptsPerRound; ++accepted) {
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR) continue;

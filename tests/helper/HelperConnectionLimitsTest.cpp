@@ -12,6 +12,7 @@
 #include "foundation/linux/HelperClient.h"
 #include "foundation/linux/HelperFanController.h"
 #include "helper/ClientAdmission.h"
+#include "tests/helper/ConnectionFlood.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace kelvo {
@@ -177,6 +178,22 @@ TEST_F(HelperConnectionLimitsTest, OneUserHoldsAtMostItsShareAndNeverCrowdsOutAn
     ASSERT_NE(open, 255) << "the other user's newest connection was not served\n" << daemon->log();
     EXPECT_GE(open, 1);
     EXPECT_LE(open, ClientAdmission::kMaxPerUid);
+}
+
+TEST_F(HelperConnectionLimitsTest, ALeaseStillRunsOutWhileClientsKeepConnecting) {
+    HelperFanController controller(socket());
+    ASSERT_TRUE(controller.setTargets({0, 2000, 0, 0}).ok);
+    // Connections arrive as fast as the helper can take them; its timers must still run.
+    std::vector<std::unique_ptr<test_support::ConnectionFlood>> floods;
+    for (int i = 0; i < 4; ++i) {
+        floods.push_back(std::make_unique<test_support::ConnectionFlood>(socket(), 125));
+    }
+    EXPECT_TRUE(
+        test_support::waitUntil([&] { return file("pwm1_enable") == "2"; }, 20000ms).has_value())
+        << daemon->log();
+    HelperClient status(socket());
+    const HelperStatusResult result = status.status();
+    EXPECT_TRUE(result.ok) << result.error;
 }
 
 // A board with as many PWM fans as one user may have connections.

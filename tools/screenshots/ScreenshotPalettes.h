@@ -19,6 +19,7 @@ inline QPalette darkDesktopPalette() {
     p.setColor(QPalette::Mid, QColor(120, 122, 130));
     p.setColor(QPalette::Highlight, QColor(36, 132, 240));
     p.setColor(QPalette::HighlightedText, Qt::white);
+    p.setColor(QPalette::PlaceholderText, QColor(140, 141, 148));
     for (auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
         p.setColor(QPalette::Disabled, role, QColor(110, 111, 116));
     return p;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -82,24 +83,33 @@ private:
     pid_t pid_ = -1;
 };
 
-void BM_HelperRoundTrip(benchmark::State& state) {
+// kelvo-helperd serving a board with one controllable fan; none (the benchmark skipped, with
+// the reason) when it cannot run.
+std::unique_ptr<RunningHelper> startHelperOnOneFan(benchmark::State& state,
+                                                   const kelvo::test_support::FakeSysfs& sys) {
     const auto binary = daemonPath();
     if (!binary) {
         state.SkipWithError("kelvo-helperd not found (build it, or set KELVO_HELPERD)");
-        return;
+        return nullptr;
     }
-    kelvo::test_support::FakeSysfs sys;
     const std::string chip = sys.addHwmon(0, "it87", "platform/it87.656");
     sys.write(chip + "/fan1_input", "1200\n");
     sys.write(chip + "/fan1_max", "4000\n");
     sys.write(chip + "/pwm1", "90\n");
     sys.write(chip + "/pwm1_enable", "2\n");
-    RunningHelper helper(*binary, sys);
-    if (!helper.ready()) {
+    auto helper = std::make_unique<RunningHelper>(*binary, sys);
+    if (!helper->ready()) {
         state.SkipWithError("kelvo-helperd did not start");
-        return;
+        return nullptr;
     }
-    kelvo::HelperClient client(helper.socketPath());
+    return helper;
+}
+
+void BM_HelperRoundTrip(benchmark::State& state) {
+    kelvo::test_support::FakeSysfs sys;
+    const auto helper = startHelperOnOneFan(state, sys);
+    if (!helper) return;
+    kelvo::HelperClient client(helper->socketPath());
     int rpm = 1000;
     for (auto _ : state) {
         const kelvo::HelperCallResult call = client.call(hp::Request::targetRPM(kFan, rpm));
@@ -117,24 +127,12 @@ BENCHMARK(BM_HelperRoundTrip)->Unit(benchmark::kMicrosecond)->UseRealTime();
 // while state.range(0) other clients keep connecting. Reported: answer times (median, 99th
 // percentile, worst) and how many queries got no answer.
 void BM_HelperStatusUnderLoad(benchmark::State& state) {
-    const auto binary = daemonPath();
-    if (!binary) {
-        state.SkipWithError("kelvo-helperd not found (build it, or set KELVO_HELPERD)");
-        return;
-    }
     kelvo::test_support::FakeSysfs sys;
-    const std::string chip = sys.addHwmon(0, "it87", "platform/it87.656");
-    sys.write(chip + "/fan1_input", "1200\n");
-    sys.write(chip + "/pwm1", "90\n");
-    sys.write(chip + "/pwm1_enable", "2\n");
-    RunningHelper helper(*binary, sys);
-    if (!helper.ready()) {
-        state.SkipWithError("kelvo-helperd did not start");
-        return;
-    }
+    const auto helper = startHelperOnOneFan(state, sys);
+    if (!helper) return;
     std::optional<kelvo::test_support::ConnectionFlood> flood;
     if (state.range(0) > 0) {
-        flood.emplace(helper.socketPath(), static_cast<int>(state.range(0)));
+        flood.emplace(helper->socketPath(), static_cast<int>(state.range(0)));
         // Let the crowd form before the first query.
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
     }
@@ -143,7 +141,7 @@ void BM_HelperStatusUnderLoad(benchmark::State& state) {
     std::string firstError;
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
-        kelvo::HelperClient client(helper.socketPath());
+        kelvo::HelperClient client(helper->socketPath());
         const kelvo::HelperStatusResult result = client.status();
         const std::chrono::duration<double, std::milli> took =
             std::chrono::steady_clock::now() - start;

@@ -59,6 +59,15 @@ bool anyFanManual(const FakeSysfs& sys) {
     return files.at("pwm1_enable") == "1" || files.at("pwm2_enable") == "1";
 }
 
+// Kelvo in performance mode on `board` through `helper`, once it holds a fan.
+void startHoldingFans(KelvoProcess& kelvo, const FakeSysfs& board, const HelperDaemon& helper) {
+    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, helper)));
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")))
+        << kelvo.transcript();
+    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, kDeadline))
+        << kelvo.transcript() << helper.log();
+}
+
 }  // namespace
 
 TEST(HelperChain, KelvoDrivesFansThroughTheHelperAndAKillGivesThemBack) {
@@ -71,11 +80,7 @@ TEST(HelperChain, KelvoDrivesFansThroughTheHelperAndAKillGivesThemBack) {
     QTemporaryDir home;
     persistMode(home, QStringLiteral("performance"));
     KelvoProcess kelvo(home);
-    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, helper)));
-    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")))
-        << kelvo.transcript();
-    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, kDeadline))
-        << kelvo.transcript() << helper.log();
+    ASSERT_NO_FATAL_FAILURE(startHoldingFans(kelvo, board, helper));
     // The original modes are journaled before anything is taken.
     EXPECT_TRUE(std::filesystem::exists(helper.journalPath()));
 
@@ -131,10 +136,7 @@ TEST(HelperChain, ALostLeaseIsReportedAndTheFansAreRetaken) {
     QTemporaryDir home;
     persistMode(home, QStringLiteral("performance"));
     KelvoProcess kelvo(home);
-    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, helper)));
-    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")))
-        << kelvo.transcript();
-    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, kDeadline)) << helper.log();
+    ASSERT_NO_FATAL_FAILURE(startHoldingFans(kelvo, board, helper));
 
     const auto pid = static_cast<pid_t>(kelvo.process.processId());
     ASSERT_EQ(::kill(pid, SIGSTOP), 0);
@@ -256,9 +258,7 @@ TEST(HelperChain, TheHelperNeedsNoCapabilities) {
     QTemporaryDir home;
     persistMode(home, QStringLiteral("performance"));
     KelvoProcess kelvo(home);
-    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, helper)));
-    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")));
-    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, kDeadline)) << helper.log();
+    ASSERT_NO_FATAL_FAILURE(startHoldingFans(kelvo, board, helper));
     kelvo.stopWith(SIGKILL);
     EXPECT_TRUE(waitUntil([&] { return boardRestored(board); }, kDeadline).has_value())
         << helper.log();
@@ -277,9 +277,7 @@ TEST(HelperChain, ADeadHelperIsReportedAndItsSuccessorRestoresTheFans) {
     QTemporaryDir home;
     persistMode(home, QStringLiteral("performance"));
     KelvoProcess kelvo(home);
-    ASSERT_NO_FATAL_FAILURE(kelvo.start(realBackendArguments(board, *helper)));
-    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=performance status=controlling")));
-    ASSERT_TRUE(waitUntil([&] { return anyFanManual(board); }, kDeadline)) << helper->log();
+    ASSERT_NO_FATAL_FAILURE(startHoldingFans(kelvo, board, *helper));
 
     helper->signal(SIGKILL);
     ASSERT_TRUE(helper->waitExit(kDeadline).has_value());

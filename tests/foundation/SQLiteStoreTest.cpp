@@ -87,6 +87,15 @@ TelemetrySample sampleAt(Timestamp timestamp, double cpuTemp = 60) {
     return s;
 }
 
+// The moved-aside database itself among the files moved aside with it (its -wal and -shm).
+std::string databaseAmong(const std::vector<std::filesystem::path>& files) {
+    for (const auto& p : files)
+        if (p.string().find("-wal") == std::string::npos &&
+            p.string().find("-shm") == std::string::npos)
+            return p.string();
+    return {};
+}
+
 TEST(SQLiteStore, OpensInWalModeWithCurrentSchemaVersion) {
     TempDir dir;
     const auto path = dir.file("kelvo.sqlite");
@@ -417,11 +426,7 @@ TEST(SQLiteStore, FutureSchemaVersionIsMovedAside) {
 
     auto aside = filesStartingWith(dir.path(), "kelvo.sqlite.corrupt-");
     ASSERT_FALSE(aside.empty());
-    std::string asideDB;
-    for (const auto& p : aside)
-        if (p.string().find("-wal") == std::string::npos &&
-            p.string().find("-shm") == std::string::npos)
-            asideDB = p.string();
+    const std::string asideDB = databaseAmong(aside);
     ASSERT_FALSE(asideDB.empty());
     EXPECT_EQ(rawQuery(asideDB, "PRAGMA user_version"), "99");
     EXPECT_EQ(rawQuery(path, "PRAGMA user_version"), std::to_string(SQLiteStore::kSchemaVersion));
@@ -459,11 +464,7 @@ TEST(SQLiteStore, AFileThatClaimsTheCurrentVersionButHoldsOtherTablesIsMovedAsid
     EXPECT_NE(events[0].message.find("moved aside to "), std::string::npos);
     // The other program's data is kept, and Kelvo's writes land in the new file.
     auto aside = filesStartingWith(dir.path(), "kelvo.sqlite.corrupt-");
-    std::string asideDB;
-    for (const auto& p : aside)
-        if (p.string().find("-wal") == std::string::npos &&
-            p.string().find("-shm") == std::string::npos)
-            asideDB = p.string();
+    const std::string asideDB = databaseAmong(aside);
     ASSERT_FALSE(asideDB.empty());
     EXPECT_EQ(rawQuery(asideDB, "SELECT body FROM notes"), "someone else's data");
     ASSERT_TRUE(store.appendSample(sampleAt(10)));

@@ -14,6 +14,7 @@ PACKAGES=(
   mesa-vulkan-drivers libgl1-mesa-dri libglx-mesa0 libgl-dev xvfb xauth fonts-dejavu-core
   dbus libgtest-dev libgmock-dev libbenchmark-dev procps
   clang libclang-rt-14-dev systemd util-linux
+  libfuse3-dev fuse3 nlohmann-json3-dev fancontrol thinkfan lm-sensors
 )
 
 missing=()

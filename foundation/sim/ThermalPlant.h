@@ -21,6 +21,8 @@ struct FanConfig {
 
 struct PlantConfig {
     double ambientC = 24;
+    // Logical CPUs the machine reports (cpufreq entries, /proc/stat lines); they share one load.
+    int logicalCpus = 4;
 
     double cpuIdlePowerW = 6;
     double cpuFullLoadPowerW = 65;

@@ -17,6 +17,8 @@ struct FanConfig {
     std::string name;
     double minRPM = 1200;
     double maxRPM = 5400;
+
+    bool operator==(const FanConfig&) const = default;
 };
 
 struct PlantConfig {
@@ -78,6 +80,8 @@ struct PlantConfig {
     double pressureFairFromC = 80;
     double pressureSeriousFromC = 90;
     double pressureCriticalFromC = 97;
+
+    bool operator==(const PlantConfig&) const = default;
 };
 
 struct PlantState {

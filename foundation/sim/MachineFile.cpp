@@ -1,0 +1,215 @@
+#include "foundation/sim/MachineFile.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <utility>
+
+#include "foundation/sim/JsonFile.h"
+
+namespace kelvo::sim {
+
+namespace {
+
+using detail::invalid;
+using detail::Json;
+using detail::quotedKey;
+
+template <class... Ts>
+struct Overloaded : Ts... {
+    using Ts::operator()...;
+};
+
+// Adding a member to PlantConfig means adding its line here.
+const std::array kPlantFields = std::to_array<PlantField>({
+    {"ambientC", &PlantConfig::ambientC},
+    {"logicalCpus", &PlantConfig::logicalCpus},
+    {"cpuIdlePowerW", &PlantConfig::cpuIdlePowerW},
+    {"cpuFullLoadPowerW", &PlantConfig::cpuFullLoadPowerW},
+    {"cpuMaxClockMHz", &PlantConfig::cpuMaxClockMHz},
+    {"cpuBaseClockMHz", &PlantConfig::cpuBaseClockMHz},
+    {"cpuLimitC", &PlantConfig::cpuLimitC},
+    {"cpuHeatCapacityJPerK", &PlantConfig::cpuHeatCapacityJPerK},
+    {"cpuToSinkWPerK", &PlantConfig::cpuToSinkWPerK},
+    {"gpuIdlePowerW", &PlantConfig::gpuIdlePowerW},
+    {"gpuFullLoadPowerW", &PlantConfig::gpuFullLoadPowerW},
+    {"gpuMaxClockMHz", &PlantConfig::gpuMaxClockMHz},
+    {"gpuBaseClockMHz", &PlantConfig::gpuBaseClockMHz},
+    {"gpuReferenceMaxClockMHz", &PlantConfig::gpuReferenceMaxClockMHz},
+    {"gpuLimitC", &PlantConfig::gpuLimitC},
+    {"gpuHeatCapacityJPerK", &PlantConfig::gpuHeatCapacityJPerK},
+    {"gpuToSinkWPerK", &PlantConfig::gpuToSinkWPerK},
+    {"sinkHeatCapacityJPerK", &PlantConfig::sinkHeatCapacityJPerK},
+    {"sinkPassiveWPerK", &PlantConfig::sinkPassiveWPerK},
+    {"sinkAirflowWPerK", &PlantConfig::sinkAirflowWPerK},
+    {"airflowReferenceRPM", &PlantConfig::airflowReferenceRPM},
+    {"airflowExponent", &PlantConfig::airflowExponent},
+    {"platformPowerW", &PlantConfig::platformPowerW},
+    {"fanPowerAtMaxW", &PlantConfig::fanPowerAtMaxW},
+    {"fans", &PlantConfig::fans},
+    {"fanTimeConstantS", &PlantConfig::fanTimeConstantS},
+    {"fanSlewRPMPerS", &PlantConfig::fanSlewRPMPerS},
+    {"firmwareMinUntilC", &PlantConfig::firmwareMinUntilC},
+    {"firmwareMaxAtC", &PlantConfig::firmwareMaxAtC},
+    {"droopGainPerKelvinSecond", &PlantConfig::droopGainPerKelvinSecond},
+    {"droopRecoveryPerS", &PlantConfig::droopRecoveryPerS},
+    {"droopRecoveryMarginC", &PlantConfig::droopRecoveryMarginC},
+    {"minClockScale", &PlantConfig::minClockScale},
+    {"utilisationNoisePct", &PlantConfig::utilisationNoisePct},
+    {"maxSubstepS", &PlantConfig::maxSubstepS},
+    {"pressureFairFromC", &PlantConfig::pressureFairFromC},
+    {"pressureSeriousFromC", &PlantConfig::pressureSeriousFromC},
+    {"pressureCriticalFromC", &PlantConfig::pressureCriticalFromC},
+});
+
+// The values an integer member may take.
+std::pair<int, int> bounds(int PlantConfig::*member) {
+    if (member == &PlantConfig::logicalCpus) return {1, kMaxLogicalCpus};
+    return {INT_MIN, INT_MAX};
+}
+
+std::string fanKey(std::size_t index, std::string_view member) {
+    return "fans[" + std::to_string(index) + "]." + std::string(member);
+}
+
+std::vector<FanConfig> readFans(const Json& value) {
+    if (!value.is_array()) invalid(quotedKey("fans") + " must be a list");
+    std::vector<FanConfig> fans;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        const Json& entry = value[i];
+        if (!entry.is_object())
+            invalid(quotedKey("fans[" + std::to_string(i) + "]") + " must be an object");
+        if (!entry.contains("name")) invalid(quotedKey(fanKey(i, "name")) + " is missing");
+        FanConfig fan;
+        for (const auto& [key, member] : entry.items()) {
+            if (key == "name")
+                fan.name = detail::readString(member, fanKey(i, key));
+            else if (key == "minRPM")
+                fan.minRPM = detail::readDouble(member, fanKey(i, key));
+            else if (key == "maxRPM")
+                fan.maxRPM = detail::readDouble(member, fanKey(i, key));
+            else
+                invalid("unknown key " + quotedKey(fanKey(i, key)));
+        }
+        fans.push_back(std::move(fan));
+    }
+    return fans;
+}
+
+// What both reading and writing insist on, so that whatever is written reads back.
+void check(const MachineDescription& machine) {
+    detail::checkName(machine.name, "name");
+    const PlantConfig& plant = machine.plant;
+    for (const auto& field : kPlantFields) {
+        if (auto* member = std::get_if<double PlantConfig::*>(&field.member))
+            detail::checkFinite(plant.*(*member), std::string(field.key));
+        if (auto* member = std::get_if<int PlantConfig::*>(&field.member)) {
+            auto [lo, hi] = bounds(*member);
+            if (plant.*(*member) < lo || plant.*(*member) > hi)
+                invalid(quotedKey(field.key) + " must be an integer from " + std::to_string(lo) +
+                        " to " + std::to_string(hi));
+        }
+    }
+    if (plant.fans.empty()) invalid(quotedKey("fans") + " must list at least one fan");
+    for (std::size_t i = 0; i < plant.fans.size(); ++i) {
+        const FanConfig& fan = plant.fans[i];
+        detail::checkFinite(fan.minRPM, fanKey(i, "minRPM"));
+        detail::checkFinite(fan.maxRPM, fanKey(i, "maxRPM"));
+        if (fan.minRPM < 0) invalid(quotedKey(fanKey(i, "minRPM")) + " must not be negative");
+        if (fan.minRPM > fan.maxRPM)
+            invalid(quotedKey(fanKey(i, "minRPM")) + " must not be above " +
+                    quotedKey(fanKey(i, "maxRPM")));
+    }
+}
+
+MachineDescription machineFromJson(const Json& json) {
+    if (!json.is_object()) invalid("must hold a JSON object");
+    if (!json.contains("name")) invalid(quotedKey("name") + " is missing");
+    MachineDescription machine;
+    for (const auto& [key, value] : json.items()) {
+        if (key == "name") {
+            machine.name = detail::readString(value, key);
+            continue;
+        }
+        auto field = std::find_if(kPlantFields.begin(), kPlantFields.end(),
+                                  [&](const PlantField& f) { return f.key == key; });
+        if (field == kPlantFields.end()) invalid("unknown key " + quotedKey(key));
+        std::visit(Overloaded{
+                       [&](double PlantConfig::*member) {
+                           machine.plant.*member = detail::readDouble(value, key);
+                       },
+                       [&](int PlantConfig::*member) {
+                           auto [lo, hi] = bounds(member);
+                           machine.plant.*member =
+                               static_cast<int>(detail::readInteger(value, key, lo, hi));
+                       },
+                       [&](std::vector<FanConfig> PlantConfig::*member) {
+                           machine.plant.*member = readFans(value);
+                       },
+                   },
+                   field->member);
+    }
+    check(machine);
+    return machine;
+}
+
+// One member per line, each value compact: a diff of two machines shows which members differ.
+std::string machineText(const MachineDescription& machine) {
+    const PlantConfig& plant = machine.plant;
+    std::string text = "{\n  \"name\": " + Json(machine.name).dump();
+    for (const auto& field : kPlantFields) {
+        Json value = std::visit(
+            Overloaded{
+                [&](double PlantConfig::*member) { return Json(plant.*member); },
+                [&](int PlantConfig::*member) { return Json(plant.*member); },
+                [&](std::vector<FanConfig> PlantConfig::*member) {
+                    Json fans = Json::array();
+                    for (const FanConfig& fan : plant.*member)
+                        fans.push_back(
+                            {{"name", fan.name}, {"minRPM", fan.minRPM}, {"maxRPM", fan.maxRPM}});
+                    return fans;
+                },
+            },
+            field.member);
+        text += ",\n  " + quotedKey(field.key) + ": " + value.dump();
+    }
+    return text + "\n}\n";
+}
+
+}  // namespace
+
+std::span<const PlantField> plantFields() {
+    return kPlantFields;
+}
+
+std::optional<MachineDescription> readMachineFile(const std::filesystem::path& path,
+                                                  std::string* error) {
+    auto json = detail::readJsonFile(path, kMaxMachineFileBytes, error);
+    if (!json) return std::nullopt;
+    try {
+        return machineFromJson(*json);
+    } catch (const detail::Invalid& e) {
+        detail::setError(error, path, e.what());
+    }
+    return std::nullopt;
+}
+
+bool writeMachineFile(const std::filesystem::path& path, const MachineDescription& machine,
+                      std::string* error) {
+    try {
+        check(machine);
+    } catch (const detail::Invalid& e) {
+        detail::setError(error, path, e.what());
+        return false;
+    }
+    std::string text;
+    try {
+        text = machineText(machine);
+    } catch (const nlohmann::json::type_error&) {
+        detail::setError(error, path, "names must be valid UTF-8");
+        return false;
+    }
+    return detail::writeTextFile(path, text, error);
+}
+
+}  // namespace kelvo::sim

@@ -6,7 +6,10 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "LeadCalibration.h"
 #include "MachineProfile.h"
@@ -14,6 +17,8 @@
 #include "ReportWriter.h"
 #include "SvgChart.h"
 #include "TraceLibrary.h"
+#include "foundation/sim/MachineFile.h"
+#include "foundation/sim/TraceFile.h"
 
 using namespace kelvo::quality;
 
@@ -27,13 +32,27 @@ struct Options {
     int maxSeconds = -1;
     std::string onlyTrace;
     std::string onlyMachine;
+    std::vector<std::string> machineFiles;
+    std::vector<std::string> traceFiles;
+    std::string builtinsDir;
 };
 
 void usage() {
     std::fprintf(
         stderr,
         "usage: control_quality [--csv FILE] [--svg-dir DIR] [--series-dir DIR] [--seed N]\n"
-        "                       [--max-seconds N] [--trace NAME] [--machine NAME]\n");
+        "                       [--max-seconds N] [--trace NAME] [--machine NAME]\n"
+        "                       [--machine-file FILE]... [--trace-file FILE]...\n"
+        "       control_quality --write-builtins DIR [--seed N]\n"
+        "\n"
+        "  --machine NAME       run only the built-in machine NAME\n"
+        "  --machine-file FILE  run the machine described in FILE (repeatable); once any\n"
+        "                       is given, built-in machines run only when named by --machine\n"
+        "  --trace NAME         run only the built-in trace NAME (generated from --seed)\n"
+        "  --trace-file FILE    run the trace in FILE (repeatable, not affected by --seed);\n"
+        "                       once any is given, built-in traces run only when named by --trace\n"
+        "  --write-builtins DIR write every built-in machine to DIR/machines/NAME.json and every\n"
+        "                       built-in trace for --seed to DIR/traces/NAME.json, then exit\n");
 }
 
 bool parse(int argc, char** argv, Options& options) {
@@ -55,7 +74,109 @@ bool parse(int argc, char** argv, Options& options) {
             options.onlyTrace = value;
         } else if (arg == "--machine") {
             options.onlyMachine = value;
+        } else if (arg == "--machine-file") {
+            options.machineFiles.push_back(value);
+        } else if (arg == "--trace-file") {
+            options.traceFiles.push_back(value);
+        } else if (arg == "--write-builtins") {
+            options.builtinsDir = value;
         } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The built-in machines and traces as files, to start a new machine or trace from.
+bool writeBuiltins(const Options& options) {
+    const std::filesystem::path dir = options.builtinsDir;
+    std::error_code ec;
+    for (const char* sub : {"machines", "traces"}) {
+        if (!std::filesystem::create_directories(dir / sub, ec) && ec) {
+            std::fprintf(stderr, "%s: %s\n", (dir / sub).c_str(), ec.message().c_str());
+            return false;
+        }
+    }
+    std::string error;
+    for (const auto& machine : standardMachines()) {
+        auto path = dir / "machines" / (machine.name + ".json");
+        if (!kelvo::sim::writeMachineFile(path, {machine.name, machine.plant}, &error)) {
+            std::fprintf(stderr, "%s\n", error.c_str());
+            return false;
+        }
+        std::printf("%s\n", path.c_str());
+    }
+    for (const auto& trace : TraceLibrary(options.seed).all()) {
+        auto path = dir / "traces" / (trace.name() + ".json");
+        if (!kelvo::sim::writeTraceFile(path, trace.description(), &error)) {
+            std::fprintf(stderr, "%s\n", error.c_str());
+            return false;
+        }
+        std::printf("%s\n", path.c_str());
+    }
+    return true;
+}
+
+// The built-ins that --machine or --trace leave in, plus what the files describe. Without
+// files every built-in runs unless a name picks one; with files only a named built-in joins them.
+std::optional<std::vector<MachineProfile>> chooseMachines(const Options& options) {
+    std::vector<MachineProfile> machines;
+    bool found = false;
+    for (const auto& machine : standardMachines()) {
+        bool named = machine.name == options.onlyMachine;
+        found = found || named;
+        if (options.machineFiles.empty() ? options.onlyMachine.empty() || named : named)
+            machines.push_back(machine);
+    }
+    if (!options.onlyMachine.empty() && !found) {
+        std::fprintf(stderr, "no built-in machine is named %s\n", options.onlyMachine.c_str());
+        return std::nullopt;
+    }
+    for (const auto& file : options.machineFiles) {
+        std::string error;
+        auto machine = kelvo::sim::readMachineFile(file, &error);
+        if (!machine) {
+            std::fprintf(stderr, "%s\n", error.c_str());
+            return std::nullopt;
+        }
+        machines.push_back({machine->name, machine->plant});
+    }
+    return machines;
+}
+
+std::optional<std::vector<LoadTrace>> chooseTraces(const Options& options) {
+    std::vector<LoadTrace> traces;
+    bool found = false;
+    for (auto& trace : TraceLibrary(options.seed).all()) {
+        bool named = trace.name() == options.onlyTrace;
+        found = found || named;
+        if (options.traceFiles.empty() ? options.onlyTrace.empty() || named : named)
+            traces.push_back(std::move(trace));
+    }
+    if (!options.onlyTrace.empty() && !found) {
+        std::fprintf(stderr, "no built-in trace is named %s\n", options.onlyTrace.c_str());
+        return std::nullopt;
+    }
+    for (const auto& file : options.traceFiles) {
+        std::string error;
+        auto trace = kelvo::sim::readTraceFile(file, &error);
+        if (!trace) {
+            std::fprintf(stderr, "%s\n", error.c_str());
+            return std::nullopt;
+        }
+        traces.push_back(LoadTrace::fromDescription(*trace));
+    }
+    if (options.maxSeconds >= 0)
+        for (auto& trace : traces) trace.truncate(options.maxSeconds);
+    return traces;
+}
+
+// Names key the chart and series files, so two of one name would overwrite each other's.
+bool namesAreUnique(const std::vector<std::string>& names, const char* what) {
+    std::set<std::string> seen;
+    for (const auto& name : names) {
+        if (!seen.insert(name).second) {
+            std::fprintf(stderr, "two %s are named %s\n", what, name.c_str());
             return false;
         }
     }
@@ -117,22 +238,27 @@ int main(int argc, char** argv) {
         usage();
         return 2;
     }
+    if (!options.builtinsDir.empty()) return writeBuiltins(options) ? 0 : 1;
+
+    auto machines = chooseMachines(options);
+    auto traces = chooseTraces(options);
+    if (!machines || !traces) return 2;
+    std::vector<std::string> machineNames;
+    std::vector<std::string> traceNames;
+    for (const auto& machine : *machines) machineNames.push_back(machine.name);
+    for (const auto& trace : *traces) traceNames.push_back(trace.name());
+    if (!namesAreUnique(machineNames, "machines") || !namesAreUnique(traceNames, "traces"))
+        return 2;
+
     for (const auto& dir : {options.svgDir, options.seriesDir})
         if (!dir.empty()) std::filesystem::create_directories(dir);
 
-    std::vector<LoadTrace> traces;
-    for (auto& trace : TraceLibrary(options.seed).all()) {
-        if (!options.onlyTrace.empty() && trace.name() != options.onlyTrace) continue;
-        if (options.maxSeconds >= 0) trace.truncate(options.maxSeconds);
-        traces.push_back(std::move(trace));
-    }
     auto controllers = standardControllers();
     printSetup(controllers);
 
     std::vector<QualityRow> rows;
-    for (const auto& machine : standardMachines()) {
-        if (!options.onlyMachine.empty() && machine.name != options.onlyMachine) continue;
-        auto machineRows = runMachine(machine, traces, controllers, options);
+    for (const auto& machine : *machines) {
+        auto machineRows = runMachine(machine, *traces, controllers, options);
         rows.insert(rows.end(), machineRows.begin(), machineRows.end());
     }
     if (rows.empty()) {

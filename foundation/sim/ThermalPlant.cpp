@@ -11,6 +11,7 @@ constexpr double kScaleEpsilon = 1e-9;
 constexpr double kIdlePState = 8;
 constexpr double kDroopPStateSpan = 4;
 constexpr double kGpuBusyLoad = 0.25;
+constexpr double kStoppedBelowRPM = 100;
 
 double clamp01(double value) {
     if (!std::isfinite(value)) return 0;
@@ -31,6 +32,7 @@ ThermalPressureLevel raised(ThermalPressureLevel level) {
 ThermalPlant::ThermalPlant(PlantConfig config, std::uint64_t seed)
     : config_(std::move(config)), rng_(seed) {
     command_.assign(config_.fans.size(), 0.0);
+    stalled_.assign(config_.fans.size(), false);
     fanRPM_.reserve(config_.fans.size());
     for (const auto& fan : config_.fans) fanRPM_.push_back(fan.minRPM);
 
@@ -102,7 +104,13 @@ double ThermalPlant::firmwareRPM(std::size_t fan) const {
     return f.minRPM + fraction * (f.maxRPM - f.minRPM);
 }
 
+void ThermalPlant::setFanStalled(std::size_t fan, bool stalled) {
+    if (fan < stalled_.size()) stalled_[fan] = stalled;
+    refreshOutputs();
+}
+
 double ThermalPlant::driveRPM(std::size_t fan) const {
+    if (stalled_[fan]) return 0;
     if (firmware_ || command_[fan] <= 0) return firmwareRPM(fan);
     return command_[fan];
 }
@@ -127,6 +135,8 @@ void ThermalPlant::substep(double h) {
     for (std::size_t i = 0; i < fanRPM_.size(); ++i) {
         const double change = (driveRPM(i) - fanRPM_[i]) * follow;
         fanRPM_[i] += std::clamp(change, -maxChange, maxChange);
+        // A stopping rotor's tachometer gives no pulses well before it is still.
+        if (stalled_[i] && fanRPM_[i] < kStoppedBelowRPM) fanRPM_[i] = 0;
     }
 
     const double cpuPower =

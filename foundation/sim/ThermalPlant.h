@@ -132,6 +132,8 @@ public:
     void setFirmwareControl(bool released);
     // Whether any fan runs on a command rather than the firmware curve.
     bool holdsControl() const;
+    // A stalled fan (a jammed rotor, a dead motor) spins down to 0 whatever it is told.
+    void setFanStalled(std::size_t fan, bool stalled);
 
     void step(double dt);
 
@@ -163,6 +165,7 @@ private:
     double elapsed_ = 0;
     bool firmware_ = true;
     std::vector<double> command_;
+    std::vector<bool> stalled_;
     std::vector<double> fanRPM_;
     PlantState state_;
 };

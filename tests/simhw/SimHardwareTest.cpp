@@ -1,0 +1,202 @@
+// The simulated machine's sysfs behaviour, called directly: what each attribute reads, what a
+// write does, and each fault.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "simhw/SimHardware.h"
+
+namespace {
+
+using namespace kelvo;
+using namespace kelvo::simhw;
+
+sim::PlantConfig twoFans() {
+    sim::PlantConfig config;
+    config.logicalCpus = 2;
+    config.fans = {{"CPU fan", 800, 4000}, {"Case fan", 600, 2000}};
+    return config;
+}
+
+std::string read(const SimHardware& hw, const std::string& path) {
+    const auto resolved = hw.tree().resolve(path);
+    if (!resolved) return "<missing>";
+    const Node* node = hw.tree().find(*resolved);
+    if (!node || node->kind != NodeKind::file) return "<not a file>";
+    return node->read();
+}
+
+int write(SimHardware& hw, const std::string& path, std::string_view text) {
+    const auto resolved = hw.tree().resolve(path);
+    if (!resolved) return -ENOENT;
+    const Node* node = hw.tree().find(*resolved);
+    if (!node || !node->write) return -EACCES;
+    return node->write(text);
+}
+
+constexpr const char* kPwm1 = "sys/class/hwmon/hwmon2/pwm1";
+constexpr const char* kEnable1 = "sys/class/hwmon/hwmon2/pwm1_enable";
+
+void run(SimHardware& hw, int seconds, double cpu = 0.03) {
+    for (int step = 0; step < seconds * 10; ++step) hw.step(0.1, cpu, 0.02);
+}
+
+TEST(SimHardware, LaysOutTheChipsAndCountersKelvoReads) {
+    SimHardware hw("box", twoFans());
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon0/name"), "coretemp\n");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon1/name"), "amdgpu\n");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon2/name"), "nct6798\n");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon2/fan1_max"), "4000\n");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon2/fan2_min"), "600\n");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon2/fan2_label"), "Case fan\n");
+    EXPECT_EQ(read(hw, "sys/devices/system/cpu/cpu1/cpufreq/cpuinfo_max_freq"), "4200000\n");
+    EXPECT_EQ(read(hw, "sys/devices/system/cpu/cpu2/cpufreq/cpuinfo_max_freq"), "<missing>");
+    EXPECT_EQ(read(hw, "sys/class/powercap/intel-rapl:0/name"), "package-0\n");
+    EXPECT_EQ(read(hw, "sys/class/thermal/thermal_zone0/type"), "x86_pkg_temp\n");
+    EXPECT_EQ(read(hw, "sys/class/drm/card0/device/gpu_busy_percent").empty(), false);
+    // The hwmon directory's device link leads back to the chip's device.
+    EXPECT_EQ(hw.tree().resolve("sys/class/hwmon/hwmon2/device"),
+              "sys/devices/platform/nct6775.656");
+    const std::string temp = read(hw, "sys/class/hwmon/hwmon0/temp1_input");
+    EXPECT_GT(std::stoi(temp), 24000);
+}
+
+TEST(SimHardware, ProcStatCountersAdvanceWithTheLoad) {
+    SimHardware hw("box", twoFans());
+    auto busyOf = [](const std::string& stat) {
+        unsigned long long user = 0, nice = 0, system = 0, idle = 0;
+        std::sscanf(stat.c_str(), "cpu %llu %llu %llu %llu", &user, &nice, &system, &idle);
+        return std::pair{user + nice + system, idle};
+    };
+    const auto before = busyOf(read(hw, "proc/stat"));
+    run(hw, 10, 0.9);
+    const auto after = busyOf(read(hw, "proc/stat"));
+    const double busy = static_cast<double>(after.first - before.first);
+    const double idle = static_cast<double>(after.second - before.second);
+    // Two CPUs at 100 ticks a second for ten seconds, about 90 % of them busy.
+    EXPECT_NEAR(busy + idle, 2000, 5);
+    EXPECT_NEAR(busy / (busy + idle), 0.9, 0.03);
+    EXPECT_NE(read(hw, "proc/stat").find("\ncpu1 "), std::string::npos);
+}
+
+TEST(SimHardware, EnergyCounterIntegratesThePackagePower) {
+    SimHardware hw("box", twoFans());
+    const auto before = std::stoull(read(hw, "sys/class/powercap/intel-rapl:0/energy_uj"));
+    run(hw, 5, 1.0);
+    const auto after = std::stoull(read(hw, "sys/class/powercap/intel-rapl:0/energy_uj"));
+    const double watts = static_cast<double>(after - before) / 5e6;
+    EXPECT_GT(watts, 30);
+    EXPECT_LE(watts, 65.5);
+}
+
+TEST(SimHardware, ManualDutyDrivesTheFanAndFirmwareModeFollowsTheCurve) {
+    SimHardware hw("box", twoFans());
+    EXPECT_EQ(read(hw, kEnable1), "2\n");
+    ASSERT_EQ(write(hw, kEnable1, "1\n"), 0);
+    ASSERT_EQ(write(hw, kPwm1, "255"), 0);
+    run(hw, 8);
+    EXPECT_EQ(read(hw, kPwm1), "255\n");
+    EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input")), 4000, 40);
+    ASSERT_EQ(write(hw, kPwm1, "0\n"), 0);
+    run(hw, 8);
+    EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input")), 800, 40);
+    // Back to the firmware: an idle machine's curve sits at the minimum.
+    ASSERT_EQ(write(hw, kEnable1, "2"), 0);
+    run(hw, 8);
+    EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input")), 800, 40);
+    // Full speed.
+    ASSERT_EQ(write(hw, kEnable1, "0"), 0);
+    run(hw, 8);
+    EXPECT_EQ(read(hw, kPwm1), "255\n");
+    EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input")), 4000, 40);
+}
+
+TEST(SimHardware, AnInvalidValueIsRefusedAndChangesNothing) {
+    SimHardware hw("box", twoFans());
+    ASSERT_EQ(write(hw, kEnable1, "1"), 0);
+    ASSERT_EQ(write(hw, kPwm1, "100"), 0);
+    for (const char* bad : {"256", "-1", "abc", "", "12 34", "0x10", "99999999999999999999999"})
+        EXPECT_EQ(write(hw, kPwm1, bad), -EINVAL) << bad;
+    for (const char* bad : {"3", "7", "-1", "one"}) EXPECT_EQ(write(hw, kEnable1, bad), -EINVAL);
+    EXPECT_EQ(read(hw, kPwm1), "100\n");
+    EXPECT_EQ(read(hw, kEnable1), "1\n");
+}
+
+TEST(SimHardware, TakebackHandsTheFanToTheFirmware) {
+    SimHardware hw("box", twoFans());
+    ASSERT_EQ(write(hw, kEnable1, "1"), 0);
+    ASSERT_EQ(write(hw, kPwm1, "255"), 0);
+    EXPECT_EQ(hw.applyFault("takeback sys/class/hwmon/hwmon2/pwm1"), "");
+    EXPECT_EQ(read(hw, kEnable1), "2\n");
+    run(hw, 8);
+    EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input")), 800, 40);
+}
+
+TEST(SimHardware, EioFailsDutyWritesUntilCleared) {
+    SimHardware hw("box", twoFans());
+    EXPECT_EQ(hw.applyFault("eio sys/class/hwmon/hwmon2/pwm2"), "");
+    EXPECT_EQ(write(hw, "sys/class/hwmon/hwmon2/pwm2", "50"), -EIO);
+    EXPECT_EQ(write(hw, kPwm1, "50"), 0);
+    // Giving the fan back still works: the enable file is not affected.
+    EXPECT_EQ(write(hw, "sys/class/hwmon/hwmon2/pwm2_enable", "2"), 0);
+    EXPECT_EQ(hw.applyFault("clear"), "");
+    EXPECT_EQ(write(hw, "sys/class/hwmon/hwmon2/pwm2", "50"), 0);
+}
+
+TEST(SimHardware, AStalledFanStopsWhateverItIsTold) {
+    SimHardware hw("box", twoFans());
+    ASSERT_EQ(write(hw, kEnable1, "1"), 0);
+    ASSERT_EQ(write(hw, kPwm1, "255"), 0);
+    EXPECT_EQ(hw.applyFault("stall sys/class/hwmon/hwmon2/pwm1"), "");
+    run(hw, 10);
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon2/fan1_input"), "0\n");
+    EXPECT_EQ(read(hw, kPwm1), "255\n");
+    EXPECT_EQ(hw.applyFault("clear"), "");
+    run(hw, 10);
+    EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input")), 4000, 60);
+}
+
+TEST(SimHardware, AVanishedSensorIsGoneUntilCleared) {
+    SimHardware hw("box", twoFans());
+    EXPECT_EQ(hw.applyFault("vanish sys/class/hwmon/hwmon0/temp1_input"), "");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon0/temp1_input"), "<missing>");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon0/name"), "coretemp\n");
+    EXPECT_EQ(hw.applyFault("clear"), "");
+    EXPECT_NE(read(hw, "sys/class/hwmon/hwmon0/temp1_input"), "<missing>");
+}
+
+TEST(SimHardware, ARebindBringsTheChipBackUnderANewNumberOnFirmwareControl) {
+    SimHardware hw("box", twoFans());
+    ASSERT_EQ(write(hw, kEnable1, "1"), 0);
+    EXPECT_EQ(hw.applyFault("rebind sys/class/hwmon/hwmon2"), "");
+    EXPECT_EQ(read(hw, kEnable1), "<missing>");
+    EXPECT_EQ(hw.fanChipPath(), "sys/class/hwmon/hwmon3");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon3/name"), "nct6798\n");
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon3/pwm1_enable"), "2\n");
+    // Same device behind the new number: what identifies the fan stays the same.
+    EXPECT_EQ(hw.tree().resolve("sys/class/hwmon/hwmon3/device"),
+              "sys/devices/platform/nct6775.656");
+}
+
+TEST(SimHardware, FaultsThatMakeNoSenseAreRefusedWithAReason) {
+    SimHardware hw("box", twoFans());
+    EXPECT_NE(hw.applyFault("explode sys/class/hwmon/hwmon2/pwm1"), "");
+    EXPECT_NE(hw.applyFault("takeback"), "");
+    EXPECT_NE(hw.applyFault("takeback sys/class/hwmon/hwmon2/pwm9"), "");
+    EXPECT_NE(hw.applyFault("eio sys/class/hwmon/hwmon0/temp1_input"), "");
+    EXPECT_NE(hw.applyFault("vanish sys/class/hwmon/hwmon7/temp1_input"), "");
+    EXPECT_NE(hw.applyFault("rebind sys/class/powercap"), "");
+    EXPECT_NE(hw.applyFault("clear now"), "");
+    EXPECT_EQ(read(hw, kEnable1), "2\n");
+}
+
+TEST(SimHardware, ParsesWritesTheWayTheKernelDoes) {
+    EXPECT_EQ(parseSysfsInteger("128\n"), 128);
+    EXPECT_EQ(parseSysfsInteger(" 7 "), 7);
+    EXPECT_EQ(parseSysfsInteger("-3"), -3);
+    EXPECT_FALSE(parseSysfsInteger("\n"));
+    EXPECT_FALSE(parseSysfsInteger("1.5"));
+    EXPECT_FALSE(parseSysfsInteger("1 2"));
+}
+
+}  // namespace

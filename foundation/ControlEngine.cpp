@@ -11,6 +11,9 @@ namespace kelvo {
 
 namespace {
 constexpr double kDefaultMinRPM = 1200;
+// A driven fan that reads 0 rpm for this many ticks in a row has stopped: longer than any fan
+// takes to spin up from rest.
+constexpr int kStallTicks = 5;
 constexpr double kDefaultMaxRPM = 5000;
 constexpr double kReleaseTimeoutSeconds = 2.0;
 }  // namespace
@@ -56,6 +59,9 @@ void ControlEngine::applyMode(ControlMode mode) {
         // Start from the speed the firmware was running so the switch is not audible.
         policy_.reset(currentFanDuty());
     }
+    // A new mode is the user's fresh start: fans left to the firmware are tried again.
+    leftToFirmware_.clear();
+    stalledTicks_.clear();
     record("Control mode changed to " + std::string(displayName(mode)));
 }
 
@@ -128,11 +134,40 @@ void ControlEngine::noticeLostFans() {
            true);
 }
 
+void ControlEngine::noticeReclaimedFans() {
+    for (const std::string& name : fans_->takeFansReclaimedFromUs()) {
+        if (!leftToFirmware_.insert(name).second) continue;
+        record("Fan control taken back from Kelvo (" + name +
+                   "): its mode was changed from outside; it stays under firmware control",
+               true);
+    }
+}
+
+void ControlEngine::noticeStalledFans() {
+    for (const auto& fan : lastFans_) {
+        const bool driven = fan.targetRPM > 0 && !leftToFirmware_.contains(fan.name);
+        if (!driven || !isReadableRPM(fan.currentRPM) || fan.currentRPM > 0) {
+            stalledTicks_.erase(fan.name);
+            continue;
+        }
+        if (++stalledTicks_[fan.name] < kStallTicks) continue;
+        stalledTicks_.erase(fan.name);
+        leftToFirmware_.insert(fan.name);
+        char target[32];
+        std::snprintf(target, sizeof target, "%.0f", fan.targetRPM);
+        record("Fan stalled (" + fan.name + "): 0 rpm while driven at " + target +
+                   " rpm; handed back to the firmware",
+               true);
+    }
+}
+
 void ControlEngine::readFans(TelemetrySample& sample) {
     FanReadResult read = fans_->readFans();
     noticeLostFans();
+    noticeReclaimedFans();
     if (read.ok) {
         lastFans_ = std::move(read.fans);
+        noticeStalledFans();
         const std::string unreadable = unreadableSpeeds(lastFans_);
         if (!unreadable.empty() && !fanTelemetryDegraded_) {
             fanTelemetryDegraded_ = true;
@@ -164,6 +199,10 @@ void ControlEngine::readFans(TelemetrySample& sample) {
 std::vector<double> ControlEngine::targetsFor(double duty) const {
     std::vector<double> targets;
     for (const auto& fan : lastFans_) {
+        if (leftToFirmware_.contains(fan.name)) {
+            targets.push_back(0);
+            continue;
+        }
         double lo = fan.minRPM > 0 ? fan.minRPM : kDefaultMinRPM;
         double hi = fan.maxRPM > lo ? fan.maxRPM : std::max(lo, kDefaultMaxRPM);
         targets.push_back(lo + std::clamp(duty, 0.0, 1.0) * (hi - lo));

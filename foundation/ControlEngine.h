@@ -3,8 +3,10 @@
 #pragma once
 
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "foundation/ControlPolicy.h"
@@ -79,6 +81,8 @@ public:
 
 private:
     void readFans(TelemetrySample& sample);
+    void noticeReclaimedFans();
+    void noticeStalledFans();
     void noticeLostFans();
     std::vector<double> targetsFor(double duty) const;
     std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
@@ -119,6 +123,10 @@ private:
     bool runSampleFailureReported_ = false;
 
     std::vector<FanState> lastFans_;
+    // Fans Kelvo no longer drives until the user picks a mode again: a stalled rotor, or a mode
+    // someone else set. They get target 0 (the firmware's curve).
+    std::set<std::string> leftToFirmware_;
+    std::map<std::string, int> stalledTicks_;
     bool blind_ = false;
     // Fans were taken back from Kelvo behind its back: hand-over shown for a tick, then retaken.
     bool leaseLost_ = false;

@@ -52,6 +52,9 @@ public:
     // whose lease on them ran out, or that lost the connection they were held on). Back-ends
     // that write the fans themselves never lose one this way.
     virtual std::vector<std::string> takeFansLostBehindOurBack() { return {}; }
+    // The fans Kelvo held whose mode someone else changed since the last call (the firmware after
+    // a resume or a driver reload, another program). The back-end has stopped holding them.
+    virtual std::vector<std::string> takeFansReclaimedFromUs() { return {}; }
 };
 
 // Back-ends that drive real fans by duty cycle learn each fan's RPM-to-duty curve and keep it in

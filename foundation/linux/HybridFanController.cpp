@@ -35,6 +35,14 @@ std::vector<std::string> HybridFanController::takeFansLostBehindOurBack() {
     return helper_->takeFansLostBehindOurBack();
 }
 
+std::vector<std::string> HybridFanController::takeFansReclaimedFromUs() {
+    std::vector<std::string> fans = helper_->takeFansReclaimedFromUs();
+    if (local_) {
+        for (auto& fan : local_->takeFansReclaimedFromUs()) fans.push_back(std::move(fan));
+    }
+    return fans;
+}
+
 bool HybridFanController::holdsControl() const {
     return helper_->holdsControl() || (local_ && local_->holdsControl());
 }

@@ -29,6 +29,7 @@ public:
     FanResult releaseToAutomatic() override;
     bool holdsControl() const override;
     std::vector<std::string> takeFansLostBehindOurBack() override;
+    std::vector<std::string> takeFansReclaimedFromUs() override;
 
     std::optional<std::string> helperVersion() override;
     void attachCurveStore(FanCurveStore store) override;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <utility>
 
 namespace kelvo {
 
@@ -48,7 +49,15 @@ FanReadResult LocalFanController::readFans() {
         FanState state;
         state.name = fan.identity;
         state.currentRPM = fan.currentRPM.value_or(kUnreadableRPM);
-        const auto held = held_.find(fan.identity);
+        auto held = held_.find(fan.identity);
+        // Someone else switched a fan Kelvo holds out of manual mode: it is theirs now, and
+        // writing the duty again would fight them.
+        if (held != held_.end() && fan.pwmEnable && *fan.pwmEnable != 1) {
+            reclaimed_.push_back(fan.identity);
+            curves_.released(fan.identity);
+            held_.erase(held);
+            held = held_.end();
+        }
         state.targetRPM = held != held_.end() ? held->second.targetRPM : 0;
         state.minRPM = fan.minRPM;
         state.maxRPM = fan.maxRPM;
@@ -113,6 +122,11 @@ FanResult LocalFanController::releaseToAutomatic() {
     }
     if (!firstError.empty()) return FanResult::failure(firstError);
     return FanResult::success();
+}
+
+std::vector<std::string> LocalFanController::takeFansReclaimedFromUs() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(reclaimed_, {});
 }
 
 bool LocalFanController::holdsControl() const {

@@ -28,6 +28,7 @@ public:
     FanResult setTargets(const std::vector<double>& targetRPM) override;
     FanResult releaseToAutomatic() override;
     bool holdsControl() const override;
+    std::vector<std::string> takeFansReclaimedFromUs() override;
 
     // Duty cycle for a target speed until a learned per-fan curve exists: linear between the
     // fan's minimum and maximum speed (unknown maximum: 5000 RPM, unknown minimum: 0).
@@ -48,7 +49,8 @@ private:
 
     std::shared_ptr<HwmonFanService> service_;
     mutable std::mutex mutex_;
-    std::map<std::string, Held> held_;  // fans Kelvo switched to manual, by identity
+    std::map<std::string, Held> held_;    // fans Kelvo switched to manual, by identity
+    std::vector<std::string> reclaimed_;  // held fans whose mode someone else changed
     FanCurveLearner curves_;
 };
 

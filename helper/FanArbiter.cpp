@@ -125,6 +125,9 @@ ArbiterOutcome FanArbiter::take(ClientId client, const HwmonFan& fan, int pwm) {
     const bool firstTake = found == held_.end();
     bool fromEarlierRun = false;
     if (firstTake) {
+        // The journal is what the helper restores from; the service's own record of the mode
+        // starts again with this take.
+        service_->forget(fan);
         JournalEntry original{fan.identity, fan.pwmEnable, fan.pwm};
         // A fan an earlier run could not give back is still in that run's mode; the mode worth
         // restoring is the one the earlier run journaled.
@@ -147,7 +150,19 @@ ArbiterOutcome FanArbiter::take(ClientId client, const HwmonFan& fan, int pwm) {
         }
     }
     std::string error;
-    if (!service_->writePWM(fan, pwm, &error)) {
+    int errorNumber = 0;
+    if (!service_->writePWM(fan, pwm, &error, &errorNumber)) {
+        if (!firstTake && errorNumber == EBUSY) {
+            // Someone else (the firmware after a resume, a driver reload, another program)
+            // switched the held fan out of manual mode. It is theirs now: the hold ends without
+            // a restore, which would undo their change, and the client hears why.
+            const std::string identity = fan.identity;  // `fan` may be the hold's own copy
+            log_("client " + std::to_string(client) + " lost " + identity + ": " + error);
+            held_.erase(identity);
+            std::string journalError;
+            if (!saveJournal(&journalError)) log_(journalError);
+            return ArbiterOutcome::failure(codes::io, error);
+        }
         if (firstTake) {
             // writePWM has put back the mode it found; only a fan an earlier run left in
             // manual mode still needs its journaled original.

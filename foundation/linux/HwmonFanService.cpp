@@ -147,6 +147,14 @@ bool HwmonFanService::writePWM(const HwmonFan& fan, int value, std::string* erro
         originals_[fan.identity] = original;
     }
 
+    if (!firstTake && currentEnable && *currentEnable != 1) {
+        // Someone else switched a fan we hold out of manual mode: writing it back would fight
+        // them. The next write takes it afresh.
+        originals_.erase(fan.identity);
+        if (error) *error = fan.identity + " was switched out of manual mode from outside";
+        if (errorNumber) *errorNumber = EBUSY;
+        return false;
+    }
     const bool switched = !currentEnable || *currentEnable != 1;
     if (switched && !writeInteger(fan.pwmEnablePath(), 1, error, errorNumber)) {
         if (firstTake) originals_.erase(fan.identity);
@@ -176,6 +184,11 @@ bool HwmonFanService::restore(const HwmonFan& fan, std::string* error, int* erro
     if (!writeInteger(fan.pwmEnablePath(), enable, error, errorNumber)) return false;
     if (found != originals_.end()) originals_.erase(found);
     return true;
+}
+
+void HwmonFanService::forget(const HwmonFan& fan) {
+    std::lock_guard lock(mutex_);
+    originals_.erase(fan.identity);
 }
 
 std::optional<int> HwmonFanService::originalEnable(const HwmonFan& fan) const {

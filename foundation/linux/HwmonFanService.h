@@ -49,13 +49,17 @@ public:
     // 0-255). The enable value (and, for channels already manual, the duty cycle) found on the
     // first write is remembered for restore(). When the duty-cycle write fails, the enable
     // value is put back so the fan is not left in manual mode at an unknown speed.
-    // `errorNumber` receives the errno of the failing call.
+    // `errorNumber` receives the errno of the failing call, or EBUSY (nothing written) when a
+    // fan taken earlier has been switched out of manual mode by someone else since.
     bool writePWM(const HwmonFan& fan, int value, std::string* error, int* errorNumber = nullptr);
     // Writes back the remembered pwmN_enable value (2, firmware automatic, when unknown).
     bool restore(const HwmonFan& fan, std::string* error, int* errorNumber = nullptr);
 
     // The pwmN_enable value seen before Kelvo first took the fan, while it is held.
     std::optional<int> originalEnable(const HwmonFan& fan) const;
+    // Drops the mode recorded when the fan was taken: someone else has set its mode since, and
+    // the next write takes it afresh.
+    void forget(const HwmonFan& fan);
 
 private:
     struct Original {

@@ -55,6 +55,7 @@ FanReadResult LocalFanController::readFans() {
         if (held != held_.end() && fan.pwmEnable && *fan.pwmEnable != 1) {
             reclaimed_.push_back(fan.identity);
             curves_.released(fan.identity);
+            service_->forget(fan);
             held_.erase(held);
             held = held_.end();
         }

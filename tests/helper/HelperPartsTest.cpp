@@ -135,6 +135,25 @@ TEST_F(HelperFanArbiterTest, TakingJournalsTheOriginalModeBeforeWriting) {
     EXPECT_FALSE(std::filesystem::exists(journalPath()));
 }
 
+TEST_F(HelperFanArbiterTest, AHeldFanWhoseModeIsChangedFromOutsideIsNotFoughtFor) {
+    auto arbiter = makeArbiter();
+    ASSERT_TRUE(arbiter->take(7, fan(kFan1), 120).ok);
+    sys.write(chipFile("pwm1_enable"), "2\n");  // the firmware takes it back
+    const ArbiterOutcome outcome = arbiter->take(7, fan(kFan1), 200);
+    EXPECT_FALSE(outcome.ok);
+    EXPECT_NE(outcome.message.find("switched out of manual mode from outside"), std::string::npos)
+        << outcome.message;
+    EXPECT_EQ(file("pwm1_enable"), "2");
+    EXPECT_EQ(file("pwm1"), "120");
+    EXPECT_FALSE(arbiter->holder(kFan1).has_value());
+    EXPECT_FALSE(std::filesystem::exists(journalPath()));
+    // A later take is a fresh one, with the firmware's mode as the original.
+    ASSERT_TRUE(arbiter->take(7, fan(kFan1), 200).ok);
+    EXPECT_EQ(file("pwm1_enable"), "1");
+    ASSERT_TRUE(arbiter->release(7, kFan1).ok);
+    EXPECT_EQ(file("pwm1_enable"), "2");
+}
+
 TEST_F(HelperFanArbiterTest, NoJournalNoTake) {
     std::filesystem::create_directory(journalPath().string() + ".new");  // blocks the rewrite
     auto arbiter = makeArbiter();

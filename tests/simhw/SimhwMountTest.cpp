@@ -5,8 +5,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <thread>
+#include <vector>
 
 #include "tests/simhw/SimhwProcess.h"
 
@@ -126,6 +130,41 @@ TEST_F(SimhwMount, LogsOneRowASecond) {
     std::string first;
     std::getline(csv, first);
     EXPECT_EQ(first.rfind("1,", 0), 0u) << first;
+}
+
+TEST_F(SimhwMount, FollowingTheHostLoadHeatsWithWhatTheHostDoes) {
+    ASSERT_TRUE(sim().start({"--follow-host-load"})) << sim().log();
+    std::atomic<bool> busy = true;
+    std::vector<std::thread> burners;
+    for (unsigned i = 0; i < std::max(1u, std::thread::hardware_concurrency()); ++i)
+        burners.emplace_back([&busy] {
+            while (busy.load(std::memory_order_relaxed)) {
+            }
+        });
+    const auto loads = [&] {
+        std::vector<double> values;
+        std::ifstream csv(sim().csvPath());
+        std::string line;
+        std::getline(csv, line);
+        while (std::getline(csv, line)) {
+            const auto first = line.find(',');
+            values.push_back(std::stod(line.substr(first + 1)));
+        }
+        return values;
+    };
+    const bool sawLoad = pollUntil(
+        [&] {
+            const auto values = loads();
+            return std::any_of(values.begin(), values.end(), [](double v) { return v > 0.5; });
+        },
+        30s);
+    busy = false;
+    for (auto& burner : burners) burner.join();
+    EXPECT_TRUE(sawLoad) << slurp(sim().csvPath());
+    for (double load : loads()) {
+        EXPECT_GE(load, 0.0);
+        EXPECT_LE(load, 1.0);
+    }
 }
 
 TEST_F(SimhwMount, SigtermUnmountsCleanly) {

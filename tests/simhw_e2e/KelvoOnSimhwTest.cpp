@@ -1,0 +1,197 @@
+// Kelvo, unmodified, on the simulated machine behind a real file system: it finds the hwmon
+// chips, learns each fan's curve, holds its limits through a load trace, and answers each
+// hardware fault with an event and the safe state.
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+#include <algorithm>
+#include <cstdio>
+
+#include "tests/simhw_e2e/SimhwRig.h"
+
+namespace {
+
+using namespace kelvo::test_support;
+
+// A laptop at its thermal edge (a 35 °C room, dust in the fins): without control the
+// firmware's curve lets it run hot, so the quiet limit is what decides the fan speed.
+std::string hotLaptop() {
+    return slurp(std::string(KELVO_SOURCE_DIR) + "/bench/machines/thin-laptop-hot.json");
+}
+
+// A build: idle, four minutes of parallel compiling with short single-threaded steps, idle.
+const char* kCompileTrace = R"({"name": "short-compile", "segments": [
+  {"seconds": 20, "cpu": 0.03, "gpu": 0.02},
+  {"seconds": 40, "cpu": 0.97, "gpu": 0.04}, {"seconds": 5, "cpu": 0.25, "gpu": 0.03},
+  {"seconds": 35, "cpu": 0.93, "gpu": 0.04}, {"seconds": 4, "cpu": 0.2, "gpu": 0.03},
+  {"seconds": 45, "cpu": 0.99, "gpu": 0.04}, {"seconds": 6, "cpu": 0.3, "gpu": 0.03},
+  {"seconds": 50, "cpu": 0.95, "gpu": 0.04},
+  {"seconds": 30, "cpu": 0.03, "gpu": 0.02}]})";
+constexpr int kCompileSeconds = 235;
+
+void waitForFansHeld(SimhwRig& rig) {
+    ASSERT_TRUE(rig.saw(QStringLiteral("status=controlling"))) << rig.transcript();
+    ASSERT_TRUE(pollUntil([&] { return rig.chipFile("pwm1_enable") == "1"; }, kSlowDeadline))
+        << rig.transcript();
+}
+
+TEST(KelvoOnSimhw, LocalFansTheSweepLearnsEveryFan) {
+    SKIP_WITHOUT_FUSE();
+    SimhwRig rig;
+    ASSERT_TRUE(rig.mount(kTestMachine)) << rig.sim().log();
+    rig.startKelvo(QStringLiteral("quiet"));
+    ASSERT_TRUE(pollUntil([&] { return rig.learnedCurves() == 2; }, kSlowDeadline))
+        << rig.transcript();
+    // The sweep ran each fan from full duty down: the log shows it at 255 and at its floor.
+    const auto duty = rig.logColumn("fan1_pwm");
+    EXPECT_NE(std::find(duty.begin(), duty.end(), 255.0), duty.end());
+    EXPECT_LE(*std::min_element(duty.begin(), duty.end()), 51);
+}
+
+TEST(KelvoOnSimhw, ThroughTheHelperFansAreLearnedAndASigkillGivesThemBack) {
+    SKIP_WITHOUT_FUSE();
+    SimhwRig rig;
+    ASSERT_TRUE(rig.mount(kTestMachine)) << rig.sim().log();
+    ASSERT_TRUE(rig.startHelper()) << rig.helper()->log();
+    rig.startKelvo(QStringLiteral("quiet"));
+    ASSERT_TRUE(pollUntil([&] { return rig.learnedCurves() == 2; }, kSlowDeadline))
+        << rig.transcript() << rig.helper()->log();
+    ASSERT_FALSE(rig.everyFanOnFirmware());
+
+    QElapsedTimer timer;
+    timer.start();
+    ::kill(static_cast<pid_t>(rig.kelvo().process.processId()), SIGKILL);
+    ASSERT_TRUE(pollUntil([&] { return rig.everyFanOnFirmware(); }, 30s)) << rig.helper()->log();
+    std::printf("kelvo SIGKILL -> every simulated fan on its firmware curve: %lld ms\n",
+                static_cast<long long>(timer.elapsed()));
+    // And they stay there: nothing drives them any more.
+    EXPECT_FALSE(pollUntil([&] { return !rig.everyFanOnFirmware(); }, 3s));
+}
+
+TEST(KelvoOnSimhw, QuietHoldsACompileTraceUnderItsLimits) {
+    SKIP_WITHOUT_FUSE();
+    SimhwRig rig;
+    ASSERT_TRUE(rig.mount(hotLaptop(), kCompileTrace)) << rig.sim().log();
+    rig.startKelvo(QStringLiteral("quiet"));
+    ASSERT_TRUE(pollUntil([&] { return rig.logColumn("cpu_c").size() >= kCompileSeconds; },
+                          std::chrono::seconds(kCompileSeconds) + kSlowDeadline))
+        << rig.transcript();
+    const auto cpu = rig.logColumn("cpu_c");
+    const auto gpu = rig.logColumn("gpu_c");
+    const auto enable = rig.logColumn("fan1_enable");
+    const double peakCpu = *std::max_element(cpu.begin(), cpu.end());
+    const double peakGpu = *std::max_element(gpu.begin(), gpu.end());
+    std::printf("quiet on thin-laptop-hot through a %d s build: peak CPU %.1f C, GPU %.1f C\n",
+                kCompileSeconds, peakCpu, peakGpu);
+    EXPECT_LE(peakCpu, 88.0) << rig.transcript();
+    EXPECT_LE(peakGpu, 85.0);
+    // The limit decided the speed: the build took the die close to it, under Kelvo's control.
+    EXPECT_GT(peakCpu, 80.0);
+    EXPECT_GT(std::count(enable.begin(), enable.end(), 1.0), kCompileSeconds / 2);
+}
+
+// Each fault, on a Kelvo that holds both fans (performance mode).
+class SimhwFault : public ::testing::Test {
+protected:
+    void SetUp() override {
+        SKIP_WITHOUT_FUSE();
+        ASSERT_TRUE(rig.mount(kTestMachine)) << rig.sim().log();
+        rig.startKelvo(QStringLiteral("performance"));
+        ASSERT_NO_FATAL_FAILURE(waitForFansHeld(rig));
+    }
+    SimhwRig rig;
+};
+
+TEST_F(SimhwFault, TakebackIsReportedAndTheFanStaysWithTheFirmware) {
+    ASSERT_EQ(rig.sim().fault("takeback sys/class/hwmon/hwmon2/pwm1"), 0);
+    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Fan control taken back from Kelvo (") +
+                        QLatin1String(kSimFan1)))
+        << rig.transcript();
+    EXPECT_FALSE(pollUntil([&] { return rig.chipFile("pwm1_enable") != "2"; }, 5s))
+        << "Kelvo does not fight the firmware for the fan";
+    EXPECT_EQ(rig.chipFile("pwm2_enable"), "1") << "the other fan is still Kelvo's";
+}
+
+TEST_F(SimhwFault, EioOnADutyWriteFallsBackAndRecoversOnceWritesWork) {
+    ASSERT_EQ(rig.sim().fault("eio sys/class/hwmon/hwmon2/pwm1"), 0);
+    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Entered monitor+alert fallback (")))
+        << rig.transcript();
+    ASSERT_TRUE(pollUntil([&] { return rig.everyFanOnFirmware(); }, 30s)) << rig.transcript();
+    ASSERT_EQ(rig.sim().fault("clear"), 0);
+    // The next retry finds the path working again (the event says so in the dashboard; the
+    // headless log shows the status).
+    EXPECT_TRUE(rig.saw(QStringLiteral("status=controlling"), 120000)) << rig.transcript();
+    EXPECT_TRUE(pollUntil([&] { return rig.chipFile("pwm1_enable") == "1"; }, 30s));
+}
+
+TEST_F(SimhwFault, AStalledFanIsReportedAndHandedToTheFirmware) {
+    ASSERT_EQ(rig.sim().fault("stall sys/class/hwmon/hwmon2/pwm2"), 0);
+    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Fan stalled (") + QLatin1String(kSimFan2)))
+        << rig.transcript();
+    EXPECT_TRUE(pollUntil([&] { return rig.chipFile("pwm2_enable") == "2"; }, 30s));
+    EXPECT_EQ(rig.chipFile("pwm1_enable"), "1") << "the turning fan is still Kelvo's";
+}
+
+TEST_F(SimhwFault, VanishedTemperaturesSendEveryFanToTheFirmwareUntilTheyReturn) {
+    // Both places the CPU's temperature can be read from.
+    ASSERT_EQ(rig.sim().fault("vanish sys/class/hwmon/hwmon0/temp1_input"), 0);
+    ASSERT_EQ(rig.sim().fault("vanish sys/class/thermal/thermal_zone0/temp"), 0);
+    ASSERT_TRUE(rig.saw(QStringLiteral(
+        "kelvo: failure: Entered monitor+alert fallback (no CPU temperature can be read)")))
+        << rig.transcript();
+    EXPECT_TRUE(pollUntil([&] { return rig.everyFanOnFirmware(); }, 30s));
+    ASSERT_EQ(rig.sim().fault("clear"), 0);
+    EXPECT_TRUE(rig.saw(QStringLiteral("status=controlling"))) << rig.transcript();
+    EXPECT_TRUE(pollUntil([&] { return rig.chipFile("pwm1_enable") == "1"; }, 30s));
+}
+
+TEST_F(SimhwFault, ARebindLeavesTheFansWithTheFirmwareAndSaysSo) {
+    ASSERT_EQ(rig.sim().fault("rebind sys/class/hwmon/hwmon2"), 0);
+    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Fan control taken back from Kelvo (") +
+                        QLatin1String(kSimFan1)))
+        << rig.transcript();
+    EXPECT_FALSE(pollUntil([&] { return !rig.everyFanOnFirmware("hwmon3"); }, 5s))
+        << rig.transcript();
+    // Not an error storm: one event per fan.
+    rig.saw(QStringLiteral("a line that never comes"), 3000);
+    const std::string transcript = rig.kelvo().transcript();
+    std::size_t events = 0;
+    for (std::size_t at = transcript.find("taken back from Kelvo"); at != std::string::npos;
+         at = transcript.find("taken back from Kelvo", at + 1))
+        ++events;
+    EXPECT_EQ(events, 2u) << transcript;
+}
+
+// The same faults with the fans held through kelvo-helperd.
+class SimhwFaultThroughTheHelper : public ::testing::Test {
+protected:
+    void SetUp() override {
+        SKIP_WITHOUT_FUSE();
+        ASSERT_TRUE(rig.mount(kTestMachine)) << rig.sim().log();
+        ASSERT_TRUE(rig.startHelper()) << rig.helper()->log();
+        rig.startKelvo(QStringLiteral("performance"));
+        ASSERT_NO_FATAL_FAILURE(waitForFansHeld(rig));
+    }
+    SimhwRig rig;
+};
+
+TEST_F(SimhwFaultThroughTheHelper, TakebackEndsTheHoldWithAnEventAndNoFight) {
+    ASSERT_EQ(rig.sim().fault("takeback sys/class/hwmon/hwmon2/pwm1"), 0);
+    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Entered monitor+alert fallback (") +
+                        QLatin1String(kSimFan1) +
+                        QStringLiteral(" was switched out of manual mode from outside)")))
+        << rig.transcript() << rig.helper()->log();
+    EXPECT_TRUE(pollUntil([&] { return rig.everyFanOnFirmware(); }, 30s))
+        << rig.transcript() << rig.helper()->log();
+    EXPECT_NE(rig.helper()->log().find("was switched out of manual mode from outside"), std::string::npos);
+}
+
+TEST_F(SimhwFaultThroughTheHelper, EioFallsBackAndTheHelperGivesEveryFanBack) {
+    ASSERT_EQ(rig.sim().fault("eio sys/class/hwmon/hwmon2/pwm2"), 0);
+    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Entered monitor+alert fallback (")))
+        << rig.transcript() << rig.helper()->log();
+    EXPECT_TRUE(pollUntil([&] { return rig.everyFanOnFirmware(); }, 30s))
+        << rig.transcript() << rig.helper()->log();
+}
+
+}  // namespace

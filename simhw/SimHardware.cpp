@@ -31,6 +31,9 @@ std::string trimmed(std::string_view text) {
 }  // namespace
 
 std::optional<long long> parseSysfsInteger(std::string_view text) {
+    // The kernel hands a store a NUL-terminated copy of the write: whatever follows a NUL (a
+    // program writing a fixed-size buffer) is never seen.
+    if (const auto nul = text.find('\0'); nul != std::string_view::npos) text = text.substr(0, nul);
     const std::string value = trimmed(text);
     if (value.empty() || value.size() > 20) return std::nullopt;
     std::size_t i = (value[0] == '-' || value[0] == '+') ? 1 : 0;

@@ -197,6 +197,13 @@ TEST(SimHardware, ParsesWritesTheWayTheKernelDoes) {
     EXPECT_FALSE(parseSysfsInteger("\n"));
     EXPECT_FALSE(parseSysfsInteger("1.5"));
     EXPECT_FALSE(parseSysfsInteger("1 2"));
+    // A fixed-size buffer after the digits, as some programs write it: the kernel stops at the
+    // first NUL.
+    EXPECT_EQ(parseSysfsInteger(std::string_view("2\0\0\0garbage", 11)), 2);
+    EXPECT_FALSE(
+        parseSysfsInteger(std::string_view("\0"
+                                           "2",
+                                           2)));
 }
 
 }  // namespace

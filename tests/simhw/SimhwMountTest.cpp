@@ -93,6 +93,14 @@ TEST_F(SimhwMount, OpeningWithTruncationIsIgnoredAsSysfsDoes) {
     EXPECT_EQ(readAttribute(enable), "2");
 }
 
+TEST_F(SimhwMount, AWriteOfAWholeBufferEndsAtItsFirstNul) {
+    ASSERT_TRUE(sim().start()) << sim().log();
+    const auto enable = sim().at(std::string(kChip) + "pwm1_enable");
+    ASSERT_EQ(writeAttribute(enable, "1"), 0);
+    EXPECT_EQ(writeAttribute(enable, std::string("2") + std::string(63, '\0')), 0);
+    EXPECT_EQ(readAttribute(enable), "2");
+}
+
 TEST_F(SimhwMount, FaultsWrittenToTheFaultFileActAtOnce) {
     ASSERT_TRUE(sim().start()) << sim().log();
     const auto enable = sim().at(std::string(kChip) + "pwm1_enable");

@@ -1,4 +1,5 @@
 #include "foundation/sim/MachineFile.h"
+#include "tests/foundation/ScratchFiles.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -16,23 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class MachineFileTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "kelvo-machine-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    fs::path file(const std::string& name, const std::string& text) const {
-        fs::path path = dir_ / name;
-        std::ofstream(path, std::ios::binary) << text;
-        return path;
-    }
-
-    fs::path dir_;
-};
+class MachineFileTest : public test_support::ScratchFilesTest {};
 
 double valueOf(const PlantConfig& plant, const PlantField& field) {
     return plant.*std::get<double PlantConfig::*>(field.member);

@@ -1,4 +1,5 @@
 #include "foundation/sim/TraceFile.h"
+#include "tests/foundation/ScratchFiles.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -14,23 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class TraceFileTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "kelvo-trace-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    fs::path file(const std::string& name, const std::string& text) const {
-        fs::path path = dir_ / name;
-        std::ofstream(path, std::ios::binary) << text;
-        return path;
-    }
-
-    fs::path dir_;
-};
+class TraceFileTest : public test_support::ScratchFilesTest {};
 
 TEST_F(TraceFileTest, WritesLoadsThatReadBackExactly) {
     TraceDescription trace{"odd",

@@ -16,8 +16,9 @@ build="${KELVO_BUILD_DIR:-$source_dir/build/release}"
 machines="thin-laptop thin-laptop-hot"
 traces="compile game mixed-day"
 seconds=300
-# Each run mostly sleeps: 36 at once (the default set in one go) used under 60% of a 2-core
-# machine and kept every simulated clock within a second of wall time (docs/hil/README.md).
+# Each run mostly sleeps: 36 at once (the default set in one go) kept a 2-core machine near 95%
+# busy for the 20 s they take to start, then at 24-64%, and every simulated clock within about a
+# second of wall time (docs/hil/README.md).
 jobs=36
 out="$source_dir/build/hil"
 controllers="firmware quiet quietHybrid performance fancontrol thinkfan"

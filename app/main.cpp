@@ -19,6 +19,7 @@
 
 #include "app/AppRuntime.h"
 #include "app/HeadlessLog.h"
+#include "app/MetricsExporter.h"
 #include "app/shell/AutostartEntry.h"
 #include "app/shell/KelvoApp.h"
 #include "app/shell/ReopenBridge.h"
@@ -176,6 +177,28 @@ int main(int argc, char** argv) {
         }
     }
 
+    // Prometheus metrics, only when asked for; a port that cannot be had costs the metrics only.
+    std::unique_ptr<kelvo::MetricsExporter> metrics;
+    if (arguments.contains(QStringLiteral("--metrics-listen"))) {
+        QString error;
+        const auto address = kelvo::parseMetricsListenAddress(
+            argumentValue(arguments, QStringLiteral("--metrics-listen")), &error);
+        if (address) metrics = kelvo::MetricsExporter::start(*address, &error);
+        if (metrics) {
+            printLine(
+                stderr,
+                QStringLiteral("kelvo: metrics at http://%1/metrics").arg(address->bindSpec()));
+            QObject::connect(&runtime, &kelvo::AppRuntime::snapshotHandled, &runtime,
+                             [&metrics, &runtime](const kelvo::ControlSnapshot& snapshot) {
+                                 if (metrics && runtime.live())
+                                     metrics->update(snapshot, runtime.live()->benefitSummary());
+                             });
+        } else {
+            printLine(stderr, QStringLiteral("kelvo: metrics: ") + error +
+                                  QStringLiteral("; running without metrics"));
+        }
+    }
+
     // One line per card update: the card's sample changes at most once a second.
     double lastPrinted = 0;
     auto logConnection = QObject::connect(
@@ -192,6 +215,7 @@ int main(int argc, char** argv) {
 
     finish = [&](int code) {
         QObject::disconnect(logConnection);
+        metrics.reset();
         desktop.reset();
         runtime.shutdown();
         printLine(stdout, QStringLiteral("kelvo: stopped; fans released to automatic control"));

@@ -45,6 +45,7 @@ struct ControlSnapshot {
     bool throttleWarning = false;
     bool cooldownActive = false;
     GPUClockWindowAnalysisConfig gpuConfig;
+    double tickDurationSeconds = 0;  // how long the tick took (set by the control loop)
 };
 
 class ControlEngine {

@@ -108,7 +108,10 @@ void ControlLoop::threadMain() {
             // After a stall (suspend, debugger) resume the cadence instead of catching up.
             if (nextTick < Clock::now()) nextTick = Clock::now() + tickPeriod;
             lock.unlock();
+            const auto tickStart = Clock::now();
             ControlSnapshot snapshot = engine_->tick(tickTimestamp());
+            snapshot.tickDurationSeconds =
+                std::chrono::duration<double>(Clock::now() - tickStart).count();
             lock.lock();
             auto handlers = handlers_;
             lock.unlock();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -142,6 +143,24 @@ TEST(PrometheusScrape, APrometheusServerSeesEveryFanAndTheModeOfTwoInstances) {
     EXPECT_EQ(modeByPort, (std::map<int, std::string>{{instances[0]->port, "systemAuto"},
                                                       {instances[1]->port, "quiet"}}))
         << describe(active);
+
+    // Every query of the shipped Grafana dashboard answers with data on this fleet.
+    QFile dashboardFile(QStringLiteral(KELVO_SOURCE_DIR "/packaging/grafana/kelvo.json"));
+    ASSERT_TRUE(dashboardFile.open(QIODevice::ReadOnly));
+    const QJsonObject dashboard = QJsonDocument::fromJson(dashboardFile.readAll()).object();
+    int checked = 0;
+    for (const auto& panel : dashboard[QStringLiteral("panels")].toArray()) {
+        for (const auto& target : panel.toObject()[QStringLiteral("targets")].toArray()) {
+            QString expr = target.toObject()[QStringLiteral("expr")].toString();
+            expr.replace(QStringLiteral("$instance"), QStringLiteral(".*"));
+            // Rates need a few scrapes in their window; the query itself must be sound now.
+            EXPECT_TRUE(waitFor([&] { return !query(serverPort, expr).isEmpty(); }, 60s))
+                << panel.toObject()[QStringLiteral("title")].toString().toStdString() << ": "
+                << expr.toStdString();
+            ++checked;
+        }
+    }
+    EXPECT_GE(checked, 9);
 
     prometheusProcess.terminate();
     prometheusProcess.waitForFinished(15000);

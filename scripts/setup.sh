@@ -15,6 +15,7 @@ PACKAGES=(
   dbus libgtest-dev libgmock-dev libbenchmark-dev procps
   clang libclang-rt-14-dev systemd util-linux
   libfuse3-dev fuse3 nlohmann-json3-dev fancontrol thinkfan lm-sensors
+  lintian dpkg-dev man-db
 )
 
 missing=()

@@ -459,6 +459,9 @@ void AppRuntime::handleAlerts(const std::optional<RuntimeEvent>& event) {
         notifications_->post(
             QStringLiteral("Kelvo fan telemetry degraded"),
             QStringLiteral("Continuing with last known fan readings while retrying the helper."));
+    if (message.startsWith(QLatin1String("Stopped taking back ")))
+        notifications_->post(QStringLiteral("Kelvo left a fan to the firmware"),
+                             QString::fromStdString(event->message));
     if (message.contains(QLatin1String("Repeated boundary pressure while in")))
         notifications_->post(QStringLiteral("Kelvo boundary warning"),
                              QStringLiteral("Repeated boundary pressure detected while ") +

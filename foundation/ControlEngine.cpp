@@ -14,6 +14,10 @@ constexpr double kDefaultMinRPM = 1200;
 // A driven fan that reads 0 rpm for this many ticks in a row has stopped: longer than any fan
 // takes to spin up from rest.
 constexpr int kStallTicks = 5;
+// A fan whose mode is changed from outside is taken again, up to this many times in the window;
+// one more and Kelvo stops fighting whoever keeps changing it.
+constexpr int kTakebacksTolerated = 3;
+constexpr double kTakebackWindowS = 300;
 constexpr double kDefaultMaxRPM = 5000;
 constexpr double kReleaseTimeoutSeconds = 2.0;
 }  // namespace
@@ -62,6 +66,7 @@ void ControlEngine::applyMode(ControlMode mode) {
     // A new mode is the user's fresh start: fans left to the firmware are tried again.
     leftToFirmware_.clear();
     stalledTicks_.clear();
+    takebacks_.clear();
     record("Control mode changed to " + std::string(displayName(mode)));
 }
 
@@ -134,11 +139,25 @@ void ControlEngine::noticeLostFans() {
            true);
 }
 
-void ControlEngine::noticeReclaimedFans() {
+void ControlEngine::noticeReclaimedFans(Timestamp now) {
     for (const std::string& name : fans_->takeFansReclaimedFromUs()) {
-        if (!leftToFirmware_.insert(name).second) continue;
-        record("Fan control taken back from Kelvo (" + name +
-                   "): its mode was changed from outside; it stays under firmware control",
+        if (leftToFirmware_.contains(name)) continue;
+        auto& times = takebacks_[name];
+        times.push_back(now);
+        while (!times.empty() && now - times.front() > kTakebackWindowS) times.pop_front();
+        if (static_cast<int>(times.size()) <= kTakebacksTolerated) {
+            // The firmware (after a resume, a driver reload) or another program set its mode:
+            // Kelvo takes it again in this same tick.
+            record("Fan control taken back from Kelvo (" + name +
+                       "): its mode was changed from outside; Kelvo takes it again",
+                   true);
+            continue;
+        }
+        times.clear();
+        leftToFirmware_.insert(name);
+        record("Stopped taking back " + name + ": its mode was changed from outside " +
+                   std::to_string(kTakebacksTolerated + 1) +
+                   " times in five minutes; it stays under firmware control",
                true);
     }
 }
@@ -164,7 +183,7 @@ void ControlEngine::noticeStalledFans() {
 void ControlEngine::readFans(TelemetrySample& sample) {
     FanReadResult read = fans_->readFans();
     noticeLostFans();
-    noticeReclaimedFans();
+    noticeReclaimedFans(sample.timestamp);
     if (read.ok) {
         lastFans_ = std::move(read.fans);
         noticeStalledFans();

@@ -82,7 +82,7 @@ public:
 
 private:
     void readFans(TelemetrySample& sample);
-    void noticeReclaimedFans();
+    void noticeReclaimedFans(Timestamp now);
     void noticeStalledFans();
     void noticeLostFans();
     std::vector<double> targetsFor(double duty) const;
@@ -128,6 +128,7 @@ private:
     // someone else set. They get target 0 (the firmware's curve).
     std::set<std::string> leftToFirmware_;
     std::map<std::string, int> stalledTicks_;
+    std::map<std::string, std::deque<Timestamp>> takebacks_;  // by fan, inside the window
     bool blind_ = false;
     // Fans were taken back from Kelvo behind its back: hand-over shown for a tick, then retaken.
     bool leaseLost_ = false;

@@ -161,7 +161,7 @@ ArbiterOutcome FanArbiter::take(ClientId client, const HwmonFan& fan, int pwm) {
             held_.erase(identity);
             std::string journalError;
             if (!saveJournal(&journalError)) log_(journalError);
-            return ArbiterOutcome::failure(codes::io, error);
+            return ArbiterOutcome::failure(codes::takenBack, error);
         }
         if (firstTake) {
             // writePWM has put back the mode it found; only a fan an earlier run left in

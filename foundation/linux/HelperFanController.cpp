@@ -48,6 +48,11 @@ std::vector<std::string> HelperFanController::takeFansLostBehindOurBack() {
     return std::exchange(lostBehindOurBack_, {});
 }
 
+std::vector<std::string> HelperFanController::takeFansReclaimedFromUs() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(reclaimed_, {});
+}
+
 std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
     const HelperCallResult call = client_.call(hp::Request::of(hp::Op::list));
     dropHeldIfReconnected();
@@ -131,6 +136,14 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
         const HelperCallResult call = client_.call(request);
         dropHeldIfReconnected();
         if (call.failure != HelperCallResult::Failure::none) return failureFrom(call);
+        if (!call.reply.ok && call.reply.code == hp::codes::takenBack) {
+            // Not a broken path: someone else set the fan's mode and the helper let it go. The
+            // engine decides whether to take it again.
+            held_.erase(fan.identity);
+            curves_.released(fan.identity);
+            reclaimed_.push_back(fan.identity);
+            continue;
+        }
         if (!call.reply.ok) {
             // The helper's per-fan errors name the fan already.
             if (firstError.empty()) firstError = call.reply.message;

@@ -47,6 +47,7 @@ public:
     FanResult releaseToAutomatic() override;
     bool holdsControl() const override;
     std::vector<std::string> takeFansLostBehindOurBack() override;
+    std::vector<std::string> takeFansReclaimedFromUs() override;
 
     std::optional<std::string> helperVersion() override;
 
@@ -77,6 +78,7 @@ private:
     HelperClient client_;
     std::map<std::string, double> held_;  // identity -> target RPM
     std::vector<std::string> lostBehindOurBack_;
+    std::vector<std::string> reclaimed_;  // held fans the helper let go: their mode was changed
     FanCurveLearner curves_;
     std::uint64_t heldConnection_ = 0;  // HelperClient::connectionNumber() when taken
 };

@@ -141,6 +141,8 @@ inline constexpr const char* notControllable = "not_controllable";
 inline constexpr const char* heldByAnother = "held_by_another_client";
 inline constexpr const char* io = "io_error";
 inline constexpr const char* busy = "busy";
+// A held fan's mode was changed from outside: the hold ended without a restore.
+inline constexpr const char* takenBack = "taken_back";
 }  // namespace codes
 
 struct Reply {

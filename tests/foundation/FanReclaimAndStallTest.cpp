@@ -1,6 +1,6 @@
 // The control loop on the hwmon path when a fan it drives is taken from it (its mode changed
-// from outside) or stops turning: each is an event, and that fan goes to the firmware's curve
-// while Kelvo keeps driving the others.
+// from outside: taken again, until it happens too often) or stops turning (left to the
+// firmware): each is an event, and Kelvo keeps driving the other fans.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -61,24 +61,59 @@ struct TwoFanBoard {
     ControlSnapshot tick() { return engine->tick(++now); }
 };
 
-TEST(FanReclaim, AFanWhoseModeIsChangedFromOutsideIsLeftToTheFirmwareWithOneEvent) {
+TEST(FanReclaim, AFanWhoseModeIsChangedFromOutsideIsTakenAgainInTheSameTickWithAnEvent) {
     TwoFanBoard b;
     ASSERT_EQ(b.tick().status, ControlStatus::controlling);
     ASSERT_EQ(b.read("pwm1_enable"), "1");
-    ASSERT_EQ(b.read("pwm2_enable"), "1");
 
     b.write("pwm1_enable", "2");  // the firmware takes it back, as after a resume
-    const std::string duty = b.read("pwm1");
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(b.tick().status, ControlStatus::controlling);
-    EXPECT_EQ(b.read("pwm1_enable"), "2") << "Kelvo does not fight for the fan";
-    EXPECT_EQ(b.read("pwm1"), duty) << "nor writes its duty";
-    EXPECT_EQ(b.read("pwm2_enable"), "1") << "the other fan stays under Kelvo's control";
-    EXPECT_EQ(b.eventsWith(std::string("Fan control taken back from Kelvo (") + kFan1), 1);
+    EXPECT_EQ(b.tick().status, ControlStatus::controlling);
+    EXPECT_EQ(b.read("pwm1_enable"), "1") << "taken again in the tick that noticed";
+    EXPECT_EQ(b.read("pwm2_enable"), "1");
+    EXPECT_EQ(b.eventsWith(std::string("Fan control taken back from Kelvo (") + kFan1 +
+                           "): its mode was changed from outside; Kelvo takes it again"),
+              1);
+    // Giving the fan back later restores the mode the firmware had set, not a stale record.
+    b.engine->applyMode(ControlMode::systemAuto);
+    b.tick();
+    EXPECT_EQ(b.read("pwm1_enable"), "2");
+}
 
+TEST(FanReclaim, TheFourthTakebackInFiveMinutesLeavesTheFanToTheFirmware) {
+    TwoFanBoard b;
+    ASSERT_EQ(b.tick().status, ControlStatus::controlling);
+    for (int takeback = 1; takeback <= 3; ++takeback) {
+        b.write("pwm1_enable", "2");
+        b.tick();
+        ASSERT_EQ(b.read("pwm1_enable"), "1") << "takeback " << takeback;
+        for (int i = 0; i < 30; ++i) b.tick();  // a minute and a half between takebacks
+    }
+    EXPECT_EQ(b.eventsWith("Fan control taken back from Kelvo"), 3);
+    b.write("pwm1_enable", "2");
+    const std::string duty = b.read("pwm1");
+    for (int i = 0; i < 10; ++i) b.tick();
+    EXPECT_EQ(b.read("pwm1_enable"), "2") << "the fourth within five minutes: Kelvo stops";
+    EXPECT_EQ(b.read("pwm1"), duty) << "and never writes the fan again";
+    EXPECT_EQ(b.read("pwm2_enable"), "1") << "the other fan stays under Kelvo's control";
+    EXPECT_EQ(b.eventsWith(std::string("Stopped taking back ") + kFan1 +
+                           ": its mode was changed from outside 4 times in five minutes"),
+              1);
     // Choosing a mode again is the user's way to try the fan again.
     b.engine->applyMode(ControlMode::quiet);
     b.tick();
     EXPECT_EQ(b.read("pwm1_enable"), "1");
+}
+
+TEST(FanReclaim, TakebacksFurtherApartThanFiveMinutesAreEachTakenAgain) {
+    TwoFanBoard b;
+    ASSERT_EQ(b.tick().status, ControlStatus::controlling);
+    for (int takeback = 1; takeback <= 6; ++takeback) {
+        b.write("pwm1_enable", "2");
+        b.tick();
+        EXPECT_EQ(b.read("pwm1_enable"), "1") << "takeback " << takeback;
+        for (int i = 0; i < 110; ++i) b.tick();  // under three in any five minutes
+    }
+    EXPECT_EQ(b.eventsWith("Stopped taking back"), 0);
 }
 
 TEST(FanStall, ADrivenFanThatReadsZeroGoesToTheFirmwareWithOneEvent) {

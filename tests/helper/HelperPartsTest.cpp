@@ -141,6 +141,7 @@ TEST_F(HelperFanArbiterTest, AHeldFanWhoseModeIsChangedFromOutsideIsNotFoughtFor
     sys.write(chipFile("pwm1_enable"), "2\n");  // the firmware takes it back
     const ArbiterOutcome outcome = arbiter->take(7, fan(kFan1), 200);
     EXPECT_FALSE(outcome.ok);
+    EXPECT_EQ(outcome.code, codes::takenBack);
     EXPECT_NE(outcome.message.find("switched out of manual mode from outside"), std::string::npos)
         << outcome.message;
     EXPECT_EQ(file("pwm1_enable"), "2");

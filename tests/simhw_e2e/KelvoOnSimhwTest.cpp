@@ -102,13 +102,25 @@ protected:
     SimhwRig rig;
 };
 
-TEST_F(SimhwFault, TakebackIsReportedAndTheFanStaysWithTheFirmware) {
+TEST_F(SimhwFault, TakebackIsAnsweredAtOnceAndTheFourthLeavesTheFanToTheFirmware) {
+    for (int takeback = 1; takeback <= 3; ++takeback) {
+        QElapsedTimer timer;
+        timer.start();
+        ASSERT_EQ(rig.sim().fault("takeback sys/class/hwmon/hwmon2/pwm1"), 0);
+        ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Fan control taken back from Kelvo (") +
+                            QLatin1String(kSimFan1)))
+            << rig.transcript();
+        ASSERT_TRUE(pollUntil([&] { return rig.chipFile("pwm1_enable") == "1"; }, 30s))
+            << rig.transcript();
+        std::printf("takeback %d answered (fan manual again) after %lld ms\n", takeback,
+                    static_cast<long long>(timer.elapsed()));
+    }
     ASSERT_EQ(rig.sim().fault("takeback sys/class/hwmon/hwmon2/pwm1"), 0);
-    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Fan control taken back from Kelvo (") +
-                        QLatin1String(kSimFan1)))
+    ASSERT_TRUE(
+        rig.saw(QStringLiteral("kelvo: failure: Stopped taking back ") + QLatin1String(kSimFan1)))
         << rig.transcript();
     EXPECT_FALSE(pollUntil([&] { return rig.chipFile("pwm1_enable") != "2"; }, 5s))
-        << "Kelvo does not fight the firmware for the fan";
+        << "Kelvo no longer fights for the fan";
     EXPECT_EQ(rig.chipFile("pwm2_enable"), "1") << "the other fan is still Kelvo's";
 }
 
@@ -145,12 +157,18 @@ TEST_F(SimhwFault, VanishedTemperaturesSendEveryFanToTheFirmwareUntilTheyReturn)
     EXPECT_TRUE(pollUntil([&] { return rig.chipFile("pwm1_enable") == "1"; }, 30s));
 }
 
-TEST_F(SimhwFault, ARebindLeavesTheFansWithTheFirmwareAndSaysSo) {
+TEST_F(SimhwFault, ARebindIsReportedOncePerFanAndTheFansAreTakenUnderTheirNewNumber) {
     ASSERT_EQ(rig.sim().fault("rebind sys/class/hwmon/hwmon2"), 0);
     ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Fan control taken back from Kelvo (") +
                         QLatin1String(kSimFan1)))
         << rig.transcript();
-    EXPECT_FALSE(pollUntil([&] { return !rig.everyFanOnFirmware("hwmon3"); }, 5s))
+    // Same identities behind hwmon3: Kelvo drives them again, with what it learned of them.
+    EXPECT_TRUE(pollUntil(
+        [&] {
+            return rig.chipFile("pwm1_enable", "hwmon3") == "1" &&
+                   rig.chipFile("pwm2_enable", "hwmon3") == "1";
+        },
+        30s))
         << rig.transcript();
     // Not an error storm: one event per fan.
     rig.saw(QStringLiteral("a line that never comes"), 3000);
@@ -175,15 +193,17 @@ protected:
     SimhwRig rig;
 };
 
-TEST_F(SimhwFaultThroughTheHelper, TakebackEndsTheHoldWithAnEventAndNoFight) {
+TEST_F(SimhwFaultThroughTheHelper, TakebackIsReportedAndTheFanTakenAgain) {
     ASSERT_EQ(rig.sim().fault("takeback sys/class/hwmon/hwmon2/pwm1"), 0);
-    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Entered monitor+alert fallback (") +
-                        QLatin1String(kSimFan1) +
-                        QStringLiteral(" was switched out of manual mode from outside)")))
+    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Fan control taken back from Kelvo (") +
+                        QLatin1String(kSimFan1)))
         << rig.transcript() << rig.helper()->log();
-    EXPECT_TRUE(pollUntil([&] { return rig.everyFanOnFirmware(); }, 30s))
-        << rig.transcript() << rig.helper()->log();
-    EXPECT_NE(rig.helper()->log().find("was switched out of manual mode from outside"), std::string::npos);
+    EXPECT_TRUE(pollUntil([&] { return rig.chipFile("pwm1_enable") == "1"; }, 30s))
+        << rig.helper()->log();
+    EXPECT_NE(rig.helper()->log().find("was switched out of manual mode from outside"),
+              std::string::npos);
+    EXPECT_EQ(rig.kelvo().transcript().find("monitor+alert fallback"), std::string::npos)
+        << "a takeback is not a broken fan path";
 }
 
 TEST_F(SimhwFaultThroughTheHelper, EioFallsBackAndTheHelperGivesEveryFanBack) {

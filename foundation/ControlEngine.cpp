@@ -180,12 +180,31 @@ void ControlEngine::noticeStalledFans() {
     }
 }
 
+// hwmon devices come and go (driver reloads, USB fan controllers): one event per fan, and the
+// targets follow the new list from this tick on.
+void ControlEngine::noticeFansComingAndGoing() {
+    std::set<std::string> now;
+    for (const auto& fan : lastFans_) now.insert(fan.name);
+    if (knownFans_) {
+        for (const auto& name : now)
+            if (!knownFans_->contains(name)) record("Fan added: " + name);
+        for (const auto& name : *knownFans_) {
+            if (now.contains(name)) continue;
+            record("Fan removed: " + name + " (its device went away)", true);
+            stalledTicks_.erase(name);
+            takebacks_.erase(name);
+        }
+    }
+    knownFans_ = std::move(now);
+}
+
 void ControlEngine::readFans(TelemetrySample& sample) {
     FanReadResult read = fans_->readFans();
     noticeLostFans();
     noticeReclaimedFans(sample.timestamp);
     if (read.ok) {
         lastFans_ = std::move(read.fans);
+        noticeFansComingAndGoing();
         noticeStalledFans();
         const std::string unreadable = unreadableSpeeds(lastFans_);
         if (!unreadable.empty() && !fanTelemetryDegraded_) {

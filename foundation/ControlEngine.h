@@ -84,6 +84,7 @@ private:
     void readFans(TelemetrySample& sample);
     void noticeReclaimedFans(Timestamp now);
     void noticeStalledFans();
+    void noticeFansComingAndGoing();
     void noticeLostFans();
     std::vector<double> targetsFor(double duty) const;
     std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
@@ -129,6 +130,7 @@ private:
     std::set<std::string> leftToFirmware_;
     std::map<std::string, int> stalledTicks_;
     std::map<std::string, std::deque<Timestamp>> takebacks_;  // by fan, inside the window
+    std::optional<std::set<std::string>> knownFans_;          // none until the first read
     bool blind_ = false;
     // Fans were taken back from Kelvo behind its back: hand-over shown for a tick, then retaken.
     bool leaseLost_ = false;

@@ -65,14 +65,17 @@ std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
         *failure = FanResult::failure("unreadable fan list from the helper: " + inventory.error);
         return std::nullopt;
     }
-    // A fan the helper no longer counts as ours was released behind our back (lease expiry).
+    // A fan the helper no longer counts as ours was released behind our back (lease expiry);
+    // one it no longer lists at all went away with its device, which the engine reports.
     std::erase_if(held_, [&](const auto& entry) {
-        const bool stillMine = std::any_of(
-            inventory.value->fans.begin(), inventory.value->fans.end(),
-            [&](const hp::FanInfo& fan) { return fan.mine && fan.identity == entry.first; });
+        const auto& fans = inventory.value->fans;
+        const auto listed = std::find_if(fans.begin(), fans.end(), [&](const hp::FanInfo& fan) {
+            return fan.identity == entry.first;
+        });
+        const bool stillMine = listed != fans.end() && listed->mine;
         if (!stillMine) {
             curves_.released(entry.first);
-            lostBehindOurBack_.push_back(entry.first);
+            if (listed != fans.end()) lostBehindOurBack_.push_back(entry.first);
         }
         return !stillMine;
     });

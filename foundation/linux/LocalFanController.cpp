@@ -45,7 +45,19 @@ bool LocalFanController::sweeping(const std::string& identity) const {
 FanReadResult LocalFanController::readFans() {
     std::lock_guard lock(mutex_);
     FanReadResult result;
-    for (const HwmonFan& fan : service_->discover()) {
+    const std::vector<HwmonFan> discovered = service_->discover();
+    // A held fan that is no longer found: its device went away (nothing left to give back) or
+    // only its tachometer did, and then the firmware gets it back through the paths it had.
+    std::erase_if(held_, [&](const auto& entry) {
+        const bool gone =
+            std::none_of(discovered.begin(), discovered.end(),
+                         [&](const HwmonFan& f) { return f.identity == entry.first; });
+        if (!gone) return false;
+        service_->restore(entry.second.fan, nullptr, nullptr);
+        curves_.released(entry.first);
+        return true;
+    });
+    for (const HwmonFan& fan : discovered) {
         FanState state;
         state.name = fan.identity;
         state.currentRPM = fan.currentRPM.value_or(kUnreadableRPM);

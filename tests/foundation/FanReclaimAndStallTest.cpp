@@ -3,6 +3,7 @@
 // firmware): each is an event, and Kelvo keeps driving the other fans.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 
 #include "foundation/ControlEngine.h"
@@ -114,6 +115,23 @@ TEST(FanReclaim, TakebacksFurtherApartThanFiveMinutesAreEachTakenAgain) {
         for (int i = 0; i < 110; ++i) b.tick();  // under three in any five minutes
     }
     EXPECT_EQ(b.eventsWith("Stopped taking back"), 0);
+}
+
+TEST(FanHotPlug, AFanThatGoesAndComesBackIsOneEventEachAndIsTakenAgain) {
+    TwoFanBoard b;
+    ASSERT_EQ(b.tick().status, ControlStatus::controlling);
+    ASSERT_EQ(b.read("pwm2_enable"), "1");
+    std::filesystem::remove(b.sys.path(b.superIo + "/fan2_input"));
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(b.tick().status, ControlStatus::controlling);
+    EXPECT_EQ(b.eventsWith(std::string("Fan removed: ") + kFan2), 1);
+    EXPECT_EQ(b.read("pwm2_enable"), "2") << "given back through the paths it had";
+    EXPECT_EQ(b.read("pwm1_enable"), "1");
+    EXPECT_EQ(b.eventsWith("monitor+alert fallback"), 0) << "no error storm";
+
+    b.write("fan2_input", "1500");
+    b.tick();
+    EXPECT_EQ(b.eventsWith(std::string("Fan added: ") + kFan2), 1);
+    EXPECT_EQ(b.read("pwm2_enable"), "1");
 }
 
 TEST(FanStall, ADrivenFanThatReadsZeroGoesToTheFirmwareWithOneEvent) {

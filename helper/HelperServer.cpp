@@ -58,8 +58,10 @@ void sendAndForget(int fd, const hp::Reply& reply) {
 
 }  // namespace
 
-HelperServer::HelperServer(HelperOptions options, std::string version, Logger log)
+HelperServer::HelperServer(HelperOptions options, HelperConfig config, std::string version,
+                           Logger log)
     : options_(std::move(options)),
+      config_(std::move(config)),
       version_(std::move(version)),
       log_(log ? std::move(log) : Logger([](const std::string&) {})),
       fans_(std::make_shared<HwmonFanService>(options_.sysfsRoot)),
@@ -91,6 +93,10 @@ bool HelperServer::start(std::string* error) {
                     options_.runtimeDir);
     }
 
+    if (!config_.file.empty()) {
+        log_("configuration " + config_.file + ": " + std::to_string(config_.floors.size()) +
+             " floor(s), " + std::to_string(config_.forbidden.size()) + " forbidden fan(s)");
+    }
     // Before the socket exists, so no client can take a fan that still needs restoring.
     arbiter_.restoreFromJournal();
     lastPendingRetry_ = Clock::now();
@@ -455,6 +461,7 @@ hp::Reply HelperServer::handle(Client& client, const std::string& payload) {
         case hp::Op::renew:
             return hp::Reply::success(hp::encodeLeaseInfo(
                 {static_cast<int>(arbiter_.heldBy(client.id)), hp::kLeaseExpiryMs}));
+        case hp::Op::config: return configReply();
     }
     return hp::Reply::failure(hp::codes::badRequest, "unhandled op");
 }
@@ -489,12 +496,31 @@ hp::Reply HelperServer::setTarget(Client& client, const hp::Request& request) {
         fan = findFan(fans, request.fan);
     }
     if (!fan) return hp::Reply::failure(hp::codes::unknownFan, "unknown fan " + request.fan);
+    if (config_.isForbidden(request.fan)) {
+        return hp::Reply::failure(hp::codes::forbidden,
+                                  request.fan + " is forbidden to clients by " + config_.file);
+    }
     const int pwm =
         request.pwm ? *request.pwm
                     : LocalFanController::linearPWMForRPM(*request.rpm, fan->minRPM, fan->maxRPM);
+    if (const auto floor = config_.floorOf(request.fan); floor && pwm < *floor) {
+        return hp::Reply::failure(hp::codes::belowFloor,
+                                  "duty cycle " + std::to_string(pwm) +
+                                      (request.rpm ? " (for the requested rpm)" : "") +
+                                      " is below the floor " + std::to_string(*floor) + " that " +
+                                      config_.file + " sets for " + request.fan);
+    }
     const ArbiterOutcome outcome = arbiter_.take(client.id, *fan, pwm);
     if (!outcome.ok) return hp::Reply::failure(outcome.code, outcome.message);
     return hp::Reply::success(hp::encodeAppliedPWM(pwm));
+}
+
+hp::Reply HelperServer::configReply() const {
+    hp::ConfigInfo info;
+    info.file = config_.file;
+    for (const auto& [identity, duty] : config_.floors) info.floors.emplace_back(identity, duty);
+    info.forbidden.assign(config_.forbidden.begin(), config_.forbidden.end());
+    return hp::Reply::success(hp::encodeConfigInfo(info));
 }
 
 hp::Reply HelperServer::release(Client& client, const hp::Request& request) {

@@ -22,6 +22,7 @@
 #include "foundation/linux/HelperProtocol.h"
 #include "helper/ClientAdmission.h"
 #include "helper/FanArbiter.h"
+#include "helper/HelperConfig.h"
 #include "helper/HelperOptions.h"
 #include "helper/HwmonSensors.h"
 #include "helper/PeerAuthorizer.h"
@@ -38,7 +39,7 @@ public:
     // A client that does not read its replies is dropped past this much unsent output.
     static constexpr std::size_t kMaxPendingOutput = 1024 * 1024;
 
-    HelperServer(HelperOptions options, std::string version, Logger log);
+    HelperServer(HelperOptions options, HelperConfig config, std::string version, Logger log);
     ~HelperServer();
     HelperServer(const HelperServer&) = delete;
     HelperServer& operator=(const HelperServer&) = delete;
@@ -81,9 +82,11 @@ private:
     helper_protocol::Reply list(const Client& client);
     helper_protocol::Reply setTarget(Client& client, const helper_protocol::Request& request);
     helper_protocol::Reply release(Client& client, const helper_protocol::Request& request);
+    helper_protocol::Reply configReply() const;
     std::string describe(const Client& client) const;
 
     HelperOptions options_;
+    HelperConfig config_;
     std::string version_;
     Logger log_;
     std::shared_ptr<HwmonFanService> fans_;

@@ -27,6 +27,7 @@
 #include "helper/HwmonSensors.h"
 #include "helper/PeerAuthorizer.h"
 #include "helper/PowercapCounter.h"
+#include "helper/SleepWatcher.h"
 
 namespace kelvo::helperd {
 
@@ -84,6 +85,9 @@ private:
     helper_protocol::Reply release(Client& client, const helper_protocol::Request& request);
     helper_protocol::Reply configReply() const;
     std::string describe(const Client& client) const;
+    // logind's PrepareForSleep: give every fan back before sleep, retake them after resume.
+    void prepareForSleep(bool goingToSleep);
+    void forgetSleepHold(ClientId id, const std::string* identity);
 
     HelperOptions options_;
     HelperConfig config_;
@@ -100,6 +104,9 @@ private:
     std::map<ClientId, Client> clients_;
     Clock::time_point lastPendingRetry_;
     std::optional<Clock::time_point> lastRefusalLog_;
+    SleepWatcher sleep_;
+    // What live clients held when the system went to sleep: fan identity, duty cycle.
+    std::map<ClientId, std::vector<std::pair<std::string, int>>> sleepHolds_;
     std::size_t unloggedRefusals_ = 0;
 };
 

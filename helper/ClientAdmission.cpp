@@ -91,7 +91,8 @@ std::chrono::milliseconds ClientAdmission::idleLimit(Slot slot) {
 }
 
 bool ClientAdmission::allowedInStatusSlot(helper_protocol::Op op) {
-    return op == helper_protocol::Op::version || op == helper_protocol::Op::list;
+    return op == helper_protocol::Op::version || op == helper_protocol::Op::list ||
+           op == helper_protocol::Op::config;
 }
 
 }  // namespace kelvo::helperd

@@ -6,8 +6,8 @@
 //   quiet connection (holds no fans, has nothing half-sent, unread or unanswered): one that never
 //   asked anything before one that did, the longest quiet first, of its own uid when its uid is
 //   the limit, else of the uid with the most connections;
-// - when no connection is quiet, kStatusSlots more slots still answer status queries (version
-//   and list), so `kelvoctl helper status` can say what is going on;
+// - when no connection is quiet, kStatusSlots more slots still answer status queries (version,
+//   list and config), so `kelvoctl helper status` can say what is going on;
 // - the server closes a connection that sends no complete request for idleLimit() of its slot.
 // Pure policy: the server describes its connections and applies the decision.
 #pragma once

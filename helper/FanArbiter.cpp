@@ -112,6 +112,14 @@ std::size_t FanArbiter::heldBy(ClientId client) const {
                       [client](const auto& entry) { return entry.second.client == client; }));
 }
 
+std::vector<std::pair<std::string, int>> FanArbiter::heldDuties(ClientId client) const {
+    std::vector<std::pair<std::string, int>> duties;
+    for (const auto& [identity, held] : held_) {
+        if (held.client == client) duties.emplace_back(identity, held.pwm);
+    }
+    return duties;
+}
+
 ArbiterOutcome FanArbiter::take(ClientId client, const HwmonFan& fan, int pwm) {
     const auto found = held_.find(fan.identity);
     if (found != held_.end() && found->second.client != client) {
@@ -178,6 +186,7 @@ ArbiterOutcome FanArbiter::take(ClientId client, const HwmonFan& fan, int pwm) {
         log_("client " + std::to_string(client) + " took " + fan.identity + " (was " +
              describe(held_[fan.identity].original) + ")");
     }
+    held_[fan.identity].pwm = pwm;
     return ArbiterOutcome::success();
 }
 

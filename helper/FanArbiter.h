@@ -50,6 +50,9 @@ public:
     // The fan as it was discovered when `client` took it; null when the client does not hold it.
     const HwmonFan* heldFan(ClientId client, const std::string& identity) const;
 
+    // The fans `client` holds and the duty cycle last written to each.
+    std::vector<std::pair<std::string, int>> heldDuties(ClientId client) const;
+
     // Puts `fan` (fresh from discover()) in manual mode at duty cycle `pwm` for `client`.
     ArbiterOutcome take(ClientId client, const HwmonFan& fan, int pwm);
     // Gives one fan back. A fan nobody holds is already released: success.
@@ -63,6 +66,7 @@ private:
         ClientId client = 0;
         JournalEntry original;
         HwmonFan fan;
+        int pwm = 0;  // the last duty cycle written
     };
 
     bool restore(const HwmonFan& fan, const JournalEntry& original, std::string* error);

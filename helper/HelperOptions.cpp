@@ -23,13 +23,15 @@ std::optional<uid_t> parseUid(const std::string& text) {
 
 std::string HelperOptions::usage() {
     return "usage: kelvo-helperd [--sysfs-root PATH] [--runtime-dir DIR] [--allowed-group NAME]\n"
-           "                     [--allow-uid UID]... [--version] [--help]\n"
+           "                     [--allow-uid UID]... [--config PATH] [--version] [--help]\n"
            "\n"
            "  --sysfs-root PATH    read and write hwmon and powercap under PATH instead of /\n"
            "  --runtime-dir DIR    socket (helper.sock) and fan journal in DIR (default "
            "/run/kelvo)\n"
            "  --allowed-group NAME members of NAME may use the helper (default kelvo)\n"
-           "  --allow-uid UID      also allow this uid (repeatable)\n";
+           "  --allow-uid UID      also allow this uid (repeatable)\n"
+           "  --config PATH        read floors and forbidden fans from PATH (default\n"
+           "                       /etc/kelvo/helperd.conf, where a missing file means none)\n";
 }
 
 HelperOptions::Parsed HelperOptions::parse(const std::vector<std::string>& arguments) {
@@ -51,7 +53,7 @@ HelperOptions::Parsed HelperOptions::parse(const std::vector<std::string>& argum
             continue;
         }
         if (name != "--sysfs-root" && name != "--runtime-dir" && name != "--allowed-group" &&
-            name != "--allow-uid") {
+            name != "--allow-uid" && name != "--config") {
             parsed.error = "unknown option " + arguments[i];
             return parsed;
         }
@@ -70,6 +72,9 @@ HelperOptions::Parsed HelperOptions::parse(const std::vector<std::string>& argum
             options.sysfsRoot = *value;
         } else if (name == "--runtime-dir") {
             options.runtimeDir = *value;
+        } else if (name == "--config") {
+            options.configPath = *value;
+            options.configGiven = true;
         } else if (name == "--allowed-group") {
             options.allowedGroup = *value;
         } else {

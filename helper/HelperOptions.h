@@ -13,6 +13,8 @@ struct HelperOptions {
     std::string runtimeDir = "/run/kelvo";  // helper.sock and the fan journal live here
     std::string allowedGroup = "kelvo";
     std::vector<uid_t> allowedUids;
+    std::string configPath = "/etc/kelvo/helperd.conf";
+    bool configGiven = false;  // --config: the file must exist
     bool showHelp = false;
     bool showVersion = false;
 

@@ -58,15 +58,18 @@ void sendAndForget(int fd, const hp::Reply& reply) {
 
 }  // namespace
 
-HelperServer::HelperServer(HelperOptions options, std::string version, Logger log)
+HelperServer::HelperServer(HelperOptions options, HelperConfig config, std::string version,
+                           Logger log)
     : options_(std::move(options)),
+      config_(std::move(config)),
       version_(std::move(version)),
       log_(log ? std::move(log) : Logger([](const std::string&) {})),
       fans_(std::make_shared<HwmonFanService>(options_.sysfsRoot)),
       arbiter_(fans_, FanJournal(options_.journalPath()), log_),
       sensors_(options_.sysfsRoot),
       counters_(options_.sysfsRoot),
-      authorizer_(options_.allowedGroup, options_.allowedUids) {}
+      authorizer_(options_.allowedGroup, options_.allowedUids),
+      sleep_(log_, [this](bool goingToSleep) { prepareForSleep(goingToSleep); }) {}
 
 HelperServer::~HelperServer() {
     for (auto& [id, client] : clients_) ::close(client.fd);
@@ -91,6 +94,11 @@ bool HelperServer::start(std::string* error) {
                     options_.runtimeDir);
     }
 
+    if (!config_.file.empty()) {
+        log_("configuration " + config_.file + ": " + std::to_string(config_.floors.size()) +
+             " floor(s), " + std::to_string(config_.forbidden.size()) + " forbidden fan(s)");
+    }
+    sleep_.start();
     // Before the socket exists, so no client can take a fan that still needs restoring.
     arbiter_.restoreFromJournal();
     lastPendingRetry_ = Clock::now();
@@ -119,12 +127,14 @@ bool HelperServer::start(std::string* error) {
 
 void HelperServer::run(int stopFd) {
     std::vector<pollfd> descriptors;
-    std::vector<ClientId> owners;  // owners[i] is the client of descriptors[i + 2]
+    std::vector<ClientId> owners;  // owners[i] is the client of descriptors[i + 3]
     for (;;) {
         descriptors.clear();
         owners.clear();
         descriptors.push_back({stopFd, POLLIN, 0});
         descriptors.push_back({listenFd_, POLLIN, 0});
+        // A negative descriptor is ignored by poll(): no bus, no entry to skip.
+        descriptors.push_back({sleep_.fd(), sleep_.events(), 0});
         for (const auto& [id, client] : clients_) {
             short events = 0;
             if (!client.closeAfterFlush) events |= POLLIN;
@@ -143,7 +153,7 @@ void HelperServer::run(int stopFd) {
             // Requests first, so that a connection whose request is already here counts as
             // busy when a newcomer needs room.
             for (std::size_t i = 0; i < owners.size(); ++i) {
-                const short revents = descriptors[i + 2].revents;
+                const short revents = descriptors[i + 3].revents;
                 if (revents == 0) continue;
                 const auto found = clients_.find(owners[i]);
                 if (found == clients_.end()) continue;
@@ -160,6 +170,8 @@ void HelperServer::run(int stopFd) {
             }
             if (descriptors[1].revents & POLLIN) acceptClients();
         }
+        // Also on a timeout: sd-bus has deadlines of its own (method call replies).
+        if (sleep_.active()) sleep_.process();
         checkTimers(Clock::now());
     }
 
@@ -189,6 +201,9 @@ int HelperServer::pollTimeoutMs(Clock::time_point now) const {
     if (arbiter_.hasPending()) wake = std::min(wake, lastPendingRetry_ + kPendingRetryInterval);
     if (unloggedRefusals_ > 0 && lastRefusalLog_) {
         wake = std::min(wake, *lastRefusalLog_ + kRefusalLogInterval);
+    }
+    if (const int busMs = sleep_.timeoutMs(); busMs >= 0) {
+        wake = std::min(wake, now + std::chrono::milliseconds(busMs));
     }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(wake - now).count();
     // One extra millisecond so that a wake-up lands after the deadline, not just before it.
@@ -415,8 +430,63 @@ void HelperServer::closeClient(ClientId id, const std::string& reason) {
         log_(describe(found->second) + ": " + reason);
         arbiter_.releaseClient(id, reason);
     }
+    if (sleepHolds_.erase(id) > 0) {
+        log_(describe(found->second) + " gone during sleep (" + reason +
+             "); its fans are not retaken");
+    }
     ::close(found->second.fd);
     clients_.erase(found);
+}
+
+void HelperServer::forgetSleepHold(ClientId id, const std::string* identity) {
+    const auto found = sleepHolds_.find(id);
+    if (found == sleepHolds_.end()) return;
+    if (identity) {
+        std::erase_if(found->second, [&](const auto& hold) { return hold.first == *identity; });
+    }
+    if (!identity || found->second.empty()) sleepHolds_.erase(found);
+}
+
+void HelperServer::prepareForSleep(bool goingToSleep) {
+    if (goingToSleep) {
+        std::size_t fans = 0;
+        for (auto& [id, client] : clients_) {
+            auto duties = arbiter_.heldDuties(id);
+            if (duties.empty()) continue;
+            fans += duties.size();
+            auto& remembered = sleepHolds_[id];
+            remembered.insert(remembered.end(), duties.begin(), duties.end());
+            arbiter_.releaseClient(id, "system going to sleep");
+        }
+        log_("system going to sleep: gave back " + std::to_string(fans) + " fan(s) of " +
+             std::to_string(sleepHolds_.size()) + " client(s); they are retaken on resume");
+        return;
+    }
+    std::size_t retaken = 0;
+    const std::vector<HwmonFan> fans = arbiter_.discover();
+    for (const auto& [id, holds] : sleepHolds_) {
+        const auto client = clients_.find(id);
+        if (client == clients_.end()) continue;
+        for (const auto& [identity, pwm] : holds) {
+            // A fan taken again since (by this client or another) keeps its newer owner.
+            if (arbiter_.holder(identity)) continue;
+            const HwmonFan* fan = findFan(fans, identity);
+            if (!fan) {
+                log_("cannot retake " + identity + " after resume: the fan is gone");
+                continue;
+            }
+            const ArbiterOutcome outcome = arbiter_.take(id, *fan, pwm);
+            if (outcome.ok) {
+                ++retaken;
+            } else {
+                log_("cannot retake " + identity + " after resume: " + outcome.message);
+            }
+        }
+        // The sleep did not count against the client: its lease starts afresh.
+        client->second.lastRequest = Clock::now();
+    }
+    sleepHolds_.clear();
+    log_("system resumed: retook " + std::to_string(retaken) + " fan(s)");
 }
 
 hp::Reply HelperServer::handle(Client& client, const std::string& payload) {
@@ -440,6 +510,7 @@ hp::Reply HelperServer::handle(Client& client, const std::string& payload) {
         case hp::Op::setTarget: return setTarget(client, request);
         case hp::Op::release: return release(client, request);
         case hp::Op::releaseAll:
+            forgetSleepHold(client.id, nullptr);
             arbiter_.releaseClient(client.id, "released by " + describe(client));
             return hp::Reply::success(hp::encodeLeaseInfo({0, hp::kLeaseExpiryMs}));
         case hp::Op::readCounter: {
@@ -455,6 +526,7 @@ hp::Reply HelperServer::handle(Client& client, const std::string& payload) {
         case hp::Op::renew:
             return hp::Reply::success(hp::encodeLeaseInfo(
                 {static_cast<int>(arbiter_.heldBy(client.id)), hp::kLeaseExpiryMs}));
+        case hp::Op::config: return configReply();
     }
     return hp::Reply::failure(hp::codes::badRequest, "unhandled op");
 }
@@ -489,12 +561,32 @@ hp::Reply HelperServer::setTarget(Client& client, const hp::Request& request) {
         fan = findFan(fans, request.fan);
     }
     if (!fan) return hp::Reply::failure(hp::codes::unknownFan, "unknown fan " + request.fan);
+    if (config_.isForbidden(request.fan)) {
+        return hp::Reply::failure(hp::codes::forbidden,
+                                  request.fan + " is forbidden to clients by " + config_.file);
+    }
     const int pwm =
         request.pwm ? *request.pwm
                     : LocalFanController::linearPWMForRPM(*request.rpm, fan->minRPM, fan->maxRPM);
+    if (const auto floor = config_.floorOf(request.fan); floor && pwm < *floor) {
+        return hp::Reply::failure(hp::codes::belowFloor,
+                                  "duty cycle " + std::to_string(pwm) +
+                                      (request.rpm ? " (for the requested rpm)" : "") +
+                                      " is below the floor " + std::to_string(*floor) + " that " +
+                                      config_.file + " sets for " + request.fan);
+    }
     const ArbiterOutcome outcome = arbiter_.take(client.id, *fan, pwm);
     if (!outcome.ok) return hp::Reply::failure(outcome.code, outcome.message);
     return hp::Reply::success(hp::encodeAppliedPWM(pwm));
+}
+
+hp::Reply HelperServer::configReply() const {
+    hp::ConfigInfo info;
+    info.file = config_.file;
+    for (const auto& [identity, duty] : config_.floors) info.floors.emplace_back(identity, duty);
+    info.forbidden.assign(config_.forbidden.begin(), config_.forbidden.end());
+    info.sleepHandling = sleep_.active();
+    return hp::Reply::success(hp::encodeConfigInfo(info));
 }
 
 hp::Reply HelperServer::release(Client& client, const hp::Request& request) {
@@ -505,6 +597,7 @@ hp::Reply HelperServer::release(Client& client, const hp::Request& request) {
             return hp::Reply::failure(hp::codes::unknownFan, "unknown fan " + request.fan);
         }
     }
+    forgetSleepHold(client.id, &request.fan);
     const ArbiterOutcome outcome = arbiter_.release(client.id, request.fan);
     if (!outcome.ok) return hp::Reply::failure(outcome.code, outcome.message);
     return hp::Reply::success(

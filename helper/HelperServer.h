@@ -22,10 +22,12 @@
 #include "foundation/linux/HelperProtocol.h"
 #include "helper/ClientAdmission.h"
 #include "helper/FanArbiter.h"
+#include "helper/HelperConfig.h"
 #include "helper/HelperOptions.h"
 #include "helper/HwmonSensors.h"
 #include "helper/PeerAuthorizer.h"
 #include "helper/PowercapCounter.h"
+#include "helper/SleepWatcher.h"
 
 namespace kelvo::helperd {
 
@@ -38,7 +40,7 @@ public:
     // A client that does not read its replies is dropped past this much unsent output.
     static constexpr std::size_t kMaxPendingOutput = 1024 * 1024;
 
-    HelperServer(HelperOptions options, std::string version, Logger log);
+    HelperServer(HelperOptions options, HelperConfig config, std::string version, Logger log);
     ~HelperServer();
     HelperServer(const HelperServer&) = delete;
     HelperServer& operator=(const HelperServer&) = delete;
@@ -81,9 +83,14 @@ private:
     helper_protocol::Reply list(const Client& client);
     helper_protocol::Reply setTarget(Client& client, const helper_protocol::Request& request);
     helper_protocol::Reply release(Client& client, const helper_protocol::Request& request);
+    helper_protocol::Reply configReply() const;
     std::string describe(const Client& client) const;
+    // logind's PrepareForSleep: give every fan back before sleep, retake them after resume.
+    void prepareForSleep(bool goingToSleep);
+    void forgetSleepHold(ClientId id, const std::string* identity);
 
     HelperOptions options_;
+    HelperConfig config_;
     std::string version_;
     Logger log_;
     std::shared_ptr<HwmonFanService> fans_;
@@ -97,6 +104,9 @@ private:
     std::map<ClientId, Client> clients_;
     Clock::time_point lastPendingRetry_;
     std::optional<Clock::time_point> lastRefusalLog_;
+    SleepWatcher sleep_;
+    // What live clients held when the system went to sleep: fan identity, duty cycle.
+    std::map<ClientId, std::vector<std::pair<std::string, int>>> sleepHolds_;
     std::size_t unloggedRefusals_ = 0;
 };
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "helper/HelperConfig.h"
 #include "helper/HelperOptions.h"
 #include "helper/HelperServer.h"
 
@@ -42,6 +43,14 @@ int main(int argc, char** argv) {
         return 0;
     }
 
+    // A configuration the helper cannot read in full is not enforced halfway: it does not start.
+    const auto config =
+        kelvo::helperd::HelperConfig::load(parsed.options.configPath, parsed.options.configGiven);
+    if (!config.ok) {
+        logLine(config.error);
+        return 1;
+    }
+
     // SIGTERM and SIGINT arrive through a descriptor in the poll loop, so the fans are released
     // by ordinary code rather than from a signal handler.
     sigset_t stopSignals;
@@ -59,7 +68,8 @@ int main(int argc, char** argv) {
     }
     signal(SIGPIPE, SIG_IGN);
 
-    kelvo::helperd::HelperServer server(parsed.options, KELVO_HELPER_VERSION, logLine);
+    kelvo::helperd::HelperServer server(parsed.options, config.config, KELVO_HELPER_VERSION,
+                                        logLine);
     std::string error;
     if (!server.start(&error)) {
         logLine(error);

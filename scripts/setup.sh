@@ -16,7 +16,7 @@ PACKAGES=(
   clang libclang-rt-14-dev systemd util-linux
   libfuse3-dev fuse3 nlohmann-json3-dev fancontrol thinkfan lm-sensors
   prometheus-cpp-dev prometheus
-  lintian dpkg-dev man-db
+  lintian dpkg-dev man-db libsystemd-dev
 )
 
 missing=()

@@ -257,6 +257,20 @@ HelperStatusResult HelperClient::status() {
         result.error = "unreadable fan list from the helper: " + inventory.error;
         return result;
     }
+    const HelperCallResult config = call(hp::Request::of(hp::Op::config));
+    if (config.ok()) {
+        auto info = hp::decodeConfigInfo(config.reply.data);
+        if (!info.ok()) {
+            result.error = "unreadable configuration reply from the helper: " + info.error;
+            return result;
+        }
+        result.status.config = std::move(*info.value);
+    } else if (config.failure != HelperCallResult::Failure::none ||
+               config.reply.code != hp::codes::badRequest) {
+        // bad_request is an older helper that has no `config`; anything else is a real failure.
+        result.error = config.errorText();
+        return result;
+    }
     result.ok = true;
     result.status.version = std::move(*versionInfo.value);
     result.status.inventory = std::move(*inventory.value);

@@ -34,6 +34,8 @@ struct HelperCallResult {
 struct HelperStatus {
     helper_protocol::VersionInfo version;
     helper_protocol::Inventory inventory;
+    // None from a helper older than the `config` request.
+    std::optional<helper_protocol::ConfigInfo> config;
 };
 
 struct HelperStatusResult {

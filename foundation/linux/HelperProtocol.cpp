@@ -335,6 +335,7 @@ constexpr std::pair<Op, std::string_view> kOpNames[] = {
     {Op::releaseAll, "release_all"},
     {Op::readCounter, "read_counter"},
     {Op::renew, "renew"},
+    {Op::config, "config"},
 };
 
 }  // namespace
@@ -410,7 +411,8 @@ Decoded<Request> decodeRequest(std::string_view payload) {
         case Op::version:
         case Op::list:
         case Op::releaseAll:
-        case Op::renew: break;
+        case Op::renew:
+        case Op::config: break;
         case Op::setTarget: {
             if (auto fan = reader.identity("fan")) request.fan = *fan;
             if (auto rpm = reader.integer("rpm", 1, kMaxRPM, false)) {
@@ -644,6 +646,61 @@ Decoded<LeaseInfo> decodeLeaseInfo(const Fields& data) {
         return Decoded<LeaseInfo>::failure(std::move(error));
     }
     return Decoded<LeaseInfo>::success(info);
+}
+
+Fields encodeConfigInfo(const ConfigInfo& info) {
+    Fields data;
+    if (!info.file.empty()) data.set("file", info.file);
+    std::size_t count = 0;
+    for (const auto& [identity, duty] : info.floors) {
+        if (!validIdentity(identity) || duty < 0 || duty > kMaxPWM || count >= kMaxListEntries)
+            continue;
+        data.set(indexedKey("floor", count, "fan"), identity);
+        data.set(indexedKey("floor", count, "pwm"), std::to_string(duty));
+        ++count;
+    }
+    data.set("floors", std::to_string(count));
+    count = 0;
+    for (const std::string& identity : info.forbidden) {
+        if (!validIdentity(identity) || count >= kMaxListEntries) continue;
+        data.set(indexedKey("forbidden", count, "fan"), identity);
+        ++count;
+    }
+    data.set("forbidden", std::to_string(count));
+    data.set("sleep_handling", info.sleepHandling ? "1" : "0");
+    return data;
+}
+
+Decoded<ConfigInfo> decodeConfigInfo(const Fields& data) {
+    FieldReader reader(data);
+    ConfigInfo info;
+    if (const std::string* file = reader.optional("file")) {
+        if (file->empty() || file->size() > kMaxCounterPathLength) {
+            reader.fail("field 'file' must be 1-" + std::to_string(kMaxCounterPathLength) +
+                        " characters");
+        } else {
+            info.file = *file;
+        }
+    }
+    const auto floors = reader.integer("floors", 0, kMaxListEntries, true);
+    for (long long i = 0; floors && i < *floors && !reader.failed(); ++i) {
+        const auto index = static_cast<std::size_t>(i);
+        auto identity = reader.identity(indexedKey("floor", index, "fan"));
+        auto duty = reader.integer(indexedKey("floor", index, "pwm"), 0, kMaxPWM, true);
+        if (identity && duty) info.floors.emplace_back(*identity, static_cast<int>(*duty));
+    }
+    const auto forbidden = reader.integer("forbidden", 0, kMaxListEntries, true);
+    for (long long i = 0; forbidden && i < *forbidden && !reader.failed(); ++i) {
+        if (auto identity =
+                reader.identity(indexedKey("forbidden", static_cast<std::size_t>(i), "fan"))) {
+            info.forbidden.push_back(*identity);
+        }
+    }
+    if (auto flag = reader.flag("sleep_handling")) info.sleepHandling = *flag;
+    if (std::string error = reader.finish(); !error.empty()) {
+        return Decoded<ConfigInfo>::failure(std::move(error));
+    }
+    return Decoded<ConfigInfo>::success(std::move(info));
 }
 
 Fields encodeAppliedPWM(int pwm) {

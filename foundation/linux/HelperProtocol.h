@@ -104,7 +104,7 @@ Decoded<Fields> parseFields(std::string_view payload);
 
 // ----- requests -------------------------------------------------------------------------------
 
-enum class Op { version, list, setTarget, release, releaseAll, readCounter, renew };
+enum class Op { version, list, setTarget, release, releaseAll, readCounter, renew, config };
 
 std::string_view opName(Op op);
 std::optional<Op> opFromName(std::string_view name);
@@ -143,6 +143,8 @@ inline constexpr const char* io = "io_error";
 inline constexpr const char* busy = "busy";
 // A held fan's mode was changed from outside: the hold ended without a restore.
 inline constexpr const char* takenBack = "taken_back";
+inline constexpr const char* forbidden = "forbidden";
+inline constexpr const char* belowFloor = "below_floor";
 }  // namespace codes
 
 struct Reply {
@@ -198,6 +200,15 @@ struct LeaseInfo {
     bool operator==(const LeaseInfo&) const = default;
 };
 
+// `config`: what the helper's configuration file enforces, and whether it follows sleep.
+struct ConfigInfo {
+    std::string file;                                 // empty when there is no configuration
+    std::vector<std::pair<std::string, int>> floors;  // fan identity, lowest duty cycle
+    std::vector<std::string> forbidden;               // fan identities
+    bool sleepHandling = false;                       // subscribed to logind's PrepareForSleep
+    bool operator==(const ConfigInfo&) const = default;
+};
+
 Fields encodeVersionInfo(const VersionInfo& info);
 Decoded<VersionInfo> decodeVersionInfo(const Fields& data);
 Fields encodeInventory(const Inventory& inventory);
@@ -207,6 +218,8 @@ Decoded<LeaseInfo> decodeLeaseInfo(const Fields& data);
 // set_target: the duty cycle written.
 Fields encodeAppliedPWM(int pwm);
 Decoded<int> decodeAppliedPWM(const Fields& data);
+Fields encodeConfigInfo(const ConfigInfo& info);
+Decoded<ConfigInfo> decodeConfigInfo(const Fields& data);
 // read_counter: the counter's value.
 Fields encodeCounterValue(std::uint64_t value);
 Decoded<std::uint64_t> decodeCounterValue(const Fields& data);

@@ -36,6 +36,19 @@ std::string counted(std::size_t count, const char* one, const char* many) {
     return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
+std::string configText(const helper_protocol::ConfigInfo& config) {
+    std::string text =
+        "configuration: " + (config.file.empty() ? std::string("none") : config.file) + "\n";
+    for (const auto& [identity, duty] : config.floors) {
+        text += "  floor " + identity + " pwm " + std::to_string(duty) + " (" +
+                std::to_string((duty * 100 + 127) / 255) + "%)\n";
+    }
+    for (const auto& identity : config.forbidden) text += "  forbidden " + identity + "\n";
+    text += std::string("sleep handling: ") +
+            (config.sleepHandling ? "on (logind PrepareForSleep)" : "off (no system bus)") + "\n";
+    return text;
+}
+
 }  // namespace
 
 std::string pwmModeText(std::optional<int> pwmEnable) {
@@ -57,6 +70,7 @@ std::string formatHelperStatus(const HelperStatus& status, const std::string& so
     const auto& sensors = status.inventory.sensors;
     text += counted(sensors.size(), "sensor", "sensors") + (sensors.empty() ? "\n" : ":\n");
     for (const auto& sensor : sensors) text += sensorLine(sensor);
+    if (status.config) text += configText(*status.config);
     return text;
 }
 

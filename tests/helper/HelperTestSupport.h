@@ -160,13 +160,25 @@ public:
         std::vector<char*> argv;
         for (std::string& argument : arguments) argv.push_back(argument.data());
         argv.push_back(nullptr);
+        // Built before fork(): the child only execs.
+        std::vector<std::string> environment;
+        for (char** entry = environ; *entry; ++entry) {
+            const std::string_view text(*entry);
+            if (!environment_.contains(std::string(text.substr(0, text.find('='))))) {
+                environment.emplace_back(text);
+            }
+        }
+        for (const auto& [name, value] : environment_) environment.push_back(name + "=" + value);
+        std::vector<char*> envp;
+        for (std::string& entry : environment) envp.push_back(entry.data());
+        envp.push_back(nullptr);
         const std::string log = logPath().string();
         pid_ = ::fork();
         if (pid_ < 0) return false;
         if (pid_ == 0) {
             const int logFd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             if (logFd >= 0) ::dup2(logFd, STDERR_FILENO);
-            ::execv(argv[0], argv.data());
+            ::execve(argv[0], argv.data(), envp.data());
             ::_exit(127);
         }
         return waitUntil([this] { return HelperClient::reachable(socketPath(), 50) || exited(); },
@@ -177,6 +189,11 @@ public:
 
     // A program that runs the daemon (e.g. setpriv dropping privileges), given by absolute path.
     void setLauncher(std::vector<std::string> launcher) { launcher_ = std::move(launcher); }
+
+    // Set (or replaced) in the daemon's environment.
+    void setEnvironment(const std::string& name, const std::string& value) {
+        environment_[name] = value;
+    }
 
     void signal(int number) const { ::kill(pid_, number); }
 
@@ -211,6 +228,7 @@ private:
     std::filesystem::path runtimeDir_;
     std::vector<std::string> extraArguments_;
     std::vector<std::string> launcher_;
+    std::map<std::string, std::string> environment_;
     pid_t pid_ = -1;
 };
 

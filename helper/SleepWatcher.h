@@ -1,0 +1,46 @@
+// Follows logind's PrepareForSleep signal on the system bus (sd-bus), driven from the helper's
+// own poll loop: the owner polls fd() for events() with timeoutMs() and calls process().
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <functional>
+#include <string>
+
+namespace kelvo::helperd {
+
+class SleepWatcher {
+public:
+    using Logger = std::function<void(const std::string&)>;
+    // true: the system is about to sleep; false: it has resumed.
+    using Handler = std::function<void(bool goingToSleep)>;
+
+    SleepWatcher(Logger log, Handler handler);
+    ~SleepWatcher();
+    SleepWatcher(const SleepWatcher&) = delete;
+    SleepWatcher& operator=(const SleepWatcher&) = delete;
+
+    // Connects to the system bus (DBUS_SYSTEM_BUS_ADDRESS, or the standard socket) and asks for
+    // the signal. False, logged once, when there is no bus: the helper runs without it.
+    bool start();
+    bool active() const { return bus_ != nullptr; }
+
+    int fd() const;
+    short events() const;
+    // Until sd-bus needs process() without I/O (-1: no deadline).
+    int timeoutMs() const;
+    // Handles whatever the bus has; on a broken connection, logs and stops following sleep.
+    void process();
+
+private:
+    static int onSignal(sd_bus_message* message, void* self, sd_bus_error* error);
+    static int onMatchInstalled(sd_bus_message* message, void* self, sd_bus_error* error);
+    void drop(const std::string& why);
+
+    Logger log_;
+    Handler handler_;
+    sd_bus* bus_ = nullptr;
+    sd_bus_slot* slot_ = nullptr;
+};
+
+}  // namespace kelvo::helperd

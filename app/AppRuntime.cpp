@@ -1,5 +1,7 @@
 #include "app/AppRuntime.h"
 
+#include "app/SleepWatcher.h"
+
 #include <QTimer>
 
 #include <algorithm>
@@ -154,6 +156,16 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     }
     // 12. External control.
     if (acceptsExternalModeControl_) installExternalModeObserver();
+    // 12b. Sleep and resume, from logind on the system bus.
+    new SleepWatcher(
+        [this](bool sleeping) {
+            loopCall(*controlLoop_, [sleeping](ControlEngine& e) { e.setSleeping(sleeping); });
+        },
+        [this](const QString& why) {
+            recordThroughLoop(RuntimeEvent::make(
+                "Sleep and resume are not followed: no system bus (" + why.toStdString() + ")"));
+        },
+        this);
     // 13. Window visibility drives the live store's buffering.
     applyVisibility(presentation_->dashboardWindowVisibility());
     connect(presentation_, &AppPresentationStore::dashboardWindowVisibilityChanged, this,

@@ -89,6 +89,21 @@ void ControlEngine::setCooldownEnabled(bool enabled) {
     record(enabled ? "Cooldown started: fans at maximum" : "Cooldown switched off");
 }
 
+void ControlEngine::setSleeping(bool sleeping) {
+    if (sleeping == sleeping_) return;
+    sleeping_ = sleeping;
+    if (sleeping) {
+        // The firmware keeps the machine safe through suspend and the first moments after it.
+        if (fans_->holdsControl()) releaseFans(nullptr);
+        status_ = ControlStatus::monitoring;
+        authority_ = ControlAuthorityState::system;
+        record("Fans handed to the firmware for sleep");
+        return;
+    }
+    policy_.reset(currentFanDuty());
+    record("Fan control resumed after sleep");
+}
+
 void ControlEngine::setLearnedModel(std::optional<LearnedModel> model) {
     model_ = std::move(model);
     assessor_.setLearnedModel(model_);
@@ -332,6 +347,11 @@ void ControlEngine::holdBlind(const std::string& dies) {
 
 std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample& sample,
                                                           double dt) {
+    if (sleeping_) {
+        status_ = ControlStatus::monitoring;
+        authority_ = ControlAuthorityState::system;
+        return std::nullopt;
+    }
     bool wantsControl = mode_ != ControlMode::systemAuto || cooldown_;
     const std::string blind = blindDies(sample);
     if (!wantsControl) {

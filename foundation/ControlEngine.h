@@ -60,6 +60,9 @@ public:
 
     void applyMode(ControlMode mode);
     void setCooldownEnabled(bool enabled);
+    // The machine is about to sleep (true) or has woken (false): while it sleeps every fan is
+    // the firmware's and nothing is written.
+    void setSleeping(bool sleeping);
     void recordEvent(const RuntimeEvent& event);
     // Gives the fans back to the firmware (shutdown, or before the process goes away).
     void releaseFans(const char* why);
@@ -132,6 +135,7 @@ private:
     std::map<std::string, std::deque<Timestamp>> takebacks_;  // by fan, inside the window
     std::optional<std::set<std::string>> knownFans_;          // none until the first read
     bool blind_ = false;
+    bool sleeping_ = false;
     // Fans were taken back from Kelvo behind its back: hand-over shown for a tick, then retaken.
     bool leaseLost_ = false;
     bool leaseRetakePending_ = false;

@@ -3,7 +3,10 @@
 // hardware fault with an event and the safe state.
 #include <gtest/gtest.h>
 
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QElapsedTimer>
+#include <QProcess>
 #include <algorithm>
 #include <cstdio>
 
@@ -178,6 +181,78 @@ TEST_F(SimhwFault, ARebindIsReportedOncePerFanAndTheFansAreTakenUnderTheirNewNum
          at = transcript.find("taken back from Kelvo", at + 1))
         ++events;
     EXPECT_EQ(events, 2u) << transcript;
+}
+
+// A private bus standing in for the system bus, with the test as logind on it.
+class FakeLogind {
+public:
+    FakeLogind() {
+        daemon_.start(QStringLiteral("dbus-daemon"),
+                      {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                       QStringLiteral("--print-address=1")});
+        if (!daemon_.waitForStarted(10000) || !daemon_.waitForReadyRead(10000)) return;
+        address_ = QString::fromUtf8(daemon_.readLine()).trimmed();
+        bus_ = std::make_unique<QDBusConnection>(
+            QDBusConnection::connectToBus(address_, QStringLiteral("kelvo-test-logind")));
+        owned_ =
+            bus_->isConnected() && bus_->registerService(QStringLiteral("org.freedesktop.login1"));
+    }
+    ~FakeLogind() {
+        if (bus_) QDBusConnection::disconnectFromBus(QStringLiteral("kelvo-test-logind"));
+        daemon_.kill();
+        daemon_.waitForFinished(5000);
+    }
+    bool ready() const { return owned_; }
+    QString address() const { return address_; }
+    bool prepareForSleep(bool sleeping) {
+        auto signal = QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/login1"),
+                                                 QStringLiteral("org.freedesktop.login1.Manager"),
+                                                 QStringLiteral("PrepareForSleep"));
+        signal << sleeping;
+        return bus_->send(signal);
+    }
+
+private:
+    QProcess daemon_;
+    QString address_;
+    std::unique_ptr<QDBusConnection> bus_;
+    bool owned_ = false;
+};
+
+TEST(KelvoOnSimhw, SleepHandsEveryFanToTheFirmwareAndWakingTakesThemAgain) {
+    SKIP_WITHOUT_FUSE();
+    FakeLogind logind;
+    ASSERT_TRUE(logind.ready()) << "no private bus";
+    SimhwRig rig;
+    ASSERT_TRUE(rig.mount(kTestMachine)) << rig.sim().log();
+    rig.setKelvoEnvironment(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), logind.address());
+    rig.startKelvo(QStringLiteral("performance"));
+    ASSERT_NO_FATAL_FAILURE(waitForFansHeld(rig));
+    // Kelvo subscribes a moment after it starts controlling: send until it has answered.
+    ASSERT_TRUE(pollUntil(
+        [&] {
+            logind.prepareForSleep(true);
+            QCoreApplication::processEvents();
+            return rig.everyFanOnFirmware();
+        },
+        60s))
+        << rig.transcript();
+    EXPECT_TRUE(pollUntil(
+        [&] { return rig.eventsWith("Fans handed to the firmware for sleep") >= 1; }, 30s));
+    EXPECT_FALSE(pollUntil([&] { return !rig.everyFanOnFirmware(); }, 3s))
+        << "nothing is written while the machine sleeps";
+
+    ASSERT_TRUE(logind.prepareForSleep(false));
+    EXPECT_TRUE(pollUntil(
+        [&] {
+            QCoreApplication::processEvents();
+            return rig.chipFile("pwm1_enable") == "1";
+        },
+        30s))
+        << rig.transcript();
+    EXPECT_TRUE(
+        pollUntil([&] { return rig.eventsWith("Fan control resumed after sleep") == 1; }, 30s));
+    EXPECT_EQ(rig.eventsWith("Fans handed to the firmware for sleep"), 1);
 }
 
 // The same faults with the fans held through kelvo-helperd.

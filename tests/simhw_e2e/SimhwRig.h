@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 
+#include <QMap>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <chrono>
@@ -70,6 +71,12 @@ public:
         settings.setValue(QStringLiteral("kelvo.control.mode"), mode);
         settings.sync();
         kelvo_ = std::make_unique<KelvoProcess>(home_);
+        if (!environment_.isEmpty()) {
+            auto env = kelvo_->process.processEnvironment();
+            for (auto it = environment_.begin(); it != environment_.end(); ++it)
+                env.insert(it.key(), it.value());
+            kelvo_->process.setProcessEnvironment(env);
+        }
         // Failures are reported on standard error; one stream keeps their order with the log.
         kelvo_->process.setProcessChannelMode(QProcess::MergedChannels);
         QStringList args = {QStringLiteral("--headless"), QStringLiteral("--sysfs-root"),
@@ -80,6 +87,15 @@ public:
         else
             args << QStringLiteral("--local-only-fans");
         kelvo_->start(args);
+    }
+
+    // Variables Kelvo is started with, on top of this process's environment.
+    void setKelvoEnvironment(const QString& name, const QString& value) {
+        environment_.insert(name, value);
+    }
+    long long eventsWith(const std::string& message) const {
+        return queryNumber(home_.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite")),
+                           "SELECT count(*) FROM events WHERE message = '" + message + "'");
     }
 
     SimhwProcess& sim() { return *sim_; }
@@ -128,6 +144,7 @@ private:
     std::unique_ptr<SimhwProcess> sim_;
     std::unique_ptr<HelperDaemon> helper_;
     std::unique_ptr<KelvoProcess> kelvo_;
+    QMap<QString, QString> environment_;
 };
 
 #define SKIP_WITHOUT_FUSE()                                                                 \

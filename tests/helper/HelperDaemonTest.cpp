@@ -260,7 +260,10 @@ TEST_F(HelperDaemonTest, ClientKilledWithSIGKILLGetsItsFansRestoredWhenItsConnec
     // The kernel closed the dead client's socket; a helper that missed that would have waited
     // for the lease instead.
     EXPECT_TRUE(releasedOnDisconnect(daemon->log())) << daemon->log();
-    EXPECT_FALSE(std::filesystem::exists(daemon->journalPath()));
+    // The journal is emptied right after the last fan is written back.
+    EXPECT_TRUE(
+        waitUntil([&] { return !std::filesystem::exists(daemon->journalPath()); }, kDeadline))
+        << daemon->log();
 }
 
 TEST_F(HelperDaemonTest, SilentClientLosesItsFansWhenTheLeaseRunsOut) {

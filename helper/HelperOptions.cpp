@@ -23,7 +23,8 @@ std::optional<uid_t> parseUid(const std::string& text) {
 
 std::string HelperOptions::usage() {
     return "usage: kelvo-helperd [--sysfs-root PATH] [--runtime-dir DIR] [--allowed-group NAME]\n"
-           "                     [--allow-uid UID]... [--config PATH] [--version] [--help]\n"
+           "                     [--allow-uid UID]... [--config PATH] [--nvml-library PATH]\n"
+           "                     [--version] [--help]\n"
            "\n"
            "  --sysfs-root PATH    read and write hwmon and powercap under PATH instead of /\n"
            "  --runtime-dir DIR    socket (helper.sock) and fan journal in DIR (default "
@@ -31,7 +32,8 @@ std::string HelperOptions::usage() {
            "  --allowed-group NAME members of NAME may use the helper (default kelvo)\n"
            "  --allow-uid UID      also allow this uid (repeatable)\n"
            "  --config PATH        read floors and forbidden fans from PATH (default\n"
-           "                       /etc/kelvo/helperd.conf, where a missing file means none)\n";
+           "                       /etc/kelvo/helperd.conf, where a missing file means none)\n"
+           "  --nvml-library PATH  NVML for NVIDIA fans (default libnvidia-ml.so.1; none: off)\n";
 }
 
 HelperOptions::Parsed HelperOptions::parse(const std::vector<std::string>& arguments) {
@@ -53,7 +55,7 @@ HelperOptions::Parsed HelperOptions::parse(const std::vector<std::string>& argum
             continue;
         }
         if (name != "--sysfs-root" && name != "--runtime-dir" && name != "--allowed-group" &&
-            name != "--allow-uid" && name != "--config") {
+            name != "--allow-uid" && name != "--config" && name != "--nvml-library") {
             parsed.error = "unknown option " + arguments[i];
             return parsed;
         }
@@ -75,6 +77,8 @@ HelperOptions::Parsed HelperOptions::parse(const std::vector<std::string>& argum
         } else if (name == "--config") {
             options.configPath = *value;
             options.configGiven = true;
+        } else if (name == "--nvml-library") {
+            options.nvmlLibrary = *value;
         } else if (name == "--allowed-group") {
             options.allowedGroup = *value;
         } else {

@@ -15,6 +15,8 @@ struct HelperOptions {
     std::vector<uid_t> allowedUids;
     std::string configPath = "/etc/kelvo/helperd.conf";
     bool configGiven = false;  // --config: the file must exist
+    // NVIDIA fans: the NVML library to load ("none": no NVIDIA fans).
+    std::string nvmlLibrary = "libnvidia-ml.so.1";
     bool showHelp = false;
     bool showVersion = false;
 

@@ -69,7 +69,25 @@ HelperServer::HelperServer(HelperOptions options, HelperConfig config, std::stri
       sensors_(options_.sysfsRoot),
       counters_(options_.sysfsRoot),
       authorizer_(options_.allowedGroup, options_.allowedUids),
-      sleep_(log_, [this](bool goingToSleep) { prepareForSleep(goingToSleep); }) {}
+      sleep_(log_, [this](bool goingToSleep) { prepareForSleep(goingToSleep); }) {
+    if (options_.nvmlLibrary != "none") {
+        nvidia_ = std::make_unique<NvmlFans>(log_, options_.nvmlLibrary);
+        if (!nvidia_->available()) log_("no NVIDIA fans: " + nvidia_->unavailableReason());
+    }
+}
+
+std::size_t HelperServer::heldBy(ClientId id) const {
+    return arbiter_.heldBy(id) + (nvidia_ ? nvidia_->heldBy(id) : 0);
+}
+
+void HelperServer::releaseClientFans(ClientId id, const std::string& reason) {
+    arbiter_.releaseClient(id, reason);
+    if (nvidia_) nvidia_->releaseClient(id, reason);
+}
+
+bool HelperServer::isNvidia(const std::string& identity) {
+    return identity.starts_with("nvidia@");
+}
 
 HelperServer::~HelperServer() {
     for (auto& [id, client] : clients_) ::close(client.fd);
@@ -175,7 +193,8 @@ void HelperServer::run(int stopFd) {
         checkTimers(Clock::now());
     }
 
-    const std::size_t released = arbiter_.releaseEverything("helper stopping");
+    std::size_t released = arbiter_.releaseEverything("helper stopping");
+    if (nvidia_) released += nvidia_->releaseEverything("helper stopping");
     log_("stopping; released " + std::to_string(released) + " fan(s)");
     for (auto& [id, client] : clients_) ::close(client.fd);
     clients_.clear();
@@ -187,7 +206,7 @@ void HelperServer::run(int stopFd) {
 int HelperServer::pollTimeoutMs(Clock::time_point now) const {
     auto wake = now + std::chrono::milliseconds(kMaxPollWaitMs);
     for (const auto& [id, client] : clients_) {
-        if (arbiter_.heldBy(id) > 0) {
+        if (heldBy(id) > 0) {
             wake =
                 std::min(wake, client.lastRequest + std::chrono::milliseconds(hp::kLeaseExpiryMs));
         }
@@ -214,10 +233,10 @@ void HelperServer::checkTimers(Clock::time_point now) {
     std::vector<ClientId> truncated;
     std::vector<ClientId> silent;
     for (auto& [id, client] : clients_) {
-        if (arbiter_.heldBy(id) > 0 &&
+        if (heldBy(id) > 0 &&
             now - client.lastRequest >= std::chrono::milliseconds(hp::kLeaseExpiryMs)) {
             log_("lease of " + describe(client) + " expired");
-            arbiter_.releaseClient(id, "lease expired");
+            releaseClientFans(id, "lease expired");
         }
         if (client.frameStarted) {
             if (now - *client.frameStarted >= std::chrono::milliseconds(kFrameAssemblyMs)) {
@@ -320,8 +339,8 @@ std::optional<ClientAdmission::Slot> HelperServer::admit(pid_t pid, uid_t uid, i
         connection.id = id;
         connection.uid = client.uid;
         connection.slot = client.slot;
-        connection.engaged = arbiter_.heldBy(id) > 0 || client.reader.midFrame() ||
-                             !client.output.empty() || client.closeAfterFlush;
+        connection.engaged = heldBy(id) > 0 || client.reader.midFrame() || !client.output.empty() ||
+                             client.closeAfterFlush;
         connection.everRequested = client.everRequested;
         connection.lastActivity = client.lastRequest;
         connections.push_back(connection);
@@ -426,9 +445,9 @@ void HelperServer::flush(Client& client) {
 void HelperServer::closeClient(ClientId id, const std::string& reason) {
     const auto found = clients_.find(id);
     if (found == clients_.end()) return;
-    if (arbiter_.heldBy(id) > 0) {
+    if (heldBy(id) > 0) {
         log_(describe(found->second) + ": " + reason);
-        arbiter_.releaseClient(id, reason);
+        releaseClientFans(id, reason);
     }
     if (sleepHolds_.erase(id) > 0) {
         log_(describe(found->second) + " gone during sleep (" + reason +
@@ -458,6 +477,8 @@ void HelperServer::prepareForSleep(bool goingToSleep) {
             remembered.insert(remembered.end(), duties.begin(), duties.end());
             arbiter_.releaseClient(id, "system going to sleep");
         }
+        // NVIDIA fans go back to the driver; the client's next write takes them again.
+        if (nvidia_) fans += nvidia_->releaseEverything("system going to sleep");
         log_("system going to sleep: gave back " + std::to_string(fans) + " fan(s) of " +
              std::to_string(sleepHolds_.size()) + " client(s); they are retaken on resume");
         return;
@@ -511,7 +532,7 @@ hp::Reply HelperServer::handle(Client& client, const std::string& payload) {
         case hp::Op::release: return release(client, request);
         case hp::Op::releaseAll:
             forgetSleepHold(client.id, nullptr);
-            arbiter_.releaseClient(client.id, "released by " + describe(client));
+            releaseClientFans(client.id, "released by " + describe(client));
             return hp::Reply::success(hp::encodeLeaseInfo({0, hp::kLeaseExpiryMs}));
         case hp::Op::readCounter: {
             if (!PowercapCounter::allowedPath(request.counterPath)) {
@@ -524,8 +545,8 @@ hp::Reply HelperServer::handle(Client& client, const std::string& payload) {
             return hp::Reply::success(hp::encodeCounterValue(*value.value));
         }
         case hp::Op::renew:
-            return hp::Reply::success(hp::encodeLeaseInfo(
-                {static_cast<int>(arbiter_.heldBy(client.id)), hp::kLeaseExpiryMs}));
+            return hp::Reply::success(
+                hp::encodeLeaseInfo({static_cast<int>(heldBy(client.id)), hp::kLeaseExpiryMs}));
         case hp::Op::config: return configReply();
     }
     return hp::Reply::failure(hp::codes::badRequest, "unhandled op");
@@ -547,11 +568,42 @@ hp::Reply HelperServer::list(const Client& client) {
         info.mine = holder == client.id;
         inventory.fans.push_back(std::move(info));
     }
+    if (nvidia_) {
+        for (const NvmlFan& fan : nvidia_->discover()) {
+            hp::FanInfo info;
+            info.identity = fan.identity;
+            info.controllable = true;
+            // NVML reports a speed share, not revolutions: no rpm, the share as a duty.
+            if (fan.percent) info.pwm = (*fan.percent * hp::kMaxPWM + 50) / 100;
+            const auto holder = nvidia_->holder(fan.identity);
+            info.mode = holder ? 1 : 2;
+            info.held = holder.has_value();
+            info.mine = holder == client.id;
+            inventory.fans.push_back(std::move(info));
+        }
+    }
     inventory.sensors = sensors_.discover();
     return hp::Reply::success(hp::encodeInventory(inventory));
 }
 
 hp::Reply HelperServer::setTarget(Client& client, const hp::Request& request) {
+    if (nvidia_ && isNvidia(request.fan)) {
+        if (config_.isForbidden(request.fan)) {
+            return hp::Reply::failure(hp::codes::forbidden,
+                                      request.fan + " is forbidden to clients by " + config_.file);
+        }
+        const int pwm =
+            request.pwm ? *request.pwm : LocalFanController::linearPWMForRPM(*request.rpm, 0, 0);
+        if (const auto floor = config_.floorOf(request.fan); floor && pwm < *floor) {
+            return hp::Reply::failure(hp::codes::belowFloor,
+                                      "duty cycle " + std::to_string(pwm) + " is below the floor " +
+                                          std::to_string(*floor) + " that " + config_.file +
+                                          " sets for " + request.fan);
+        }
+        const ArbiterOutcome outcome = nvidia_->take(client.id, request.fan, pwm);
+        if (!outcome.ok) return hp::Reply::failure(outcome.code, outcome.message);
+        return hp::Reply::success(hp::encodeAppliedPWM(pwm));
+    }
     // A fan this client already holds needs no fresh discovery: its paths and speed range do
     // not change while it is held, and the control loop sets the same fans every tick.
     std::vector<HwmonFan> fans;
@@ -590,6 +642,12 @@ hp::Reply HelperServer::configReply() const {
 }
 
 hp::Reply HelperServer::release(Client& client, const hp::Request& request) {
+    if (nvidia_ && isNvidia(request.fan)) {
+        const ArbiterOutcome outcome = nvidia_->release(client.id, request.fan);
+        if (!outcome.ok) return hp::Reply::failure(outcome.code, outcome.message);
+        return hp::Reply::success(
+            hp::encodeLeaseInfo({static_cast<int>(heldBy(client.id)), hp::kLeaseExpiryMs}));
+    }
     // A held fan whose hardware vanished can still be released (its journal entry goes).
     if (!arbiter_.holder(request.fan)) {
         const std::vector<HwmonFan> fans = arbiter_.discover();
@@ -601,7 +659,7 @@ hp::Reply HelperServer::release(Client& client, const hp::Request& request) {
     const ArbiterOutcome outcome = arbiter_.release(client.id, request.fan);
     if (!outcome.ok) return hp::Reply::failure(outcome.code, outcome.message);
     return hp::Reply::success(
-        hp::encodeLeaseInfo({static_cast<int>(arbiter_.heldBy(client.id)), hp::kLeaseExpiryMs}));
+        hp::encodeLeaseInfo({static_cast<int>(heldBy(client.id)), hp::kLeaseExpiryMs}));
 }
 
 }  // namespace kelvo::helperd

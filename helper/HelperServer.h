@@ -25,6 +25,7 @@
 #include "helper/HelperConfig.h"
 #include "helper/HelperOptions.h"
 #include "helper/HwmonSensors.h"
+#include "helper/NvmlFans.h"
 #include "helper/PeerAuthorizer.h"
 #include "helper/PowercapCounter.h"
 #include "helper/SleepWatcher.h"
@@ -77,6 +78,10 @@ private:
     void flush(Client& client);
     void queue(Client& client, const helper_protocol::Reply& reply);
     void closeClient(ClientId id, const std::string& reason);
+    // hwmon and NVIDIA fans together.
+    std::size_t heldBy(ClientId id) const;
+    void releaseClientFans(ClientId id, const std::string& reason);
+    static bool isNvidia(const std::string& identity);
     void checkTimers(Clock::time_point now);
     int pollTimeoutMs(Clock::time_point now) const;
     helper_protocol::Reply handle(Client& client, const std::string& payload);
@@ -95,6 +100,7 @@ private:
     Logger log_;
     std::shared_ptr<HwmonFanService> fans_;
     FanArbiter arbiter_;
+    std::unique_ptr<NvmlFans> nvidia_;  // none with --nvml-library none
     HwmonSensors sensors_;
     PowercapCounter counters_;
     PeerAuthorizer authorizer_;

@@ -64,6 +64,12 @@ int onGetattr(const char* path, struct stat* st, fuse_file_info*) {
         st->st_nlink = 2;
         return 0;
     }
+    if (name == kWritesFile) {
+        st->st_mode = S_IFREG | 0444;
+        st->st_nlink = 1;
+        st->st_size = 4096;
+        return 0;
+    }
     std::lock_guard lock(self().mutex());
     const Node* node = self().hardware()->tree().find(name);
     if (!node) return -ENOENT;
@@ -105,6 +111,7 @@ int onReaddir(const char* path, void* buffer, fuse_fill_dir_t fill, off_t, fuse_
     fill(buffer, "..", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
     if (name == "simhw") {
         fill(buffer, "fault", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
+        fill(buffer, "writes", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
         return 0;
     }
     std::lock_guard lock(self().mutex());
@@ -123,6 +130,8 @@ int onOpen(const char* path, fuse_file_info* info) {
     const bool writing = (info->flags & O_ACCMODE) != O_RDONLY;
     if (name == kFaultFile) {
         if (!writing) return -EACCES;
+    } else if (name == kWritesFile) {
+        if (writing) return -EACCES;
     } else {
         std::lock_guard lock(self().mutex());
         const Node* node = self().hardware()->tree().find(name);
@@ -140,7 +149,10 @@ int onOpen(const char* path, fuse_file_info* info) {
 
 int onRead(const char* path, char* buffer, size_t size, off_t offset, fuse_file_info* info) {
     std::string& content = openFiles().contents[info->fh];
-    if (offset == 0) {
+    if (offset == 0 && relative(path) == kWritesFile) {
+        std::lock_guard lock(self().mutex());
+        content = self().hardware()->writeCounts();
+    } else if (offset == 0) {
         std::lock_guard lock(self().mutex());
         const Node* node = self().hardware()->tree().find(relative(path));
         // The file can vanish while open: sysfs answers such reads with ENODEV.

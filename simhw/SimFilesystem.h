@@ -35,5 +35,7 @@ private:
 
 // The fault file, relative to the mount point.
 inline constexpr const char* kFaultFile = "simhw/fault";
+// How often each fan's pwm and pwm_enable were written, relative to the mount point.
+inline constexpr const char* kWritesFile = "simhw/writes";
 
 }  // namespace kelvo::simhw

@@ -268,6 +268,7 @@ int SimHardware::writeDuty(std::size_t fan, std::string_view text) {
     if (!value || *value < 0 || *value > kMaxDuty) return -EINVAL;
     if (fans_[fan].eio) return -EIO;
     fans_[fan].pwm = static_cast<int>(*value);
+    ++fans_[fan].pwmWrites;
     commandFans();
     return 0;
 }
@@ -276,6 +277,7 @@ int SimHardware::writeEnable(std::size_t fan, std::string_view text) {
     const auto value = parseSysfsInteger(text);
     if (!value || *value < 0 || *value > 2) return -EINVAL;
     fans_[fan].enable = static_cast<int>(*value);
+    ++fans_[fan].enableWrites;
     commandFans();
     return 0;
 }
@@ -300,6 +302,16 @@ void SimHardware::commandFans() {
     else
         plant_.setFirmwareControl(true);
     state_ = plant_.state();
+}
+
+std::string SimHardware::writeCounts() const {
+    std::string text;
+    for (std::size_t i = 0; i < fans_.size(); ++i) {
+        const std::string fan = "fan" + std::to_string(i + 1);
+        text += fan + " pwm " + std::to_string(fans_[i].pwmWrites) + "\n";
+        text += fan + " enable " + std::to_string(fans_[i].enableWrites) + "\n";
+    }
+    return text;
 }
 
 std::string SimHardware::fanChipPath() const {

@@ -20,6 +20,8 @@ struct FanChannel {
     int enable = 2;  // 0 full speed, 1 manual, 2 firmware curve
     bool eio = false;
     bool stalled = false;
+    long pwmWrites = 0;
+    long enableWrites = 0;
 };
 
 class SimHardware {
@@ -49,6 +51,9 @@ public:
     int effectiveDuty(std::size_t fan) const;
     // Where the fan controller chip sits now ("sys/class/hwmon/hwmon2").
     std::string fanChipPath() const;
+    // Every accepted write to a fan's pwm or pwm_enable so far, one line per file:
+    // "fan2 pwm 14", "fan2 enable 1" (what `simhw/writes` reads).
+    std::string writeCounts() const;
 
 private:
     struct Chip {

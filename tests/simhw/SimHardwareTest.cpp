@@ -190,6 +190,16 @@ TEST(SimHardware, FaultsThatMakeNoSenseAreRefusedWithAReason) {
     EXPECT_EQ(read(hw, kEnable1), "2\n");
 }
 
+TEST(SimHardware, CountsEveryAcceptedFanWrite) {
+    SimHardware hw("box", twoFans());
+    EXPECT_EQ(hw.writeCounts(), "fan1 pwm 0\nfan1 enable 0\nfan2 pwm 0\nfan2 enable 0\n");
+    ASSERT_EQ(write(hw, kEnable1, "1"), 0);
+    ASSERT_EQ(write(hw, kPwm1, "10"), 0);
+    ASSERT_EQ(write(hw, kPwm1, "20"), 0);
+    EXPECT_EQ(write(hw, kPwm1, "999"), -EINVAL);  // refused: not counted
+    EXPECT_EQ(hw.writeCounts(), "fan1 pwm 2\nfan1 enable 1\nfan2 pwm 0\nfan2 enable 0\n");
+}
+
 TEST(SimHardware, ParsesWritesTheWayTheKernelDoes) {
     EXPECT_EQ(parseSysfsInteger("128\n"), 128);
     EXPECT_EQ(parseSysfsInteger(" 7 "), 7);

@@ -68,6 +68,7 @@ TEST_F(SimhwMount, WritesTakeEffectAndInvalidOnesAreRefusedWithEinval) {
     EXPECT_EQ(writeAttribute(enable, "1\n"), 0);
     EXPECT_EQ(writeAttribute(pwm, "255\n"), 0);
     EXPECT_EQ(readAttribute(pwm), "255");
+    EXPECT_EQ(slurp(sim().at("simhw/writes")).substr(0, 25), "fan1 pwm 1\nfan1 enable 1\n");
     EXPECT_EQ(writeAttribute(pwm, "256\n"), EINVAL);
     EXPECT_EQ(writeAttribute(enable, "9"), EINVAL);
     EXPECT_EQ(readAttribute(pwm), "255");

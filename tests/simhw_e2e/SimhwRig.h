@@ -89,6 +89,22 @@ public:
         kelvo_->start(args);
     }
 
+    // A setting Kelvo starts with (in its settings file, as the dashboard or kelvoctl store it).
+    void setSetting(const QString& key, const QString& value) {
+        QSettings settings(home_.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
+                           QSettings::IniFormat);
+        settings.setValue(key, value);
+        settings.sync();
+    }
+    // How often kelvo-simhw accepted a write to `fanN`'s pwm ("pwm") or pwm_enable ("enable").
+    long writesTo(int fan, const std::string& attribute) const {
+        std::istringstream lines(slurp(sim_->at("simhw/writes")));
+        const std::string prefix = "fan" + std::to_string(fan) + " " + attribute + " ";
+        for (std::string line; std::getline(lines, line);)
+            if (line.rfind(prefix, 0) == 0) return std::stol(line.substr(prefix.size()));
+        return -1;
+    }
+
     // Variables Kelvo is started with, on top of this process's environment.
     void setKelvoEnvironment(const QString& name, const QString& value) {
         environment_.insert(name, value);

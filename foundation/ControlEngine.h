@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "foundation/ControlPolicy.h"
+#include "foundation/FanChoices.h"
 #include "foundation/FanController.h"
 #include "foundation/FanWriter.h"
 #include "foundation/TelemetryProvider.h"
@@ -60,6 +61,11 @@ public:
 
     void applyMode(ControlMode mode);
     void setCooldownEnabled(bool enabled);
+    // Which fans Kelvo drives and how; takes effect on the next tick.
+    void setFanChoices(FanChoices choices) { fanChoices_ = std::move(choices); }
+    const FanChoices& fanChoices() const { return fanChoices_; }
+    // The user's quiet limits and performance target (already checked against the dies).
+    void setUserLimits(double cpuQuietC, double gpuQuietC, double performanceTargetC);
     void recordEvent(const RuntimeEvent& event);
     // Gives the fans back to the firmware (shutdown, or before the process goes away).
     void releaseFans(const char* why);
@@ -124,6 +130,7 @@ private:
     bool runSampleFailureReported_ = false;
 
     std::vector<FanState> lastFans_;
+    FanChoices fanChoices_;
     // Fans Kelvo no longer drives until the user picks a mode again: a stalled rotor, or a mode
     // someone else set. They get target 0 (the firmware's curve).
     std::set<std::string> leftToFirmware_;

@@ -61,16 +61,16 @@ protected:
 
 }  // namespace
 
-TEST_F(DesktopUpdates, TheTrayMenuOffersFourCommandsInOrder) {
+TEST_F(DesktopUpdates, TheTrayMenuOffersFiveCommandsInOrder) {
     launch();
     QMenu* menu = app->lifecycle().statusItem()->contextMenu();
     ASSERT_NE(menu, nullptr);
     QStringList texts;
     for (QAction* action : menu->actions())
         if (!action->isSeparator()) texts << action->text();
-    EXPECT_EQ(texts,
-              (QStringList{QStringLiteral("Show Dashboard"), QStringLiteral("Check for Updates…"),
-                           QStringLiteral("Settings…"), QStringLiteral("Quit Kelvo")}));
+    EXPECT_EQ(texts, (QStringList{QStringLiteral("Show Dashboard"), QStringLiteral("Fans…"),
+                                  QStringLiteral("Check for Updates…"), QStringLiteral("Settings…"),
+                                  QStringLiteral("Quit Kelvo")}));
 }
 
 TEST_F(DesktopUpdates, ShowDashboardFromTheMenuBringsBackAClosedWindow) {

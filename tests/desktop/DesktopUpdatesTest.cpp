@@ -83,6 +83,20 @@ TEST_F(DesktopUpdates, ShowDashboardFromTheMenuBringsBackAClosedWindow) {
     EXPECT_TRUE(waitFor([&] { return dashboard()->isVisible(); }));
 }
 
+TEST_F(DesktopUpdates, FansFromTheMenuShowsTheDashboardWithTheFansPane) {
+    launch();
+    dashboard()->close();
+    ASSERT_TRUE(waitFor([&] { return !dashboard()->isVisible(); }));
+    QAction* fans = menuAction(QStringLiteral("Fans…"));
+    ASSERT_NE(fans, nullptr);
+    fans->trigger();
+    EXPECT_TRUE(waitFor([&] { return dashboard()->isVisible(); }));
+    EXPECT_TRUE(runtime->fanSettings()->paneOpen());
+    QQuickItem* pane = dashboardItem(QStringLiteral("surface-fans"));
+    ASSERT_NE(pane, nullptr);
+    EXPECT_TRUE(pane->isVisible());
+}
+
 TEST_F(DesktopUpdates, QuitFromTheMenuReachesTheApplication) {
     launch();
     QAction* quit = menuAction(QStringLiteral("Quit Kelvo"));

@@ -149,8 +149,11 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     // own settings file, which the sender could have edited anyway.
     fanSettingsWatch_ = new ExternalControlBridge(this);
     if (fanSettingsWatch_->installFanSettingsWatch())
-        connect(fanSettingsWatch_, &ExternalControlBridge::fanSettingsChanged, fanSettings_,
-                &FanSettingsModel::reload);
+        connect(fanSettingsWatch_, &ExternalControlBridge::fanSettingsChanged, this, [this] {
+            fanSettings_->reload();
+            recordThroughLoop(
+                RuntimeEvent::make("Fan choices and limits re-read from the settings"));
+        });
     // 11. Capture coordinator; both callbacks hold the runtime weakly.
     if (options_.makeCapture) {
         capture_ = options_.makeCapture(*controlLoop_, *profilingService_);

@@ -137,6 +137,25 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     profilingService_ = std::make_unique<ProfilingService>(eventRing_, databasePath.toStdString());
     controlLoop_ = std::make_unique<ControlLoop>(telemetry_, fanController_, store_, eventRing_,
                                                  tracker_, options_.loopConfig);
+    // The user's fan choices and limits, handed to the engine once the loop runs.
+    fanSettings_ = new FanSettingsModel(
+        settings_, LaunchPaths::fromArguments(options_.arguments).sysfsRoot,
+        [this](const FanChoices& choices, const UserLimits& limits) {
+            loopCall(*controlLoop_, [choices, limits](ControlEngine& e) {
+                e.setFanChoices(choices);
+                e.setUserLimits(limits.cpuQuietC, limits.gpuQuietC, limits.performanceTargetC);
+            });
+        },
+        this);
+    // Accepted without --allow-external-control: the signal only makes Kelvo re-read the user's
+    // own settings file, which the sender could have edited anyway.
+    fanSettingsWatch_ = new ExternalControlBridge(this);
+    if (fanSettingsWatch_->installFanSettingsWatch())
+        connect(fanSettingsWatch_, &ExternalControlBridge::fanSettingsChanged, this, [this] {
+            fanSettings_->reload();
+            recordThroughLoop(
+                RuntimeEvent::make("Fan choices and limits re-read from the settings"));
+        });
     // 11. Capture coordinator; both callbacks hold the runtime weakly.
     if (options_.makeCapture) {
         capture_ = options_.makeCapture(*controlLoop_, *profilingService_);
@@ -377,6 +396,7 @@ QCoro::Task<> AppRuntime::startupTask() {
             this, [this, shared] { handleSnapshot(shared); }, Qt::QueuedConnection);
     });
     controlLoop_->start();
+    fanSettings_->applyToEngine();
     // 2. The external-control policy of this launch.
     co_await recordThroughLoop(RuntimeEvent::make(
         acceptsExternalModeControl_ ? "External mode control enabled for this launch"
@@ -410,6 +430,7 @@ QCoro::Task<> AppRuntime::handleSnapshot(std::shared_ptr<const ControlSnapshot> 
         if (!self) co_return;
         capture_->updateProfilingClock(snapshot.sample.timestamp);
     }
+    fanSettings_->updateSpeeds(snapshot.sample);
     const auto events = eventRing_->recent(kEventReadLimit);
     if (!live_->shouldRefresh(snapshot.sample.timestamp)) {
         handleAlertsThrough(events);

@@ -16,6 +16,7 @@
 #include "app/AppBuildInfo.h"
 #include "app/AppPresentationStore.h"
 #include "app/ExternalControlBridge.h"
+#include "app/FanSettingsModel.h"
 #include "app/NotificationCoordinator.h"
 #include "capture/CaptureSeam.h"
 #include "foundation/ControlLoop.h"
@@ -72,6 +73,7 @@ public:
     LiveDashboardStore* live() const { return live_; }
     CaptureSeam* capture() const { return capture_.get(); }
     NotificationCoordinator* notifications() const { return notifications_; }
+    FanSettingsModel* fanSettings() const { return fanSettings_; }
     ControlLoop& controlLoop() const { return *controlLoop_; }
     EventRing& eventRing() const { return *eventRing_; }
     ProfilingService& profilingService() const { return *profilingService_; }
@@ -138,6 +140,8 @@ private:
     std::unique_ptr<ControlLoop> controlLoop_;
     NotificationCoordinator* notifications_ = nullptr;
     ExternalControlBridge* externalBridge_ = nullptr;
+    FanSettingsModel* fanSettings_ = nullptr;
+    ExternalControlBridge* fanSettingsWatch_ = nullptr;
     // External requests are coalesced: at most one pending mode and one pending cooldown, the
     // newest wins, applied together shortly after the first of a burst arrived.
     std::optional<ControlMode> pendingExternalMode_;

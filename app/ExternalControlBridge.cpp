@@ -24,6 +24,14 @@ bool ExternalControlBridge::install() {
     return installed_;
 }
 
+bool ExternalControlBridge::installFanSettingsWatch() {
+    auto bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) return false;
+    return bus.connect(QString(), ExternalControl::objectPath, ExternalControl::interfaceName,
+                       ExternalControl::fanSettingsChangedNotificationName, this,
+                       SLOT(onFanSettingsChanged(QDBusMessage)));
+}
+
 ExternalValue ExternalControlBridge::valueFrom(const QVariant& raw) {
     QVariant value = raw;
     if (value.metaType() == QMetaType::fromType<QDBusVariant>())
@@ -80,6 +88,10 @@ void ExternalControlBridge::onSetCooldown(const QDBusMessage& message) {
     if (!payload) return;
     if (auto enabled = ExternalControl::requestedCooldownEnabled(*payload))
         emit cooldownRequested(*enabled);
+}
+
+void ExternalControlBridge::onFanSettingsChanged(const QDBusMessage&) {
+    emit fanSettingsChanged();
 }
 
 }  // namespace kelvo

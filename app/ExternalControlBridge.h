@@ -18,6 +18,8 @@ public:
 
     // Subscribes to both signals; false when there is no session bus.
     bool install();
+    // Subscribes to FanSettingsChanged only; false when there is no session bus.
+    bool installFanSettingsWatch();
     bool isInstalled() const { return installed_; }
 
     // Exposed for tests: the conversion of one D-Bus message's arguments.
@@ -27,10 +29,12 @@ public:
 signals:
     void modeRequested(kelvo::ControlMode mode);
     void cooldownRequested(bool enabled);
+    void fanSettingsChanged();
 
 private slots:
     void onSetMode(const QDBusMessage& message);
     void onSetCooldown(const QDBusMessage& message);
+    void onFanSettingsChanged(const QDBusMessage& message);
 
 private:
     bool installed_ = false;

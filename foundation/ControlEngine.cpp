@@ -10,7 +10,6 @@
 namespace kelvo {
 
 namespace {
-constexpr double kDefaultMinRPM = 1200;
 // A driven fan that reads 0 rpm for this many ticks in a row has stopped: longer than any fan
 // takes to spin up from rest.
 constexpr int kStallTicks = 5;
@@ -18,7 +17,6 @@ constexpr int kStallTicks = 5;
 // one more and Kelvo stops fighting whoever keeps changing it.
 constexpr int kTakebacksTolerated = 3;
 constexpr double kTakebackWindowS = 300;
-constexpr double kDefaultMaxRPM = 5000;
 constexpr double kReleaseTimeoutSeconds = 2.0;
 }  // namespace
 
@@ -68,6 +66,16 @@ void ControlEngine::applyMode(ControlMode mode) {
     stalledTicks_.clear();
     takebacks_.clear();
     record("Control mode changed to " + std::string(displayName(mode)));
+}
+
+void ControlEngine::setUserLimits(double cpuQuietC, double gpuQuietC, double performanceTargetC) {
+    ControlLimits limits = config_.limits;
+    limits.quietCpuLimitC = cpuQuietC;
+    limits.quietGpuLimitC = gpuQuietC;
+    limits.performanceTargetC = performanceTargetC;
+    config_.limits = limits;
+    policy_.setLimits(limits);
+    previewPolicy_.setLimits(limits);
 }
 
 double ControlEngine::currentFanDuty() const {
@@ -256,9 +264,7 @@ std::vector<double> ControlEngine::targetsFor(double duty) const {
             targets.push_back(0);
             continue;
         }
-        double lo = fan.minRPM > 0 ? fan.minRPM : kDefaultMinRPM;
-        double hi = fan.maxRPM > lo ? fan.maxRPM : std::max(lo, kDefaultMaxRPM);
-        targets.push_back(lo + std::clamp(duty, 0.0, 1.0) * (hi - lo));
+        targets.push_back(fanTargetRPM(fan, effectiveFanChoice(fan, fanChoices_), duty));
     }
     return targets;
 }

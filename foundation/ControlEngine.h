@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "foundation/ControlPolicy.h"
+#include "foundation/FanChoices.h"
 #include "foundation/FanController.h"
 #include "foundation/FanWriter.h"
 #include "foundation/TelemetryProvider.h"
@@ -63,6 +64,11 @@ public:
     // The machine is about to sleep (true) or has woken (false): while it sleeps every fan is
     // the firmware's and nothing is written.
     void setSleeping(bool sleeping);
+    // Which fans Kelvo drives and how; takes effect on the next tick.
+    void setFanChoices(FanChoices choices) { fanChoices_ = std::move(choices); }
+    const FanChoices& fanChoices() const { return fanChoices_; }
+    // The user's quiet limits and performance target (already checked against the dies).
+    void setUserLimits(double cpuQuietC, double gpuQuietC, double performanceTargetC);
     void recordEvent(const RuntimeEvent& event);
     // Gives the fans back to the firmware (shutdown, or before the process goes away).
     void releaseFans(const char* why);
@@ -128,6 +134,7 @@ private:
     bool runSampleFailureReported_ = false;
 
     std::vector<FanState> lastFans_;
+    FanChoices fanChoices_;
     // Fans Kelvo no longer drives until the user picks a mode again: a stalled rotor, or a mode
     // someone else set. They get target 0 (the firmware's curve).
     std::set<std::string> leftToFirmware_;

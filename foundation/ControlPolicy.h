@@ -39,6 +39,7 @@ public:
     void reset(double duty = 0);
     double duty() const { return duty_; }
     const ControlLimits& limits() const { return limits_; }
+    void setLimits(const ControlLimits& limits) { limits_ = limits; }
 
     // The temperature limits that count as "the boundary" for this mode.
     double cpuLimit(ControlMode mode) const;

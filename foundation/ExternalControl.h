@@ -19,6 +19,8 @@ using ExternalPayload = std::map<std::string, ExternalValue>;
 struct ExternalControl {
     static constexpr const char* setModeNotificationName = "SetMode";
     static constexpr const char* setCooldownNotificationName = "SetCooldown";
+    // kelvoctl wrote the user's fan choices or limits: re-read them. No payload.
+    static constexpr const char* fanSettingsChangedNotificationName = "FanSettingsChanged";
     static constexpr const char* interfaceName = "org.kelvo.ExternalControl";
     static constexpr const char* objectPath = "/org/kelvo/ExternalControl";
     static constexpr const char* modeKey = "mode";

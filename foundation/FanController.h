@@ -17,6 +17,7 @@ struct FanState {
     double targetRPM = 0;   // 0 while the firmware is in charge
     double minRPM = 0;
     double maxRPM = 0;
+    std::string label;  // the channel's own label (hwmon fanN_label), empty when none
 };
 
 // Outcome of a back-end call. `error` is a short reason suitable for an event message

@@ -3,13 +3,18 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QSettings>
 #include <QStringList>
 #include <QVariantMap>
 #include <cstdio>
 
 #include "app/AppRuntime.h"
+#include "app/FanSettings.h"
 #include "foundation/ExternalControl.h"
+#include "foundation/FanChoices.h"
 #include "foundation/Types.h"
+#include "foundation/UserLimits.h"
+#include "foundation/linux/DieCriticalTemperatures.h"
 #include "foundation/linux/HelperClient.h"
 #include "foundation/linux/HelperStatusReport.h"
 #include "foundation/linux/HwmonFanService.h"
@@ -32,7 +37,12 @@ int usage() {
         "usage: kelvoctl mode <%s>\n"
         "       kelvoctl cooldown <on|off>\n"
         "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
-        "Kelvo only accepts mode and cooldown when it was started with --allow-external-control.\n",
+        "       kelvoctl [--sysfs-root PATH] fans\n"
+        "       kelvoctl [--sysfs-root PATH] fan IDENTITY <auto|firmware|fixed N|min N>\n"
+        "       kelvoctl [--sysfs-root PATH] limits [<cpu|gpu|performance> N]\n"
+        "Kelvo only accepts mode and cooldown when it was started with --allow-external-control;\n"
+        "fan choices and limits are stored in Kelvo's settings and a running Kelvo re-reads "
+        "them.\n",
         modeList().replace(QStringLiteral(", "), QStringLiteral("|")).toUtf8().constData());
     kelvo::kelvoctl::printUpdateUsage();
     return kUsageError;
@@ -91,6 +101,154 @@ int helperStatus(const kelvo::LaunchPaths& paths) {
     return 1;
 }
 
+// Kelvo re-reads its settings on this signal; without a bus it reads them when it next starts.
+void announceFanSettings() {
+    auto bus = QDBusConnection::sessionBus();
+    auto message = QDBusMessage::createSignal(
+        kelvo::ExternalControl::objectPath, kelvo::ExternalControl::interfaceName,
+        kelvo::ExternalControl::fanSettingsChangedNotificationName);
+    if (!bus.isConnected() || !bus.send(message)) {
+        std::fprintf(stderr, "kelvoctl: stored; a running Kelvo applies it when it next starts\n");
+        return;
+    }
+    bus.call(QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
+}
+
+struct KnownFan {
+    std::string identity;
+    std::string label;
+    std::optional<double> rpm;
+};
+
+// The machine's hwmon fans, then any fan named in the settings that hwmon does not show (a
+// simulated one, or one whose driver is not loaded now).
+std::vector<KnownFan> knownFans(const std::string& sysfsRoot, const kelvo::FanChoices& stored) {
+    std::vector<KnownFan> fans;
+    for (const auto& fan : kelvo::HwmonFanService(sysfsRoot).discover())
+        fans.push_back({fan.identity, fan.label, fan.currentRPM});
+    for (const auto& [identity, choice] : stored) {
+        (void)choice;
+        if (std::none_of(fans.begin(), fans.end(),
+                         [&](const KnownFan& f) { return f.identity == identity; }))
+            fans.push_back({identity, {}, std::nullopt});
+    }
+    return fans;
+}
+
+int listFans(const std::string& sysfsRoot) {
+    QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+    const kelvo::FanChoices stored = kelvo::fan_settings::readChoices(settings);
+    const auto fans = knownFans(sysfsRoot, stored);
+    if (fans.empty()) {
+        std::printf("No fans found.\n");
+        return 0;
+    }
+    std::printf("%-56s %-16s %8s  %s\n", "IDENTITY", "LABEL", "RPM", "CHOICE");
+    for (const auto& fan : fans) {
+        kelvo::FanState state;
+        state.name = fan.identity;
+        state.label = fan.label;
+        const bool chosen = stored.contains(fan.identity);
+        const std::string choice = kelvo::formatFanChoice(kelvo::effectiveFanChoice(state, stored));
+        const std::string rpm = fan.rpm ? std::to_string(static_cast<long long>(*fan.rpm)) : "-";
+        std::printf("%-56s %-16s %8s  %s%s\n", fan.identity.c_str(),
+                    fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), choice.c_str(),
+                    chosen || choice == "auto" ? "" : " (pump default)");
+    }
+    return 0;
+}
+
+int setFan(const std::string& sysfsRoot, const QString& identity, const QStringList& words) {
+    QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+    kelvo::FanChoices stored = kelvo::fan_settings::readChoices(settings);
+    const auto fans = knownFans(sysfsRoot, stored);
+    const std::string id = identity.toStdString();
+    const auto fan =
+        std::find_if(fans.begin(), fans.end(), [&](const KnownFan& f) { return f.identity == id; });
+    if (fan == fans.end()) {
+        std::string names;
+        for (const auto& f : fans) names += (names.empty() ? "" : ", ") + f.identity;
+        std::fprintf(stderr, "kelvoctl: unknown fan '%s'; the fans are: %s\n", id.c_str(),
+                     names.empty() ? "(none found)" : names.c_str());
+        return kUsageError;
+    }
+    kelvo::FanState state;
+    state.name = fan->identity;
+    state.label = fan->label;
+    const auto choice = kelvo::parseFanChoice(words.join(QLatin1Char(' ')).toStdString(),
+                                              kelvo::effectiveFanChoice(state, stored));
+    if (!choice) {
+        std::fprintf(stderr, "kelvoctl: unknown choice '%s'; the choices are: %s\n",
+                     words.join(QLatin1Char(' ')).toUtf8().constData(), kelvo::fanChoiceWords());
+        return kUsageError;
+    }
+    stored[id] = *choice;
+    kelvo::fan_settings::writeChoices(settings, stored);
+    if (settings.status() != QSettings::NoError) {
+        std::fprintf(stderr, "kelvoctl: could not write %s\n",
+                     settings.fileName().toUtf8().constData());
+        return 1;
+    }
+    std::printf("%s: %s\n", id.c_str(), kelvo::formatFanChoice(*choice).c_str());
+    announceFanSettings();
+    return 0;
+}
+
+constexpr kelvo::UserLimitKind kLimitKinds[] = {kelvo::UserLimitKind::cpuQuiet,
+                                                kelvo::UserLimitKind::gpuQuiet,
+                                                kelvo::UserLimitKind::performanceTarget};
+const char* limitWord(kelvo::UserLimitKind kind) {
+    switch (kind) {
+        case kelvo::UserLimitKind::cpuQuiet: return "cpu";
+        case kelvo::UserLimitKind::gpuQuiet: return "gpu";
+        case kelvo::UserLimitKind::performanceTarget: return "performance";
+    }
+    return "cpu";
+}
+
+int limits(const std::string& sysfsRoot, const QStringList& words) {
+    QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+    const auto critical = kelvo::readDieCriticalTemperatures(sysfsRoot);
+    if (words.isEmpty()) {
+        const auto current = kelvo::fan_settings::readLimits(settings, critical);
+        for (auto kind : kLimitKinds)
+            std::printf("%-12s %5.1f °C  (%s; accepted %.0f-%.0f °C)\n", limitWord(kind),
+                        kelvo::userLimit(current, kind), kelvo::userLimitName(kind),
+                        kelvo::kLowestUserLimitC, kelvo::highestUserLimitC(kind, critical));
+        return 0;
+    }
+    const auto kind = std::find_if(std::begin(kLimitKinds), std::end(kLimitKinds),
+                                   [&](auto k) { return words[0] == QLatin1String(limitWord(k)); });
+    if (kind == std::end(kLimitKinds)) {
+        std::fprintf(stderr,
+                     "kelvoctl: unknown limit '%s'; the limits are: cpu, gpu, performance\n",
+                     words[0].toUtf8().constData());
+        return kUsageError;
+    }
+    bool ok = false;
+    const double value = words.size() == 2 ? words[1].toDouble(&ok) : 0;
+    if (!ok) {
+        std::fprintf(stderr, "kelvoctl: limits %s takes one temperature in °C\n", limitWord(*kind));
+        return kUsageError;
+    }
+    const std::string refusal = kelvo::userLimitRefusal(*kind, value, critical);
+    if (!refusal.empty()) {
+        std::fprintf(stderr, "kelvoctl: refused: %s\n", refusal.c_str());
+        return 1;
+    }
+    kelvo::fan_settings::writeLimit(settings, *kind, value);
+    if (settings.status() != QSettings::NoError) {
+        std::fprintf(stderr, "kelvoctl: could not write %s\n",
+                     settings.fileName().toUtf8().constData());
+        return 1;
+    }
+    std::printf("%s: %g °C\n", kelvo::userLimitName(*kind), value);
+    announceFanSettings();
+    return 0;
+}
+
 // The command words, without the path options (which take a value each).
 QStringList commandWords(const QStringList& args) {
     QStringList words;
@@ -116,6 +274,12 @@ int main(int argc, char** argv) {
     if (!all.isEmpty() && all.front() == QLatin1String("update"))
         return kelvo::kelvoctl::runUpdateCommand(all.mid(1));
     const QStringList args = commandWords(all);
+    const std::string sysfsRoot = kelvo::LaunchPaths::fromArguments(all).sysfsRoot;
+    if (args.size() == 1 && args[0] == QLatin1String("fans")) return listFans(sysfsRoot);
+    if (args.size() >= 3 && args[0] == QLatin1String("fan"))
+        return setFan(sysfsRoot, args[1], args.mid(2));
+    if (!args.isEmpty() && args[0] == QLatin1String("limits") && args.size() <= 3)
+        return limits(sysfsRoot, args.mid(1));
     if (args.size() != 2) return usage();
     if (args[0] == QLatin1String("helper")) {
         if (args[1] != QLatin1String("status")) {

@@ -31,6 +31,10 @@ KelvoApp::KelvoApp(AppRuntime& runtime, QSettings& defaults, UpdaterConfiguratio
                                                         if (self) quit();
                                                     },
                                                     Qt::QueuedConnection);
+                                            },
+                                            [lifecycle, fans = runtime.fanSettings()] {
+                                                fans->setPaneOpen(true);
+                                                lifecycle->showDashboardWindow();
                                             }});
     AppUpdaterController* controller = updates_.get();
     commands_ = new AppCommands([controller] { controller->settingsView().show(); }, this);

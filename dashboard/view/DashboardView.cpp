@@ -22,6 +22,7 @@ DashboardView::DashboardView(AppRuntime* runtime, CaptureCoordinator* capture, Q
     context->setContextProperty(QStringLiteral("dashboard"), viewModel_);
     context->setContextProperty(QStringLiteral("trend"), trendModel_);
     context->setContextProperty(QStringLiteral("live"), runtime->live());
+    context->setContextProperty(QStringLiteral("fanSettings"), runtime->fanSettings());
     context->setContextProperty(QStringLiteral("capture"), capture);
     context->setContextProperty(QStringLiteral("layout"), dashboard_layout::dashboardLayoutMap());
     context->setContextProperty(QStringLiteral("appCommands"), nullptr);

@@ -104,6 +104,7 @@ std::vector<HwmonFan> HwmonFanService::discover() const {
             fan.identity = fan.driver + "@" + devicePath + "#fan" + std::to_string(channel);
             fan.controllable = pathExists(fan.pwmPath()) && pathExists(fan.pwmEnablePath());
             fan.currentRPM = readRPM(fan);
+            fan.label = readTrimmed(hwmonDir / channelFile("fan", channel, "_label")).value_or("");
             if (auto v = readInteger(hwmonDir / channelFile("fan", channel, "_min"))) {
                 fan.minRPM = static_cast<double>(*v);
             }

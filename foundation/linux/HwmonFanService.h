@@ -16,6 +16,7 @@ struct HwmonFan {
     // of it: the kernel renumbers hwmon devices between boots and module reloads.
     std::string identity;
     std::string driver;  // contents of the `name` file
+    std::string label;   // fanN_label, empty when absent
     std::string
         devicePath;  // resolved device, relative to the root ("/sys/devices/..."), or "virtual"
     std::filesystem::path hwmonDir;  // where the attribute files live (includes the root)

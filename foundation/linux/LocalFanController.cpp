@@ -60,6 +60,7 @@ FanReadResult LocalFanController::readFans() {
     for (const HwmonFan& fan : discovered) {
         FanState state;
         state.name = fan.identity;
+        state.label = fan.label;
         state.currentRPM = fan.currentRPM.value_or(kUnreadableRPM);
         auto held = held_.find(fan.identity);
         // Someone else switched a fan Kelvo holds out of manual mode: it is theirs now, and

@@ -24,9 +24,12 @@ FanReadResult SimulatedFanController::readFans() {
     const sim::PlantState state = machine_->state();
     FanReadResult result;
     for (std::size_t i = 0; i < state.fanCurrentRPM.size(); ++i) {
-        result.fans.push_back(FanState{state.fanNames[i], state.fanCurrentRPM[i],
-                                       state.fanTargetRPM[i], state.fanMinRPM[i],
-                                       state.fanMaxRPM[i]});
+        result.fans.push_back(FanState{state.fanNames[i],
+                                       state.fanCurrentRPM[i],
+                                       state.fanTargetRPM[i],
+                                       state.fanMinRPM[i],
+                                       state.fanMaxRPM[i],
+                                       {}});
     }
     return result;
 }

@@ -61,16 +61,16 @@ protected:
 
 }  // namespace
 
-TEST_F(DesktopUpdates, TheTrayMenuOffersFourCommandsInOrder) {
+TEST_F(DesktopUpdates, TheTrayMenuOffersFiveCommandsInOrder) {
     launch();
     QMenu* menu = app->lifecycle().statusItem()->contextMenu();
     ASSERT_NE(menu, nullptr);
     QStringList texts;
     for (QAction* action : menu->actions())
         if (!action->isSeparator()) texts << action->text();
-    EXPECT_EQ(texts,
-              (QStringList{QStringLiteral("Show Dashboard"), QStringLiteral("Check for Updates…"),
-                           QStringLiteral("Settings…"), QStringLiteral("Quit Kelvo")}));
+    EXPECT_EQ(texts, (QStringList{QStringLiteral("Show Dashboard"), QStringLiteral("Fans…"),
+                                  QStringLiteral("Check for Updates…"), QStringLiteral("Settings…"),
+                                  QStringLiteral("Quit Kelvo")}));
 }
 
 TEST_F(DesktopUpdates, ShowDashboardFromTheMenuBringsBackAClosedWindow) {
@@ -81,6 +81,20 @@ TEST_F(DesktopUpdates, ShowDashboardFromTheMenuBringsBackAClosedWindow) {
     ASSERT_NE(show, nullptr);
     show->trigger();
     EXPECT_TRUE(waitFor([&] { return dashboard()->isVisible(); }));
+}
+
+TEST_F(DesktopUpdates, FansFromTheMenuShowsTheDashboardWithTheFansPane) {
+    launch();
+    dashboard()->close();
+    ASSERT_TRUE(waitFor([&] { return !dashboard()->isVisible(); }));
+    QAction* fans = menuAction(QStringLiteral("Fans…"));
+    ASSERT_NE(fans, nullptr);
+    fans->trigger();
+    EXPECT_TRUE(waitFor([&] { return dashboard()->isVisible(); }));
+    EXPECT_TRUE(runtime->fanSettings()->paneOpen());
+    QQuickItem* pane = dashboardItem(QStringLiteral("surface-fans"));
+    ASSERT_NE(pane, nullptr);
+    EXPECT_TRUE(pane->isVisible());
 }
 
 TEST_F(DesktopUpdates, QuitFromTheMenuReachesTheApplication) {

@@ -219,6 +219,37 @@ TEST(ExternalControl, AFloodOfRequestsIsCoalescedAndTheLastOneWins) {
         << changes << " mode changes recorded for " << kFlood << " requests";
 }
 
+// Accepted without --allow-external-control: it only makes Kelvo re-read its own settings.
+TEST(ExternalControl, KelvoctlFanChoicesReachARunningKelvo) {
+    QTemporaryDir home;
+    kelvo::test_support::FakeSysfs sys;
+    const std::string board = sys.addHwmon(1, "nct6798", "platform/nct6775.656");
+    sys.write(board + "/fan1_input", "900\n");
+    const QString root = QString::fromStdString(sys.root().string());
+    KelvoProcess kelvo(home);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans"),
+                 QStringLiteral("--sysfs-root"), root});
+    ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
+    QProcess ctl;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
+    ctl.setProcessEnvironment(env);
+    ctl.start(QStringLiteral(KELVOCTL_BIN),
+              {QStringLiteral("--sysfs-root"), root, QStringLiteral("fan"),
+               QStringLiteral("nct6798@/sys/devices/platform/nct6775.656#fan1"),
+               QStringLiteral("firmware")});
+    ASSERT_TRUE(ctl.waitForFinished(10000));
+    ASSERT_EQ(ctl.exitCode(), 0) << ctl.readAllStandardError().toStdString();
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return queryNumber(databasePath(home),
+                               "SELECT COUNT(*) FROM events "
+                               "WHERE message LIKE 'Fan choices and limits re-read%'") > 0;
+        },
+        kDeadlineMs));
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
+}
+
 TEST(ExternalControl, RequestsAreIgnoredWithoutTheLaunchFlag) {
     QTemporaryDir home;
     KelvoProcess kelvo(home);

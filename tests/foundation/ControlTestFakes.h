@@ -33,8 +33,12 @@ public:
         if (failReads) return {false, "sensor gone", {}};
         FanReadResult r;
         for (std::size_t i = 0; i < 2; ++i)
-            r.fans.push_back({"fan" + std::to_string(i), current,
-                              lastTargets.size() > i ? lastTargets[i] : 0, 1000, 5000});
+            r.fans.push_back({"fan" + std::to_string(i),
+                              current,
+                              lastTargets.size() > i ? lastTargets[i] : 0,
+                              1000,
+                              5000,
+                              {}});
         return r;
     }
     FanResult setTargets(const std::vector<double>& targets) override {

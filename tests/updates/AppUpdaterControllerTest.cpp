@@ -13,7 +13,7 @@ TEST(AppUpdaterController, StartsTheUpdaterAndWiresTheMenuToIt) {
     kelvo::AppUpdaterController controller(
         rig.configuration(QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml")),
                           rig.installFile("installed")),
-        {[&] { ++shown; }, [] {}});
+        {[&] { ++shown; }, [] {}, [] {}});
     EXPECT_TRUE(controller.updater().nextScheduledCheck().isValid());
     ASSERT_NE(controller.trayMenu(), nullptr);
     const auto actions = controller.trayMenu()->actions();

@@ -45,7 +45,7 @@ TEST(CheckForUpdatesView, WithoutAFeedTheCommandIsDisabled) {
     EXPECT_FALSE(view.action()->isEnabled());
 }
 
-TEST(TrayMenu, HasTheFourCommandsInOrderAndRunsThem) {
+TEST(TrayMenu, HasTheFiveCommandsInOrderAndRunsThem) {
     UpdateTestRig rig;
     Updater updater(rig.configuration(QUrl(QStringLiteral("http://127.0.0.1:9/a.xml")),
                                       rig.installFile("installed")));
@@ -53,7 +53,9 @@ TEST(TrayMenu, HasTheFourCommandsInOrderAndRunsThem) {
     kelvo::UpdaterSettingsView settings(updater);
     int shown = 0;
     int quit = 0;
-    auto menu = kelvo::makeTrayMenu({[&] { ++shown; }, [&] { ++quit; }}, check, settings);
+    int fans = 0;
+    auto menu =
+        kelvo::makeTrayMenu({[&] { ++shown; }, [&] { ++quit; }, [&] { ++fans; }}, check, settings);
     QStringList texts;
     QList<QAction*> commands;
     for (QAction* action : menu->actions()) {
@@ -61,17 +63,20 @@ TEST(TrayMenu, HasTheFourCommandsInOrderAndRunsThem) {
         texts << action->text();
         commands << action;
     }
-    EXPECT_EQ(texts, QStringList({QStringLiteral("Show Dashboard"),
+    EXPECT_EQ(texts, QStringList({QStringLiteral("Show Dashboard"), QStringLiteral("Fans\u2026"),
                                   QStringLiteral("Check for Updates\u2026"),
                                   QStringLiteral("Settings\u2026"), QStringLiteral("Quit Kelvo")}));
-    ASSERT_EQ(commands.size(), 4);
-    EXPECT_EQ(commands[1], check.action());
+    ASSERT_EQ(commands.size(), 5);
+    EXPECT_EQ(commands[2], check.action());
     commands[0]->trigger();
     EXPECT_EQ(shown, 1);
     EXPECT_FALSE(settings.isVisible());
-    commands[2]->trigger();
+    EXPECT_EQ(fans, 0);
+    commands[1]->trigger();
+    EXPECT_EQ(fans, 1);
+    commands[3]->trigger();
     EXPECT_TRUE(settings.isVisible());
     EXPECT_EQ(quit, 0);
-    commands[3]->trigger();
+    commands[4]->trigger();
     EXPECT_EQ(quit, 1);
 }

@@ -14,6 +14,10 @@ std::unique_ptr<QMenu> makeTrayMenu(TrayMenuActions actions, CheckForUpdatesView
                      menu.get(), [show = std::move(actions.showDashboard)] {
                          if (show) show();
                      });
+    QObject::connect(menu->addAction(QStringLiteral("Fans\u2026")), &QAction::triggered, menu.get(),
+                     [show = std::move(actions.showFans)] {
+                         if (show) show();
+                     });
     menu->addAction(checkForUpdates.action());
     QPointer<UpdaterSettingsView> window(&settings);
     QObject::connect(menu->addAction(QStringLiteral("Settings\u2026")), &QAction::triggered,

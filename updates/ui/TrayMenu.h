@@ -1,6 +1,6 @@
-// The tray icon's context menu: "Show Dashboard", "Check for Updates…", "Settings…" and
-// "Quit Kelvo". The tray owner attaches it and supplies what showing and quitting mean (quitting
-// must give the fans back).
+// The tray icon's context menu: "Show Dashboard", "Fans…", "Check for Updates…", "Settings…"
+// and "Quit Kelvo". The tray owner attaches it and supplies what showing and quitting mean
+// (quitting must give the fans back).
 #pragma once
 
 #include <QMenu>
@@ -15,6 +15,7 @@ class UpdaterSettingsView;
 struct TrayMenuActions {
     std::function<void()> showDashboard;
     std::function<void()> quit;
+    std::function<void()> showFans;  // the dashboard with its Fans pane open
 };
 
 std::unique_ptr<QMenu> makeTrayMenu(TrayMenuActions actions, CheckForUpdatesView& checkForUpdates,

@@ -78,6 +78,17 @@ Rectangle {
 
         // A surface's own detail sits below the shared deck: choosing one scrolls it into view,
         // so the choice shows even where the deck fills the window. Dashboard goes to the top.
+        // Opening the Fans pane (tray menu or the Advanced surface) scrolls it into view.
+        Connections {
+            target: fanSettings
+            function onPaneOpenChanged() {
+                if (!fanSettings.paneOpen) return
+                stack.ensurePolished()
+                const wanted = stack.y + fansPane.y - layout.windowGutter
+                scroller.contentY = Math.max(0, Math.min(wanted,
+                                                         scroller.contentHeight - scroller.height))
+            }
+        }
         Connections {
             target: dashboard
             function onSelectedSurfaceChanged() {
@@ -412,10 +423,21 @@ Rectangle {
                 Layout.fillWidth: true
                 title: "Advanced"
                 DetailList { title: "Fans"; lines: dashboard.advanced.fans || []; objectName: "advanced-fans" }
+                Button {
+                    objectName: "advanced-open-fans"
+                    Accessible.name: "Fans"
+                    text: "Fans…"
+                    visible: fanSettings !== null
+                    onClicked: fanSettings.paneOpen = true
+                }
                 DetailList { title: "Sensors"; lines: dashboard.advanced.sensors || []; objectName: "advanced-sensors" }
                 DetailList { title: "Throttle assessment"; lines: dashboard.advanced.throttle || []; objectName: "advanced-throttle" }
                 DetailList { title: "Last decision"; lines: [dashboard.advanced.decision || "—"]; objectName: "advanced-decision" }
                 DetailList { title: "Control loop events"; lines: dashboard.advanced.events || []; objectName: "advanced-events" }
+            }
+            FansPane {
+                id: fansPane
+                Layout.fillWidth: true
             }
             Card {
                 id: captureSurface

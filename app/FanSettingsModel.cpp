@@ -1,0 +1,183 @@
+#include "app/FanSettingsModel.h"
+
+#include <QVariantMap>
+#include <algorithm>
+#include <cmath>
+
+#include "app/FanSettings.h"
+#include "foundation/linux/DieCriticalTemperatures.h"
+#include "foundation/linux/HwmonFanService.h"
+
+namespace kelvo {
+
+namespace {
+std::optional<UserLimitKind> limitKind(const QString& which) {
+    if (which == QLatin1String("cpu")) return UserLimitKind::cpuQuiet;
+    if (which == QLatin1String("gpu")) return UserLimitKind::gpuQuiet;
+    if (which == QLatin1String("performance")) return UserLimitKind::performanceTarget;
+    return std::nullopt;
+}
+
+const char* kindWord(FanChoiceKind kind) {
+    switch (kind) {
+        case FanChoiceKind::automatic: return "auto";
+        case FanChoiceKind::firmware: return "firmware";
+        case FanChoiceKind::fixed: return "fixed";
+    }
+    return "auto";
+}
+}  // namespace
+
+FanSettingsModel::FanSettingsModel(QSettings* settings, std::string sysRoot, Apply apply,
+                                   QObject* parent)
+    : QObject(parent),
+      settings_(settings),
+      sysRoot_(std::move(sysRoot)),
+      apply_(std::move(apply)),
+      critical_(readDieCriticalTemperatures(sysRoot_)) {
+    readLabels();
+    choices_ = fan_settings::readChoices(*settings_);
+    limits_ = fan_settings::readLimits(*settings_, critical_);
+    rebuild();
+}
+
+void FanSettingsModel::readLabels() {
+    // Labels and the fans seen before the first tick come from hwmon, which anyone may read.
+    for (const HwmonFan& fan : HwmonFanService(sysRoot_).discover()) {
+        labels_[fan.identity] = fan.label;
+        if (std::find(names_.begin(), names_.end(), fan.identity) == names_.end())
+            names_.push_back(fan.identity);
+    }
+}
+
+FanChoices FanSettingsModel::engineChoices() const {
+    FanChoices result = choices_;
+    for (const auto& [identity, label] : labels_) {
+        FanState fan;
+        fan.name = identity;
+        fan.label = label;
+        if (!result.contains(identity) && isPumpChannel(label, driverOfIdentity(identity)))
+            result[identity] = effectiveFanChoice(fan, {});
+    }
+    return result;
+}
+
+void FanSettingsModel::applyToEngine() const {
+    if (apply_) apply_(engineChoices(), limits_);
+}
+
+void FanSettingsModel::rebuild() {
+    QVariantList fans;
+    for (const std::string& name : names_) {
+        FanState state;
+        state.name = name;
+        if (auto it = labels_.find(name); it != labels_.end()) state.label = it->second;
+        const FanChoice choice = effectiveFanChoice(state, choices_);
+        const auto rpm = rpm_.find(name);
+        QVariantMap entry;
+        entry.insert(QStringLiteral("identity"), QString::fromStdString(name));
+        entry.insert(QStringLiteral("label"), QString::fromStdString(state.label));
+        entry.insert(QStringLiteral("title"),
+                     QString::fromStdString(state.label.empty() ? name : state.label));
+        entry.insert(QStringLiteral("rpm"),
+                     rpm != rpm_.end() && std::isfinite(rpm->second) ? rpm->second : -1.0);
+        entry.insert(QStringLiteral("choice"), QString::fromLatin1(kindWord(choice.kind)));
+        entry.insert(QStringLiteral("fixedPercent"), choice.fixedPercent);
+        entry.insert(QStringLiteral("minimumPercent"), choice.minimumPercent);
+        entry.insert(QStringLiteral("text"), QString::fromStdString(formatFanChoice(choice)));
+        entry.insert(QStringLiteral("pump"), isPumpChannel(state.label, driverOfIdentity(name)));
+        fans.push_back(entry);
+    }
+    if (fans != fans_) {
+        fans_ = fans;
+        emit fansChanged();
+    }
+}
+
+void FanSettingsModel::setPaneOpen(bool open) {
+    if (open == paneOpen_) return;
+    paneOpen_ = open;
+    emit paneOpenChanged();
+}
+
+void FanSettingsModel::setLimitMessage(const QString& message) {
+    if (message == limitMessage_) return;
+    limitMessage_ = message;
+    emit limitMessageChanged();
+}
+
+bool FanSettingsModel::store(const std::string& identity, const FanChoice& choice) {
+    if (std::find(names_.begin(), names_.end(), identity) == names_.end()) return false;
+    choices_[identity] = choice;
+    fan_settings::writeChoices(*settings_, choices_);
+    rebuild();
+    applyToEngine();
+    return true;
+}
+
+bool FanSettingsModel::setChoice(const QString& identity, const QString& kind, double percent) {
+    const std::string id = identity.toStdString();
+    FanState state;
+    state.name = id;
+    if (auto it = labels_.find(id); it != labels_.end()) state.label = it->second;
+    FanChoice base = effectiveFanChoice(state, choices_);
+    QString text = kind;
+    if (kind == QLatin1String("fixed")) text += QLatin1Char(' ') + QString::number(percent);
+    auto choice = parseFanChoice(text.toStdString(), base);
+    return choice && store(id, *choice);
+}
+
+bool FanSettingsModel::setMinimum(const QString& identity, double percent) {
+    const std::string id = identity.toStdString();
+    FanState state;
+    state.name = id;
+    if (auto it = labels_.find(id); it != labels_.end()) state.label = it->second;
+    auto choice = parseFanChoice("min " + QString::number(percent).toStdString(),
+                                 effectiveFanChoice(state, choices_));
+    return choice && store(id, *choice);
+}
+
+bool FanSettingsModel::setLimit(const QString& which, double valueC) {
+    const auto kind = limitKind(which);
+    if (!kind) {
+        setLimitMessage(QStringLiteral("Unknown limit '%1'").arg(which));
+        return false;
+    }
+    const std::string refusal = userLimitRefusal(*kind, valueC, critical_);
+    if (!refusal.empty()) {
+        setLimitMessage(QString::fromStdString(refusal));
+        return false;
+    }
+    setLimitMessage({});
+    fan_settings::writeLimit(*settings_, *kind, valueC);
+    if (userLimit(limits_, *kind) != valueC) {
+        setUserLimit(limits_, *kind, valueC);
+        emit limitsChanged();
+    }
+    applyToEngine();
+    return true;
+}
+
+void FanSettingsModel::reload() {
+    settings_->sync();
+    readLabels();
+    choices_ = fan_settings::readChoices(*settings_);
+    const UserLimits limits = fan_settings::readLimits(*settings_, critical_);
+    if (!(limits == limits_)) {
+        limits_ = limits;
+        emit limitsChanged();
+    }
+    rebuild();
+    applyToEngine();
+}
+
+void FanSettingsModel::updateSpeeds(const TelemetrySample& sample) {
+    for (std::size_t i = 0; i < sample.fanNames.size(); ++i) {
+        const std::string& name = sample.fanNames[i];
+        if (std::find(names_.begin(), names_.end(), name) == names_.end()) names_.push_back(name);
+        rpm_[name] = i < sample.fanCurrentRPM.size() ? sample.fanCurrentRPM[i] : kUnreadableRPM;
+    }
+    rebuild();
+}
+
+}  // namespace kelvo

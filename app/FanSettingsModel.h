@@ -1,0 +1,87 @@
+// The Fans pane's model: every fan with its live speed and the user's choice for it, and the
+// user's limits. Changes are stored in the settings and handed to the engine at once.
+#pragma once
+
+#include <QObject>
+#include <QSettings>
+#include <QString>
+#include <QVariantList>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "foundation/FanChoices.h"
+#include "foundation/Types.h"
+#include "foundation/UserLimits.h"
+
+namespace kelvo {
+
+class FanSettingsModel : public QObject {
+    Q_OBJECT
+    // Each entry: identity, label, title, rpm (-1 when unreadable), choice ("auto", "firmware",
+    // "fixed"), fixedPercent, minimumPercent, text (as kelvoctl shows it), pump.
+    Q_PROPERTY(QVariantList fans READ fans NOTIFY fansChanged)
+    Q_PROPERTY(double cpuQuietLimit READ cpuQuietLimit NOTIFY limitsChanged)
+    Q_PROPERTY(double gpuQuietLimit READ gpuQuietLimit NOTIFY limitsChanged)
+    Q_PROPERTY(double performanceTarget READ performanceTarget NOTIFY limitsChanged)
+    Q_PROPERTY(QString limitMessage READ limitMessage NOTIFY limitMessageChanged)
+    Q_PROPERTY(bool paneOpen READ paneOpen WRITE setPaneOpen NOTIFY paneOpenChanged)
+public:
+    using Apply = std::function<void(const FanChoices&, const UserLimits&)>;
+
+    FanSettingsModel(QSettings* settings, std::string sysRoot, Apply apply,
+                     QObject* parent = nullptr);
+
+    const QVariantList& fans() const { return fans_; }
+    double cpuQuietLimit() const { return limits_.cpuQuietC; }
+    double gpuQuietLimit() const { return limits_.gpuQuietC; }
+    double performanceTarget() const { return limits_.performanceTargetC; }
+    const QString& limitMessage() const { return limitMessage_; }
+    bool paneOpen() const { return paneOpen_; }
+    void setPaneOpen(bool open);
+
+    const FanChoices& choices() const { return choices_; }
+    const UserLimits& limits() const { return limits_; }
+    // The user's choices plus a pump's fixed 100 for pumps known only by their hwmon label (the
+    // helper's fan list carries no labels).
+    FanChoices engineChoices() const;
+
+    // kind: "auto", "firmware" or "fixed" (with `percent`). False when refused.
+    Q_INVOKABLE bool setChoice(const QString& identity, const QString& kind, double percent = 0);
+    Q_INVOKABLE bool setMinimum(const QString& identity, double percent);
+    // which: "cpu", "gpu" or "performance". False, with limitMessage saying why, when refused.
+    Q_INVOKABLE bool setLimit(const QString& which, double valueC);
+    // Re-reads the settings file (kelvoctl changed it) and hands the result to the engine.
+    Q_INVOKABLE void reload();
+    void applyToEngine() const;
+
+    void updateSpeeds(const TelemetrySample& sample);
+
+signals:
+    void fansChanged();
+    void limitsChanged();
+    void limitMessageChanged();
+    void paneOpenChanged();
+
+private:
+    void readLabels();
+    void rebuild();
+    void setLimitMessage(const QString& message);
+    bool store(const std::string& identity, const FanChoice& choice);
+
+    QSettings* settings_;
+    std::string sysRoot_;
+    Apply apply_;
+    DieCriticalTemperatures critical_;
+    FanChoices choices_;
+    UserLimits limits_;
+    std::map<std::string, std::string> labels_;  // identity → hwmon label
+    std::vector<std::string> names_;             // the fans in display order
+    std::map<std::string, double> rpm_;
+    QVariantList fans_;
+    QString limitMessage_;
+    bool paneOpen_ = false;
+};
+
+}  // namespace kelvo

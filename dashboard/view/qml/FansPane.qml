@@ -1,0 +1,137 @@
+// Which fans Kelvo may touch and the user's limits: each fan with its live speed, its choice
+// (auto, firmware or a fixed duty) and its minimum duty; the quiet limits and the performance
+// target, with the reason when a value is refused.
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+
+Card {
+    id: pane
+    objectName: "surface-fans"
+    Accessible.name: "Fans Pane"
+    title: "Fans"
+    visible: fanSettings !== null && fanSettings.paneOpen
+
+    SystemPalette { id: fansPalette; colorGroup: SystemPalette.Active }
+
+    Text {
+        Layout.fillWidth: true
+        wrapMode: Text.WordWrap
+        color: fansPalette.windowText
+        font.pixelSize: 12
+        text: "Auto: Kelvo drives the fan, never below its minimum. Firmware: Kelvo never writes "
+              + "it. Fixed: Kelvo holds it at a share of its speed range. Pumps run fixed at 100 % "
+              + "until you choose otherwise."
+    }
+
+    // A count-based model: the entries change every tick (the speeds), and recreating the rows
+    // each time would take the focus from a field being edited.
+    Repeater {
+        model: fanSettings ? fanSettings.fans.length : 0
+        ColumnLayout {
+            id: fanRow
+            required property int index
+            readonly property var fan: fanSettings.fans[index] || ({})
+            objectName: "fans-row-" + index
+            Layout.fillWidth: true
+            spacing: 4
+            RowLayout {
+                Layout.fillWidth: true
+                Text {
+                    objectName: "fans-title-" + fanRow.index
+                    text: fanRow.fan.title || ""
+                    font.bold: true
+                    elide: Text.ElideMiddle
+                    Layout.fillWidth: true
+                    color: fansPalette.windowText
+                }
+                Text {
+                    objectName: "fans-rpm-" + fanRow.index
+                    text: fanRow.fan.rpm >= 0 ? Math.round(fanRow.fan.rpm) + " rpm" : "— rpm"
+                    color: fansPalette.windowText
+                }
+            }
+            RowLayout {
+                spacing: 8
+                SegmentedControl {
+                    objectName: "fans-choice-" + fanRow.index
+                    Accessible.name: "Fan Choice"
+                    Layout.preferredWidth: 270
+                    optionPrefix: "fans-choice-" + fanRow.index + "-"
+                    options: [{ value: "auto", title: "Auto" },
+                              { value: "firmware", title: "Firmware" },
+                              { value: "fixed", title: "Fixed" }]
+                    selected: fanRow.fan.choice || "auto"
+                    onChosen: value => fanSettings.setChoice(fanRow.fan.identity, value,
+                                                             fixedBox.value)
+                }
+                Label { text: "Fixed %" }
+                SpinBox {
+                    id: fixedBox
+                    objectName: "fans-fixed-" + fanRow.index
+                    from: 0
+                    to: 100
+                    editable: true
+                    value: fanRow.fan.choice === "fixed" ? fanRow.fan.fixedPercent : 60
+                    onValueModified: fanSettings.setChoice(fanRow.fan.identity, "fixed", value)
+                }
+                Label { text: "Minimum %" }
+                SpinBox {
+                    objectName: "fans-min-" + fanRow.index
+                    from: 0
+                    to: 100
+                    editable: true
+                    value: fanRow.fan.minimumPercent || 0
+                    onValueModified: fanSettings.setMinimum(fanRow.fan.identity, value)
+                }
+            }
+        }
+    }
+
+    Text {
+        text: "Limits"
+        font.bold: true
+        color: fansPalette.windowText
+    }
+    GridLayout {
+        columns: 2
+        columnSpacing: 8
+        Repeater {
+            model: [{ which: "cpu", title: "CPU quiet limit (°C)" },
+                    { which: "gpu", title: "GPU quiet limit (°C)" },
+                    { which: "performance", title: "Performance target (°C)" }]
+            delegate: RowLayout {
+                required property var modelData
+                Layout.columnSpan: 2
+                Label { text: modelData.title; Layout.preferredWidth: 180 }
+                // A free text field, not a clamped spin box: an out-of-range value is refused
+                // with the reason instead of being silently changed.
+                TextField {
+                    objectName: "fans-limit-" + modelData.which
+                    Layout.preferredWidth: 80
+                    readonly property real current: modelData.which === "cpu" ? fanSettings.cpuQuietLimit
+                                                  : modelData.which === "gpu" ? fanSettings.gpuQuietLimit
+                                                  : fanSettings.performanceTarget
+                    text: String(current)
+                    onEditingFinished: {
+                        if (!fanSettings.setLimit(modelData.which, Number(text)))
+                            text = String(current)
+                    }
+                }
+            }
+        }
+    }
+    Text {
+        objectName: "fans-limit-message"
+        visible: fanSettings !== null && fanSettings.limitMessage.length > 0
+        text: fanSettings ? fanSettings.limitMessage : ""
+        color: "#d03030"
+        Layout.fillWidth: true
+        wrapMode: Text.WordWrap
+    }
+    Button {
+        objectName: "fans-close"
+        text: "Close"
+        onClicked: fanSettings.paneOpen = false
+    }
+}

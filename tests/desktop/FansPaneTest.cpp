@@ -1,0 +1,123 @@
+#include <QFuture>
+
+#include "DesktopTestSupport.h"
+#include "app/FanSettings.h"
+#include "app/LoopCall.h"
+
+namespace kelvo::testing {
+namespace {
+
+class FansPane : public DesktopFixture {
+protected:
+    FanSettingsModel* fans() const { return runtime->fanSettings(); }
+    FanChoices engineChoices() {
+        QFuture<FanChoices> future =
+            loopCall(runtime->controlLoop(), [](ControlEngine& e) { return e.fanChoices(); });
+        EXPECT_TRUE(waitFor([&] { return future.isFinished(); }));
+        return future.isFinished() ? future.result() : FanChoices{};
+    }
+    ControlLimits engineLimits() {
+        QFuture<ControlLimits> future =
+            loopCall(runtime->controlLoop(), [](ControlEngine& e) { return e.config().limits; });
+        EXPECT_TRUE(waitFor([&] { return future.isFinished(); }));
+        return future.isFinished() ? future.result() : ControlLimits{};
+    }
+    // The simulated machine's fans show once the loop has ticked.
+    void openWithFans() {
+        openDashboard();
+        ASSERT_TRUE(waitFor([&] {
+            for (const QVariant& fan : fans()->fans())
+                if (fan.toMap().value("identity").toString().startsWith("Simulated fan"))
+                    return true;
+            return false;
+        }));
+    }
+};
+
+TEST_F(FansPane, TheAdvancedSurfaceOpensThePaneWithEveryFan) {
+    openWithFans();
+    ASSERT_NE(item("surface-fans"), nullptr);
+    EXPECT_FALSE(item("surface-fans")->isVisible());
+    click("surface-selection-advanced");
+    click("advanced-open-fans");
+    ASSERT_TRUE(fans()->paneOpen());
+    EXPECT_TRUE(item("surface-fans")->isVisible());
+    const qsizetype count = fans()->fans().size();
+    ASSERT_GT(count, 0);
+    for (qsizetype i = 0; i < count; ++i) {
+        const QString n = QString::number(i);
+        QQuickItem* row = item("fans-row-" + n);
+        ASSERT_NE(row, nullptr) << i;
+        EXPECT_TRUE(row->isVisible()) << i;
+        EXPECT_GT(row->width(), 0) << i;
+        EXPECT_GT(row->height(), 0) << i;
+        for (const QString id :
+             {"fans-title-", "fans-rpm-", "fans-choice-", "fans-fixed-", "fans-min-"}) {
+            QQuickItem* part = item(id + n);
+            ASSERT_NE(part, nullptr) << id.toStdString() << i;
+            EXPECT_TRUE(part->isVisible()) << id.toStdString() << i;
+            EXPECT_GT(part->width(), 0) << id.toStdString() << i;
+        }
+        EXPECT_EQ(item("fans-title-" + n)->property("text").toString(),
+                  fans()->fans()[i].toMap().value("title").toString());
+        // Rows stack downwards in the list's order.
+        if (i > 0) {
+            EXPECT_GT(row->mapToScene(QPointF(0, 0)).y(),
+                      item("fans-row-" + QString::number(i - 1))->mapToScene(QPointF(0, 0)).y());
+        }
+    }
+    click("fans-close");
+    EXPECT_FALSE(fans()->paneOpen());
+    EXPECT_FALSE(item("surface-fans")->isVisible());
+}
+
+TEST_F(FansPane, AChoiceIsStoredAndReachesTheEngine) {
+    openWithFans();
+    fans()->setPaneOpen(true);
+    qsizetype index = -1;
+    for (qsizetype i = 0; i < fans()->fans().size(); ++i)
+        if (fans()->fans()[i].toMap().value("identity").toString().startsWith("Simulated fan"))
+            index = i;
+    ASSERT_GE(index, 0);
+    const QString identity = fans()->fans()[index].toMap().value("identity").toString();
+    click("fans-choice-" + QString::number(index) + "-firmware");
+    EXPECT_TRUE(waitFor(
+        [&] { return fans()->fans()[index].toMap().value("choice").toString() == "firmware"; }));
+    EXPECT_TRUE(
+        item("fans-choice-" + QString::number(index) + "-firmware")->property("checked").toBool());
+    settings->sync();
+    const FanChoices stored = fan_settings::readChoices(*settings);
+    ASSERT_TRUE(stored.contains(identity.toStdString()));
+    EXPECT_EQ(stored.at(identity.toStdString()).kind, FanChoiceKind::firmware);
+    EXPECT_TRUE(waitFor([&] {
+        const FanChoices engine = engineChoices();
+        return engine.contains(identity.toStdString()) &&
+               engine.at(identity.toStdString()).kind == FanChoiceKind::firmware;
+    }));
+
+    ASSERT_TRUE(fans()->setChoice(identity, "fixed", 60));
+    EXPECT_TRUE(waitFor([&] {
+        const FanChoices engine = engineChoices();
+        return engine.contains(identity.toStdString()) &&
+               formatFanChoice(engine.at(identity.toStdString())) == "fixed 60";
+    }));
+    EXPECT_EQ(item("fans-fixed-" + QString::number(index))->property("value").toInt(), 60);
+}
+
+TEST_F(FansPane, AnOutOfRangeLimitShowsItsRefusalAndAGoodOneReachesTheEngine) {
+    openWithFans();
+    fans()->setPaneOpen(true);
+    EXPECT_FALSE(item("fans-limit-message")->isVisible());
+    EXPECT_FALSE(fans()->setLimit("cpu", 20));
+    EXPECT_TRUE(waitFor([&] { return item("fans-limit-message")->isVisible(); }));
+    EXPECT_TRUE(
+        item("fans-limit-message")->property("text").toString().contains("CPU quiet limit"));
+    EXPECT_FALSE(settings->contains(fan_settings::cpuQuietKey));
+    ASSERT_TRUE(fans()->setLimit("performance", 66));
+    EXPECT_TRUE(waitFor([&] { return !item("fans-limit-message")->isVisible(); }));
+    EXPECT_EQ(item("fans-limit-performance")->property("text").toString(), "66");
+    EXPECT_TRUE(waitFor([&] { return engineLimits().performanceTargetC == 66; }));
+}
+
+}  // namespace
+}  // namespace kelvo::testing

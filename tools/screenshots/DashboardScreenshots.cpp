@@ -135,6 +135,17 @@ int main(int argc, char** argv) {
                   << window->devicePixelRatio() << "x)\n";
             std::printf("%s\n", qPrintable(QDir(out).filePath(name)));
         }
+        // The Fans pane, opened as the tray menu does, on the Advanced surface.
+        if (auto* fans = runtime.fanSettings()) {
+            fans->setPaneOpen(true);
+            if (!waitForFrames(window, 2)) ++failures;
+            const QString name = QStringLiteral("fans-") + paletteName + QLatin1Char('-') + tag +
+                                 QStringLiteral(".png");
+            if (!window->grabWindow().save(QDir(out).filePath(name))) ++failures;
+            lines << name << ": window " << rectText(window->frameGeometry()) << "\n";
+            std::printf("%s\n", qPrintable(QDir(out).filePath(name)));
+            fans->setPaneOpen(false);
+        }
     }
     QGuiApplication::setPalette(light);
     runtime.shutdown();

@@ -175,13 +175,13 @@ void SimHardware::buildFanChip() {
     for (std::size_t i = 0; i < fans_.size(); ++i) {
         const std::string fan = dir + "/fan" + std::to_string(i + 1);
         const std::string pwm = dir + "/pwm" + std::to_string(i + 1);
-        const auto& spec = config().fans[i];
-        addAttribute(fan + "_label", [name = spec.name] { return name + "\n"; });
+        const auto& fanConfig = config().fans[i];
+        addAttribute(fan + "_label", [name = fanConfig.name] { return name + "\n"; });
         addAttribute(fan + "_input", [this, i] {
             return number(std::llround(std::max(0.0, state_.fanCurrentRPM[i])));
         });
-        addAttribute(fan + "_min", [min = spec.minRPM] { return number(std::llround(min)); });
-        addAttribute(fan + "_max", [max = spec.maxRPM] { return number(std::llround(max)); });
+        addAttribute(fan + "_min", [min = fanConfig.minRPM] { return number(std::llround(min)); });
+        addAttribute(fan + "_max", [max = fanConfig.maxRPM] { return number(std::llround(max)); });
         addAttribute(fan + "_target",
                      [this, i] { return number(std::llround(state_.fanDriveRPM[i])); });
         addAttribute(

@@ -28,6 +28,7 @@
 
 #include "foundation/linux/HelperClient.h"
 #include "foundation/linux/HelperProtocol.h"
+#include "tests/ChildProcess.h"
 #include "tests/foundation/LinuxFakeSysfs.h"
 
 namespace kelvo::test_support {
@@ -204,30 +205,11 @@ public:
 
     // Waits for the process to end; its wait status, or none after `limit` (still running).
     std::optional<int> waitExit(std::chrono::milliseconds limit) {
-        std::optional<int> result;
-        waitUntil(
-            [&] {
-                int status = 0;
-                if (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == pid_) {
-                    result = status;
-                    pid_ = -1;
-                    return true;
-                }
-                return false;
-            },
-            limit);
-        return result;
+        return waitForChildEnd(pid_, limit);
     }
 
 private:
-    bool exited() {
-        int status = 0;
-        if (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return true;
-        }
-        return pid_ <= 0;
-    }
+    bool exited() { return reapIfEnded(pid_); }
 
     std::string sysfsRoot_;
     std::filesystem::path runtimeDir_;

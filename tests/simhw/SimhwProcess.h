@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/ChildProcess.h"
+
 namespace kelvo::test_support {
 
 // Why mounting cannot work here, or empty when it can.
@@ -116,19 +118,7 @@ public:
     }
 
     std::optional<int> waitExit(std::chrono::milliseconds limit) {
-        std::optional<int> status;
-        pollUntil(
-            [&] {
-                int s = 0;
-                if (pid_ > 0 && ::waitpid(pid_, &s, WNOHANG) == pid_) {
-                    status = s;
-                    pid_ = -1;
-                    return true;
-                }
-                return false;
-            },
-            limit);
-        return status;
+        return waitForChildEnd(pid_, limit);
     }
 
     bool served() const { return std::filesystem::exists(mountPoint() / "sys/class/hwmon"); }
@@ -160,14 +150,7 @@ private:
         return pid;
     }
 
-    bool exited() {
-        int status = 0;
-        if (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return true;
-        }
-        return pid_ <= 0;
-    }
+    bool exited() { return reapIfEnded(pid_); }
 
     std::filesystem::path workDir_;
     pid_t pid_ = -1;

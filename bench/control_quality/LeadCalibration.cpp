@@ -16,7 +16,7 @@ std::optional<AdaptiveLeadModel> calibrateLeadModel(const MachineProfile& machin
     LoadTrace step("calibration");
     step.hold(kIdleSeconds, {0.03, 0.02});
     step.hold(kStepSeconds, {1.0, 1.0});
-    ControllerSpec quiet{"quiet", ControlMode::quiet, {}};
+    ControllerSpec quiet{"quiet", ControlMode::quiet, {}, {}, {}};
     RunResult run = runController(machine, step, quiet, RunSettings{seed, std::nullopt});
     const double idleRPM = run.series.at(kIdleSeconds - 1).rpm;
     for (int second = kIdleSeconds; second < step.seconds(); ++second) {

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <numeric>
 
+#include "SoundLevel.h"
+
 namespace kelvo::quality {
 
 QualityMetrics::QualityMetrics(const sim::PlantConfig& plant, MetricLimits limits)
@@ -28,6 +30,9 @@ void QualityMetrics::add(const sim::PlantState& state, LoadLevel load, double dt
     if (!state.fanCurrentRPM.empty()) rpm /= static_cast<double>(state.fanCurrentRPM.size());
     countAudible(rpm);
     rpm_.push_back(rpm);
+    const double power = soundPower(plant_, state.fanCurrentRPM);
+    soundPowerSum_ += power * dt;
+    peakDb_ = std::max(peakDb_, levelOfPower(power));
 }
 
 // One audible change is one run of consecutive seconds in which the speed moves by more than the
@@ -59,6 +64,8 @@ QualityRow QualityMetrics::result() const {
     double squares = 0;
     for (double rpm : rpm_) squares += (rpm - row.meanRPM) * (rpm - row.meanRPM);
     row.rpmSD = std::sqrt(squares / n);
+    row.meanDb = seconds_ > 0 ? levelOfPower(soundPowerSum_ / seconds_) : 0.0;
+    row.peakDb = peakDb_;
     row.audibleChangesPerHour = seconds_ > 0 ? audibleChanges_ * 3600.0 / seconds_ : 0.0;
     return row;
 }

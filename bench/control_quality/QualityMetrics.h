@@ -22,6 +22,8 @@ struct QualityRow {
     double meanRPM = 0;
     double audibleChangesPerHour = 0;
     double rpmSD = 0;
+    double meanDb = 0;  // energy mean of the fans' sound level, dB(A)
+    double peakDb = 0;
 };
 
 struct MetricLimits {
@@ -46,6 +48,8 @@ private:
     MetricLimits limits_;
     std::vector<double> hottest_;
     std::vector<double> rpm_;
+    double soundPowerSum_ = 0;
+    double peakDb_ = 0;
     double seconds_ = 0;
     double overLimitS_ = 0;
     double throttledS_ = 0;

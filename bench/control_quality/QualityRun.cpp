@@ -78,6 +78,18 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
         engine.applyMode(*controller.kelvoMode);
         result = drive(rig, machine, trace, [&](Timestamp now) { engine.tick(now); });
         engine.releaseFans(nullptr);
+    } else if (controller.plan) {
+        const DutyPlan plan = controller.plan(machine, trace, settings);
+        std::size_t second = 0;
+        result = drive(rig, machine, trace, [&](Timestamp now) {
+            rig.telemetry->sample(now);
+            const double duty = second < plan.size() ? plan[second] : 1.0;
+            ++second;
+            rig.fans->setTargets(targetsFor(machine.plant, duty));
+        });
+    } else if (!controller.makeBaseline) {
+        // Nothing writes: the fans stay on the firmware curve the machine starts on.
+        result = drive(rig, machine, trace, [&](Timestamp now) { rig.telemetry->sample(now); });
     } else {
         auto policy = controller.makeBaseline();
         result = drive(rig, machine, trace, [&](Timestamp now) {
@@ -92,16 +104,25 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
 }
 
 std::vector<ControllerSpec> standardControllers() {
-    return {
-        {"quiet", ControlMode::quiet, {}},
-        {"quietHybrid", ControlMode::quietHybrid, {}},
-        {"performance", ControlMode::performance, {}},
-        {"linear-curve", std::nullopt, [] { return std::make_unique<LinearCurvePolicy>(); }},
-        {"stepped-hysteresis", std::nullopt,
-         [] { return std::make_unique<SteppedHysteresisPolicy>(); }},
-        {"pid", std::nullopt, [] { return std::make_unique<PidPolicy>(); }},
-        {"limit-hold", std::nullopt, [] { return std::make_unique<LimitHoldPolicy>(); }},
+    std::vector<ControllerSpec> controllers = {
+        {"firmware", std::nullopt, {}, {}, "the machine's own curve, nothing written"},
+        {"quiet", ControlMode::quiet, {}, {}, {}},
+        {"quietHybrid", ControlMode::quietHybrid, {}, {}, {}},
+        {"performance", ControlMode::performance, {}, {}, {}},
+        {"linear-curve",
+         std::nullopt,
+         [] { return std::make_unique<LinearCurvePolicy>(); },
+         {},
+         {}},
+        {"stepped-hysteresis",
+         std::nullopt,
+         [] { return std::make_unique<SteppedHysteresisPolicy>(); },
+         {},
+         {}},
+        {"pid", std::nullopt, [] { return std::make_unique<PidPolicy>(); }, {}, {}},
+        {"limit-hold", std::nullopt, [] { return std::make_unique<LimitHoldPolicy>(); }, {}, {}},
     };
+    return controllers;
 }
 
 }  // namespace kelvo::quality

@@ -18,10 +18,20 @@
 
 namespace kelvo::quality {
 
+struct RunSettings;
+
+// A whole run's fan duty (0..1 between each fan's minimum and maximum), one entry per second,
+// planned before the run from the machine and the whole trace.
+using DutyPlan = std::vector<double>;
+
 struct ControllerSpec {
     std::string name;
     std::optional<ControlMode> kelvoMode;  // set: Kelvo's engine in this mode
     std::function<std::unique_ptr<BaselinePolicy>()> makeBaseline;
+    // set: the plan is played back, one duty a second
+    std::function<DutyPlan(const MachineProfile&, const LoadTrace&, const RunSettings&)> plan;
+    // What it is, for the report's set-up lines (a baseline says it itself).
+    std::string description;
 };
 
 struct SeriesPoint {
@@ -44,7 +54,8 @@ struct RunSettings {
 RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
                         const ControllerSpec& controller, const RunSettings& settings);
 
-// Kelvo's three modes, the three baselines and the limit-hold reference, in table order.
+// Nothing written: the machine's own firmware curve, then Kelvo's three modes, the three
+// baselines and the two references, in table order.
 std::vector<ControllerSpec> standardControllers();
 
 }  // namespace kelvo::quality

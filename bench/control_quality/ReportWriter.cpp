@@ -28,22 +28,23 @@ std::string format(const char* pattern, auto... values) {
 
 const char* ReportWriter::csvHeader() {
     return "machine,controller,trace,peak_c,p95_c,over_limit_s,throttled_s,retention,mean_rpm,"
-           "audible_changes_per_h,rpm_sd";
+           "audible_changes_per_h,rpm_sd,mean_db,peak_db";
 }
 
 void ReportWriter::printTable(std::ostream& out) const {
-    out << format("%-21s %-12s %-19s %7s %7s %8s %8s %8s %8s %8s %7s\n", "machine", "trace",
+    out << format("%-21s %-12s %-19s %7s %7s %8s %8s %8s %8s %8s %7s %7s %7s\n", "machine", "trace",
                   "controller", "peak C", "p95 C", "over s", "throt s", "retain", "mean rpm",
-                  "chg/h", "rpm sd");
+                  "chg/h", "rpm sd", "mean dB", "peak dB");
     std::string lastGroup;
     for (const auto& row : rows_) {
         std::string group = row.machine + row.trace;
         if (!lastGroup.empty() && group != lastGroup) out << '\n';
         lastGroup = group;
-        out << format("%-21s %-12s %-19s %7.1f %7.1f %8.0f %8.0f %7.2f%% %8.0f %8.1f %7.0f\n",
-                      row.machine.c_str(), row.trace.c_str(), row.controller.c_str(), row.peakC,
-                      row.p95C, row.overLimitS, row.throttledS, row.retention * 100, row.meanRPM,
-                      row.audibleChangesPerHour, row.rpmSD);
+        out << format(
+            "%-21s %-12s %-19s %7.1f %7.1f %8.0f %8.0f %7.2f%% %8.0f %8.1f %7.0f %7.1f %7.1f\n",
+            row.machine.c_str(), row.trace.c_str(), row.controller.c_str(), row.peakC, row.p95C,
+            row.overLimitS, row.throttledS, row.retention * 100, row.meanRPM,
+            row.audibleChangesPerHour, row.rpmSD, row.meanDb, row.peakDb);
     }
 }
 
@@ -52,10 +53,10 @@ bool ReportWriter::writeCsv(const std::string& path) const {
     if (!file) return false;
     file << csvHeader() << '\n';
     for (const auto& row : rows_) {
-        file << format("%s,%s,%s,%.3f,%.3f,%.1f,%.1f,%.5f,%.1f,%.2f,%.2f\n", row.machine.c_str(),
-                       row.controller.c_str(), row.trace.c_str(), row.peakC, row.p95C,
-                       row.overLimitS, row.throttledS, row.retention, row.meanRPM,
-                       row.audibleChangesPerHour, row.rpmSD);
+        file << format("%s,%s,%s,%.3f,%.3f,%.1f,%.1f,%.5f,%.1f,%.2f,%.2f,%.3f,%.3f\n",
+                       row.machine.c_str(), row.controller.c_str(), row.trace.c_str(), row.peakC,
+                       row.p95C, row.overLimitS, row.throttledS, row.retention, row.meanRPM,
+                       row.audibleChangesPerHour, row.rpmSD, row.meanDb, row.peakDb);
     }
     return static_cast<bool>(file);
 }

@@ -199,6 +199,8 @@ void printSetup(const std::vector<ControllerSpec>& controllers) {
         if (controller.makeBaseline)
             std::cout << "  " << controller.name << ": " << controller.makeBaseline()->parameters()
                       << '\n';
+        else if (!controller.description.empty())
+            std::cout << "  " << controller.name << ": " << controller.description << '\n';
 }
 
 std::vector<QualityRow> runMachine(const MachineProfile& machine,

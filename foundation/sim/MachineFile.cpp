@@ -88,6 +88,10 @@ std::vector<FanConfig> readFans(const Json& value) {
                 fan.minRPM = detail::readDouble(member, fanKey(i, key));
             else if (key == "maxRPM")
                 fan.maxRPM = detail::readDouble(member, fanKey(i, key));
+            else if (key == "soundRefDb")
+                fan.soundRefDb = detail::readDouble(member, fanKey(i, key));
+            else if (key == "soundRefRPM")
+                fan.soundRefRPM = detail::readDouble(member, fanKey(i, key));
             else
                 invalid("unknown key " + quotedKey(fanKey(i, key)));
         }
@@ -115,6 +119,9 @@ void check(const MachineDescription& machine) {
         const FanConfig& fan = plant.fans[i];
         detail::checkFinite(fan.minRPM, fanKey(i, "minRPM"));
         detail::checkFinite(fan.maxRPM, fanKey(i, "maxRPM"));
+        detail::checkFinite(fan.soundRefDb, fanKey(i, "soundRefDb"));
+        detail::checkFinite(fan.soundRefRPM, fanKey(i, "soundRefRPM"));
+        if (fan.soundRefRPM <= 0) invalid(quotedKey(fanKey(i, "soundRefRPM")) + " must be above 0");
         if (fan.minRPM < 0) invalid(quotedKey(fanKey(i, "minRPM")) + " must not be negative");
         if (fan.minRPM > fan.maxRPM)
             invalid(quotedKey(fanKey(i, "minRPM")) + " must not be above " +
@@ -158,19 +165,22 @@ std::string machineText(const MachineDescription& machine) {
     const PlantConfig& plant = machine.plant;
     std::string text = "{\n  \"name\": " + Json(machine.name).dump();
     for (const auto& field : kPlantFields) {
-        Json value = std::visit(
-            Overloaded{
-                [&](double PlantConfig::*member) { return Json(plant.*member); },
-                [&](int PlantConfig::*member) { return Json(plant.*member); },
-                [&](std::vector<FanConfig> PlantConfig::*member) {
-                    Json fans = Json::array();
-                    for (const FanConfig& fan : plant.*member)
-                        fans.push_back(
-                            {{"name", fan.name}, {"minRPM", fan.minRPM}, {"maxRPM", fan.maxRPM}});
-                    return fans;
-                },
-            },
-            field.member);
+        Json value =
+            std::visit(Overloaded{
+                           [&](double PlantConfig::*member) { return Json(plant.*member); },
+                           [&](int PlantConfig::*member) { return Json(plant.*member); },
+                           [&](std::vector<FanConfig> PlantConfig::*member) {
+                               Json fans = Json::array();
+                               for (const FanConfig& fan : plant.*member)
+                                   fans.push_back({{"name", fan.name},
+                                                   {"minRPM", fan.minRPM},
+                                                   {"maxRPM", fan.maxRPM},
+                                                   {"soundRefDb", fan.soundRefDb},
+                                                   {"soundRefRPM", fan.soundRefRPM}});
+                               return fans;
+                           },
+                       },
+                       field.member);
         text += ",\n  " + quotedKey(field.key) + ": " + value.dump();
     }
     return text + "\n}\n";

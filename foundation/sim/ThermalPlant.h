@@ -17,6 +17,11 @@ struct FanConfig {
     std::string name;
     double minRPM = 1200;
     double maxRPM = 5400;
+    // How loud the fan is, for the sound level a listener hears: soundRefDb dB(A) at
+    // soundRefRPM, and 50·log10(rpm / soundRefRPM) more at other speeds (the fan law). The
+    // defaults are a 120 mm case fan heard from a metre away.
+    double soundRefDb = 30;
+    double soundRefRPM = 2000;
 
     bool operator==(const FanConfig&) const = default;
 };

@@ -80,7 +80,7 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
     Csv csv = readCsv(dir_ / "out.csv");
     for (const char* column :
          {"controller", "trace", "peak_c", "p95_c", "over_limit_s", "throttled_s", "retention",
-          "mean_rpm", "audible_changes_per_h", "rpm_sd"}) {
+          "mean_rpm", "audible_changes_per_h", "rpm_sd", "mean_db", "peak_db"}) {
         EXPECT_NE(std::find(csv.header.begin(), csv.header.end(), column), csv.header.end())
             << column;
     }
@@ -107,10 +107,12 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
         EXPECT_GT(number(row, "mean_rpm"), 0.0);
         EXPECT_GE(number(row, "audible_changes_per_h"), 0.0);
         EXPECT_GE(number(row, "rpm_sd"), 0.0);
+        EXPECT_GE(number(row, "mean_db"), 0.0);
+        EXPECT_GE(number(row, "peak_db"), number(row, "mean_db"));
     }
     EXPECT_EQ(controllers,
-              (std::set<std::string>{"quiet", "quietHybrid", "performance", "linear-curve",
-                                     "stepped-hysteresis", "pid", "limit-hold"}));
+              (std::set<std::string>{"firmware", "quiet", "quietHybrid", "performance",
+                                     "linear-curve", "stepped-hysteresis", "pid", "limit-hold"}));
     EXPECT_GE(machines.size(), 2u);  // a laptop and a desktop at least
     EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
 }

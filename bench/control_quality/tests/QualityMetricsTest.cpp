@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "QualityMetrics.h"
+#include "SoundLevel.h"
 
 using namespace kelvo::quality;
 
@@ -65,4 +68,35 @@ TEST(QualityMetrics, RetentionCountsOnlyLoadedDevicesAndThrottlingCountsTime) {
     QualityRow row = metrics.result();
     EXPECT_DOUBLE_EQ(row.retention, (0.75 + 1.0 + 1.0) / 3);
     EXPECT_DOUBLE_EQ(row.throttledS, 1);
+}
+
+TEST(SoundLevel, FanLawPerFanAndFansAddAsPower) {
+    kelvo::sim::PlantConfig config;
+    config.fans = {{"a", 1000, 4000, 40, 2000}, {"b", 1000, 4000, 40, 2000}};
+    // One fan at its reference speed, the other stopped: the reference level.
+    EXPECT_NEAR(soundLevelDb(config, {2000, 0}), 40.0, 1e-9);
+    // Double the speed: 50·log10(2) = 15.05 dB more.
+    EXPECT_NEAR(soundLevelDb(config, {4000, 0}), 55.05, 0.01);
+    // Two equal fans: twice the power, 3.01 dB more than one.
+    EXPECT_NEAR(soundLevelDb(config, {2000, 2000}), 43.01, 0.01);
+    // A fan 10 dB quieter than the other adds 0.41 dB.
+    EXPECT_NEAR(soundLevelDb(config, {2000, 2000 * std::pow(10.0, -10.0 / 50.0)}), 40.41, 0.01);
+    // Under the threshold of hearing is 0 dB, not a negative level.
+    EXPECT_DOUBLE_EQ(soundLevelDb(config, {100, 100}), 0.0);
+}
+
+TEST(QualityMetrics, MeanLevelIsTheEnergyMeanAndPeakTheLoudestSecond) {
+    kelvo::sim::PlantConfig config = plant();
+    config.fans = {{"a", 1000, 4000, 40, 2000}, {"b", 1000, 4000, 40, 2000}};
+    QualityMetrics metrics(config);
+    // Nine seconds at 43.0 dB and one at 58.1 dB (both fans at twice the reference speed).
+    for (int i = 0; i < 9; ++i) metrics.add(state(60, 50, 2000), {0.1, 0.1}, 1.0);
+    metrics.add(state(60, 50, 4000), {0.1, 0.1}, 1.0);
+    QualityRow row = metrics.result();
+    const double quiet = 2 * 1e4;
+    const double loud = 2 * 1e4 * 32;
+    EXPECT_NEAR(row.meanDb, 10 * std::log10((9 * quiet + loud) / 10), 1e-9);
+    EXPECT_NEAR(row.peakDb, 10 * std::log10(loud), 1e-9);
+    // The energy mean sits far above the plain mean of the levels (44.5 dB): loud seconds count.
+    EXPECT_GT(row.meanDb, 49.0);
 }

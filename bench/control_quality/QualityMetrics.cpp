@@ -16,6 +16,8 @@ void QualityMetrics::add(const sim::PlantState& state, LoadLevel load, double dt
     hottest_.push_back(std::max(state.cpuTemperatureC, state.gpuTemperatureC));
     if (state.cpuTemperatureC > limits_.cpuLimitC || state.gpuTemperatureC > limits_.gpuLimitC)
         overLimitS_ += dt;
+    if (state.cpuTemperatureC > limits_.cpuLimitC) overCpuLimitS_ += dt;
+    if (state.gpuTemperatureC > limits_.gpuLimitC) overGpuLimitS_ += dt;
     if (state.cpuThrottling || state.gpuThrottling) throttledS_ += dt;
     if (load.cpu >= limits_.loadedFrom) {
         retentionSum_ += state.cpuClockMHz / plant_.cpuMaxClockMHz;
@@ -57,6 +59,8 @@ QualityRow QualityMetrics::result() const {
         static_cast<std::size_t>(std::ceil(0.95 * static_cast<double>(sorted.size())));
     row.p95C = sorted[std::clamp<std::size_t>(rank, 1, sorted.size()) - 1];
     row.overLimitS = overLimitS_;
+    row.overCpuLimitS = overCpuLimitS_;
+    row.overGpuLimitS = overGpuLimitS_;
     row.throttledS = throttledS_;
     row.retention = retentionCount_ > 0 ? retentionSum_ / retentionCount_ : 1.0;
     const double n = static_cast<double>(rpm_.size());

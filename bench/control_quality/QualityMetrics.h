@@ -17,6 +17,8 @@ struct QualityRow {
     double peakC = 0;
     double p95C = 0;
     double overLimitS = 0;
+    double overCpuLimitS = 0;  // the two parts of overLimitS (a second may count in both)
+    double overGpuLimitS = 0;
     double throttledS = 0;
     double retention = 1;  // mean clock / max clock of the loaded devices, 0..1
     double meanRPM = 0;
@@ -52,6 +54,8 @@ private:
     double peakDb_ = 0;
     double seconds_ = 0;
     double overLimitS_ = 0;
+    double overCpuLimitS_ = 0;
+    double overGpuLimitS_ = 0;
     double throttledS_ = 0;
     double retentionSum_ = 0;
     int retentionCount_ = 0;

@@ -3,6 +3,7 @@
 #include "LimitHoldPolicy.h"
 #include "LinearCurvePolicy.h"
 #include "PidPolicy.h"
+#include "SoundLevel.h"
 #include "SteppedHysteresisPolicy.h"
 #include "foundation/ControlEngine.h"
 #include "foundation/EventRing.h"
@@ -36,13 +37,6 @@ std::vector<double> targetsFor(const sim::PlantConfig& plant, double duty) {
     return targets;
 }
 
-SeriesPoint pointOf(const sim::PlantState& state) {
-    double rpm = 0;
-    for (double fan : state.fanCurrentRPM) rpm += fan;
-    if (!state.fanCurrentRPM.empty()) rpm /= static_cast<double>(state.fanCurrentRPM.size());
-    return {state.cpuTemperatureC, state.gpuTemperatureC, rpm};
-}
-
 // Drives the trace; `tick` runs the controller for the second that just ended at `now`.
 template <typename Tick>
 RunResult drive(Rig& rig, const MachineProfile& profile, const LoadTrace& trace, Tick&& tick) {
@@ -58,13 +52,21 @@ RunResult drive(Rig& rig, const MachineProfile& profile, const LoadTrace& trace,
         tick(now);
         sim::PlantState state = rig.machine->state();
         metrics.add(state, load, kTickSeconds);
-        result.series.push_back(pointOf(state));
+        result.series.push_back(seriesPoint(profile.plant, state));
     }
     result.row = metrics.result();
     return result;
 }
 
 }  // namespace
+
+SeriesPoint seriesPoint(const sim::PlantConfig& plant, const sim::PlantState& state) {
+    double rpm = 0;
+    for (double fan : state.fanCurrentRPM) rpm += fan;
+    if (!state.fanCurrentRPM.empty()) rpm /= static_cast<double>(state.fanCurrentRPM.size());
+    return {state.cpuTemperatureC, state.gpuTemperatureC, rpm,
+            soundLevelDb(plant, state.fanCurrentRPM)};
+}
 
 RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
                         const ControllerSpec& controller, const RunSettings& settings) {

@@ -38,7 +38,11 @@ struct SeriesPoint {
     double cpuC = 0;
     double gpuC = 0;
     double rpm = 0;
+    double db = 0;  // the fans' sound level
 };
+
+// One second of a run as the charts and series files show it.
+SeriesPoint seriesPoint(const sim::PlantConfig& plant, const sim::PlantState& state);
 
 struct RunResult {
     QualityRow row;

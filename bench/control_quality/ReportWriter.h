@@ -15,8 +15,9 @@ public:
 
     void printTable(std::ostream& out) const;
     bool writeCsv(const std::string& path) const;
-    // quietHybrid against the best baseline at equal or lower time throttled, and performance's
-    // clock retention; prints one line per machine and trace. False when any target is missed.
+    // Kelvo's quiet modes against the foresight floor and against what users run otherwise, and
+    // performance's clock retention; one line per check with MET or MISSED and why. False when
+    // any target is missed. Checks whose reference row is absent are left out.
     bool printTargets(std::ostream& out) const;
 
     static const char* csvHeader();
@@ -24,8 +25,10 @@ public:
 private:
     const QualityRow* find(const std::string& machine, const std::string& trace,
                            const std::string& controller) const;
-    bool checkHybrid(std::ostream& out, const QualityRow& hybrid) const;
-    std::string reach(const QualityRow& hybrid, const QualityRow& baseline) const;
+    std::vector<const QualityRow*> rowsOf(const std::string& controller) const;
+    bool checkFloor(std::ostream& out, const QualityRow& row) const;
+    bool checkAnticipation(std::ostream& out, const QualityRow& hybrid) const;
+    bool checkPeer(std::ostream& out, const QualityRow& hybrid, const QualityRow& peer) const;
     bool checkRetention(std::ostream& out, const QualityRow& performance) const;
 
     std::vector<QualityRow> rows_;

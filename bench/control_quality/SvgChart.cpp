@@ -13,8 +13,8 @@ constexpr double kWidth = 1000;
 constexpr double kLeft = 70;
 constexpr double kRight = 20;
 constexpr std::size_t kMaxPoints = 1200;
-const char* const kColours[] = {"#1f77b4", "#2ca02c", "#d62728", "#9467bd",
-                                "#8c564b", "#e377c2", "#7f7f7f", "#bcbd22"};
+const char* const kColours[] = {"#ff7f0e", "#1f77b4", "#2ca02c", "#d62728", "#9467bd", "#8c564b",
+                                "#e377c2", "#7f7f7f", "#bcbd22", "#000000", "#17becf"};
 
 double hottest(const SeriesPoint& p) {
     return std::max(p.cpuC, p.gpuC);
@@ -34,13 +34,13 @@ double SvgChart::seconds() const {
     return static_cast<double>(longest);
 }
 
-std::string SvgChart::polyline(const std::vector<SeriesPoint>& series, const Panel& panel, bool rpm,
-                               const std::string& colour) const {
+std::string SvgChart::polyline(const std::vector<SeriesPoint>& series, const Panel& panel,
+                               bool sound, const std::string& colour) const {
     const double plotWidth = kWidth - kLeft - kRight;
     const std::size_t stride = std::max<std::size_t>(1, series.size() / kMaxPoints);
     std::string points;
     for (std::size_t i = 0; i < series.size(); i += stride) {
-        const double value = rpm ? series[i].rpm : hottest(series[i]);
+        const double value = sound ? series[i].db : hottest(series[i]);
         const double x = kLeft + plotWidth * static_cast<double>(i) / seconds();
         const double y =
             panel.top + panel.height * (1 - (value - panel.lo) / (panel.hi - panel.lo));
@@ -76,22 +76,24 @@ std::string SvgChart::legend() const {
         out += "<rect x=\"" + number(x) + "\" y=\"38\" width=\"14\" height=\"4\" fill=\"" + colour +
                "\"/><text x=\"" + number(x + 18) + "\" y=\"44\">" + lines_[i].controller +
                "</text>\n";
-        x += 30 + 8.0 * static_cast<double>(lines_[i].controller.size());
+        x += 30 + 7.0 * static_cast<double>(lines_[i].controller.size());
     }
     return out;
 }
 
 std::string SvgChart::render() const {
-    double tLo = 1e9, tHi = -1e9, rHi = 0;
+    double tLo = 1e9, tHi = -1e9, dLo = 1e9, dHi = 0;
     for (const auto& line : lines_)
         for (const auto& p : line.series) {
             tLo = std::min(tLo, hottest(p));
             tHi = std::max(tHi, hottest(p));
-            rHi = std::max(rHi, p.rpm);
+            dLo = std::min(dLo, p.db);
+            dHi = std::max(dHi, p.db);
         }
     Panel temps{60, 300, std::floor(std::min(tLo, 40.0) / 10) * 10,
                 std::ceil(std::max(tHi, std::max(cpuLimitC_, gpuLimitC_) + 2) / 10) * 10};
-    Panel rpm{400, 260, 0, std::max(1000.0, std::ceil(rHi / 500) * 500)};
+    Panel sound{400, 260, std::floor(std::min(dLo, dHi - 10) / 5) * 5,
+                std::ceil((dHi + 1) / 5) * 5};
     std::string svg =
         "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"1000\" height=\"720\" "
         "font-family=\"sans-serif\" font-size=\"12\">\n<rect width=\"100%\" height=\"100%\" "
@@ -99,7 +101,7 @@ std::string SvgChart::render() const {
         number(kLeft) + "\" y=\"22\" font-size=\"16\">" + title_ + "</text>\n";
     svg += legend();
     svg += axes(temps, "hotter die, C", 10);
-    svg += axes(rpm, "mean fan speed, rpm", rpm.hi > 3000 ? 1000 : 250);
+    svg += axes(sound, "fans' sound level, dB(A)", sound.hi - sound.lo > 30 ? 10 : 5);
     const double limitY =
         temps.top + temps.height * (1 - (cpuLimitC_ - temps.lo) / (temps.hi - temps.lo));
     svg += "<line x1=\"" + number(kLeft) + "\" x2=\"" + number(kWidth - kRight) + "\" y1=\"" +
@@ -108,7 +110,7 @@ std::string SvgChart::render() const {
     for (std::size_t i = 0; i < lines_.size(); ++i) {
         const std::string colour = kColours[i % std::size(kColours)];
         svg += polyline(lines_[i].series, temps, false, colour);
-        svg += polyline(lines_[i].series, rpm, true, colour);
+        svg += polyline(lines_[i].series, sound, true, colour);
     }
     svg += "<text x=\"" + number(kLeft) +
            "\" y=\"690\">time: " + std::to_string(static_cast<int>(seconds())) +

@@ -1,4 +1,4 @@
-// One chart per machine and trace: the hotter die's temperature and the mean fan speed of every
+// One chart per machine and trace: the hotter die's temperature and the fans' sound level of every
 // controller over the trace, as a standalone SVG file.
 #pragma once
 
@@ -29,7 +29,7 @@ private:
         double lo;
         double hi;
     };
-    std::string polyline(const std::vector<SeriesPoint>& series, const Panel& panel, bool rpm,
+    std::string polyline(const std::vector<SeriesPoint>& series, const Panel& panel, bool sound,
                          const std::string& colour) const;
     std::string axes(const Panel& panel, const std::string& label, double step) const;
     std::string legend() const;

@@ -186,10 +186,10 @@ bool namesAreUnique(const std::vector<std::string>& names, const char* what) {
 // Every second of one run, for a closer look than the chart gives.
 void writeSeries(const std::string& path, const std::vector<SeriesPoint>& series) {
     std::ofstream file(path);
-    file << "second,cpu_c,gpu_c,mean_rpm\n";
+    file << "second,cpu_c,gpu_c,mean_rpm,db\n";
     for (std::size_t i = 0; i < series.size(); ++i)
         file << i + 1 << ',' << series[i].cpuC << ',' << series[i].gpuC << ',' << series[i].rpm
-             << '\n';
+             << ',' << series[i].db << '\n';
     if (!file) std::fprintf(stderr, "cannot write %s\n", path.c_str());
 }
 

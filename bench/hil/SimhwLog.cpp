@@ -113,11 +113,7 @@ quality::RunResult evaluateLog(const std::vector<LogSecond>& seconds,
     result.series.reserve(seconds.size());
     for (const auto& second : seconds) {
         metrics.add(second.state, second.load, 1.0);
-        double rpm = 0;
-        for (double fan : second.state.fanCurrentRPM) rpm += fan;
-        if (!second.state.fanCurrentRPM.empty())
-            rpm /= static_cast<double>(second.state.fanCurrentRPM.size());
-        result.series.push_back({second.state.cpuTemperatureC, second.state.gpuTemperatureC, rpm});
+        result.series.push_back(quality::seriesPoint(plant, second.state));
     }
     result.row = metrics.result();
     return result;

@@ -125,6 +125,8 @@ int main(int argc, char** argv) {
 
     quality::ReportWriter report(rows);
     report.printTable(std::cout);
+    std::cout << '\n';
+    report.printTargets(std::cout);
     if (!options.csvPath.empty() && !report.writeCsv(options.csvPath)) {
         std::fprintf(stderr, "cannot write %s\n", options.csvPath.c_str());
         return 1;

@@ -2,6 +2,8 @@
 // out from the same input rows the log is written from.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -74,6 +76,7 @@ struct Expected {
     double overLimit = 0;
     double throttled = 0;
     double meanRPM = 0;
+    double meanDb = 0;
 };
 
 Expected expectedFor(const std::vector<InputRow>& rows) {
@@ -83,8 +86,12 @@ Expected expectedFor(const std::vector<InputRow>& rows) {
         if (r.cpuC > kLimits.cpuLimitC || r.gpuC > kLimits.gpuLimitC) e.overLimit += 1;
         if (r.cpuThrottling) e.throttled += 1;
         e.meanRPM += (r.fan1RPM + r.fan2RPM) / 2;
+        // The default fans: 30 dB(A) at 2000 rpm each, 50 dB a decade of speed, summed as power.
+        e.meanDb +=
+            std::pow(10.0, 3.0) * (std::pow(r.fan1RPM / 2000, 5) + std::pow(r.fan2RPM / 2000, 5));
     }
     e.meanRPM /= static_cast<double>(rows.size());
+    e.meanDb = 10 * std::log10(e.meanDb / static_cast<double>(rows.size()));
     return e;
 }
 
@@ -171,11 +178,12 @@ TEST_F(SimhwLogTest, ToolWritesControlQualityColumnsAndAChart) {
     std::vector<std::string> cells;
     std::stringstream stream(line);
     for (std::string cell; std::getline(stream, cell, ',');) cells.push_back(cell);
-    ASSERT_EQ(cells.size(), 11u);
+    ASSERT_EQ(cells.size(), 13u);
     const Expected expected = expectedFor(kRows);
     EXPECT_NEAR(std::stod(cells[3]), expected.peak, 1e-3);
     EXPECT_NEAR(std::stod(cells[5]), expected.overLimit, 0.05);
     EXPECT_NEAR(std::stod(cells[8]), expected.meanRPM, 0.05);
+    EXPECT_NEAR(std::stod(cells[11]), expected.meanDb, 1e-3);
     EXPECT_FALSE(std::getline(csv, line));
     EXPECT_TRUE(std::filesystem::exists(dir_ / "svg" / "two-fans-compile.svg"));
 

@@ -12,7 +12,6 @@ constexpr double kMaxFallPerSecond = 0.02;
 // Within this much over the setpoint the rise eases in (quadratically), so a degree of drift does
 // not step the fans audibly; beyond it the full gain applies.
 constexpr double kSoftRiseC = 2;
-constexpr double kAnticipationDuty = 0.55;
 // Quiet modes ramp the fans no faster than this: a slow ramp is heard as the machine working, a
 // step as a noise. The limit at the hard edge still jumps.
 constexpr double kQuietRiseRPMPerSecond = 120;
@@ -35,6 +34,7 @@ void ControlPolicy::reset(double duty) {
     lastHighLoad_.reset();
     powerRoseUnderLoad_ = false;
     freshLoad_ = false;
+    trend_.clear();
 }
 
 double ControlPolicy::cpuLimit(ControlMode) const {
@@ -50,19 +50,56 @@ double ControlPolicy::setpointExcess(ControlMode mode, const TelemetrySample& sa
     // An idle die sits close to its heatsink; a burst lifts it by its full power over the
     // die-to-sink resistance within a second or two, faster than any fan can answer. So the
     // less busy the machine, the further under the limit quiet keeps it.
-    const double idleShare =
-        1.0 - std::clamp(sample.maxUtilizationPct().value_or(100.0) / 100.0, 0.0, 1.0);
-    const double reserve = limits_.quietBurstReserveC * idleShare;
-    auto consider = [&](const std::optional<double>& temp, double limit) {
+    auto consider = [&](const std::optional<double>& temp, double limit, double reserve) {
         if (!temp) return;
         double setpoint = mode == ControlMode::performance
                               ? std::min(limits_.performanceTargetC, limit)
-                              : limit - limits_.quietSetpointMarginC - reserve;
+                              : limit - margin_ - reserve;
         worst = std::max(worst, *temp - setpoint);
     };
-    consider(sample.cpuTemperatureC, limits_.quietCpuLimitC);
-    consider(sample.gpuTemperatureC, limits_.quietGpuLimitC);
+    consider(sample.cpuTemperatureC, limits_.quietCpuLimitC, cpuReserve(sample));
+    consider(sample.gpuTemperatureC, limits_.quietGpuLimitC, gpuReserve(sample));
     return worst;
+}
+
+// The setpoint excess the dies are heading for: each die's excess plus how far its rising slope
+// carries it over the horizon. Falling temperatures are not extrapolated: the fans come down by
+// the slow rules only.
+double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
+    const double horizon = horizon_;
+    double worst = -1e9;
+    auto consider = [&](const std::optional<double>& temp, const std::optional<double>& slope,
+                        double limit, double reserve) {
+        if (!temp) return;
+        const double setpoint = limit - margin_;
+        const double rise = slope ? std::max(0.0, *slope) * horizon : 0.0;
+        worst = std::max(worst, *temp + rise - setpoint);
+        // The burst reserve is for a die that is not cooling already: one on its way down after
+        // its load ended gets there without the fans. Until the slope is known, only the plain
+        // setpoint drives the fans up; a burst's own jump is not a trend.
+        if (slope) worst = std::max(worst, *temp + *slope * horizon - (setpoint - reserve));
+    };
+    consider(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC, cpuReserve(sample));
+    consider(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC, gpuReserve(sample));
+    return worst;
+}
+
+// A die's reserve against a burst: the jump a full load brings (learned from the steps seen so
+// far) scaled by how much of its device is still idle. Before any step, the machine-wide guess.
+double ControlPolicy::burstReserve(const TelemetrySample& sample, const std::optional<double>& util,
+                                   const std::optional<double>& jumpC) const {
+    if (jumpC && util) return *jumpC * (1.0 - std::clamp(*util / 100.0, 0.0, 1.0));
+    const double idleShare =
+        1.0 - std::clamp(sample.maxUtilizationPct().value_or(100.0) / 100.0, 0.0, 1.0);
+    return limits_.quietBurstReserveC * idleShare;
+}
+
+double ControlPolicy::cpuReserve(const TelemetrySample& sample) const {
+    return burstReserve(sample, sample.cpuUtilizationPct, trend_.cpuJumpC());
+}
+
+double ControlPolicy::gpuReserve(const TelemetrySample& sample) const {
+    return burstReserve(sample, sample.gpuUtilizationPct, trend_.gpuJumpC());
 }
 
 // Duty per second that moves the widest fan by the quiet ramp.
@@ -100,9 +137,10 @@ bool ControlPolicy::predictsSustainedLoad(const TelemetrySample& sample,
            sample.timestamp - *highLoadSince_ >= kSustainedConfirmSeconds - 1e-9;
 }
 
-// Anticipation lifts the integrator itself, so when it ends the fans come down by the same slow
-// rules as after any rise instead of dropping back audibly. A load that falls away before the
-// window is over ends it early: the prediction missed.
+// A predicted sustained load opens a window as long as the lead: inside it the rising trend is
+// extrapolated over the whole lead, so the fans start earlier and climb more gently, and they do
+// not fall back while the load builds up. A load that falls away before the window is over ends
+// it early: the prediction missed.
 void ControlPolicy::anticipate(const TelemetrySample& sample, double dt,
                                const AdaptiveLeadModel& model, PolicyOutput& out) {
     if (predictsSustainedLoad(sample, model)) {
@@ -114,15 +152,9 @@ void ControlPolicy::anticipate(const TelemetrySample& sample, double dt,
     if (anticipationLeft_ <= 0) return;
     anticipationLeft_ -= dt;
     sinceIncrease_ = 0;
-    if (duty_ < kAnticipationDuty) {
-        duty_ = std::min(kAnticipationDuty, duty_ + quietRiseLimit(sample) * dt);
-        out.duty = duty_;
-        out.anticipating = true;
+    out.anticipating = true;
+    if (out.reason == "holding" || out.reason == "below setpoint" || out.reason == "above setpoint")
         out.reason = "anticipating sustained load";
-    } else if (out.reason == "holding" || out.reason == "below setpoint") {
-        out.anticipating = true;
-        out.reason = "anticipating sustained load";
-    }
 }
 
 PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& sample, double dt,
@@ -130,6 +162,15 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     PolicyOutput out;
     dt = std::clamp(dt, 0.0, 5.0);
     sinceIncrease_ += dt;
+    trend_.add(sample);
+    margin_ = limits_.quietSetpointMarginC;
+    horizon_ = limits_.trendHorizonS;
+    if (mode == ControlMode::quietHybrid && leadModel) {
+        // Anticipation looks as far ahead as a sustained load takes to heat the machine, so
+        // the fans are already on their way when it arrives: that is what buys the closer hold.
+        margin_ = limits_.quietHybridSetpointMarginC;
+        if (anticipationLeft_ > 0) horizon_ = std::max(horizon_, leadModel->averageLeadMs / 1000.0);
+    }
     double excess = setpointExcess(mode, sample);
     if (excess <= -1e8) {
         // No temperature at all: run at a safe middle speed rather than guess.
@@ -140,8 +181,11 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     }
     double riseGain =
         mode == ControlMode::performance ? 2 * kRiseGainPerDegreeSecond : kRiseGainPerDegreeSecond;
-    if (excess > 0) {
-        const double eased = excess * std::min(1.0, excess / kSoftRiseC);
+    // Quiet modes answer where the temperature is heading, so the fans rise early and gently
+    // and settle where the die will, instead of overshooting after the heatsink has warmed.
+    const double drive = mode != ControlMode::performance ? predictedExcess(sample) : excess;
+    if (drive > 0) {
+        const double eased = drive * std::min(1.0, drive / kSoftRiseC);
         double rise = riseGain * eased * dt;
         if (mode != ControlMode::performance) rise = std::min(rise, quietRiseLimit(sample) * dt);
         duty_ = std::min(1.0, duty_ + rise);
@@ -163,7 +207,8 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         hardExcess = std::max(hardExcess, *sample.cpuTemperatureC - limits_.quietCpuLimitC);
     if (sample.gpuTemperatureC)
         hardExcess = std::max(hardExcess, *sample.gpuTemperatureC - limits_.quietGpuLimitC);
-    if (hardExcess > -1.0 && duty_ < 0.85) {
+    // The edge stays inside the margin, so holding the setpoint never trips it.
+    if (hardExcess > -std::min(1.0, 0.5 * margin_) && duty_ < 0.85) {
         duty_ = 0.85;
         sinceIncrease_ = 0;
         out.reason = "at limit";

@@ -4,6 +4,7 @@
 #include <deque>
 #include <optional>
 
+#include "foundation/TemperatureTrend.h"
 #include "foundation/Types.h"
 
 namespace kelvo {
@@ -17,8 +18,12 @@ struct ControlLimits {
     // minus the hysteresis, so the fans never hunt audibly.
     double decreaseHoldSeconds = 12;
     double hysteresisC = 3;
-    double quietSetpointMarginC = 4.5;  // quiet aims this far under its limit
-    double quietBurstReserveC = 6;      // and this much further on an idle machine
+    double quietSetpointMarginC = 2;           // quiet aims this far under its limit
+    double quietHybridSetpointMarginC = 1.25;  // quietHybrid, with a lead model to look ahead
+    // and further under it by the jump a burst would bring to an idle die; before a die's jump
+    // has been seen, this much on an idle machine
+    double quietBurstReserveC = 6;
+    double trendHorizonS = 30;  // a rising temperature is extrapolated this far
 };
 
 // How far between a fan's minimum (0) and maximum (1) it should run.
@@ -47,12 +52,20 @@ public:
 
 private:
     double setpointExcess(ControlMode mode, const TelemetrySample& sample) const;
+    double predictedExcess(const TelemetrySample& sample) const;
+    double burstReserve(const TelemetrySample& sample, const std::optional<double>& util,
+                        const std::optional<double>& jumpC) const;
+    double cpuReserve(const TelemetrySample& sample) const;
+    double gpuReserve(const TelemetrySample& sample) const;
     double quietRiseLimit(const TelemetrySample& sample) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
     void anticipate(const TelemetrySample& sample, double dt, const AdaptiveLeadModel& model,
                     PolicyOutput& out);
 
     ControlLimits limits_;
+    TemperatureTrend trend_;
+    double margin_ = 0;   // this tick's distance under the limits
+    double horizon_ = 0;  // how far ahead a rising temperature is extrapolated
     double duty_ = 0;
     double sinceIncrease_ = 1e9;
     double anticipationLeft_ = 0;

@@ -88,7 +88,7 @@ TEST(ControlLoopSim, QuietHybridWithALeadModelRaisesFansBeforeTheTemperature) {
     SimRig anticipating;
     AdaptiveLeadModel model;
     model.utilizationThresholdPct = 70;
-    model.averageLeadMs = 8000;
+    model.averageLeadMs = 60000;  // longer than the plain look ahead: anticipation sees further
     anticipating.engine->setAdaptiveLeadModel(model);
     for (auto* rig : {&plain, &anticipating}) {
         rig->engine->applyMode(ControlMode::quietHybrid);

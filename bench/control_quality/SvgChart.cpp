@@ -12,7 +12,7 @@ namespace {
 constexpr double kWidth = 1000;
 constexpr double kLeft = 70;
 constexpr double kRight = 20;
-constexpr std::size_t kMaxPoints = 1200;
+constexpr std::size_t kMaxPoints = 600;
 const char* const kColours[] = {"#ff7f0e", "#1f77b4", "#2ca02c", "#d62728", "#9467bd", "#8c564b",
                                 "#e377c2", "#7f7f7f", "#bcbd22", "#000000", "#17becf"};
 
@@ -102,11 +102,18 @@ std::string SvgChart::render() const {
     svg += legend();
     svg += axes(temps, "hotter die, C", 10);
     svg += axes(sound, "fans' sound level, dB(A)", sound.hi - sound.lo > 30 ? 10 : 5);
-    const double limitY =
-        temps.top + temps.height * (1 - (cpuLimitC_ - temps.lo) / (temps.hi - temps.lo));
-    svg += "<line x1=\"" + number(kLeft) + "\" x2=\"" + number(kWidth - kRight) + "\" y1=\"" +
-           number(limitY) + "\" y2=\"" + number(limitY) +
-           "\" stroke=\"#d62728\" stroke-dasharray=\"4 4\"/>\n";
+    // The quiet limits, each with its own dash, so "over the limit" can be read off the chart.
+    auto limitLine = [&](double limit, const char* dash, const std::string& label, double dy) {
+        const double y =
+            temps.top + temps.height * (1 - (limit - temps.lo) / (temps.hi - temps.lo));
+        return "<line x1=\"" + number(kLeft) + "\" x2=\"" + number(kWidth - kRight) + "\" y1=\"" +
+               number(y) + "\" y2=\"" + number(y) + "\" stroke=\"#d62728\" stroke-dasharray=\"" +
+               dash + "\"/>\n<text x=\"" + number(kWidth - kRight - 4) + "\" y=\"" +
+               number(y + dy) + "\" text-anchor=\"end\" fill=\"#d62728\">" + label + "</text>\n";
+    };
+    svg += limitLine(cpuLimitC_, "6 3", "CPU limit " + number(cpuLimitC_), -3);
+    if (gpuLimitC_ != cpuLimitC_)
+        svg += limitLine(gpuLimitC_, "2 3", "GPU limit " + number(gpuLimitC_), 12);
     for (std::size_t i = 0; i < lines_.size(); ++i) {
         const std::string colour = kColours[i % std::size(kColours)];
         svg += polyline(lines_[i].series, temps, false, colour);

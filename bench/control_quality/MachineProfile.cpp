@@ -25,7 +25,8 @@ MachineProfile thinLaptop() {
     p.airflowReferenceRPM = 6000;
     p.platformPowerW = 3;
     p.fanPowerAtMaxW = 1.5;
-    p.fans = {{"Laptop fan", 2000, 6000}};
+    // A small blower: barely heard at its floor, loud at full speed.
+    p.fans = {{"Laptop fan", 2000, 6000, 45, 6000}};
     p.fanTimeConstantS = 1.0;
     return {"thin-laptop", p};
 }
@@ -53,7 +54,10 @@ MachineProfile desktopLargeCooler() {
     p.airflowReferenceRPM = 1500;
     p.platformPowerW = 20;
     p.fanPowerAtMaxW = 3;
-    p.fans = {{"Cooler fan 1", 300, 1500}, {"Cooler fan 2", 300, 1500}, {"Case fan", 300, 1500}};
+    // 140 mm fans; those on the cooler a little louder, as they push air through dense fins.
+    p.fans = {{"Cooler fan 1", 300, 1500, 30, 1500},
+              {"Cooler fan 2", 300, 1500, 30, 1500},
+              {"Case fan", 300, 1500, 29, 1500}};
     p.fanTimeConstantS = 2.0;
     p.fanSlewRPMPerS = 800;
     return {"desktop-large-cooler", p};
@@ -67,6 +71,8 @@ MachineProfile hotThinLaptop() {
     return machine;
 }
 
+// Its fans keep FanConfig's default sound reference: about 19 dB(A) at their 1200 rpm floor and 52
+// at their 5400 rpm top, as loud as fast fans in a compact case get.
 MachineProfile simulatedDefault() {
     return {"sim-default", sim::PlantConfig{}};
 }

@@ -25,7 +25,8 @@ MachineProfile thinLaptop() {
     p.airflowReferenceRPM = 6000;
     p.platformPowerW = 3;
     p.fanPowerAtMaxW = 1.5;
-    p.fans = {{"Laptop fan", 2000, 6000}};
+    // A small blower: barely heard at its floor, loud at full speed.
+    p.fans = {{"Laptop fan", 2000, 6000, 45, 6000}};
     p.fanTimeConstantS = 1.0;
     return {"thin-laptop", p};
 }
@@ -53,7 +54,10 @@ MachineProfile desktopLargeCooler() {
     p.airflowReferenceRPM = 1500;
     p.platformPowerW = 20;
     p.fanPowerAtMaxW = 3;
-    p.fans = {{"Cooler fan 1", 300, 1500}, {"Cooler fan 2", 300, 1500}, {"Case fan", 300, 1500}};
+    // 140 mm fans; those on the cooler a little louder, as they push air through dense fins.
+    p.fans = {{"Cooler fan 1", 300, 1500, 30, 1500},
+              {"Cooler fan 2", 300, 1500, 30, 1500},
+              {"Case fan", 300, 1500, 29, 1500}};
     p.fanTimeConstantS = 2.0;
     p.fanSlewRPMPerS = 800;
     return {"desktop-large-cooler", p};
@@ -67,12 +71,97 @@ MachineProfile hotThinLaptop() {
     return machine;
 }
 
+// Its fans keep FanConfig's default sound reference: about 19 dB(A) at their 1200 rpm floor and 52
+// at their 5400 rpm top, as loud as fast fans in a compact case get.
 MachineProfile simulatedDefault() {
     return {"sim-default", sim::PlantConfig{}};
 }
 
+MachineProfile thinLaptop45W() {
+    sim::PlantConfig p;
+    p.logicalCpus = 16;
+    // A 45 W APU: eight cores, and integrated graphics on the same package that can draw 20 W of
+    // their own. At the deepest droop the clock falls to the droop scale times its maximum.
+    p.cpuIdlePowerW = 4;
+    p.cpuFullLoadPowerW = 45;
+    p.cpuMaxClockMHz = 4800;
+    p.cpuBaseClockMHz = 1700;
+    p.cpuLimitC = 100;
+    p.cpuHeatCapacityJPerK = 3;
+    p.cpuToSinkWPerK = 2.5;
+    p.gpuIdlePowerW = 1;
+    p.gpuFullLoadPowerW = 20;
+    p.gpuMaxClockMHz = 2200;
+    p.gpuBaseClockMHz = 770;
+    p.gpuReferenceMaxClockMHz = 2200;
+    p.gpuLimitC = 100;  // the same silicon as the cores
+    p.gpuHeatCapacityJPerK = 3;
+    p.gpuToSinkWPerK = 1.5;
+    // Two heat pipes into two small fin stacks: light, and nearly useless without airflow.
+    p.sinkHeatCapacityJPerK = 60;
+    p.sinkPassiveWPerK = 0.2;
+    p.sinkAirflowWPerK = 1.3;
+    p.airflowReferenceRPM = 6000;
+    p.platformPowerW = 4;
+    p.fanPowerAtMaxW = 1.2;
+    // Two small blowers, together as loud at full speed as thin-laptop's one.
+    p.fans = {{"CPU-side blower", 1800, 6000, 42, 6000}, {"GPU-side blower", 1800, 6000, 42, 6000}};
+    p.fanTimeConstantS = 1.0;
+    // A quiet-first EC: the blowers stay at their floor until the die is nearly at its junction
+    // limit, and the ramp after that is shallow. Under sustained load the die sits at 100 °C and
+    // sheds clock while the blowers turn about 2400 rpm; at full speed they would hold it near
+    // 85 °C.
+    p.firmwareMinUntilC = 95;
+    p.firmwareMaxAtC = 130;
+    return {"thin-laptop-45w", p};
+}
+
+MachineProfile desktopSilentGpu() {
+    sim::PlantConfig p;
+    p.logicalCpus = 32;
+    // Sixteen cores with stacked cache: the extra layer makes the die run hot for its power, and
+    // the part throttles at 89 °C.
+    p.cpuIdlePowerW = 25;
+    p.cpuFullLoadPowerW = 150;
+    p.cpuMaxClockMHz = 5000;
+    p.cpuBaseClockMHz = 1750;
+    p.cpuLimitC = 89;
+    p.cpuHeatCapacityJPerK = 12;
+    p.cpuToSinkWPerK = 5;
+    // A 220 W graphics card whose clocks step down from 87 °C.
+    p.gpuIdlePowerW = 15;
+    p.gpuFullLoadPowerW = 220;
+    p.gpuMaxClockMHz = 2600;
+    p.gpuBaseClockMHz = 900;
+    p.gpuReferenceMaxClockMHz = 2600;
+    p.gpuLimitC = 87;
+    p.gpuHeatCapacityJPerK = 40;
+    p.gpuToSinkWPerK = 11;
+    // The tower cooler, the card's cooler and the case air as one sink.
+    p.sinkHeatCapacityJPerK = 450;
+    p.sinkPassiveWPerK = 0.8;
+    p.sinkAirflowWPerK = 11;
+    p.airflowReferenceRPM = 2000;
+    p.platformPowerW = 25;
+    p.fanPowerAtMaxW = 3;
+    // The card's axial fans on one output are the loudest at full speed; 140 mm fans elsewhere.
+    p.fans = {{"Graphics card fans", 800, 3000, 44, 3000},
+              {"CPU cooler fan", 400, 1500, 30, 1500},
+              {"Case fans", 400, 1500, 29, 1500}};
+    p.fanTimeConstantS = 2.0;
+    p.fanSlewRPMPerS = 800;
+    // Tuned for silence: the fans stay at their floor until the hotter die reaches 85 °C and
+    // would reach full speed only at 110 °C. Under sustained load the loaded die sits at its
+    // throttle point and sheds clock while the fans run a little over their floor; at full speed
+    // they would hold both dies under 86 °C.
+    p.firmwareMinUntilC = 85;
+    p.firmwareMaxAtC = 110;
+    return {"desktop-silent-gpu", p};
+}
+
 std::vector<MachineProfile> standardMachines() {
-    return {thinLaptop(), hotThinLaptop(), desktopLargeCooler(), simulatedDefault()};
+    return {thinLaptop(),       hotThinLaptop(), desktopLargeCooler(),
+            simulatedDefault(), thinLaptop45W(), desktopSilentGpu()};
 }
 
 }  // namespace kelvo::quality

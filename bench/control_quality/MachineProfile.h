@@ -21,6 +21,12 @@ MachineProfile hotThinLaptop();
 MachineProfile desktopLargeCooler();
 // The machine `kelvo --harness-simulated-fans` runs on: a compact desktop, two fans.
 MachineProfile simulatedDefault();
+// A thin laptop with a 45 W APU whose quiet-first firmware lets the die sit at its junction limit
+// and shed clock; full-speed blowers would hold it near 85 °C.
+MachineProfile thinLaptop45W();
+// A desktop with a 220 W graphics card and a hot-running 89 °C processor, its fans on a curve
+// tuned for silence: under sustained load both dies sit at their throttle points.
+MachineProfile desktopSilentGpu();
 std::vector<MachineProfile> standardMachines();
 
 }  // namespace kelvo::quality

@@ -324,7 +324,7 @@ late_rpm() {
 }
 after=60
 {
-    printf '%-16s %-10s %-12s %8s %8s %7s %8s %8s %7s %8s %8s %7s\n' machine trace mode \
+    printf '%-20s %-10s %-12s %8s %8s %7s %8s %8s %7s %8s %8s %7s\n' machine trace mode \
         "rpm real" "rpm in" "d rpm" "peak re" "peak in" "d peak" "rpm>60s" "in>60s" "d>60s"
     for machine in $machines; do
         for trace in $traces; do
@@ -338,7 +338,7 @@ after=60
                 in_late="$(late_rpm "$out/series-inprocess/$machine-$trace-$mode.csv" '^mean_rpm$')"
                 awk -v m="$machine" -v t="$trace" -v c="$mode" -v rr="$real_rpm" -v ir="$in_rpm" \
                     -v rp="$real_peak" -v ip="$in_peak" -v rl="$real_late" -v il="$in_late" \
-                    'BEGIN { printf "%-16s %-10s %-12s %8.0f %8.0f %+7.0f %8.1f %8.1f %+7.1f %8.0f %8.0f %+7.0f\n",
+                    'BEGIN { printf "%-20s %-10s %-12s %8.0f %8.0f %+7.0f %8.1f %8.1f %+7.1f %8.0f %8.0f %+7.0f\n",
                              m, t, c, rr, ir, rr - ir, rp, ip, rp - ip, rl, il, rl - il }'
             done
         done

@@ -82,6 +82,39 @@ TEST(ShippedMachineFiles, ReadBackAsTheBuiltInMachines) {
     }
 }
 
+// bench/hil/run.sh refuses a machine without its fancontrol template; each template drives every
+// pwm output of its machine and no other.
+TEST(PeerTemplates, OneFancontrolTemplatePerMachineWithAnEntryPerFan) {
+    for (const auto& machine : standardMachines()) {
+        SCOPED_TRACE(machine.name);
+        const fs::path path = kBench / "peers" / ("fancontrol." + machine.name + ".conf.in");
+        ASSERT_TRUE(fs::exists(path));
+        std::istringstream lines(contents(path));
+        std::string line;
+        std::set<std::string> settings;
+        std::getline(lines, line);
+        EXPECT_NE(line.find(" " + machine.name + ", " + std::to_string(machine.plant.fans.size()) +
+                            " pwm output(s)"),
+                  std::string::npos)
+            << line;
+        while (std::getline(lines, line)) {
+            if (line.empty() || line[0] == '#') continue;
+            const std::string setting = line.substr(0, line.find('='));
+            settings.insert(setting);
+            if (setting == "INTERVAL") continue;
+            for (std::size_t fan = 1; fan <= machine.plant.fans.size(); ++fan) {
+                const std::string entry = "@HWMON@/hwmon2/pwm" + std::to_string(fan) + "=";
+                EXPECT_NE(line.find(entry), std::string::npos) << setting << " lacks " << entry;
+            }
+            const std::string beyond =
+                "@HWMON@/hwmon2/pwm" + std::to_string(machine.plant.fans.size() + 1) + "=";
+            EXPECT_EQ(line.find(beyond), std::string::npos) << setting << " has " << beyond;
+        }
+        EXPECT_EQ(settings, (std::set<std::string>{"INTERVAL", "FCTEMPS", "FCFANS", "MINTEMP",
+                                                   "MAXTEMP", "MINSTART", "MINSTOP"}));
+    }
+}
+
 TEST(ShippedTraceFiles, ReadBackAsTheBuiltInTracesForSeedOne) {
     auto files = jsonFiles(kBench / "traces");
     std::set<std::string> stems;

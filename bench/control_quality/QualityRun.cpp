@@ -1,5 +1,6 @@
 #include "QualityRun.h"
 
+#include "ForesightPlanner.h"
 #include "LimitHoldPolicy.h"
 #include "LinearCurvePolicy.h"
 #include "PidPolicy.h"
@@ -123,6 +124,11 @@ std::vector<ControllerSpec> standardControllers() {
          {}},
         {"pid", std::nullopt, [] { return std::make_unique<PidPolicy>(); }, {}, {}},
         {"limit-hold", std::nullopt, [] { return std::make_unique<LimitHoldPolicy>(); }, {}, {}},
+        {"foresight",
+         std::nullopt,
+         {},
+         foresightPlan,
+         "reference: knows the whole trace and the exact machine; quietest found under 88/85 C"},
     };
     return controllers;
 }

@@ -5,7 +5,7 @@
 
 namespace kelvo::quality {
 
-double soundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm) {
+double fanSoundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm) {
     double power = 0;
     const std::size_t fans = std::min(plant.fans.size(), rpm.size());
     for (std::size_t i = 0; i < fans; ++i) {
@@ -14,7 +14,11 @@ double soundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm)
         // 10^(L/10) with L from the fan law: the rpm ratio to the 5th power.
         power += std::pow(10.0, fan.soundRefDb / 10.0) * std::pow(rpm[i] / fan.soundRefRPM, 5.0);
     }
-    return std::max(power, 1.0);
+    return power;
+}
+
+double soundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm) {
+    return std::max(fanSoundPower(plant, rpm), 1.0);
 }
 
 double levelOfPower(double power) {

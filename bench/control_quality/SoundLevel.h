@@ -14,6 +14,10 @@ namespace kelvo::quality {
 // mean.
 double soundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm);
 
+// The fans' sound power before that floor: below the threshold of hearing it still tells two
+// quiet settings apart.
+double fanSoundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm);
+
 // The same as a level in dB(A).
 double soundLevelDb(const sim::PlantConfig& plant, const std::vector<double>& rpm);
 

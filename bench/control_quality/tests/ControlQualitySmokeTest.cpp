@@ -110,9 +110,9 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
         EXPECT_GE(number(row, "mean_db"), 0.0);
         EXPECT_GE(number(row, "peak_db"), number(row, "mean_db"));
     }
-    EXPECT_EQ(controllers,
-              (std::set<std::string>{"firmware", "quiet", "quietHybrid", "performance",
-                                     "linear-curve", "stepped-hysteresis", "pid", "limit-hold"}));
+    EXPECT_EQ(controllers, (std::set<std::string>{"firmware", "quiet", "quietHybrid", "performance",
+                                                  "linear-curve", "stepped-hysteresis", "pid",
+                                                  "limit-hold", "foresight"}));
     EXPECT_GE(machines.size(), 2u);  // a laptop and a desktop at least
     EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
 }

@@ -85,6 +85,16 @@ TEST(SoundLevel, FanLawPerFanAndFansAddAsPower) {
     EXPECT_DOUBLE_EQ(soundLevelDb(config, {100, 100}), 0.0);
 }
 
+TEST(SoundLevel, TheFansOwnPowerKeepsOrderingSpeedsUnderTheThreshold) {
+    kelvo::sim::PlantConfig config;
+    config.fans = {{"a", 100, 4000, 30, 2000}};
+    // 30 dB at 2000 rpm: 1000 in power; a fifth of the speed is 5^5 times less.
+    EXPECT_NEAR(fanSoundPower(config, {400}), 1000.0 / 3125, 1e-12);
+    EXPECT_LT(fanSoundPower(config, {300}), fanSoundPower(config, {400}));
+    EXPECT_DOUBLE_EQ(soundPower(config, {300}), 1.0);
+    EXPECT_DOUBLE_EQ(soundPower(config, {2000}), fanSoundPower(config, {2000}));
+}
+
 TEST(QualityMetrics, MeanLevelIsTheEnergyMeanAndPeakTheLoudestSecond) {
     kelvo::sim::PlantConfig config = plant();
     config.fans = {{"a", 1000, 4000, 40, 2000}, {"b", 1000, 4000, 40, 2000}};

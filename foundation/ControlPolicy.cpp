@@ -57,8 +57,8 @@ double ControlPolicy::setpointExcess(ControlMode mode, const TelemetrySample& sa
                               : limit - margin_ - reserve;
         worst = std::max(worst, *temp - setpoint);
     };
-    consider(sample.cpuTemperatureC, limits_.quietCpuLimitC, cpuReserve(sample));
-    consider(sample.gpuTemperatureC, limits_.quietGpuLimitC, gpuReserve(sample));
+    consider(sample.cpuTemperatureC, limits_.quietCpuLimitC, cpuReserve());
+    consider(sample.gpuTemperatureC, limits_.quietGpuLimitC, gpuReserve());
     return worst;
 }
 
@@ -79,27 +79,28 @@ double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
         // setpoint drives the fans up; a burst's own jump is not a trend.
         if (slope) worst = std::max(worst, *temp + *slope * horizon - (setpoint - reserve));
     };
-    consider(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC, cpuReserve(sample));
-    consider(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC, gpuReserve(sample));
+    consider(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC, cpuReserve());
+    consider(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC, gpuReserve());
     return worst;
 }
 
 // A die's reserve against a burst: the jump a full load brings (learned from the steps seen so
-// far) scaled by how much of its device is still idle. Before any step, the machine-wide guess.
-double ControlPolicy::burstReserve(const TelemetrySample& sample, const std::optional<double>& util,
+// far, a guess before the first) scaled by how much of its device is still idle. A device that
+// reports no utilisation is not guessed at.
+double ControlPolicy::burstReserve(const std::optional<double>& util,
                                    const std::optional<double>& jumpC) const {
-    if (jumpC && util) return *jumpC * (1.0 - std::clamp(*util / 100.0, 0.0, 1.0));
-    const double idleShare =
-        1.0 - std::clamp(sample.maxUtilizationPct().value_or(100.0) / 100.0, 0.0, 1.0);
-    return limits_.quietBurstReserveC * idleShare;
+    if (!util) return 0;
+    return jumpC.value_or(limits_.quietBurstReserveC) * (1.0 - std::clamp(*util / 100.0, 0.0, 1.0));
 }
 
-double ControlPolicy::cpuReserve(const TelemetrySample& sample) const {
-    return burstReserve(sample, sample.cpuUtilizationPct, trend_.cpuJumpC());
+// Measured from the last minute's peak: a build's link step or a game's loading screen is
+// followed by the load it interrupted, which the heatsink is already carrying.
+double ControlPolicy::cpuReserve() const {
+    return burstReserve(trend_.cpuRecentPeakPct(), trend_.cpuJumpC());
 }
 
-double ControlPolicy::gpuReserve(const TelemetrySample& sample) const {
-    return burstReserve(sample, sample.gpuUtilizationPct, trend_.gpuJumpC());
+double ControlPolicy::gpuReserve() const {
+    return burstReserve(trend_.gpuRecentPeakPct(), trend_.gpuJumpC());
 }
 
 // Duty per second that moves the widest fan by the quiet ramp.

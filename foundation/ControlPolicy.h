@@ -53,10 +53,10 @@ public:
 private:
     double setpointExcess(ControlMode mode, const TelemetrySample& sample) const;
     double predictedExcess(const TelemetrySample& sample) const;
-    double burstReserve(const TelemetrySample& sample, const std::optional<double>& util,
+    double burstReserve(const std::optional<double>& util,
                         const std::optional<double>& jumpC) const;
-    double cpuReserve(const TelemetrySample& sample) const;
-    double gpuReserve(const TelemetrySample& sample) const;
+    double cpuReserve() const;
+    double gpuReserve() const;
     double quietRiseLimit(const TelemetrySample& sample) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
     void anticipate(const TelemetrySample& sample, double dt, const AdaptiveLeadModel& model,

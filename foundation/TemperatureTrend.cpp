@@ -50,8 +50,20 @@ void TemperatureTrend::watch(StepWatch& device, const std::optional<double>& uti
             device.stepAt.reset();
         }
     }
-    if (util) device.lastUtilization = util;
+    if (util) {
+        device.lastUtilization = util;
+        device.utilizations.emplace_back(now, *util);
+    }
+    while (!device.utilizations.empty() &&
+           now - device.utilizations.front().first > settings_.peakSeconds + 1e-9)
+        device.utilizations.pop_front();
     device.lastTemperature = temp;
+}
+
+std::optional<double> TemperatureTrend::recentPeak(const StepWatch& device) {
+    std::optional<double> peak;
+    for (const auto& [t, util] : device.utilizations) peak = std::max(peak.value_or(util), util);
+    return peak;
 }
 
 void TemperatureTrend::clear() {

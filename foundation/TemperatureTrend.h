@@ -19,6 +19,7 @@ public:
         double settleSeconds = 5;  // after a step in load, before the slope counts again
         double loadStepPct = 20;   // a change in either device's utilisation this large
         std::size_t minReadings = 4;
+        double peakSeconds = 60;  // how long a load's heat stays in the heatsink, roughly
     };
 
     TemperatureTrend() = default;
@@ -36,6 +37,11 @@ public:
     std::optional<double> cpuJumpC() const { return cpu_.jumpC; }
     std::optional<double> gpuJumpC() const { return gpu_.jumpC; }
 
+    // The highest utilisation each device ran at over the last minute: a load coming back to a
+    // level it just left lands on a heatsink that has already taken its heat.
+    std::optional<double> cpuRecentPeakPct() const { return recentPeak(cpu_); }
+    std::optional<double> gpuRecentPeakPct() const { return recentPeak(gpu_); }
+
 private:
     // One device's load steps: where the die stood when its utilisation stepped, and by how much.
     struct StepWatch {
@@ -45,7 +51,9 @@ private:
         double temperatureBefore = 0;
         std::optional<double> lastTemperature;
         std::optional<double> jumpC;
+        std::deque<std::pair<Timestamp, double>> utilizations;  // the last peakSeconds
     };
+    static std::optional<double> recentPeak(const StepWatch& device);
     void watch(StepWatch& device, const std::optional<double>& util,
                const std::optional<double>& temp, Timestamp now);
 

@@ -119,6 +119,27 @@ TEST(ControlPolicy, AnIdleMachineIsKeptFurtherUnderTheLimitThanABusyOne) {
     EXPECT_EQ(u.reason, "holding");
 }
 
+TEST(ControlPolicy, ADipInASustainedLoadKeepsNoBurstReserve) {
+    // A build at 95 % with link steps at 20 %: the load that comes back is the one the heatsink
+    // is carrying already, so 84 °C in a dip (over the idle setpoint of 86 - 0.8 * 6) is fine.
+    ControlPolicy policy;
+    auto at = [](Timestamp t, double util) {
+        TelemetrySample s = withFans(temps(t, 84, 40));
+        s.cpuUtilizationPct = util;
+        s.gpuUtilizationPct = 100;
+        return s;
+    };
+    PolicyOutput out;
+    for (Timestamp t = 0; t < 10; ++t) out = policy.decide(ControlMode::quiet, at(t, 95), 1.0, {});
+    for (Timestamp t = 10; t < 30; ++t) out = policy.decide(ControlMode::quiet, at(t, 20), 1.0, {});
+    EXPECT_EQ(out.reason, "holding");
+    EXPECT_DOUBLE_EQ(out.duty, 0.0);
+    // A machine that has been at 20 % all along keeps the reserve and raises the fans.
+    ControlPolicy light;
+    for (Timestamp t = 0; t < 30; ++t) out = light.decide(ControlMode::quiet, at(t, 20), 1.0, {});
+    EXPECT_EQ(out.reason, "above setpoint");
+}
+
 TEST(ControlPolicy, TheBurstReserveIsTheJumpThisDieWasSeenToMake) {
     // The CPU stepped from 10 % to 60 % load and its die went from 50 to 60 °C: a full load
     // from idle lifts it by 20 °C. At 60 % a burst can still bring 8 °C, so 79 °C is over the

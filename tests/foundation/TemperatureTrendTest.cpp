@@ -79,3 +79,16 @@ TEST(TemperatureTrend, ADieWithoutReadingsHasNoSlope) {
     EXPECT_TRUE(trend.cpuSlope());
     EXPECT_FALSE(trend.gpuSlope());
 }
+
+TEST(TemperatureTrend, RemembersEachDevicesPeakLoadForAMinute) {
+    TemperatureTrend trend;
+    EXPECT_FALSE(trend.cpuRecentPeakPct());
+    trend.add(reading(0, 60, 50, 95, 10));
+    // A link step: the CPU drops to 20 % for a while; its recent peak is still the build's.
+    for (Timestamp t = 1; t <= 60; ++t) trend.add(reading(t, 55, 50, 20, 10));
+    EXPECT_DOUBLE_EQ(*trend.cpuRecentPeakPct(), 95);
+    EXPECT_DOUBLE_EQ(*trend.gpuRecentPeakPct(), 10);
+    // A minute on, the build's heat is gone from the heatsink and so is its peak.
+    trend.add(reading(61, 55, 50, 20, 10));
+    EXPECT_DOUBLE_EQ(*trend.cpuRecentPeakPct(), 20);
+}

@@ -9,6 +9,8 @@ namespace {
 constexpr double kRiseGainPerDegreeSecond = 0.04;
 constexpr double kFallGainPerDegreeSecond = 0.004;
 constexpr double kMaxFallPerSecond = 0.02;
+constexpr double kTrimPerSecond = 0.002;
+constexpr double kTrimBelowC = 0.5;
 // Within this much over the setpoint the rise eases in (quadratically), so a degree of drift does
 // not step the fans audibly; beyond it the full gain applies.
 constexpr double kSoftRiseC = 2;
@@ -154,7 +156,8 @@ void ControlPolicy::anticipate(const TelemetrySample& sample, double dt,
     anticipationLeft_ -= dt;
     sinceIncrease_ = 0;
     out.anticipating = true;
-    if (out.reason == "holding" || out.reason == "below setpoint" || out.reason == "above setpoint")
+    if (out.reason == "holding" || out.reason == "below setpoint" || out.reason == "settling" ||
+        out.reason == "above setpoint")
         out.reason = "anticipating sustained load";
 }
 
@@ -199,6 +202,13 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         double fall = std::min(kMaxFallPerSecond, kFallGainPerDegreeSecond * under) * dt;
         duty_ = std::max(0.0, duty_ - fall);
         out.reason = "below setpoint";
+    } else if (mode != ControlMode::performance && duty_ > 0 && excess < -kTrimBelowC &&
+               drive < -kTrimBelowC && sinceIncrease_ >= limits_.decreaseHoldSeconds) {
+        // Inside the band a quiet mode still creeps down, far too slowly to be heard, so a rise
+        // that went a little too far does not leave the fans faster than the load needs for as
+        // long as the load lasts.
+        duty_ = std::max(0.0, duty_ - kTrimPerSecond * dt);
+        out.reason = "settling";
     } else {
         out.reason = "holding";
     }

@@ -297,10 +297,24 @@ TEST(ControlPolicy, QuietFallsFasterTheFurtherItIsUnderTheHysteresisBand) {
     double far = farBelow.decide(ControlMode::quiet, temps(12, 60, 50), 1.0, std::nullopt).duty;
     EXPECT_NEAR(raised - near, 0.004, 1e-9);
     EXPECT_NEAR(raised - far, 0.02, 1e-9);
-    // Inside the band nothing moves.
-    for (int i = 12; i <= 30; ++i)
-        EXPECT_DOUBLE_EQ(
-            inBand.decide(ControlMode::quiet, temps(i, 83.5, 50), 1.0, std::nullopt).duty, raised);
+    // Inside the band the fans only creep, a fifth of a percent a second, towards the setpoint.
+    for (int i = 12; i <= 30; ++i) {
+        auto out = inBand.decide(ControlMode::quiet, temps(i, 83.5, 50), 1.0, std::nullopt);
+        EXPECT_EQ(out.reason, "settling");
+        EXPECT_NEAR(out.duty, raised - 0.002 * (i - 11), 1e-9);
+    }
+}
+
+TEST(ControlPolicy, QuietHoldsStillWithinHalfADegreeOfItsSetpoint) {
+    ControlPolicy policy;
+    for (int i = -9; i <= 0; ++i)
+        policy.decide(ControlMode::quiet, temps(i, 86.9, 50), 1.0, std::nullopt);
+    const double raised = policy.duty();
+    PolicyOutput out;
+    for (int i = 1; i <= 40; ++i)
+        out = policy.decide(ControlMode::quiet, temps(i, 85.7, 50), 1.0, std::nullopt);
+    EXPECT_EQ(out.reason, "holding");
+    EXPECT_DOUBLE_EQ(out.duty, raised);
 }
 
 TEST(ControlPolicy, NoTemperatureRunsAtASafeMiddleSpeed) {

@@ -51,7 +51,7 @@ double ControlPolicy::setpointExcess(ControlMode mode, const TelemetrySample& sa
     double worst = -1e9;
     // An idle die sits close to its heatsink; a burst lifts it by its full power over the
     // die-to-sink resistance within a second or two, faster than any fan can answer. So the
-    // less busy the machine, the further under the limit quiet keeps it.
+    // less busy its device has been, the further under the limit quiet keeps it.
     auto consider = [&](const std::optional<double>& temp, double limit, double reserve) {
         if (!temp) return;
         double setpoint = mode == ControlMode::performance

@@ -10,13 +10,13 @@
 #include <QCoroFuture>
 #include <QFileInfo>
 
-#include "app/LoopCall.h"
-#include "foundation/linux/HelperCounterReader.h"
-#include "foundation/linux/HelperFanController.h"
-#include "foundation/linux/HwmonFanService.h"
-#include "foundation/linux/HybridFanController.h"
-#include "foundation/linux/LocalFanController.h"
-#include "foundation/linux/SystemTelemetryProvider.h"
+#include "app_common/LoopCall.h"
+#include "foundation/helper_protocol/HelperCounterReader.h"
+#include "foundation/fans/HelperFanController.h"
+#include "foundation/fans/HwmonFanService.h"
+#include "foundation/fans/HybridFanController.h"
+#include "foundation/fans/LocalFanController.h"
+#include "foundation/telemetry/SystemTelemetryProvider.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"
 
@@ -31,28 +31,11 @@ std::shared_ptr<LocalFanController> makeLocalController(const LaunchPaths& paths
 }
 }  // namespace
 
-LaunchPaths LaunchPaths::fromArguments(const QStringList& arguments) {
-    LaunchPaths paths;
-    auto value = [&arguments](const QString& name) -> std::optional<QString> {
-        for (qsizetype i = 0; i < arguments.size(); ++i) {
-            if (arguments[i] == name && i + 1 < arguments.size()) return arguments[i + 1];
-            if (arguments[i].startsWith(name + QLatin1Char('=')))
-                return arguments[i].mid(name.size() + 1);
-        }
-        return std::nullopt;
-    };
-    if (auto root = value(QStringLiteral("--sysfs-root")); root && !root->isEmpty())
-        paths.sysfsRoot = root->toStdString();
-    if (auto socket = value(QStringLiteral("--helper-socket")); socket && !socket->isEmpty())
-        paths.helperSocket = socket->toStdString();
-    return paths;
-}
-
 std::shared_ptr<FanController> AppRuntime::makeFanController(const QStringList& arguments) {
     const LaunchPaths paths = LaunchPaths::fromArguments(arguments);
     if (arguments.contains(QStringLiteral("--harness-simulated-fans")))
         return std::make_shared<SimulatedFanController>();
-    if (arguments.contains(QStringLiteral("--xpc-only-fans")))
+    if (arguments.contains(QString::fromLatin1(legacy::kHelperOnlyFansFlag)))
         return std::make_shared<HelperFanController>(paths.helperSocket);
     if (arguments.contains(QStringLiteral("--local-only-fans"))) return makeLocalController(paths);
     return std::make_shared<HybridFanController>(
@@ -109,7 +92,7 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     presentation_ = new AppPresentationStore(settings_, this);
     live_ = new LiveDashboardStore(this);
     // 4. One-time storage reset, before any database is opened.
-    const auto reset = AppBuildInfo::applyOneTimeStorageResetIfNeeded(*settings_);
+    const auto reset = legacy::applyOneTimeStorageResetIfNeeded(*settings_);
     const QString databasePath = AppBuildInfo::defaultDatabasePath();
     // 5-6. Capabilities, fan back-end and telemetry.
     tracker_ = std::make_shared<HardwareCapabilityTracker>();
@@ -336,9 +319,9 @@ QFuture<void> AppRuntime::recordThroughLoop(const RuntimeEvent& event) {
 QCoro::Task<> AppRuntime::logBuildIdentityEvent(const char* prefix) {
     QPointer<AppRuntime> self(this);
     const QString shortVersion =
-        AppBuildInfo::bundleValue(QStringLiteral("CFBundleShortVersionString"))
+        AppBuildInfo::bundleValue(QString::fromLatin1(legacy::kShortVersionKey))
             .value_or(QStringLiteral("unknown"));
-    const QString build = AppBuildInfo::bundleValue(QStringLiteral("CFBundleVersion"))
+    const QString build = AppBuildInfo::bundleValue(QString::fromLatin1(legacy::kBuildNumberKey))
                               .value_or(QStringLiteral("unknown"));
     const QString backend = AppBuildInfo::fanBackendLabel(*fanController_);
     auto helperTask = AppBuildInfo::resolveHelperVersion(fanController_);

@@ -13,32 +13,25 @@
 #include <memory>
 #include <optional>
 
-#include "app/AppBuildInfo.h"
+#include "app_common/AppBuildInfo.h"
+#include "app_common/LaunchPaths.h"
 #include "app/AppPresentationStore.h"
 #include "app/ExternalControlBridge.h"
 #include "app/FanSettingsModel.h"
 #include "app/NotificationCoordinator.h"
 #include "capture/CaptureSeam.h"
-#include "foundation/ControlLoop.h"
-#include "foundation/EventRing.h"
-#include "foundation/FanController.h"
-#include "foundation/HardwareCapabilityTracker.h"
-#include "foundation/ProfilingService.h"
-#include "foundation/SQLiteStore.h"
-#include "foundation/TelemetryProvider.h"
+#include "foundation/control/ControlLoop.h"
+#include "foundation/core/EventRing.h"
+#include "foundation/core/FanController.h"
+#include "foundation/control/HardwareCapabilityTracker.h"
+#include "foundation/profiling/ProfilingService.h"
+#include "foundation/store/SQLiteStore.h"
+#include "foundation/core/TelemetryProvider.h"
 #include "live/LiveDashboardStore.h"
 
 class QTimer;
 
 namespace kelvo {
-
-// Where the real back-ends look: "--sysfs-root PATH" (a root holding sys/ and proc/, so a fake
-// tree can stand in for the machine) and "--helper-socket PATH".
-struct LaunchPaths {
-    std::string sysfsRoot = "/";
-    std::string helperSocket = "/run/kelvo/helper.sock";
-    static LaunchPaths fromArguments(const QStringList& arguments);
-};
 
 struct AppRuntimeOptions {
     QStringList arguments;          // launch arguments (program name first or not)

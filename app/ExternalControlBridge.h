@@ -7,7 +7,7 @@
 #include <QVariant>
 #include <optional>
 
-#include "foundation/ExternalControl.h"
+#include "foundation/core/ExternalControl.h"
 
 namespace kelvo {
 

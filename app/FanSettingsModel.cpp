@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "app/FanSettings.h"
-#include "foundation/linux/DieCriticalTemperatures.h"
-#include "foundation/linux/HwmonFanService.h"
+#include "app_common/FanSettings.h"
+#include "foundation/telemetry/DieCriticalTemperatures.h"
+#include "foundation/fans/HwmonFanService.h"
 
 namespace kelvo {
 

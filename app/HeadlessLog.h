@@ -3,7 +3,7 @@
 
 #include <QString>
 
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo {
 

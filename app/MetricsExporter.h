@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "app/MetricsListenAddress.h"
-#include "foundation/ControlEngine.h"
-#include "foundation/RuntimeBenefitRegisters.h"
+#include "foundation/control/ControlEngine.h"
+#include "foundation/control/RuntimeBenefitRegisters.h"
 
 namespace prometheus {
 class Exposer;

@@ -10,10 +10,10 @@
 #include <chrono>
 
 #include "BenchApplication.h"
-#include "app/LoopCall.h"
+#include "app_common/LoopCall.h"
 #include "capture/CaptureCoordinator.h"
 #include "capture/GPUStressWorker.h"
-#include "foundation/HardwareCapabilityTracker.h"
+#include "foundation/control/HardwareCapabilityTracker.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"
 

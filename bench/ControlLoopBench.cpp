@@ -1,10 +1,10 @@
 // Cost of one control-loop tick on the simulated back-end (sample, decide, write, assess).
 #include <benchmark/benchmark.h>
 
-#include "foundation/ControlEngine.h"
-#include "foundation/EventRing.h"
-#include "foundation/HardwareCapabilityTracker.h"
-#include "foundation/SQLiteStore.h"
+#include "foundation/control/ControlEngine.h"
+#include "foundation/core/EventRing.h"
+#include "foundation/control/HardwareCapabilityTracker.h"
+#include "foundation/store/SQLiteStore.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedMachine.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"

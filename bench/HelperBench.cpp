@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "foundation/linux/HelperClient.h"
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperClient.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 #include "tests/foundation/LinuxFakeSysfs.h"
 #include "tests/helper/ConnectionFlood.h"
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "foundation/linux/SystemTelemetryProvider.h"
+#include "foundation/telemetry/SystemTelemetryProvider.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <string>
 
-#include "foundation/SQLiteStore.h"
+#include "foundation/store/SQLiteStore.h"
 
 namespace {
 

@@ -8,12 +8,12 @@
 #include <cmath>
 #include <utility>
 
-#include "app/AppBuildInfo.h"
-#include "app/LoopCall.h"
+#include "app_common/AppBuildInfo.h"
+#include "app_common/LoopCall.h"
 #include "capture/FileManagerReveal.h"
-#include "foundation/CaptureAutoStopPolicy.h"
-#include "foundation/DroopSignal.h"
-#include "foundation/ProfileExportBundler.h"
+#include "foundation/profiling/CaptureAutoStopPolicy.h"
+#include "foundation/profiling/DroopSignal.h"
+#include "foundation/profiling/ProfileExportBundler.h"
 
 namespace kelvo {
 

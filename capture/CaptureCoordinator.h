@@ -24,9 +24,9 @@
 #include "capture/CaptureSeam.h"
 #include "capture/ProfilingWorkflowSource.h"
 #include "capture/ProfilingWorkloadRunner.h"
-#include "foundation/ControlLoop.h"
-#include "foundation/ProfilingService.h"
-#include "foundation/ProfilingTypes.h"
+#include "foundation/control/ControlLoop.h"
+#include "foundation/profiling/ProfilingService.h"
+#include "foundation/core/ProfilingTypes.h"
 
 namespace kelvo {
 

@@ -2,7 +2,7 @@
 // that was unwritable once does not cost the user the capture.
 #include <QCoroFuture>
 
-#include "app/LoopCall.h"
+#include "app_common/LoopCall.h"
 #include "capture/CaptureCoordinator.h"
 
 namespace kelvo {

@@ -7,8 +7,8 @@
 #include <functional>
 #include <optional>
 
-#include "foundation/ControlEngine.h"
-#include "foundation/Types.h"
+#include "foundation/control/ControlEngine.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo {
 

@@ -4,7 +4,7 @@
 #include <QString>
 #include <optional>
 
-#include "foundation/ProfilingTypes.h"
+#include "foundation/core/ProfilingTypes.h"
 
 namespace kelvo {
 

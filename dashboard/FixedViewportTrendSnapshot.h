@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/TrendAnalysis.h"
+#include "foundation/chart/TrendAnalysis.h"
 
 namespace kelvo {
 

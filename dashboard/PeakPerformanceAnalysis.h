@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "foundation/TrendAnalysis.h"
+#include "foundation/chart/TrendAnalysis.h"
 
 namespace kelvo {
 

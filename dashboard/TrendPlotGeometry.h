@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "foundation/TrendAnalysis.h"
+#include "foundation/chart/TrendAnalysis.h"
 
 namespace kelvo {
 

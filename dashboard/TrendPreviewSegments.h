@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "dashboard/TrendWindowMode.h"
-#include "foundation/TrendAnalysis.h"
+#include "foundation/chart/TrendAnalysis.h"
 #include "live/PreviewFanTrendPoint.h"
 
 namespace kelvo {

@@ -1,6 +1,5 @@
 #include "dashboard/TrendSectionModel.h"
 
-#include "app/AppRuntime.h"
 #include "dashboard/PeakPerformanceHelp.h"
 #include "dashboard/PeakPerformanceTint.h"
 #include "dashboard/PeakPerformanceValueText.h"
@@ -12,17 +11,6 @@ QString wholeNumber(double value) {
     return QString::number(value, 'f', 0);
 }
 }  // namespace
-
-TrendSectionModel::TrendSectionModel(LiveDashboardStore* store, AppRuntime* runtime,
-                                     QSettings* settings, QObject* parent)
-    : TrendSectionModel(
-          store,
-          [runtime = QPointer<AppRuntime>(runtime)] {
-              return runtime ? runtime->mode() : ControlMode::systemAuto;
-          },
-          settings, parent) {
-    if (runtime) connect(runtime, &AppRuntime::modeChanged, this, &TrendSectionModel::refresh);
-}
 
 TrendSectionModel::TrendSectionModel(LiveDashboardStore* store, ModeProvider mode,
                                      QSettings* settings, QObject* parent)

@@ -15,8 +15,6 @@
 
 namespace kelvo {
 
-class AppRuntime;
-
 class TrendSectionModel : public QObject {
     Q_OBJECT
     Q_PROPERTY(QString trendWindow READ trendWindow WRITE setTrendWindow NOTIFY trendWindowChanged)
@@ -48,9 +46,6 @@ public:
     static constexpr const char* kFanSeriesKey = "kelvo.presentation.series.fan";
     static constexpr const char* kPowerSeriesKey = "kelvo.presentation.series.power";
 
-    // Follows the runtime's mode and its modeChanged signal.
-    TrendSectionModel(LiveDashboardStore* store, AppRuntime* runtime, QSettings* settings,
-                      QObject* parent = nullptr);
     // Reads the mode from `mode`; whoever changes that mode calls refresh() (connect its
     // change signal to it). A null `settings` keeps the defaults and persists nothing.
     TrendSectionModel(LiveDashboardStore* store, ModeProvider mode, QSettings* settings,

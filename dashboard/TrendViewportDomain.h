@@ -2,7 +2,7 @@
 #pragma once
 
 #include "dashboard/TrendWindowMode.h"
-#include "foundation/TrendAnalysis.h"
+#include "foundation/chart/TrendAnalysis.h"
 
 namespace kelvo {
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <span>
 
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "dashboard/TrendWindowMode.h"
-#include "foundation/TrendAnalysis.h"
+#include "foundation/chart/TrendAnalysis.h"
 
 namespace kelvo {
 

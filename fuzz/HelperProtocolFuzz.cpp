@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 
 namespace {
 

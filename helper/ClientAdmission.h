@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 #include "helper/FanArbiter.h"
 
 namespace kelvo::helperd {

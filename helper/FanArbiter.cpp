@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "foundation/linux/HelperProtocol.h"
-#include "foundation/linux/SysfsText.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
+#include "foundation/fans/SysfsText.h"
 
 namespace kelvo::helperd {
 

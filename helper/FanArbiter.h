@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/linux/HwmonFanService.h"
+#include "foundation/fans/HwmonFanService.h"
 #include "helper/FanJournal.h"
 
 namespace kelvo::helperd {

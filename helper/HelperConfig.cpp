@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 
 namespace kelvo::helperd {
 

@@ -15,7 +15,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "foundation/linux/LocalFanController.h"
+#include "foundation/fans/LocalFanController.h"
 
 namespace kelvo::helperd {
 

@@ -19,7 +19,7 @@
 #include <optional>
 #include <string>
 
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 #include "helper/ClientAdmission.h"
 #include "helper/FanArbiter.h"
 #include "helper/HelperConfig.h"

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <filesystem>
 
-#include "foundation/linux/SysfsText.h"
+#include "foundation/fans/SysfsText.h"
 
 namespace kelvo::helperd {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 
 namespace kelvo::helperd {
 

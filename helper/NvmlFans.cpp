@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 
 namespace kelvo::helperd {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 
 namespace kelvo::helperd {
 

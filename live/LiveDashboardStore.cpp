@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "app/AppBuildInfo.h"
+#include "app_common/AppBuildInfo.h"
 #include "live/HistoryTrim.h"
 
 namespace kelvo {

@@ -16,9 +16,9 @@
 #include <optional>
 #include <vector>
 
-#include "app/AppPresentationStore.h"
-#include "foundation/RuntimeBenefitRegisters.h"
-#include "foundation/Types.h"
+#include "app_common/Presentation.h"
+#include "foundation/control/RuntimeBenefitRegisters.h"
+#include "foundation/core/Types.h"
 #include "live/LiveThrottleOverlayStore.h"
 
 namespace kelvo {

@@ -5,7 +5,7 @@
 #include <QObject>
 #include <vector>
 
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo {
 

@@ -1,7 +1,7 @@
 // One point of the fan-preview trace: what the fans would be asked to do.
 #pragma once
 
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo {
 

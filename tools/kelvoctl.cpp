@@ -8,16 +8,16 @@
 #include <QVariantMap>
 #include <cstdio>
 
-#include "app/AppRuntime.h"
-#include "app/FanSettings.h"
-#include "foundation/ExternalControl.h"
-#include "foundation/FanChoices.h"
-#include "foundation/Types.h"
-#include "foundation/UserLimits.h"
-#include "foundation/linux/DieCriticalTemperatures.h"
-#include "foundation/linux/HelperClient.h"
-#include "foundation/linux/HelperStatusReport.h"
-#include "foundation/linux/HwmonFanService.h"
+#include "app_common/FanSettings.h"
+#include "app_common/LaunchPaths.h"
+#include "foundation/core/ExternalControl.h"
+#include "foundation/core/FanChoices.h"
+#include "foundation/core/Types.h"
+#include "foundation/control/UserLimits.h"
+#include "foundation/telemetry/DieCriticalTemperatures.h"
+#include "foundation/helper_protocol/HelperClient.h"
+#include "foundation/helper_protocol/HelperStatusReport.h"
+#include "foundation/fans/HwmonFanService.h"
 #include "tools/UpdateCommand.h"
 
 namespace {

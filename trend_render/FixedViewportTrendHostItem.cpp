@@ -8,8 +8,8 @@
 #include <chrono>
 #include <cmath>
 
-#include "foundation/FixedViewportXAxisLabelLayout.h"
-#include "foundation/TrendAnalysis.h"
+#include "foundation/chart/FixedViewportXAxisLabelLayout.h"
+#include "foundation/chart/TrendAnalysis.h"
 #include "trend_render/TrendPaletteWatcher.h"
 
 namespace kelvo {

@@ -10,7 +10,7 @@
 
 #include "dashboard/FixedViewportTrendSnapshot.h"
 #include "dashboard/TrendSectionModel.h"
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo {
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo {
 

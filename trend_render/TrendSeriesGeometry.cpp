@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "foundation/FixedViewportTrendDashPhase.h"
+#include "foundation/chart/FixedViewportTrendDashPhase.h"
 
 namespace kelvo {
 

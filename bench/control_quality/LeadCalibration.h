@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "MachineProfile.h"
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo::quality {
 

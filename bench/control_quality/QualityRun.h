@@ -14,7 +14,7 @@
 #include "LoadTrace.h"
 #include "MachineProfile.h"
 #include "QualityMetrics.h"
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo::quality {
 

@@ -17,9 +17,9 @@
 #include <cstdio>
 
 #include "app/AppRuntime.h"
-#include "app/shell/AppLifecycleController.h"
-#include "dashboard/view/DashboardView.h"
-#include "dashboard/view/DashboardViewModel.h"
+#include "desktop/AppLifecycleController.h"
+#include "desktop/DashboardView.h"
+#include "desktop/DashboardViewModel.h"
 #include "live/LiveDashboardStore.h"
 
 namespace {

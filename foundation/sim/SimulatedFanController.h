@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/FanController.h"
+#include "foundation/core/FanController.h"
 #include "foundation/sim/SimulatedMachine.h"
 
 namespace kelvo {
@@ -18,6 +18,7 @@ public:
     explicit SimulatedFanController(std::shared_ptr<sim::SimulatedMachine> machine);
 
     std::string typeName() const override;
+    FanBackendKind backendKind() const override { return FanBackendKind::simulated; }
     FanReadResult readFans() override;
     // Non-zero targets are clamped to each fan's range; 0 leaves that fan to the firmware.
     FanResult setTargets(const std::vector<double>& targetRPM) override;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 #include "foundation/sim/HostLoadReader.h"
 #include "foundation/sim/ThermalPlant.h"
 

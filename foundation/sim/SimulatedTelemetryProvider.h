@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "foundation/TelemetryProvider.h"
+#include "foundation/core/TelemetryProvider.h"
 #include "foundation/sim/SimulatedMachine.h"
 
 namespace kelvo {

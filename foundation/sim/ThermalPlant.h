@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo::sim {
 

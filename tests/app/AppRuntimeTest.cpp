@@ -7,7 +7,7 @@
 
 #include "../foundation/LinuxFakeSysfs.h"
 #include "app/AppRuntime.h"
-#include "foundation/linux/HybridFanController.h"
+#include "foundation/fans/HybridFanController.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "tests/EventLoopWait.h"
 #include "tests/PrivateHome.h"

@@ -4,7 +4,7 @@
 #include <QSignalSpy>
 #include <QTemporaryDir>
 
-#include "app/FanSettings.h"
+#include "app_common/FanSettings.h"
 #include "app/FanSettingsModel.h"
 #include "tests/foundation/LinuxFakeSysfs.h"
 

@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "CaptureTestRig.h"
-#include "foundation/ProfileExportBundler.h"
+#include "foundation/profiling/ProfileExportBundler.h"
 
 namespace kelvo::testing {
 namespace {

@@ -14,13 +14,13 @@
 #include <memory>
 #include <mutex>
 
-#include "app/LoopCall.h"
+#include "app_common/LoopCall.h"
 #include "capture/CaptureCoordinator.h"
-#include "foundation/ControlLoop.h"
-#include "foundation/EventRing.h"
-#include "foundation/HardwareCapabilityTracker.h"
-#include "foundation/ProfilingService.h"
-#include "foundation/SQLiteStore.h"
+#include "foundation/control/ControlLoop.h"
+#include "foundation/core/EventRing.h"
+#include "foundation/control/HardwareCapabilityTracker.h"
+#include "foundation/profiling/ProfilingService.h"
+#include "foundation/store/SQLiteStore.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"
 #include "tests/EventLoopWait.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "CaptureTestRig.h"
-#include "foundation/DroopSignal.h"
+#include "foundation/profiling/DroopSignal.h"
 
 namespace kelvo::testing {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "foundation/Types.h"
+#include "foundation/core/Types.h"
 
 namespace kelvo::test {
 

@@ -6,7 +6,6 @@
 #include <QTemporaryDir>
 
 #include "DashboardTestSamples.h"
-#include "app/AppRuntime.h"
 #include "dashboard/SystemColors.h"
 #include "dashboard/TrendSectionModel.h"
 
@@ -241,38 +240,4 @@ TEST(TrendSectionModel, PublishesTheSectionsTextsAndTintOnlyWhenTheyChange) {
     // Once for the empty window, then once per sample count from 1 to 8 (the fifth ingest
     // brings the first sample into the window).
     EXPECT_EQ(help.count(), 9);
-}
-
-TEST(TrendSectionModel, FollowsTheRuntimesModeThroughItsSignal) {
-    QTemporaryDir dir;
-    QSettings settings(dir.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat);
-    AppRuntimeOptions options;
-    options.arguments = {QStringLiteral("--harness-simulated-fans")};
-    options.settings = &settings;
-    options.loopConfig.tickSeconds = 0.25;
-    AppRuntime runtime(std::move(options));
-    TrendSectionModel model(runtime.live(), &runtime, &settings);
-    const auto live = runtime.live();
-    Timestamp t = kStart;
-    for (int i = 0; i < 4; ++i, t += 0.25) {
-        auto snapshot = snapshotAt(t);
-        snapshot.previewActive = true;
-        ControlDecision preview;
-        preview.timestamp = t;
-        preview.targetRPM = {2400, 2600};
-        snapshot.previewDecision = preview;
-        live->ingest(snapshot);
-    }
-    ASSERT_EQ(runtime.mode(), ControlMode::systemAuto);
-    ASSERT_TRUE(hasPreview(model.snapshot()));
-    const auto base = model.memo().computationCount();
-    runtime.setMode(ControlMode::quiet);
-    EXPECT_EQ(model.memo().computationCount(), base + 1);
-    EXPECT_EQ(model.memo().cachedKey()->runtimeModeRawValue, "quiet");
-    EXPECT_FALSE(hasPreview(model.snapshot()));
-    runtime.setMode(ControlMode::quiet);
-    EXPECT_EQ(model.memo().computationCount(), base + 1);
-    runtime.setMode(ControlMode::performance);
-    EXPECT_EQ(model.memo().computationCount(), base + 2);
-    runtime.shutdown();
 }

@@ -2,7 +2,7 @@
 
 #include "DesktopTestSupport.h"
 #include "dashboard/TrendSectionModel.h"
-#include "dashboard/view/DashboardViewModel.h"
+#include "desktop/DashboardViewModel.h"
 #include "trend_render/FixedViewportTrendHostItem.h"
 #include "trend_render/FixedViewportTrendView.h"
 

@@ -5,7 +5,7 @@
 #include <QScreen>
 
 #include "DesktopTestSupport.h"
-#include "dashboard/view/DashboardLayout.h"
+#include "desktop/DashboardLayout.h"
 
 namespace kelvo::testing {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "app/shell/DashboardWindowPlacement.h"
+#include "desktop/DashboardWindowPlacement.h"
 
 namespace kelvo {
 namespace {

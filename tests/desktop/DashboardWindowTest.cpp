@@ -5,9 +5,9 @@
 #include <cmath>
 
 #include "DesktopTestSupport.h"
-#include "app/shell/ReopenBridge.h"
-#include "dashboard/view/DashboardLayout.h"
-#include "dashboard/view/DashboardViewModel.h"
+#include "desktop/ReopenBridge.h"
+#include "desktop/DashboardLayout.h"
+#include "desktop/DashboardViewModel.h"
 #include "live/LiveDashboardStore.h"
 
 namespace kelvo::testing {

@@ -15,9 +15,9 @@
 #include <memory>
 
 #include "app/AppRuntime.h"
-#include "app/shell/AppLifecycleController.h"
+#include "desktop/AppLifecycleController.h"
 #include "capture/CaptureCoordinator.h"
-#include "dashboard/view/DashboardView.h"
+#include "desktop/DashboardView.h"
 #include "tests/EventLoopWait.h"
 #include "tests/PrivateHome.h"
 

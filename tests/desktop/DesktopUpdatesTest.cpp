@@ -5,7 +5,7 @@
 #include <QSystemTrayIcon>
 
 #include "DesktopTestSupport.h"
-#include "app/shell/KelvoApp.h"
+#include "desktop/KelvoApp.h"
 
 namespace kelvo::testing {
 namespace {

@@ -1,8 +1,8 @@
 #include <QFuture>
 
 #include "DesktopTestSupport.h"
-#include "app/FanSettings.h"
-#include "app/LoopCall.h"
+#include "app_common/FanSettings.h"
+#include "app_common/LoopCall.h"
 
 namespace kelvo::testing {
 namespace {

@@ -4,12 +4,12 @@
 #include <QSettings>
 #include <QTemporaryDir>
 
-#include "app/shell/AppLifecycleController.h"
-#include "app/shell/AutostartEntry.h"
-#include "app/shell/KelvoIcon.h"
-#include "dashboard/view/AccessibilitySlug.h"
-#include "dashboard/view/DashboardLayout.h"
-#include "dashboard/view/DashboardViewModel.h"
+#include "desktop/AppLifecycleController.h"
+#include "desktop/AutostartEntry.h"
+#include "desktop/KelvoIcon.h"
+#include "desktop/AccessibilitySlug.h"
+#include "desktop/DashboardLayout.h"
+#include "desktop/DashboardViewModel.h"
 
 namespace kelvo {
 namespace {

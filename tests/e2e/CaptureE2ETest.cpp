@@ -12,7 +12,7 @@
 #include <functional>
 #include <map>
 
-#include "foundation/SQLiteStore.h"
+#include "foundation/store/SQLiteStore.h"
 #include "tests/ZipEntries.h"
 #include "tests/e2e/LiveDatabase.h"
 

@@ -15,7 +15,7 @@
 #include <QThread>
 #include <csignal>
 
-#include "foundation/SQLiteStore.h"
+#include "foundation/store/SQLiteStore.h"
 #include "tests/EventLoopWait.h"
 #include "tests/e2e/KelvoProcess.h"
 #include "tests/e2e/LiveDatabase.h"

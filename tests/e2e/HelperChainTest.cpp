@@ -10,7 +10,7 @@
 #include <QTemporaryDir>
 #include <cstdio>
 
-#include "foundation/SQLiteStore.h"
+#include "foundation/store/SQLiteStore.h"
 #include "tests/e2e/KelvoProcess.h"
 #include "tests/helper/HelperTestSupport.h"
 

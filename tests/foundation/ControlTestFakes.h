@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "foundation/FanController.h"
-#include "foundation/TelemetryProvider.h"
+#include "foundation/core/FanController.h"
+#include "foundation/core/TelemetryProvider.h"
 
 namespace kelvo::fakes {
 

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <thread>
 
-#include "foundation/linux/HelperClient.h"
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperClient.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace kelvo {

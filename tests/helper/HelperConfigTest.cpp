@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "foundation/linux/HelperClient.h"
-#include "foundation/linux/HelperStatusReport.h"
+#include "foundation/helper_protocol/HelperClient.h"
+#include "foundation/helper_protocol/HelperStatusReport.h"
 #include "helper/HelperConfig.h"
 #include "tests/helper/HelperTestSupport.h"
 

@@ -9,8 +9,8 @@
 #include <memory>
 #include <thread>
 
-#include "foundation/linux/HelperClient.h"
-#include "foundation/linux/HelperFanController.h"
+#include "foundation/helper_protocol/HelperClient.h"
+#include "foundation/fans/HelperFanController.h"
 #include "helper/ClientAdmission.h"
 #include "tests/helper/ConnectionFlood.h"
 #include "tests/helper/HelperTestSupport.h"

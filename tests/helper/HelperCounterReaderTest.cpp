@@ -1,8 +1,8 @@
-#include "foundation/linux/HelperCounterReader.h"
+#include "foundation/helper_protocol/HelperCounterReader.h"
 
 #include <gtest/gtest.h>
 
-#include "foundation/linux/RaplSampler.h"
+#include "foundation/telemetry/RaplSampler.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace {

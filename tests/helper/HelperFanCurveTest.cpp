@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "foundation/linux/HelperFanController.h"
+#include "foundation/fans/HelperFanController.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace {

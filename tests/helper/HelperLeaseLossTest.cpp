@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "HelperTestSupport.h"
-#include "foundation/linux/HelperFanController.h"
+#include "foundation/fans/HelperFanController.h"
 
 namespace kelvo {
 namespace {

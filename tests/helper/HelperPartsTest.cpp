@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 #include "helper/FanArbiter.h"
 #include "helper/FanJournal.h"
 #include "helper/HelperOptions.h"

@@ -1,4 +1,4 @@
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 
 #include <gtest/gtest.h>
 

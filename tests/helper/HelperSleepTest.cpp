@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "foundation/linux/HelperClient.h"
+#include "foundation/helper_protocol/HelperClient.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace kelvo {

@@ -1,4 +1,4 @@
-#include "foundation/linux/HelperStatusReport.h"
+#include "foundation/helper_protocol/HelperStatusReport.h"
 
 #include <gtest/gtest.h>
 

@@ -26,8 +26,8 @@
 #include <thread>
 #include <vector>
 
-#include "foundation/linux/HelperClient.h"
-#include "foundation/linux/HelperProtocol.h"
+#include "foundation/helper_protocol/HelperClient.h"
+#include "foundation/helper_protocol/HelperProtocol.h"
 #include "tests/ChildProcess.h"
 #include "tests/foundation/LinuxFakeSysfs.h"
 

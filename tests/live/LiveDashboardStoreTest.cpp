@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "app/AppBuildInfo.h"
-#include "app/AppPresentationStore.h"
+#include "app_common/AppBuildInfo.h"
+#include "app_common/Presentation.h"
 #include "tests/QtTestPrinters.h"
 
 namespace kelvo {

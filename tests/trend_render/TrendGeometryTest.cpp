@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "foundation/FixedViewportTrendDashPhase.h"
+#include "foundation/chart/FixedViewportTrendDashPhase.h"
 #include "trend_render/FixedViewportTrendRenderer.h"
 #include "trend_render/ReusableVertexBuffer.h"
 #include "trend_render/TrendPlotGeometry.h"

@@ -18,10 +18,10 @@
 
 #include "app/AppPresentationStore.h"
 #include "app/AppRuntime.h"
-#include "app/shell/AppLifecycleController.h"
-#include "app/shell/KelvoApp.h"
+#include "desktop/AppLifecycleController.h"
+#include "desktop/KelvoApp.h"
 #include "capture/CaptureCoordinator.h"
-#include "dashboard/view/DashboardView.h"
+#include "desktop/DashboardView.h"
 #include "tools/screenshots/ScreenshotPalettes.h"
 
 namespace {

@@ -1,0 +1,29 @@
+// The user's fan choices and limits in Kelvo's settings file, shared by the app and kelvoctl.
+#pragma once
+
+#include <QSettings>
+#include <QString>
+#include <string>
+
+#include "foundation/core/FanChoices.h"
+#include "foundation/control/UserLimits.h"
+
+namespace kelvo::fan_settings {
+
+// A JSON object: fan identity → "auto" | "firmware" | "fixed N", each optionally followed by
+// " min N".
+inline constexpr const char* choicesKey = "kelvo.fans.choices";
+inline constexpr const char* cpuQuietKey = "kelvo.limits.cpuQuietC";
+inline constexpr const char* gpuQuietKey = "kelvo.limits.gpuQuietC";
+inline constexpr const char* performanceTargetKey = "kelvo.limits.performanceTargetC";
+
+// Entries that do not parse are skipped: a hand-edited file must not stop Kelvo.
+FanChoices readChoices(QSettings& settings);
+void writeChoices(QSettings& settings, const FanChoices& choices);
+// Stored values outside the accepted range are ignored in favour of the defaults.
+UserLimits readLimits(QSettings& settings, const DieCriticalTemperatures& critical);
+void writeLimit(QSettings& settings, UserLimitKind kind, double valueC);
+
+const char* limitKey(UserLimitKind kind);
+
+}  // namespace kelvo::fan_settings

@@ -1,0 +1,52 @@
+# cmake -DROOT=<source tree> -DMAP=<layering.map> -P CheckLayering.cmake
+# Each line of the map is "folder|qt or qt-free|allowed,folders". A project include ("a/b/C.h")
+# whose folder is one of the map's folders must be the including file's own folder or an allowed
+# one; a qt-free folder includes no Qt header. Fails with every offending line listed.
+cmake_policy(VERSION 3.25)
+file(STRINGS ${MAP} entries)
+set(known "")
+foreach(entry IN LISTS entries)
+  string(REPLACE "|" ";" parts "${entry}")
+  list(GET parts 0 folder)
+  list(APPEND known ${folder})
+endforeach()
+
+set(problems "")
+foreach(entry IN LISTS entries)
+  string(REPLACE "|" ";" parts "${entry}")
+  list(LENGTH parts n)
+  list(GET parts 0 folder)
+  list(GET parts 1 flag)
+  set(allowed "")
+  if(n GREATER 2)
+    list(GET parts 2 allowed_text)
+    string(REPLACE "," ";" allowed "${allowed_text}")
+  endif()
+  file(GLOB files ${ROOT}/${folder}/*.h ${ROOT}/${folder}/*.cpp)
+  foreach(file IN LISTS files)
+    file(STRINGS ${file} includes REGEX "^[ \t]*#[ \t]*include[ \t]*[\"<]")
+    file(RELATIVE_PATH shown ${ROOT} ${file})
+    foreach(line IN LISTS includes)
+      if(line MATCHES "#[ \t]*include[ \t]*\"([^\"]+)/[^/\"]+\"")
+        set(target_folder ${CMAKE_MATCH_1})
+        # Test support headers (tests/...) are shared between the test folders.
+        if(target_folder IN_LIST known AND NOT target_folder MATCHES "^tests/"
+           AND NOT target_folder STREQUAL folder
+           AND NOT target_folder IN_LIST allowed)
+          list(APPEND problems "${shown}: ${line}  (${folder} does not build on ${target_folder})")
+        endif()
+      elseif(flag STREQUAL "qt-free" AND line MATCHES "#[ \t]*include[ \t]*<(Q[A-Za-z]+|qcoro)")
+        list(APPEND problems "${shown}: ${line}  (${folder} stays free of Qt)")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+
+if(problems)
+  list(LENGTH problems count)
+  string(REPLACE ";" "\n  " listed "${problems}")
+  message(FATAL_ERROR "layering: ${count} include(s) against the folder graph:\n  ${listed}\n"
+                      "Move the shared piece down, or pass a value or a small interface instead.")
+endif()
+list(LENGTH entries folders)
+message(STATUS "layering: ${folders} folders, every include goes down")

@@ -1,0 +1,70 @@
+// What the QML dashboard reads beyond the stores themselves: the public cooling preference, the
+// selected surface as text, and the live metrics as ready-made strings. The strings are rebuilt
+// only while the dashboard can be seen; a hidden window costs no formatting work.
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QVariantMap>
+
+#include "foundation/core/Types.h"
+
+namespace kelvo {
+
+class AppRuntime;
+class AppPresentationStore;
+class LiveDashboardStore;
+
+// The two positions of the cooling-preference slider.
+enum class DashboardPublicMode { system, enhanced };
+QString rawValue(DashboardPublicMode mode);
+DashboardPublicMode publicModeFor(ControlMode mode);
+ControlMode controlModeFor(DashboardPublicMode mode);
+
+class DashboardViewModel : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QString publicMode READ publicMode NOTIFY publicModeChanged)
+    Q_PROPERTY(QString selectedSurface READ selectedSurface WRITE setSelectedSurface NOTIFY
+                   selectedSurfaceChanged)
+    Q_PROPERTY(QVariantMap card READ card NOTIFY cardChanged)
+    Q_PROPERTY(QVariantMap advanced READ advanced NOTIFY advancedChanged)
+    // How many times the metric strings were rebuilt: a hidden window must leave it still.
+    Q_PROPERTY(quint64 refreshCount READ refreshCount NOTIFY cardChanged)
+public:
+    DashboardViewModel(AppRuntime* runtime, QObject* parent = nullptr);
+
+    QString publicMode() const;
+    // Sets the runtime's mode: "system" → systemAuto, "enhanced" → quietHybrid.
+    Q_INVOKABLE void setPublicMode(const QString& raw);
+    Q_INVOKABLE QString slug(const QString& label) const;
+
+    QString selectedSurface() const;
+    void setSelectedSurface(const QString& raw);
+
+    const QVariantMap& card() const { return card_; }
+    const QVariantMap& advanced() const { return advanced_; }
+    quint64 refreshCount() const { return refreshCount_; }
+
+    // Rebuilds the strings now when the dashboard can be seen.
+    void refresh();
+
+signals:
+    void publicModeChanged();
+    void selectedSurfaceChanged();
+    void cardChanged();
+    void advancedChanged();
+
+private:
+    QVariantMap buildCard() const;
+    QVariantMap buildAdvanced() const;
+
+    QPointer<AppRuntime> runtime_;
+    LiveDashboardStore* live_;
+    AppPresentationStore* presentation_;
+    QVariantMap card_;
+    QVariantMap advanced_;
+    quint64 refreshCount_ = 0;
+};
+
+}  // namespace kelvo

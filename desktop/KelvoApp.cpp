@@ -1,0 +1,59 @@
+#include "desktop/KelvoApp.h"
+
+#include <QApplication>
+#include <QPointer>
+
+#include "app/AppRuntime.h"
+#include "desktop/AppCommands.h"
+#include "desktop/KelvoIcon.h"
+#include "desktop/ReopenBridge.h"
+
+namespace kelvo {
+
+void KelvoApp::willFinishLaunching(QSettings& defaults) {
+    QApplication::setQuitOnLastWindowClosed(false);
+    QApplication::setWindowIcon(kelvoApplicationIcon());
+    AppLifecycleController::clearLegacyWindowFrameDefaults(defaults);
+}
+
+KelvoApp::KelvoApp(AppRuntime& runtime, QSettings& defaults, UpdaterConfiguration updates,
+                   std::function<void()> quit, QObject* parent)
+    : QObject(parent), lifecycle_(std::make_unique<AppLifecycleController>(&defaults)) {
+    AppLifecycleController* lifecycle = lifecycle_.get();
+    updates_ = std::make_unique<AppUpdaterController>(
+        std::move(updates), TrayMenuActions{[lifecycle] { lifecycle->showDashboardWindow(); },
+                                            [this, quit = std::move(quit)] {
+                                                // Queued on the application: quitting destroys this
+                                                // object.
+                                                QMetaObject::invokeMethod(
+                                                    qApp,
+                                                    [self = QPointer<KelvoApp>(this), quit] {
+                                                        if (self) quit();
+                                                    },
+                                                    Qt::QueuedConnection);
+                                            },
+                                            [lifecycle, fans = runtime.fanSettings()] {
+                                                fans->setPaneOpen(true);
+                                                lifecycle->showDashboardWindow();
+                                            }});
+    AppUpdaterController* controller = updates_.get();
+    commands_ = new AppCommands([controller] { controller->settingsView().show(); }, this);
+    lifecycle_->configure(&runtime);
+}
+
+KelvoApp::~KelvoApp() {
+    // The window goes before the updater whose commands it shows.
+    lifecycle_.reset();
+    updates_.reset();
+}
+
+void KelvoApp::didFinishLaunching() {
+    lifecycle_->installStatusItem();
+    lifecycle_->setStatusItemMenu(updates_->trayMenu());
+    lifecycle_->setAppCommands(commands_);
+    lifecycle_->showDashboardWindow();
+    auto* reopen = new ReopenBridge(lifecycle_.get(), lifecycle_.get());
+    reopen->publish();
+}
+
+}  // namespace kelvo

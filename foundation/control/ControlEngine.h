@@ -1,0 +1,163 @@
+// One control-loop tick, synchronously: sample → decide → apply → assess → snapshot.
+// ControlLoop runs it on its own thread; tests drive it directly with virtual time.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "foundation/control/ControlPolicy.h"
+#include "foundation/core/FanChoices.h"
+#include "foundation/core/FanController.h"
+#include "foundation/control/FanWriter.h"
+#include "foundation/core/TelemetryProvider.h"
+#include "foundation/control/ThrottleAssessor.h"
+#include "foundation/core/Types.h"
+
+namespace kelvo {
+
+class EventRing;
+class SQLiteStore;
+class HardwareCapabilityTracker;
+
+struct ControlLoopConfig {
+    double tickSeconds = 1.0;  // clamped to [0.25, 5]
+    ControlLimits limits;
+    ThrottleAssessorConfig throttle;
+    double fallbackRetrySeconds = 30;
+    int timeoutsBeforeFallback = 3;
+    double boundaryWindowSeconds = 300;
+    int boundaryHitsForWarning = 3;
+};
+
+// Everything a subscriber learns from one tick.
+struct ControlSnapshot {
+    TelemetrySample sample;
+    std::optional<ControlDecision> decision;         // what was applied (none: firmware control)
+    std::optional<ControlDecision> previewDecision;  // what quietHybrid would do, in systemAuto
+    bool previewActive = false;
+    ThrottleAssessment assessment;
+    ControlMode mode = ControlMode::systemAuto;
+    ControlStatus status = ControlStatus::starting;
+    ControlAuthorityState authority = ControlAuthorityState::system;
+    bool throttleWarning = false;
+    bool cooldownActive = false;
+    GPUClockWindowAnalysisConfig gpuConfig;
+    double tickDurationSeconds = 0;  // how long the tick took (set by the control loop)
+};
+
+class ControlEngine {
+public:
+    ControlEngine(std::shared_ptr<TelemetryProvider> telemetry, std::shared_ptr<FanController> fans,
+                  std::shared_ptr<SQLiteStore> store, std::shared_ptr<EventRing> events,
+                  std::shared_ptr<HardwareCapabilityTracker> tracker,
+                  ControlLoopConfig config = {});
+    ~ControlEngine();
+
+    ControlSnapshot tick(Timestamp now);
+
+    void applyMode(ControlMode mode);
+    void setCooldownEnabled(bool enabled);
+    // The machine is about to sleep (true) or has woken (false): while it sleeps every fan is
+    // the firmware's and nothing is written.
+    void setSleeping(bool sleeping);
+    // Which fans Kelvo drives and how; takes effect on the next tick.
+    void setFanChoices(FanChoices choices) { fanChoices_ = std::move(choices); }
+    const FanChoices& fanChoices() const { return fanChoices_; }
+    // The user's quiet limits and performance target (already checked against the dies).
+    void setUserLimits(double cpuQuietC, double gpuQuietC, double performanceTargetC);
+    void recordEvent(const RuntimeEvent& event);
+    // Gives the fans back to the firmware (shutdown, or before the process goes away).
+    void releaseFans(const char* why);
+
+    void setLearnedModel(std::optional<LearnedModel> model);
+    void setAdaptiveLeadModel(std::optional<AdaptiveLeadModel> model) { leadModel_ = model; }
+    // While a run id is set every tick's sample is also stored as a sample of that run.
+    void setActiveProfilingRunID(std::optional<std::int64_t> id);
+
+    ControlMode currentMode() const { return mode_; }
+    ControlStatus currentStatus() const { return status_; }
+    ControlAuthorityState controlAuthorityState() const { return authority_; }
+    bool isThrottleWarningActive() const { return warning_; }
+    bool isCooldownEnabled() const { return cooldown_; }
+    const std::optional<LearnedModel>& currentModel() const { return model_; }
+    const std::optional<AdaptiveLeadModel>& adaptiveLeadModel() const { return leadModel_; }
+    std::optional<std::int64_t> activeProfilingRunID() const { return activeRunID_; }
+    GPUClockWindowAnalysisConfig gpuAnalysisConfig() const;
+    const ControlLoopConfig& config() const { return config_; }
+
+private:
+    void readFans(TelemetrySample& sample);
+    void noticeReclaimedFans(Timestamp now);
+    void noticeStalledFans();
+    void noticeFansComingAndGoing();
+    void noticeLostFans();
+    std::vector<double> targetsFor(double duty) const;
+    std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
+    bool applyTargets(const std::vector<double>& targets);
+    void enterFallback(const std::string& reason);
+    // The dies the fans answer to that gave no temperature this tick ("CPU", "GPU",
+    // "CPU and GPU"); empty while every one of them can be read.
+    std::string blindDies(const TelemetrySample& sample);
+    // Hands the fans to the firmware for as long as Kelvo cannot see what they cool.
+    void holdBlind(const std::string& dies);
+    // The fans' speed as a share of their range, where the speeds can be read.
+    double currentFanDuty() const;
+    void trackBoundary(const TelemetrySample& sample);
+    void updateCooldown(const TelemetrySample& sample);
+    void record(std::string message, bool failure = false);
+    void recordRunSample(const TelemetrySample& sample);
+
+    std::shared_ptr<TelemetryProvider> telemetry_;
+    std::shared_ptr<FanController> fans_;
+    std::shared_ptr<SQLiteStore> store_;
+    std::shared_ptr<EventRing> events_;
+    std::shared_ptr<HardwareCapabilityTracker> tracker_;
+    ControlLoopConfig config_;
+    FanWriter writer_;
+    ControlPolicy policy_;
+    ControlPolicy previewPolicy_;
+    ThrottleAssessor assessor_;
+
+    ControlMode mode_ = ControlMode::systemAuto;
+    ControlStatus status_ = ControlStatus::starting;
+    ControlAuthorityState authority_ = ControlAuthorityState::system;
+    bool warning_ = false;
+    bool cooldown_ = false;
+    bool releasePending_ = true;  // firmware control must be (re)asserted on the next tick
+    std::optional<LearnedModel> model_;
+    std::optional<AdaptiveLeadModel> leadModel_;
+    std::optional<std::int64_t> activeRunID_;
+    bool runSampleFailureReported_ = false;
+
+    std::vector<FanState> lastFans_;
+    FanChoices fanChoices_;
+    // Fans Kelvo no longer drives until the user picks a mode again: a stalled rotor, or a mode
+    // someone else set. They get target 0 (the firmware's curve).
+    std::set<std::string> leftToFirmware_;
+    std::map<std::string, int> stalledTicks_;
+    std::map<std::string, std::deque<Timestamp>> takebacks_;  // by fan, inside the window
+    std::optional<std::set<std::string>> knownFans_;          // none until the first read
+    bool blind_ = false;
+    bool sleeping_ = false;
+    // Fans were taken back from Kelvo behind its back: hand-over shown for a tick, then retaken.
+    bool leaseLost_ = false;
+    bool leaseRetakePending_ = false;
+    bool gpuTemperatureSeen_ = false;
+    bool fanTelemetryDegraded_ = false;
+    bool fallback_ = false;
+    std::string fallbackReason_;
+    Timestamp lastFallbackProbe_ = 0;
+    int consecutiveTimeouts_ = 0;
+    bool writeTimeoutReported_ = false;
+
+    std::deque<Timestamp> boundaryHits_;
+    bool cpuArmed_ = true;
+    bool gpuArmed_ = true;
+    std::optional<Timestamp> lastTick_;
+};
+
+}  // namespace kelvo

@@ -1,0 +1,233 @@
+#include "foundation/control/ControlPolicy.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace kelvo {
+
+namespace {
+constexpr double kRiseGainPerDegreeSecond = 0.04;
+constexpr double kFallGainPerDegreeSecond = 0.004;
+constexpr double kMaxFallPerSecond = 0.02;
+constexpr double kTrimPerSecond = 0.002;
+constexpr double kTrimBelowC = 0.5;
+// Within this much over the setpoint the rise eases in (quadratically), so a degree of drift does
+// not step the fans audibly; beyond it the full gain applies.
+constexpr double kSoftRiseC = 2;
+// Quiet modes ramp the fans no faster than this: a slow ramp is heard as the machine working, a
+// step as a noise. The limit at the hard edge still jumps.
+constexpr double kQuietRiseRPMPerSecond = 120;
+constexpr double kQuietRiseDutyWithoutSpeeds = 0.03;  // fans that report no range
+constexpr double kPowerRiseWatts = 12;
+constexpr double kTrendSeconds = 3;
+// A burst shorter than this (opening an application, a page, a search) is not the sustained load
+// anticipation is for: raising the fans for it only adds noise.
+constexpr double kSustainedConfirmSeconds = 8;
+}  // namespace
+
+ControlPolicy::ControlPolicy(ControlLimits limits) : limits_(limits) {}
+
+void ControlPolicy::reset(double duty) {
+    duty_ = std::clamp(duty, 0.0, 1.0);
+    sinceIncrease_ = 1e9;
+    anticipationLeft_ = 0;
+    powerTrend_.clear();
+    highLoadSince_.reset();
+    lastHighLoad_.reset();
+    powerRoseUnderLoad_ = false;
+    freshLoad_ = false;
+    trend_.clear();
+}
+
+double ControlPolicy::cpuLimit(ControlMode) const {
+    return limits_.quietCpuLimitC;
+}
+double ControlPolicy::gpuLimit(ControlMode) const {
+    return limits_.quietGpuLimitC;
+}
+
+// Positive when the hottest sensor is over the mode's setpoint, negative when under it.
+double ControlPolicy::setpointExcess(ControlMode mode, const TelemetrySample& sample) const {
+    double worst = -1e9;
+    // An idle die sits close to its heatsink; a burst lifts it by its full power over the
+    // die-to-sink resistance within a second or two, faster than any fan can answer. So the
+    // less busy its device has been, the further under the limit quiet keeps it.
+    auto consider = [&](const std::optional<double>& temp, double limit, double reserve) {
+        if (!temp) return;
+        double setpoint = mode == ControlMode::performance
+                              ? std::min(limits_.performanceTargetC, limit)
+                              : limit - margin_ - reserve;
+        worst = std::max(worst, *temp - setpoint);
+    };
+    consider(sample.cpuTemperatureC, limits_.quietCpuLimitC, cpuReserve());
+    consider(sample.gpuTemperatureC, limits_.quietGpuLimitC, gpuReserve());
+    return worst;
+}
+
+// The setpoint excess the dies are heading for: each die's excess plus how far its rising slope
+// carries it over the horizon. Falling temperatures are not extrapolated: the fans come down by
+// the slow rules only.
+double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
+    const double horizon = horizon_;
+    double worst = -1e9;
+    auto consider = [&](const std::optional<double>& temp, const std::optional<double>& slope,
+                        double limit, double reserve) {
+        if (!temp) return;
+        const double setpoint = limit - margin_;
+        const double rise = slope ? std::max(0.0, *slope) * horizon : 0.0;
+        worst = std::max(worst, *temp + rise - setpoint);
+        // The burst reserve is for a die that is not cooling already: one on its way down after
+        // its load ended gets there without the fans. Until the slope is known, only the plain
+        // setpoint drives the fans up; a burst's own jump is not a trend.
+        if (slope) worst = std::max(worst, *temp + *slope * horizon - (setpoint - reserve));
+    };
+    consider(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC, cpuReserve());
+    consider(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC, gpuReserve());
+    return worst;
+}
+
+// A die's reserve against a burst: the jump a full load brings (learned from the steps seen so
+// far, a guess before the first) scaled by how much of its device is still idle. A device that
+// reports no utilisation is not guessed at.
+double ControlPolicy::burstReserve(const std::optional<double>& util,
+                                   const std::optional<double>& jumpC) const {
+    if (!util) return 0;
+    return jumpC.value_or(limits_.quietBurstReserveC) * (1.0 - std::clamp(*util / 100.0, 0.0, 1.0));
+}
+
+// Measured from the last minute's peak: a build's link step or a game's loading screen is
+// followed by the load it interrupted, which the heatsink is already carrying.
+double ControlPolicy::cpuReserve() const {
+    return burstReserve(trend_.cpuRecentPeakPct(), trend_.cpuJumpC());
+}
+
+double ControlPolicy::gpuReserve() const {
+    return burstReserve(trend_.gpuRecentPeakPct(), trend_.gpuJumpC());
+}
+
+// Duty per second that moves the widest fan by the quiet ramp.
+double ControlPolicy::quietRiseLimit(const TelemetrySample& sample) const {
+    double span = 0;
+    const std::size_t fans = std::min(sample.fanMinRPM.size(), sample.fanMaxRPM.size());
+    for (std::size_t i = 0; i < fans; ++i)
+        span = std::max(span, sample.fanMaxRPM[i] - sample.fanMinRPM[i]);
+    return span > 0 ? kQuietRiseRPMPerSecond / span : kQuietRiseDutyWithoutSpeeds;
+}
+
+bool ControlPolicy::predictsSustainedLoad(const TelemetrySample& sample,
+                                          const AdaptiveLeadModel& model) {
+    if (sample.totalPowerW) powerTrend_.emplace_back(sample.timestamp, *sample.totalPowerW);
+    while (!powerTrend_.empty() && sample.timestamp - powerTrend_.front().first > kTrendSeconds)
+        powerTrend_.pop_front();
+    auto util = sample.maxUtilizationPct();
+    if (!util || *util < model.utilizationThresholdPct) {
+        highLoadSince_.reset();
+        powerRoseUnderLoad_ = false;
+        return false;
+    }
+    if (!highLoadSince_) {
+        highLoadSince_ = sample.timestamp;
+        // A pause shorter than the lead (a link step, a loading screen) leaves the heat of the
+        // load before it in place: the same workload goes on, and it was anticipated already.
+        const double leadSeconds = model.averageLeadMs / 1000.0;
+        freshLoad_ = !lastHighLoad_ || sample.timestamp - *lastHighLoad_ > leadSeconds;
+    }
+    lastHighLoad_ = sample.timestamp;
+    if (powerTrend_.size() >= 2 &&
+        powerTrend_.back().second - powerTrend_.front().second >= kPowerRiseWatts)
+        powerRoseUnderLoad_ = true;
+    return freshLoad_ && powerRoseUnderLoad_ &&
+           sample.timestamp - *highLoadSince_ >= kSustainedConfirmSeconds - 1e-9;
+}
+
+// A predicted sustained load opens a window as long as the lead: inside it the rising trend is
+// extrapolated over the whole lead, so the fans start earlier and climb more gently, and they do
+// not fall back while the load builds up. A load that falls away before the window is over ends
+// it early: the prediction missed.
+void ControlPolicy::anticipate(const TelemetrySample& sample, double dt,
+                               const AdaptiveLeadModel& model, PolicyOutput& out) {
+    if (predictsSustainedLoad(sample, model)) {
+        // One window per rise: a load that simply stays high does not keep renewing it.
+        powerRoseUnderLoad_ = false;
+        anticipationLeft_ = std::max(anticipationLeft_, model.averageLeadMs / 1000.0 + 5);
+    }
+    if (!highLoadSince_) anticipationLeft_ = 0;
+    if (anticipationLeft_ <= 0) return;
+    anticipationLeft_ -= dt;
+    sinceIncrease_ = 0;
+    out.anticipating = true;
+    if (out.reason == "holding" || out.reason == "below setpoint" || out.reason == "settling" ||
+        out.reason == "above setpoint")
+        out.reason = "anticipating sustained load";
+}
+
+PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& sample, double dt,
+                                   const std::optional<AdaptiveLeadModel>& leadModel) {
+    PolicyOutput out;
+    dt = std::clamp(dt, 0.0, 5.0);
+    sinceIncrease_ += dt;
+    trend_.add(sample);
+    margin_ = limits_.quietSetpointMarginC;
+    horizon_ = limits_.trendHorizonS;
+    if (mode == ControlMode::quietHybrid && leadModel) {
+        // Anticipation looks as far ahead as a sustained load takes to heat the machine, so
+        // the fans are already on their way when it arrives: that is what buys the closer hold.
+        margin_ = limits_.quietHybridSetpointMarginC;
+        if (anticipationLeft_ > 0) horizon_ = std::max(horizon_, leadModel->averageLeadMs / 1000.0);
+    }
+    double excess = setpointExcess(mode, sample);
+    if (excess <= -1e8) {
+        // No temperature at all: run at a safe middle speed rather than guess.
+        duty_ = std::max(duty_, 0.6);
+        out.duty = duty_;
+        out.reason = "no temperature readings";
+        return out;
+    }
+    double riseGain =
+        mode == ControlMode::performance ? 2 * kRiseGainPerDegreeSecond : kRiseGainPerDegreeSecond;
+    // Quiet modes answer where the temperature is heading, so the fans rise early and gently
+    // and settle where the die will, instead of overshooting after the heatsink has warmed.
+    const double drive = mode != ControlMode::performance ? predictedExcess(sample) : excess;
+    if (drive > 0) {
+        const double eased = drive * std::min(1.0, drive / kSoftRiseC);
+        double rise = riseGain * eased * dt;
+        if (mode != ControlMode::performance) rise = std::min(rise, quietRiseLimit(sample) * dt);
+        duty_ = std::min(1.0, duty_ + rise);
+        sinceIncrease_ = 0;
+        out.reason = "above setpoint";
+    } else if (excess < -limits_.hysteresisC && sinceIncrease_ >= limits_.decreaseHoldSeconds) {
+        // Measured from the band's lower edge: the fans settle just under the band instead of
+        // sliding through it and coming back up with a second audible change.
+        double under = -excess - limits_.hysteresisC;
+        double fall = std::min(kMaxFallPerSecond, kFallGainPerDegreeSecond * under) * dt;
+        duty_ = std::max(0.0, duty_ - fall);
+        out.reason = "below setpoint";
+    } else if (mode != ControlMode::performance && duty_ > 0 && excess < -kTrimBelowC &&
+               drive < -kTrimBelowC && sinceIncrease_ >= limits_.decreaseHoldSeconds) {
+        // Inside the band a quiet mode still creeps down, far too slowly to be heard, so a rise
+        // that went a little too far does not leave the fans faster than the load needs for as
+        // long as the load lasts.
+        duty_ = std::max(0.0, duty_ - kTrimPerSecond * dt);
+        out.reason = "settling";
+    } else {
+        out.reason = "holding";
+    }
+    // Close to the hard limit the integrator may be too slow: jump.
+    double hardExcess = -1e9;
+    if (sample.cpuTemperatureC)
+        hardExcess = std::max(hardExcess, *sample.cpuTemperatureC - limits_.quietCpuLimitC);
+    if (sample.gpuTemperatureC)
+        hardExcess = std::max(hardExcess, *sample.gpuTemperatureC - limits_.quietGpuLimitC);
+    // The edge stays inside the margin, so holding the setpoint never trips it.
+    if (hardExcess > -std::min(1.0, 0.5 * margin_) && duty_ < 0.85) {
+        duty_ = 0.85;
+        sinceIncrease_ = 0;
+        out.reason = "at limit";
+    }
+
+    out.duty = duty_;
+    if (mode == ControlMode::quietHybrid && leadModel) anticipate(sample, dt, *leadModel, out);
+    return out;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,79 @@
+// Per-mode fan-speed policy: turns temperatures into a fan duty between each fan's min and max.
+#pragma once
+
+#include <deque>
+#include <optional>
+
+#include "foundation/control/TemperatureTrend.h"
+#include "foundation/core/Types.h"
+
+namespace kelvo {
+
+struct ControlLimits {
+    double quietCpuLimitC = 88;
+    double quietGpuLimitC = 85;
+    double performanceTargetC = 70;
+    double cooldownMarginC = 10;
+    // A decrease only starts this long after the last increase, and only below the setpoint
+    // minus the hysteresis, so the fans never hunt audibly.
+    double decreaseHoldSeconds = 12;
+    double hysteresisC = 3;
+    double quietSetpointMarginC = 2;           // quiet aims this far under its limit
+    double quietHybridSetpointMarginC = 1.25;  // quietHybrid, with a lead model to look ahead
+    // and further under it by the jump a burst would bring to an idle die; before a die's jump
+    // has been seen, this much on an idle machine
+    double quietBurstReserveC = 6;
+    double trendHorizonS = 30;  // a rising temperature is extrapolated this far
+};
+
+// How far between a fan's minimum (0) and maximum (1) it should run.
+struct PolicyOutput {
+    double duty = 0;
+    bool anticipating = false;
+    std::string reason;
+};
+
+class ControlPolicy {
+public:
+    explicit ControlPolicy(ControlLimits limits = {});
+
+    // One tick. `mode` must not be systemAuto's release: the loop asks for quietHybrid when it
+    // only needs a preview. The policy keeps separate state per mode family via reset().
+    PolicyOutput decide(ControlMode mode, const TelemetrySample& sample, double dt,
+                        const std::optional<AdaptiveLeadModel>& leadModel);
+    void reset(double duty = 0);
+    double duty() const { return duty_; }
+    const ControlLimits& limits() const { return limits_; }
+    void setLimits(const ControlLimits& limits) { limits_ = limits; }
+
+    // The temperature limits that count as "the boundary" for this mode.
+    double cpuLimit(ControlMode mode) const;
+    double gpuLimit(ControlMode mode) const;
+
+private:
+    double setpointExcess(ControlMode mode, const TelemetrySample& sample) const;
+    double predictedExcess(const TelemetrySample& sample) const;
+    double burstReserve(const std::optional<double>& util,
+                        const std::optional<double>& jumpC) const;
+    double cpuReserve() const;
+    double gpuReserve() const;
+    double quietRiseLimit(const TelemetrySample& sample) const;
+    bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
+    void anticipate(const TelemetrySample& sample, double dt, const AdaptiveLeadModel& model,
+                    PolicyOutput& out);
+
+    ControlLimits limits_;
+    TemperatureTrend trend_;
+    double margin_ = 0;   // this tick's distance under the limits
+    double horizon_ = 0;  // how far ahead a rising temperature is extrapolated
+    double duty_ = 0;
+    double sinceIncrease_ = 1e9;
+    double anticipationLeft_ = 0;
+    std::deque<std::pair<Timestamp, double>> powerTrend_;
+    std::optional<Timestamp> highLoadSince_;  // utilisation over the model's threshold since
+    std::optional<Timestamp> lastHighLoad_;
+    bool powerRoseUnderLoad_ = false;
+    bool freshLoad_ = false;  // the load began after a pause longer than the lead
+};
+
+}  // namespace kelvo

@@ -1,0 +1,120 @@
+#include "foundation/core/FanChoices.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <sstream>
+#include <vector>
+
+namespace kelvo {
+
+namespace {
+constexpr double kDefaultMinRPM = 1200;
+constexpr double kDefaultMaxRPM = 5000;
+
+std::optional<double> percent(const std::string& word) {
+    double value = 0;
+    const char* end = word.data() + word.size();
+    auto [ptr, ec] = std::from_chars(word.data(), end, value);
+    if (ec != std::errc() || ptr != end || !std::isfinite(value)) return std::nullopt;
+    if (value < 0 || value > 100) return std::nullopt;
+    return value;
+}
+
+std::string lower(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+std::string number(double value) {
+    std::ostringstream out;
+    out << value;
+    return out.str();
+}
+}  // namespace
+
+const char* fanChoiceWords() {
+    return "auto, firmware, fixed N, min N (N a percentage from 0 to 100)";
+}
+
+std::optional<FanChoice> parseFanChoice(const std::string& text, FanChoice base) {
+    std::istringstream in(text);
+    std::vector<std::string> words;
+    for (std::string word; in >> word;) words.push_back(word);
+    if (words.empty()) return std::nullopt;
+    FanChoice choice = base;
+    std::size_t i = 0;
+    bool any = false;
+    while (i < words.size()) {
+        const std::string& word = words[i];
+        if (word == "auto" || word == "firmware") {
+            choice.kind = word == "auto" ? FanChoiceKind::automatic : FanChoiceKind::firmware;
+            ++i;
+        } else if ((word == "fixed" || word == "min") && i + 1 < words.size()) {
+            auto value = percent(words[i + 1]);
+            if (!value) return std::nullopt;
+            if (word == "fixed") {
+                choice.kind = FanChoiceKind::fixed;
+                choice.fixedPercent = *value;
+            } else {
+                choice.minimumPercent = *value;
+            }
+            i += 2;
+        } else {
+            return std::nullopt;
+        }
+        any = true;
+    }
+    if (!any) return std::nullopt;
+    return choice;
+}
+
+std::string formatFanChoice(const FanChoice& choice) {
+    std::string text;
+    switch (choice.kind) {
+        case FanChoiceKind::automatic: text = "auto"; break;
+        case FanChoiceKind::firmware: text = "firmware"; break;
+        case FanChoiceKind::fixed: text = "fixed " + number(choice.fixedPercent); break;
+    }
+    if (choice.minimumPercent > 0) text += " min " + number(choice.minimumPercent);
+    return text;
+}
+
+bool isPumpChannel(const std::string& label, const std::string& driver) {
+    return lower(label).find("pump") != std::string::npos ||
+           lower(driver).find("pump") != std::string::npos;
+}
+
+std::string driverOfIdentity(const std::string& identity) {
+    const auto at = identity.find('@');
+    return at == std::string::npos ? std::string() : identity.substr(0, at);
+}
+
+FanChoice effectiveFanChoice(const FanState& fan, const FanChoices& choices) {
+    if (auto it = choices.find(fan.name); it != choices.end()) return it->second;
+    if (isPumpChannel(fan.label, driverOfIdentity(fan.name)))
+        return FanChoice{FanChoiceKind::fixed, 100, 0};
+    return {};
+}
+
+FanSpeedRange fanSpeedRange(const FanState& fan) {
+    const double lo = fan.minRPM > 0 ? fan.minRPM : kDefaultMinRPM;
+    const double hi = fan.maxRPM > lo ? fan.maxRPM : std::max(lo, kDefaultMaxRPM);
+    return {lo, hi};
+}
+
+double fanTargetRPM(const FanState& fan, const FanChoice& choice, double duty) {
+    const FanSpeedRange range = fanSpeedRange(fan);
+    double share = 0;
+    switch (choice.kind) {
+        case FanChoiceKind::firmware: return 0;
+        case FanChoiceKind::fixed: share = choice.fixedPercent / 100; break;
+        case FanChoiceKind::automatic:
+            share = std::max(std::clamp(duty, 0.0, 1.0), choice.minimumPercent / 100);
+            break;
+    }
+    return range.minRPM + std::clamp(share, 0.0, 1.0) * (range.maxRPM - range.minRPM);
+}
+
+}  // namespace kelvo

@@ -1,0 +1,89 @@
+// Fan back-end interface shared by the simulated, local (hwmon), helper and hybrid back-ends.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "foundation/core/Types.h"
+
+namespace kelvo {
+
+struct FanState {
+    std::string name;
+    double currentRPM = 0;  // kUnreadableRPM when the tachometer gives no number
+    double targetRPM = 0;   // 0 while the firmware is in charge
+    double minRPM = 0;
+    double maxRPM = 0;
+    std::string label;  // the channel's own label (hwmon fanN_label), empty when none
+};
+
+// Outcome of a back-end call. `error` is a short reason suitable for an event message
+// ("helper unavailable", "write timed out", ...).
+struct FanResult {
+    bool ok = true;
+    std::string error;
+    static FanResult success() { return {}; }
+    static FanResult failure(std::string why) { return {false, std::move(why)}; }
+};
+
+struct FanReadResult {
+    bool ok = true;
+    std::string error;
+    std::vector<FanState> fans;
+};
+
+// A back-end's family, for the labels users see; a subclass keeps its family's.
+enum class FanBackendKind { other, local, helper, hybrid, simulated };
+
+class FanController {
+public:
+    virtual ~FanController() = default;
+
+    // Concrete type name, used where a back-end has no label of its own.
+    virtual std::string typeName() const = 0;
+    virtual FanBackendKind backendKind() const { return FanBackendKind::other; }
+
+    virtual FanReadResult readFans() = 0;
+    // One target per fan, in RPM. A target of 0 leaves that fan to the firmware.
+    virtual FanResult setTargets(const std::vector<double>& targetRPM) = 0;
+    // Gives every fan back to firmware automatic control (restoring the original mode).
+    virtual FanResult releaseToAutomatic() = 0;
+    // Whether Kelvo currently holds manual control of at least one fan.
+    virtual bool holdsControl() const = 0;
+    // The fans taken from Kelvo since the last call without Kelvo giving them back (a helper
+    // whose lease on them ran out, or that lost the connection they were held on). Back-ends
+    // that write the fans themselves never lose one this way.
+    virtual std::vector<std::string> takeFansLostBehindOurBack() { return {}; }
+    // The fans Kelvo held whose mode someone else changed since the last call (the firmware after
+    // a resume or a driver reload, another program). The back-end has stopped holding them.
+    virtual std::vector<std::string> takeFansReclaimedFromUs() { return {}; }
+};
+
+// Back-ends that drive real fans by duty cycle learn each fan's RPM-to-duty curve and keep it in
+// the store attached here (the database, which exists only after the back-end is made).
+using FanCurve = std::vector<std::pair<double, double>>;  // (duty 0-255, RPM), by duty
+
+// Where learned curves live; either function may be empty.
+struct FanCurveStore {
+    std::function<std::optional<FanCurve>(const std::string& identity)> load;
+    std::function<bool(const std::string& identity, const FanCurve& curve)> save;
+};
+
+class FanCurveLearning {
+public:
+    virtual ~FanCurveLearning() = default;
+    virtual void attachCurveStore(FanCurveStore store) = 0;
+    virtual std::optional<FanCurve> learnedCurve(const std::string& identity) = 0;
+};
+
+// Back-ends that talk to the privileged helper can report its version.
+class HelperVersionSource {
+public:
+    virtual ~HelperVersionSource() = default;
+    virtual std::optional<std::string> helperVersion() = 0;
+};
+
+}  // namespace kelvo

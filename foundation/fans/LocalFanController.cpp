@@ -1,0 +1,151 @@
+#include "foundation/fans/LocalFanController.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <utility>
+
+namespace kelvo {
+
+namespace {
+
+std::string describeWriteFailure(const std::string& detail, int errorNumber) {
+    if (errorNumber == EACCES || errorNumber == EPERM) {
+        return "permission denied (fan writes need root or the helper): " + detail;
+    }
+    return detail;
+}
+
+}  // namespace
+
+LocalFanController::LocalFanController(std::shared_ptr<HwmonFanService> service,
+                                       FanCurveLearner::Now curveClock)
+    : service_(service ? std::move(service) : std::make_shared<HwmonFanService>()),
+      curves_(std::move(curveClock)) {}
+
+int LocalFanController::linearPWMForRPM(double targetRPM, double minRPM, double maxRPM) {
+    return FanCurveLearner::linearDuty(targetRPM, minRPM, maxRPM);
+}
+
+void LocalFanController::attachCurveStore(FanCurveStore store) {
+    std::lock_guard lock(mutex_);
+    curves_.setStore(std::move(store));
+}
+
+std::optional<FanCurve> LocalFanController::learnedCurve(const std::string& identity) {
+    std::lock_guard lock(mutex_);
+    return curves_.curve(identity);
+}
+
+bool LocalFanController::sweeping(const std::string& identity) const {
+    std::lock_guard lock(mutex_);
+    return curves_.sweeping(identity);
+}
+
+FanReadResult LocalFanController::readFans() {
+    std::lock_guard lock(mutex_);
+    FanReadResult result;
+    const std::vector<HwmonFan> discovered = service_->discover();
+    // A held fan that is no longer found: its device went away (nothing left to give back) or
+    // only its tachometer did, and then the firmware gets it back through the paths it had.
+    std::erase_if(held_, [&](const auto& entry) {
+        const bool gone =
+            std::none_of(discovered.begin(), discovered.end(),
+                         [&](const HwmonFan& f) { return f.identity == entry.first; });
+        if (!gone) return false;
+        service_->restore(entry.second.fan, nullptr, nullptr);
+        curves_.released(entry.first);
+        return true;
+    });
+    for (const HwmonFan& fan : discovered) {
+        FanState state;
+        state.name = fan.identity;
+        state.label = fan.label;
+        state.currentRPM = fan.currentRPM.value_or(kUnreadableRPM);
+        auto held = held_.find(fan.identity);
+        // Someone else switched a fan Kelvo holds out of manual mode: it is theirs now, and
+        // writing the duty again would fight them.
+        if (held != held_.end() && fan.pwmEnable && *fan.pwmEnable != 1) {
+            reclaimed_.push_back(fan.identity);
+            curves_.released(fan.identity);
+            service_->forget(fan);
+            held_.erase(held);
+            held = held_.end();
+        }
+        state.targetRPM = held != held_.end() ? held->second.targetRPM : 0;
+        state.minRPM = fan.minRPM;
+        state.maxRPM = fan.maxRPM;
+        result.fans.push_back(std::move(state));
+    }
+    return result;
+}
+
+FanResult LocalFanController::setTargets(const std::vector<double>& targetRPM) {
+    std::lock_guard lock(mutex_);
+    const std::vector<HwmonFan> fans = service_->discover();
+    if (std::none_of(fans.begin(), fans.end(), [](const HwmonFan& f) { return f.controllable; })) {
+        return FanResult::failure("no controllable fans found");
+    }
+    if (targetRPM.size() != fans.size()) {
+        return FanResult::failure("expected " + std::to_string(fans.size()) + " fan targets, got " +
+                                  std::to_string(targetRPM.size()));
+    }
+
+    // Keep going after a failure so one stuck fan does not leave the others at stale speeds;
+    // the first error is the one reported.
+    std::string firstError;
+    for (std::size_t i = 0; i < fans.size(); ++i) {
+        const HwmonFan& fan = fans[i];
+        std::string error;
+        int errorNumber = 0;
+        if (targetRPM[i] <= 0) {
+            if (!held_.contains(fan.identity)) continue;
+            if (service_->restore(fan, &error, &errorNumber)) {
+                held_.erase(fan.identity);
+                curves_.released(fan.identity);
+                continue;
+            }
+        } else {
+            if (!fan.controllable) continue;
+            const int pwm =
+                curves_.dutyFor(fan.identity, targetRPM[i], fan.currentRPM, fan.minRPM, fan.maxRPM);
+            if (service_->writePWM(fan, pwm, &error, &errorNumber)) {
+                held_[fan.identity] = Held{fan, targetRPM[i]};
+                continue;
+            }
+        }
+        if (firstError.empty()) firstError = describeWriteFailure(error, errorNumber);
+    }
+    if (!firstError.empty()) return FanResult::failure(firstError);
+    return FanResult::success();
+}
+
+FanResult LocalFanController::releaseToAutomatic() {
+    std::lock_guard lock(mutex_);
+    std::string firstError;
+    for (auto it = held_.begin(); it != held_.end();) {
+        std::string error;
+        int errorNumber = 0;
+        if (service_->restore(it->second.fan, &error, &errorNumber)) {
+            curves_.released(it->first);
+            it = held_.erase(it);
+        } else {
+            if (firstError.empty()) firstError = describeWriteFailure(error, errorNumber);
+            ++it;
+        }
+    }
+    if (!firstError.empty()) return FanResult::failure(firstError);
+    return FanResult::success();
+}
+
+std::vector<std::string> LocalFanController::takeFansReclaimedFromUs() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(reclaimed_, {});
+}
+
+bool LocalFanController::holdsControl() const {
+    std::lock_guard lock(mutex_);
+    return !held_.empty();
+}
+
+}  // namespace kelvo

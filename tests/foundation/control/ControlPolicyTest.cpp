@@ -1,0 +1,380 @@
+#include <gtest/gtest.h>
+
+#include "foundation/control/ControlPolicy.h"
+#include "foundation/control/ThrottleAssessor.h"
+
+using namespace kelvo;
+
+namespace {
+TelemetrySample temps(Timestamp t, double cpu, double gpu) {
+    TelemetrySample s;
+    s.timestamp = t;
+    s.cpuTemperatureC = cpu;
+    s.gpuTemperatureC = gpu;
+    return s;
+}
+
+// The same, from a machine whose fans report their range (the widest spans 4000 rpm).
+TelemetrySample withFans(TelemetrySample s) {
+    s.fanMinRPM = {1000, 800};
+    s.fanMaxRPM = {5000, 3000};
+    return s;
+}
+constexpr double kQuietRampDuty = 120.0 / 4000.0;  // 120 rpm a second on the widest fan
+
+// A die warming by half a degree a second from 80 °C: its trend says it will settle far over
+// the quiet setpoint (86 °C) long before it gets there.
+TelemetrySample warming(Timestamp t) {
+    return temps(t, 80 + 0.5 * t, 50);
+}
+}  // namespace
+
+TEST(ControlPolicy, QuietRisesAboveItsSetpointAndHoldsBeforeFalling) {
+    ControlPolicy policy;
+    policy.reset(0);
+    // 88 °C limit, 2 °C margin: 86.9 °C is 0.9 °C over the quiet setpoint, still under the edge
+    // a degree under the limit.
+    PolicyOutput up;
+    for (int i = -9; i <= 0; ++i)
+        up = policy.decide(ControlMode::quiet, temps(i, 86.9, 50), 1.0, std::nullopt);
+    EXPECT_GT(up.duty, 0.1);
+    EXPECT_EQ(up.reason, "above setpoint");
+    double raised = up.duty;
+    // Cooler, but inside the hold time: no decrease.
+    for (int i = 1; i <= 5; ++i)
+        EXPECT_DOUBLE_EQ(
+            policy.decide(ControlMode::quiet, temps(i, 60, 50), 1.0, std::nullopt).duty, raised);
+    // After the hold the fans come down slowly, never faster than 2 % a second.
+    double previous = raised;
+    for (int i = 6; i <= 40; ++i) {
+        double duty = policy.decide(ControlMode::quiet, temps(i, 60, 50), 1.0, std::nullopt).duty;
+        EXPECT_LE(previous - duty, 0.02 + 1e-9);
+        previous = duty;
+    }
+    EXPECT_LT(previous, raised);
+}
+
+TEST(ControlPolicy, QuietRampsNoFasterThanOneQuietStepASecondWherePerformanceDoesNot) {
+    ControlPolicy quiet;
+    ControlPolicy performance;
+    double previous = 0;
+    // Four readings give the trend; from then on every second climbs by the quiet ramp exactly.
+    for (int i = 0; i < 10; ++i) {
+        double duty =
+            quiet.decide(ControlMode::quiet, withFans(warming(i)), 1.0, std::nullopt).duty;
+        if (i < 3)
+            EXPECT_DOUBLE_EQ(duty, 0.0) << i;
+        else
+            EXPECT_NEAR(duty - previous, kQuietRampDuty, 1e-9) << i;
+        previous = duty;
+    }
+    // Half a second moves half as far.
+    TelemetrySample later = withFans(temps(9.5, 85, 50));
+    double half = quiet.decide(ControlMode::quiet, later, 0.5, std::nullopt).duty;
+    EXPECT_NEAR(half - previous, kQuietRampDuty / 2, 1e-9);
+    // Performance holds clocks: it rises as fast as its gain asks (3 °C over 70 °C and more).
+    auto p = performance.decide(ControlMode::performance, withFans(temps(0, 76.5, 50)), 1.0,
+                                std::nullopt);
+    EXPECT_GT(p.duty, 3 * kQuietRampDuty);
+}
+
+TEST(ControlPolicy, QuietWithoutFanRangesRampsAtThreePercentASecond) {
+    ControlPolicy policy;
+    double duty = 0;
+    for (int i = 0; i < 6; ++i)
+        duty = policy.decide(ControlMode::quiet, warming(i), 1.0, std::nullopt).duty;
+    EXPECT_NEAR(duty, 3 * 0.03, 1e-9);  // three seconds of rise once the trend is known
+}
+
+TEST(ControlPolicy, AnIdleMachineIsKeptFurtherUnderTheLimitThanABusyOne) {
+    // 84 °C, steady: inside the busy machine's band (setpoint 86 °C), but over the idle machine's
+    // setpoint (86 - 6 = 80 °C), because a burst from idle lifts the die faster than the fans
+    // can answer. Half busy, the setpoint is half way (83 °C).
+    auto at84 = [](Timestamp t, double utilisation) {
+        TelemetrySample s = withFans(temps(t, 84, 50));
+        s.cpuUtilizationPct = utilisation;
+        return s;
+    };
+    ControlPolicy idle;
+    ControlPolicy busy;
+    ControlPolicy halfBusy;
+    PolicyOutput i, b, h;
+    // The reserve waits for the trend: a die that is cooling already needs no fans for it.
+    for (Timestamp t = 0; t < 5; ++t) {
+        i = idle.decide(ControlMode::quiet, at84(t, 0), 1.0, std::nullopt);
+        b = busy.decide(ControlMode::quiet, at84(t, 100), 1.0, std::nullopt);
+        h = halfBusy.decide(ControlMode::quiet, at84(t, 50), 1.0, std::nullopt);
+    }
+    EXPECT_EQ(i.reason, "above setpoint");
+    EXPECT_EQ(b.reason, "holding");
+    EXPECT_DOUBLE_EQ(b.duty, 0.0);
+    EXPECT_EQ(h.reason, "above setpoint");
+    EXPECT_GT(h.duty, 0.0);
+    EXPECT_LT(h.duty, i.duty);
+    // Without a utilisation reading no reserve is guessed.
+    ControlPolicy unknown;
+    PolicyOutput u;
+    for (Timestamp t = 0; t < 5; ++t)
+        u = unknown.decide(ControlMode::quiet, withFans(temps(t, 84, 50)), 1.0, std::nullopt);
+    EXPECT_EQ(u.reason, "holding");
+}
+
+TEST(ControlPolicy, ADipInASustainedLoadKeepsNoBurstReserve) {
+    // A build at 95 % with link steps at 20 %: the load that comes back is the one the heatsink
+    // is carrying already, so 84 °C in a dip (over the idle setpoint of 86 - 0.8 * 6) is fine.
+    ControlPolicy policy;
+    auto at = [](Timestamp t, double util) {
+        TelemetrySample s = withFans(temps(t, 84, 40));
+        s.cpuUtilizationPct = util;
+        s.gpuUtilizationPct = 100;
+        return s;
+    };
+    PolicyOutput out;
+    for (Timestamp t = 0; t < 10; ++t) out = policy.decide(ControlMode::quiet, at(t, 95), 1.0, {});
+    for (Timestamp t = 10; t < 30; ++t) out = policy.decide(ControlMode::quiet, at(t, 20), 1.0, {});
+    EXPECT_EQ(out.reason, "holding");
+    EXPECT_DOUBLE_EQ(out.duty, 0.0);
+    // A machine that has been at 20 % all along keeps the reserve and raises the fans.
+    ControlPolicy light;
+    for (Timestamp t = 0; t < 30; ++t) out = light.decide(ControlMode::quiet, at(t, 20), 1.0, {});
+    EXPECT_EQ(out.reason, "above setpoint");
+}
+
+TEST(ControlPolicy, TheBurstReserveIsTheJumpThisDieWasSeenToMake) {
+    // The CPU stepped from 10 % to 60 % load and its die went from 50 to 60 °C: a full load
+    // from idle lifts it by 20 °C. At 60 % a burst can still bring 8 °C, so 79 °C is over the
+    // setpoint (86 - 8 = 78 °C) while the GPU's guess is unchanged.
+    ControlPolicy policy;
+    auto at = [](Timestamp t, double cpuC, double cpuUtil) {
+        TelemetrySample s = withFans(temps(t, cpuC, 40));
+        s.cpuUtilizationPct = cpuUtil;
+        s.gpuUtilizationPct = 100;
+        return s;
+    };
+    for (Timestamp t = 0; t < 5; ++t) policy.decide(ControlMode::quiet, at(t, 50, 10), 1.0, {});
+    for (Timestamp t = 5; t < 12; ++t) policy.decide(ControlMode::quiet, at(t, 60, 60), 1.0, {});
+    PolicyOutput out;
+    for (Timestamp t = 12; t < 20; ++t)
+        out = policy.decide(ControlMode::quiet, at(t, 79, 60), 1.0, {});
+    EXPECT_EQ(out.reason, "above setpoint");
+    ControlPolicy cooler;
+    for (Timestamp t = 0; t < 5; ++t) cooler.decide(ControlMode::quiet, at(t, 50, 10), 1.0, {});
+    for (Timestamp t = 5; t < 12; ++t) cooler.decide(ControlMode::quiet, at(t, 60, 60), 1.0, {});
+    for (Timestamp t = 12; t < 20; ++t)
+        out = cooler.decide(ControlMode::quiet, at(t, 77, 60), 1.0, {});
+    EXPECT_EQ(out.reason, "holding");
+}
+
+TEST(ControlPolicy, NearTheHardLimitJumpsToHighDuty) {
+    ControlPolicy policy;
+    auto out = policy.decide(ControlMode::quiet, temps(0, 87.5, 40), 0.25, std::nullopt);
+    EXPECT_GE(out.duty, 0.85);
+    EXPECT_EQ(out.reason, "at limit");
+}
+
+TEST(ControlPolicy, PerformanceReactsWhereQuietStillHolds) {
+    ControlPolicy quiet;
+    ControlPolicy performance;
+    auto q = quiet.decide(ControlMode::quiet, temps(0, 75, 60), 1.0, std::nullopt);
+    auto p = performance.decide(ControlMode::performance, temps(0, 75, 60), 1.0, std::nullopt);
+    EXPECT_DOUBLE_EQ(q.duty, 0.0);
+    EXPECT_GT(p.duty, 0.2);
+}
+
+TEST(ControlPolicy, QuietHybridAnticipatesARisingLoadOnlyWithALeadModel) {
+    AdaptiveLeadModel model;
+    model.utilizationThresholdPct = 70;
+    model.averageLeadMs = 60000;
+    ControlPolicy withModel;
+    ControlPolicy without;
+    PolicyOutput a, b;
+    bool anticipated = false;
+    double previous = 0;
+    // A sustained load warming the die by a quarter of a degree a second: with the lead model
+    // the trend is extrapolated over the whole minute-long lead, so the fans start well before
+    // the plain 30-second look ahead sees the setpoint coming.
+    for (int i = 0; i < 40; ++i) {
+        TelemetrySample s = withFans(temps(i, 65 + 0.25 * i, 50));
+        s.cpuUtilizationPct = 95;
+        s.totalPowerW = 10.0 + 15.0 * std::min(i, 4);  // rising by 15 W a second, then steady
+        a = withModel.decide(ControlMode::quietHybrid, s, 1.0, model);
+        b = without.decide(ControlMode::quietHybrid, s, 1.0, std::nullopt);
+        anticipated = anticipated || a.anticipating;
+        // The anticipation ramps the fans up like any quiet rise, without a step.
+        EXPECT_LE(a.duty - previous, kQuietRampDuty + 1e-9) << i;
+        previous = a.duty;
+        EXPECT_FALSE(b.anticipating);
+        EXPECT_DOUBLE_EQ(b.duty, 0.0) << i;
+    }
+    EXPECT_TRUE(anticipated);
+    EXPECT_GT(a.duty, 3 * kQuietRampDuty);
+}
+
+namespace {
+AdaptiveLeadModel fourSecondLead() {
+    AdaptiveLeadModel model;
+    model.utilizationThresholdPct = 70;
+    model.averageLeadMs = 4000;
+    return model;
+}
+
+// One second of quietHybrid at a cool temperature: busy (95 %) at `power` watts, or idle.
+PolicyOutput hybridTick(ControlPolicy& policy, Timestamp t, bool busy, double power) {
+    TelemetrySample s = temps(t, 55, 50);
+    s.cpuUtilizationPct = busy ? 95 : 5;
+    s.totalPowerW = power;
+    return policy.decide(ControlMode::quietHybrid, s, 1.0, fourSecondLead());
+}
+}  // namespace
+
+TEST(ControlPolicy, QuietHybridLeavesABurstShorterThanEightSecondsAlone) {
+    ControlPolicy policy;
+    EXPECT_FALSE(hybridTick(policy, 0, false, 10).anticipating);
+    for (Timestamp t = 1; t <= 7; ++t) EXPECT_FALSE(hybridTick(policy, t, true, 60).anticipating);
+    for (Timestamp t = 8; t < 25; ++t) {
+        auto out = hybridTick(policy, t, false, 10);
+        EXPECT_FALSE(out.anticipating);
+        EXPECT_DOUBLE_EQ(out.duty, 0.0);
+    }
+}
+
+TEST(ControlPolicy, QuietHybridAnticipatesOncePerWorkloadAndAgainAfterALongPause) {
+    ControlPolicy policy;
+    hybridTick(policy, 0, false, 10);
+    bool anticipated = false;
+    for (Timestamp t = 1; t <= 9; ++t) anticipated = hybridTick(policy, t, true, 60).anticipating;
+    ASSERT_TRUE(anticipated);
+    // A two-second dip (shorter than the four-second lead) is the same workload going on.
+    hybridTick(policy, 10, false, 10);
+    hybridTick(policy, 11, false, 10);
+    for (Timestamp t = 12; t <= 30; ++t)
+        EXPECT_FALSE(hybridTick(policy, t, true, 60).anticipating) << t;
+    // A pause longer than the lead ends it: the next load is new and is anticipated again.
+    for (Timestamp t = 31; t <= 40; ++t) hybridTick(policy, t, false, 10);
+    anticipated = false;
+    for (Timestamp t = 41; t <= 49; ++t)
+        anticipated = anticipated || hybridTick(policy, t, true, 60).anticipating;
+    EXPECT_TRUE(anticipated);
+}
+
+TEST(ControlPolicy, QuietHybridAnticipationHoldsTheFansAndEndsWithoutADrop) {
+    ControlPolicy policy;
+    policy.reset(0.5);
+    hybridTick(policy, 0, false, 10);
+    PolicyOutput out;
+    Timestamp t = 1;
+    for (; t <= 9; ++t) out = hybridTick(policy, t, true, 60);
+    ASSERT_TRUE(out.anticipating);
+    const double held = out.duty;
+    // While the load builds up the fans do not come down, cool as the die still is.
+    for (; t <= 15; ++t) EXPECT_DOUBLE_EQ(hybridTick(policy, t, true, 60).duty, held) << t;
+    // Lead plus five seconds of anticipation, then the ordinary hold and slow fall.
+    double previous = held;
+    for (; t <= 60; ++t) {
+        out = hybridTick(policy, t, true, 60);
+        EXPECT_LE(previous - out.duty, 0.02 + 1e-9) << t;
+        previous = out.duty;
+    }
+    EXPECT_LT(previous, held);
+}
+
+TEST(ControlPolicy, QuietFallsFasterTheFurtherItIsUnderTheHysteresisBand) {
+    ControlPolicy nearBand;
+    ControlPolicy farBelow;
+    ControlPolicy inBand;
+    for (auto* policy : {&nearBand, &farBelow, &inBand})
+        for (int i = -9; i <= 0; ++i)
+            policy->decide(ControlMode::quiet, temps(i, 86.9, 50), 1.0, std::nullopt);
+    const double raised = nearBand.duty();
+    ASSERT_GT(raised, 0.02);
+    for (int i = 1; i <= 11; ++i) {  // the twelve-second hold
+        nearBand.decide(ControlMode::quiet, temps(i, 82, 50), 1.0, std::nullopt);
+        farBelow.decide(ControlMode::quiet, temps(i, 60, 50), 1.0, std::nullopt);
+        inBand.decide(ControlMode::quiet, temps(i, 83.5, 50), 1.0, std::nullopt);
+    }
+    // 86 °C setpoint, 3 °C band: 82 °C is one degree under the band's lower edge.
+    double near = nearBand.decide(ControlMode::quiet, temps(12, 82, 50), 1.0, std::nullopt).duty;
+    double far = farBelow.decide(ControlMode::quiet, temps(12, 60, 50), 1.0, std::nullopt).duty;
+    EXPECT_NEAR(raised - near, 0.004, 1e-9);
+    EXPECT_NEAR(raised - far, 0.02, 1e-9);
+    // Inside the band the fans only creep, a fifth of a percent a second, towards the setpoint.
+    for (int i = 12; i <= 30; ++i) {
+        auto out = inBand.decide(ControlMode::quiet, temps(i, 83.5, 50), 1.0, std::nullopt);
+        EXPECT_EQ(out.reason, "settling");
+        EXPECT_NEAR(out.duty, raised - 0.002 * (i - 11), 1e-9);
+    }
+}
+
+TEST(ControlPolicy, QuietHoldsStillWithinHalfADegreeOfItsSetpoint) {
+    ControlPolicy policy;
+    for (int i = -9; i <= 0; ++i)
+        policy.decide(ControlMode::quiet, temps(i, 86.9, 50), 1.0, std::nullopt);
+    const double raised = policy.duty();
+    PolicyOutput out;
+    for (int i = 1; i <= 40; ++i)
+        out = policy.decide(ControlMode::quiet, temps(i, 85.7, 50), 1.0, std::nullopt);
+    EXPECT_EQ(out.reason, "holding");
+    EXPECT_DOUBLE_EQ(out.duty, raised);
+}
+
+TEST(ControlPolicy, NoTemperatureRunsAtASafeMiddleSpeed) {
+    ControlPolicy policy;
+    TelemetrySample s;
+    EXPECT_GE(policy.decide(ControlMode::quiet, s, 1.0, std::nullopt).duty, 0.6);
+}
+
+namespace {
+TelemetrySample loaded(Timestamp t, double cpuClock, double util = 90, double power = 60) {
+    TelemetrySample s;
+    s.timestamp = t;
+    s.cpuUtilizationPct = util;
+    s.totalPowerW = power;
+    s.cpuClockMHz = cpuClock;
+    s.thermalPressure = ThermalPressureLevel::nominal;
+    return s;
+}
+}  // namespace
+
+TEST(ThrottleAssessor, HighLoadNeedsUtilisationAndPower) {
+    ThrottleAssessor assessor;
+    EXPECT_TRUE(assessor.isHighLoad(loaded(0, 4000, 70, 45)));
+    EXPECT_FALSE(assessor.isHighLoad(loaded(0, 4000, 69, 80)));
+    EXPECT_FALSE(assessor.isHighLoad(loaded(0, 4000, 90, 44)));
+    assessor.setMachineHighLoadPowerW(20);
+    EXPECT_TRUE(assessor.isHighLoad(loaded(0, 4000, 90, 25)));
+}
+
+TEST(ThrottleAssessor, ClockDeficitWarnsOnlyAfterThreeSeconds) {
+    ThrottleAssessor assessor;
+    EXPECT_FALSE(assessor.assess(loaded(0, 4000)).isWarning);  // learns 4000 MHz
+    EXPECT_FALSE(assessor.assess(loaded(1, 3800)).isWarning);  // 5 % under: fine
+    EXPECT_FALSE(assessor.assess(loaded(2, 3600)).isWarning);  // 10 % under, starts
+    EXPECT_FALSE(assessor.assess(loaded(4, 3600)).isWarning);
+    auto warned = assessor.assess(loaded(5, 3600));
+    EXPECT_TRUE(warned.isWarning);
+    EXPECT_TRUE(warned.cpuClockDeficit);
+    ASSERT_TRUE(warned.reason);
+    EXPECT_NE(warned.reason->find("CPU clock 3600 MHz"), std::string::npos);
+    EXPECT_FALSE(assessor.assess(loaded(6, 3990)).isWarning);  // recovered
+}
+
+TEST(ThrottleAssessor, SeriousThermalPressureWarnsAtOnce) {
+    ThrottleAssessor assessor;
+    auto s = loaded(0, 4000, 10, 5);
+    s.thermalPressure = ThermalPressureLevel::serious;
+    auto result = assessor.assess(s);
+    EXPECT_TRUE(result.isWarning);
+    EXPECT_TRUE(result.thermalPressureElevated);
+    EXPECT_EQ(result.reason, "Thermal pressure serious");
+}
+
+TEST(ThrottleAssessor, LearnedModelReferenceWinsOverOnlineLearning) {
+    ThrottleAssessor assessor;
+    LearnedModel model;
+    model.cpuReferenceClockMHz = 5000;
+    assessor.setLearnedModel(model);
+    assessor.assess(loaded(0, 4000));
+    EXPECT_EQ(assessor.cpuReferenceMHz(), 5000);
+    assessor.setLearnedModel(std::nullopt);
+    EXPECT_EQ(assessor.cpuReferenceMHz(), 4000);
+}

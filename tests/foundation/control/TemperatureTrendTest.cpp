@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include "foundation/control/TemperatureTrend.h"
+
+using namespace kelvo;
+
+namespace {
+TelemetrySample reading(Timestamp t, double cpuC, double gpuC, double cpuUtil = 50,
+                        double gpuUtil = 50) {
+    TelemetrySample s;
+    s.timestamp = t;
+    s.cpuTemperatureC = cpuC;
+    s.gpuTemperatureC = gpuC;
+    s.cpuUtilizationPct = cpuUtil;
+    s.gpuUtilizationPct = gpuUtil;
+    return s;
+}
+}  // namespace
+
+TEST(TemperatureTrend, FitsTheSlopeOfEachDieOverItsWindow) {
+    TemperatureTrend trend;
+    for (Timestamp t = 0; t < 3; ++t) trend.add(reading(t, 60 + 0.5 * t, 70 - 0.25 * t));
+    EXPECT_FALSE(trend.cpuSlope()) << "three readings are too few";
+    for (Timestamp t = 3; t < 20; ++t) trend.add(reading(t, 60 + 0.5 * t, 70 - 0.25 * t));
+    ASSERT_TRUE(trend.cpuSlope());
+    EXPECT_NEAR(*trend.cpuSlope(), 0.5, 1e-9);
+    EXPECT_NEAR(*trend.gpuSlope(), -0.25, 1e-9);
+    // Only the last six seconds count: a bend shows within them.
+    for (Timestamp t = 20; t < 27; ++t) trend.add(reading(t, 70, 65));
+    EXPECT_NEAR(*trend.cpuSlope(), 0.0, 1e-9);
+}
+
+TEST(TemperatureTrend, ALoadStepHidesTheSlopeUntilTheDieHasSettled) {
+    TemperatureTrend trend;
+    for (Timestamp t = 0; t < 10; ++t) trend.add(reading(t, 50, 50, 10));
+    ASSERT_TRUE(trend.cpuSlope());
+    // The die jumps with its own load: that is no trend of the heatsink.
+    trend.add(reading(10, 60, 50, 80));
+    EXPECT_FALSE(trend.cpuSlope());
+    for (Timestamp t = 11; t < 18; ++t) trend.add(reading(t, 61 + 0.1 * (t - 11), 50, 80));
+    EXPECT_FALSE(trend.cpuSlope()) << "two settled readings are too few";
+    for (Timestamp t = 18; t < 22; ++t) trend.add(reading(t, 61 + 0.1 * (t - 11), 50, 80));
+    ASSERT_TRUE(trend.cpuSlope());
+    EXPECT_NEAR(*trend.cpuSlope(), 0.1, 1e-9);
+}
+
+TEST(TemperatureTrend, LearnsHowFarAFullLoadLiftsEachDie) {
+    TemperatureTrend trend;
+    EXPECT_FALSE(trend.cpuJumpC());
+    for (Timestamp t = 0; t < 5; ++t) trend.add(reading(t, 50, 45, 10, 10));
+    // The CPU goes from 10 % to 60 %: 12 °C five seconds on is 24 °C for a full load.
+    for (Timestamp t = 5; t < 12; ++t) trend.add(reading(t, 62, 45, 60, 10));
+    ASSERT_TRUE(trend.cpuJumpC());
+    EXPECT_NEAR(*trend.cpuJumpC(), 24, 1e-9);
+    EXPECT_FALSE(trend.gpuJumpC());
+    // A fall teaches nothing: the die sinks onto a heatsink that is still warm.
+    for (Timestamp t = 12; t < 20; ++t) trend.add(reading(t, 52, 45, 10, 10));
+    EXPECT_NEAR(*trend.cpuJumpC(), 24, 1e-9);
+    // A second rise moves the estimate part of the way towards what it saw (10 °C for 50 %).
+    for (Timestamp t = 20; t < 30; ++t) trend.add(reading(t, 62, 45, 60, 10));
+    EXPECT_NEAR(*trend.cpuJumpC(), 24 + 0.3 * (20 - 24), 1e-9);
+}
+
+TEST(TemperatureTrend, AClockThatGoesBackStartsOver) {
+    TemperatureTrend trend;
+    for (Timestamp t = 100; t < 110; ++t) trend.add(reading(t, 60 + t * 0.1, 50));
+    ASSERT_TRUE(trend.cpuSlope());
+    trend.add(reading(5, 70, 50));
+    EXPECT_FALSE(trend.cpuSlope());
+}
+
+TEST(TemperatureTrend, ADieWithoutReadingsHasNoSlope) {
+    TemperatureTrend trend;
+    for (Timestamp t = 0; t < 10; ++t) {
+        TelemetrySample s = reading(t, 60, 50);
+        s.gpuTemperatureC.reset();
+        trend.add(s);
+    }
+    EXPECT_TRUE(trend.cpuSlope());
+    EXPECT_FALSE(trend.gpuSlope());
+}
+
+TEST(TemperatureTrend, RemembersEachDevicesPeakLoadForAMinute) {
+    TemperatureTrend trend;
+    EXPECT_FALSE(trend.cpuRecentPeakPct());
+    trend.add(reading(0, 60, 50, 95, 10));
+    // A link step: the CPU drops to 20 % for a while; its recent peak is still the build's.
+    for (Timestamp t = 1; t <= 60; ++t) trend.add(reading(t, 55, 50, 20, 10));
+    EXPECT_DOUBLE_EQ(*trend.cpuRecentPeakPct(), 95);
+    EXPECT_DOUBLE_EQ(*trend.gpuRecentPeakPct(), 10);
+    // A minute on, the build's heat is gone from the heatsink and so is its peak.
+    trend.add(reading(61, 55, 50, 20, 10));
+    EXPECT_DOUBLE_EQ(*trend.cpuRecentPeakPct(), 20);
+}

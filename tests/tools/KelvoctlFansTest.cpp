@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QSettings>
+#include <QTemporaryDir>
+
+#include "app_common/FanSettings.h"
+#include "tests/foundation/LinuxFakeSysfs.h"
+
+using namespace kelvo;
+using kelvo::test_support::FakeSysfs;
+
+namespace {
+
+const QString kFan1 = QStringLiteral("nct6798@/sys/devices/platform/nct6775.656#fan1");
+const QString kPump = QStringLiteral("nct6798@/sys/devices/platform/nct6775.656#fan2");
+
+struct Result {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+class KelvoctlFans : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(config.isValid());
+        const std::string board = sys.addHwmon(2, "nct6798", "platform/nct6775.656");
+        sys.write(board + "/fan1_input", "900\n");
+        sys.write(board + "/fan2_input", "2400\n");
+        sys.write(board + "/fan2_label", "AIO Pump\n");
+    }
+    Result run(QStringList args) {
+        QProcess process;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), config.path());
+        // No bus: the announcement must not reach a Kelvo the developer is running.
+        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
+                   QStringLiteral("unix:path=/nonexistent/kelvo-test-bus"));
+        process.setProcessEnvironment(env);
+        args.prepend(QString::fromStdString(sys.root().string()));
+        args.prepend(QStringLiteral("--sysfs-root"));
+        process.start(QStringLiteral(KELVOCTL_BIN), args);
+        EXPECT_TRUE(process.waitForFinished(30000));
+        return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
+                QString::fromUtf8(process.readAllStandardError())};
+    }
+    QSettings stored() {
+        return QSettings(config.filePath(QStringLiteral("Kelvo/Kelvo.conf")), QSettings::IniFormat);
+    }
+    QTemporaryDir config;
+    FakeSysfs sys;
+};
+
+QStringList lineFor(const QString& out, const QString& identity) {
+    for (const QString& line : out.split(QLatin1Char('\n')))
+        if (line.startsWith(identity + QLatin1Char(' ')))
+            return line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    return {};
+}
+
+}  // namespace
+
+TEST_F(KelvoctlFans, ListsEveryFanWithLabelSpeedAndChoice) {
+    const Result r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QStringList fan = lineFor(r.out, kFan1);
+    ASSERT_GE(fan.size(), 4) << r.out.toStdString();
+    EXPECT_EQ(fan[1], QStringLiteral("-"));
+    EXPECT_EQ(fan[2], QStringLiteral("900"));
+    EXPECT_EQ(fan[3], QStringLiteral("auto"));
+    const QStringList pump = lineFor(r.out, kPump);
+    EXPECT_TRUE(r.out.contains(QStringLiteral("AIO Pump"))) << r.out.toStdString();
+    EXPECT_TRUE(pump.contains(QStringLiteral("2400"))) << r.out.toStdString();
+    EXPECT_TRUE(lineFor(r.out, kPump).join(' ').contains(QStringLiteral("fixed 100")));
+}
+
+TEST_F(KelvoctlFans, StoresAChoiceAndShowsItAfterwards) {
+    Result r = run({QStringLiteral("fan"), kFan1, QStringLiteral("fixed"), QStringLiteral("60")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    r = run({QStringLiteral("fan"), kFan1, QStringLiteral("min"), QStringLiteral("20")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    r = run({QStringLiteral("fan"), kPump, QStringLiteral("auto")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    QSettings settings = stored();
+    const FanChoices choices = fan_settings::readChoices(settings);
+    ASSERT_TRUE(choices.contains(kFan1.toStdString()));
+    EXPECT_EQ(formatFanChoice(choices.at(kFan1.toStdString())), "fixed 60 min 20");
+    EXPECT_EQ(formatFanChoice(choices.at(kPump.toStdString())), "auto");
+    r = run({QStringLiteral("fans")});
+    EXPECT_TRUE(lineFor(r.out, kFan1).join(' ').endsWith(QStringLiteral("fixed 60 min 20")))
+        << r.out.toStdString();
+    EXPECT_FALSE(lineFor(r.out, kPump).join(' ').contains(QStringLiteral("fixed")));
+}
+
+TEST_F(KelvoctlFans, AnUnknownFanIsOneLineListingTheFans) {
+    const Result r =
+        run({QStringLiteral("fan"), QStringLiteral("nope#fan9"), QStringLiteral("auto")});
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_EQ(r.err.count(QLatin1Char('\n')), 1) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains(kFan1)) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains(kPump)) << r.err.toStdString();
+    QSettings settings = stored();
+    EXPECT_FALSE(settings.contains(fan_settings::choicesKey));
+}
+
+TEST_F(KelvoctlFans, AnUnknownChoiceIsOneLineListingTheChoices) {
+    for (const QStringList& words : {QStringList{QStringLiteral("loud")},
+                                     QStringList{QStringLiteral("fixed"), QStringLiteral("120")}}) {
+        const Result r = run(QStringList{QStringLiteral("fan"), kFan1} + words);
+        EXPECT_EQ(r.exitCode, 2);
+        EXPECT_EQ(r.err.count(QLatin1Char('\n')), 1) << r.err.toStdString();
+        EXPECT_TRUE(r.err.contains(QStringLiteral("auto, firmware, fixed N, min N")))
+            << r.err.toStdString();
+    }
+    QSettings settings = stored();
+    EXPECT_FALSE(settings.contains(fan_settings::choicesKey));
+}
+
+TEST_F(KelvoctlFans, LimitsAreShownSetAndRefusedOutOfRange) {
+    Result r = run({QStringLiteral("limits")});
+    ASSERT_EQ(r.exitCode, 0);
+    EXPECT_TRUE(r.out.contains(QStringLiteral("88.0"))) << r.out.toStdString();
+    r = run({QStringLiteral("limits"), QStringLiteral("gpu"), QStringLiteral("80")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    {
+        QSettings settings = stored();
+        EXPECT_EQ(settings.value(fan_settings::gpuQuietKey).toDouble(), 80);
+    }
+    r = run({QStringLiteral("limits"), QStringLiteral("cpu"), QStringLiteral("45")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("refused"))) << r.err.toStdString();
+    // The fake machine's CPU shuts down at 95 °C: 100 is refused though under the general cap.
+    sys.write("sys/class/thermal/thermal_zone0/type", "x86_pkg_temp\n");
+    sys.write("sys/class/thermal/thermal_zone0/trip_point_0_type", "critical\n");
+    sys.write("sys/class/thermal/thermal_zone0/trip_point_0_temp", "95000\n");
+    r = run({QStringLiteral("limits"), QStringLiteral("cpu"), QStringLiteral("100")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("95"))) << r.err.toStdString();
+    QSettings settings = stored();
+    EXPECT_FALSE(settings.contains(fan_settings::cpuQuietKey));
+    r = run({QStringLiteral("limits"), QStringLiteral("fan"), QStringLiteral("80")});
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_EQ(r.err.count(QLatin1Char('\n')), 1) << r.err.toStdString();
+}

@@ -1,7 +1,7 @@
 #include "dashboard/FixedViewportThrottleBands.h"
 
 #include "dashboard/SystemColors.h"
-#include "dashboard/TrendPlotGeometry.h"
+#include "dashboard/TrendPlotCoordinates.h"
 #include "dashboard/TrendRenderColor.h"
 
 namespace kelvo {

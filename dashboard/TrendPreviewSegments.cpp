@@ -1,6 +1,6 @@
 #include "dashboard/TrendPreviewSegments.h"
 
-#include "dashboard/TrendPlotGeometry.h"
+#include "dashboard/TrendPlotCoordinates.h"
 
 namespace kelvo {
 

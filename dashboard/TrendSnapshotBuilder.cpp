@@ -6,7 +6,7 @@
 #include "dashboard/MergedThrottleSpans.h"
 #include "dashboard/SystemColors.h"
 #include "dashboard/TrendChartConstants.h"
-#include "dashboard/TrendPlotGeometry.h"
+#include "dashboard/TrendPlotCoordinates.h"
 #include "dashboard/TrendPreviewSegments.h"
 #include "dashboard/TrendRenderColor.h"
 #include "dashboard/TrendViewportDomain.h"

@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 cmake --preset default >/dev/null
 cmake --build --preset default --target kelvo kelvoctl
 if [ "$#" -gt 0 ]; then
-  exec ./build/default/app/kelvo "$@"
+  exec ./build/default/desktop/kelvo "$@"
 fi
 window=()
 if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
@@ -17,7 +17,7 @@ if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
   window=(--headless)
 fi
 if compgen -G "/sys/class/hwmon/hwmon*/pwm[0-9]_enable" >/dev/null; then
-  exec ./build/default/app/kelvo "${window[@]}"
+  exec ./build/default/desktop/kelvo "${window[@]}"
 fi
 echo "run: no controllable fans found; using the simulated machine"
-exec ./build/default/app/kelvo "${window[@]}" --harness-simulated-fans
+exec ./build/default/desktop/kelvo "${window[@]}" --harness-simulated-fans

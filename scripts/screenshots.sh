@@ -24,7 +24,7 @@ shoot() {
     local size="$1" scale="$2"
     XDG_RUNTIME_DIR="$runtime" QT_SCALE_FACTOR="$scale" \
         xvfb-run -a -s "-screen 0 ${size}x24 -nolisten tcp" \
-        build/release/tools/kelvo_dashboard_screenshots --out "$out" \
+        build/release/tools/screenshots/kelvo_dashboard_screenshots --out "$out" \
         --tag "${size}@${scale}x" --warmup-seconds "$warmup" >/dev/null
 }
 

@@ -55,7 +55,7 @@ out="$(cd "$out" && pwd)"
 [[ "$out" =~ ^[A-Za-z0-9_./-]+$ ]] || { echo "--out: use letters, digits, _ . - / only" >&2; exit 2; }
 
 simhw="$build/simhw/kelvo-simhw"
-kelvo="$build/app/kelvo"
+kelvo="$build/desktop/kelvo"
 hil_metrics="$build/bench/hil/hil_metrics"
 control_quality="$build/bench/control_quality/control_quality"
 for binary in "$simhw" "$kelvo" "$hil_metrics" "$control_quality" /usr/sbin/fancontrol \

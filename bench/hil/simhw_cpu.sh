@@ -63,7 +63,7 @@ done
 grep -q "kelvo-simhw: serving" "$scratch/simhw.err" || { cat "$scratch/simhw.err" >&2; exit 1; }
 env XDG_CONFIG_HOME="$scratch/config" XDG_DATA_HOME="$scratch/data" \
     XDG_RUNTIME_DIR="$scratch/runtime" \
-    "$build/app/kelvo" --headless --local-only-fans --sysfs-root "$scratch/mnt" \
+    "$build/desktop/kelvo" --headless --local-only-fans --sysfs-root "$scratch/mnt" \
     >"$scratch/kelvo.out" 2>"$scratch/kelvo.err" </dev/null &
 kelvo_pid=$!
 

@@ -95,7 +95,7 @@ start_xvfb() {
 printf 'Warm-up %s s, then %s s measured; CPU time is user + system of every thread.\n' \
     "$warmup" "$seconds"
 
-kelvo="$build/app/kelvo"
+kelvo="$build/desktop/kelvo"
 if [[ -x "$kelvo" ]]; then
     measure "kelvo --headless (simulated fans)" "$kelvo" --headless --harness-simulated-fans
 else
@@ -114,7 +114,7 @@ else
     echo "kelvo dashboard: not built ($probe) or no Xvfb"
 fi
 
-demo="$build/trend_render/kelvo-chart-demo"
+demo="$build/tools/chart_demo/kelvo-chart-demo"
 if [[ -x "$demo" ]] && command -v Xvfb >/dev/null; then
     [[ -n "${display:-}" ]] || start_xvfb
     measure "chart demo under Xvfb (extra)" env DISPLAY="$display" "$demo"

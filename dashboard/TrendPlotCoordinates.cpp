@@ -1,4 +1,4 @@
-#include "dashboard/TrendPlotGeometry.h"
+#include "dashboard/TrendPlotCoordinates.h"
 
 #include <algorithm>
 

@@ -1,0 +1,2 @@
+// Low.
+#pragma once

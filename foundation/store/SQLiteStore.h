@@ -54,17 +54,17 @@ public:
     int schemaVersion() const;
     std::string lastError() const;  // the most recent failure, kept until the next one
 
-    // Events. A repeated id is stored once.
+    // Events (SQLiteStoreEvents.cpp). A repeated id is stored once.
     bool appendEvent(const RuntimeEvent& event);
     std::vector<RuntimeEvent> recentEvents(std::size_t limit);  // oldest first
 
-    // Telemetry history. Fans are kept as their mean speed: a stored sample reads back with one
-    // entry in fanCurrentRPM.
+    // Telemetry history (SQLiteStoreSamples.cpp). Fans are kept as their mean speed: a stored
+    // sample reads back with one entry in fanCurrentRPM.
     bool appendSample(const TelemetrySample& sample);
     std::vector<TelemetrySample> samples(Timestamp from, Timestamp to);
     int pruneSamplesOlderThan(Timestamp cutoff);  // rows removed, or -1 on failure
 
-    // Profiling runs.
+    // Profiling runs (SQLiteStoreRuns.cpp).
     std::optional<std::int64_t> startRun(const std::string& scenario, ControlMode mode,
                                          const std::string& modelID, const std::string& modelSource,
                                          const std::string& notes, Timestamp startedAt);
@@ -94,36 +94,48 @@ public:
     std::optional<int> clearRunRows(std::int64_t id);
     std::optional<int> countRunRows(std::int64_t id);  // samples + events + the run itself
 
-    // Models. Saving stores a new row (the model's own id is ignored) and returns its id. The
-    // optional `error` tells a failed read apart from "no active model".
+    // Models (SQLiteStoreModels.cpp). Saving stores a new row (the model's own id is ignored) and
+    // returns its id. The optional `error` tells a failed read apart from "no active model".
     std::optional<std::int64_t> saveLearnedModel(const LearnedModel& model, bool makeActive);
     std::optional<LearnedModel> activeLearnedModel(std::string* error = nullptr);
     std::optional<std::int64_t> saveAdaptiveLeadModel(const AdaptiveLeadModel& model,
                                                       bool makeActive);
     std::optional<AdaptiveLeadModel> activeAdaptiveLeadModel(std::string* error = nullptr);
 
-    // PWM-to-RPM curves learned once per fan (by stable fan identity).
+    // PWM-to-RPM curves learned once per fan, by stable fan identity (SQLiteStoreMachine.cpp).
     bool saveFanCurve(const std::string& identity, const FanCurve& curve);
     std::optional<FanCurve> fanCurve(const std::string& identity);
 
-    // What a machine has shown it can report, as the capability tracker encodes it.
+    // What a machine has shown it can report, as the capability tracker encodes it (the same file).
     bool saveMachineCapabilities(const std::string& machineIdentity, const std::string& encoded);
     std::optional<std::string> machineCapabilities(const std::string& machineIdentity);
 
 private:
-    struct OpenResult {
-        bool ok = false;
-        bool unreadable = false;  // the file is not a usable database (as opposed to unreachable)
+    // Every call above reports the same way: its return value says whether it worked (false,
+    // none, empty, -1) and failLocked() has put the reason in lastError() (and in `*error`, where
+    // the call takes one). Internals say whether they worked the same way, and keep the reason
+    // beside it (SQLiteStatement, SQLiteTransaction, OpenFailure).
+
+    // Why a file could not be opened, and whether its bytes are at fault (moving the file aside
+    // would help) rather than its location (permissions, I/O, locks, a full disk).
+    struct OpenFailure {
         std::string reason;
+        bool unreadable = false;
+        // Unreadable or not by the SQLite result code that stopped the opening.
+        static OpenFailure of(std::string reason, int code);
     };
-    OpenResult openAt(const std::string& target);
+    // SQLiteStore.cpp: opening, falling back, moving an unreadable file aside.
+    bool openAt(const std::string& target, OpenFailure& why);
     void open();
     void openInMemory(const std::string& reason);
     void closeLocked();
     sqlite3_stmt* keptLocked(const std::string& sql);
     void queueFailure(std::string message);
-    bool failLocked(const std::string& what);
-    bool execLocked(const char* sql);
+    bool failLocked(const std::string& what, std::string* error = nullptr);
+    // SQLiteMigrations.cpp: brings the open file's schema to kSchemaVersion and checks that it is
+    // ours.
+    bool upgradeSchemaLocked(OpenFailure& why);
+    // SQLiteStoreSamples.cpp
     std::optional<Timestamp> lastStoredSampleTimestampLocked();
 
     const std::string path_;

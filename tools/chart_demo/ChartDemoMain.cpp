@@ -5,12 +5,14 @@
 //
 // --report-frames prints, once a second, how many frames the window rendered and whether the
 // chart's frame source is running. --screenshot saves the window after twenty seconds and quits.
+#include <memory>
 #include <QGuiApplication>
 #include <QQuickWindow>
 #include <QTimer>
 #include <cstdio>
 
 #include "app/AppRuntime.h"
+#include "desktop/RuntimeTrendModel.h"
 #include "dashboard/TrendSectionModel.h"
 #include "trend_render/FixedViewportTrendHostItem.h"
 #include "trend_render/FixedViewportTrendView.h"
@@ -28,7 +30,9 @@ int main(int argc, char** argv) {
     runtime.presentation()->setDashboardWindowVisibility(
         kelvo::presentation::DashboardWindowVisibility::visible);
 
-    kelvo::TrendSectionModel model(runtime.live(), &runtime, nullptr);
+    std::unique_ptr<kelvo::TrendSectionModel> owned(
+        kelvo::makeRuntimeTrendModel(&runtime, nullptr, nullptr));
+    kelvo::TrendSectionModel& model = *owned;
     if (arguments.contains(QStringLiteral("--one-minute")))
         model.setTrendWindow(QStringLiteral("oneMinute"));
 

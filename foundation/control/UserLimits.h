@@ -19,8 +19,6 @@ struct UserLimits {
     bool operator==(const UserLimits&) const = default;
 };
 
-// Below this the fans would run flat out on an idle machine.
-inline constexpr double kLowestUserLimitC = 50;
 // Used where the die does not tell its critical trip point.
 inline constexpr double kUserLimitCapC = 105;
 

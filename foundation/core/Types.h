@@ -180,7 +180,12 @@ struct AdaptiveLeadModel {
     bool operator==(const AdaptiveLeadModel&) const = default;
 };
 
-// The dies' own critical trip points, where the machine tells them.
+// The lowest temperature limit a user may set: below this the fans would run flat out on an idle
+// machine.
+inline constexpr double kLowestUserLimitC = 50;
+
+// The dies' own critical trip points, where the machine tells them (a trip point at or below the
+// lowest user limit is not believed).
 struct DieCriticalTemperatures {
     std::optional<double> cpuC;
     std::optional<double> gpuC;

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "foundation/helper_protocol/HelperProtocol.h"
-#include "helper/FanArbiter.h"
+#include "helper/ClientInfo.h"
 
 namespace kelvo::helperd {
 

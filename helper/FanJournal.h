@@ -11,8 +11,9 @@
 
 namespace kelvo::helperd {
 
+// An NVIDIA fan's entry has neither value: it goes back to the driver's automatic control.
 struct JournalEntry {
-    std::string identity;       // HwmonFan::identity
+    std::string identity;       // the fan's identity, hwmon or NVIDIA
     std::optional<int> enable;  // pwmN_enable before the helper took the fan
     std::optional<int> pwm;     // pwmN before the helper took the fan
 

@@ -25,8 +25,48 @@ std::string nvmlError(int code) {
 
 }  // namespace
 
-NvmlFans::NvmlFans(Logger log, std::string libraryPath)
-    : log_(log ? std::move(log) : Logger([](const std::string&) {})) {
+// One GPU fan by its device index and NVML's fan number. Its original mode is always the
+// driver's own control, so its journal entry names neither a mode nor a duty cycle.
+class NvmlFans::Device : public FanDevice {
+public:
+    Device(const NvmlFans& fans, const NvmlFan& fan)
+        : fans_(fans), identity_(fan.identity), device_(fan.device), fan_(fan.fan) {}
+
+    const std::string& identity() const override { return identity_; }
+
+    JournalEntry originalMode() const override { return {identity_, std::nullopt, std::nullopt}; }
+
+    Write write(int pwm) override {
+        const NvmlFanApi::Device device = fans_.handle(device_);
+        const auto percent = static_cast<unsigned int>(
+            (std::clamp(pwm, 0, helper_protocol::kMaxPWM) * 100 + 127) / 255);
+        Write written;
+        if (const int r = device ? fans_.api_.setFanSpeed(device, fan_, percent) : -1; r != 0) {
+            written.ok = false;
+            written.error = "cannot set " + identity_ + ": " + nvmlError(r);
+        }
+        return written;
+    }
+
+    bool restore(const JournalEntry&, std::string* error) override {
+        const NvmlFanApi::Device device = fans_.handle(device_);
+        const int r = device ? fans_.api_.setDefaultFanSpeed(device, fan_) : -1;
+        if (r != 0 && error) *error = nvmlError(r);
+        return r == 0;
+    }
+
+    std::string describe(const JournalEntry&) const override {
+        return "the driver's automatic control";
+    }
+
+private:
+    const NvmlFans& fans_;
+    std::string identity_;
+    unsigned int device_ = 0;
+    unsigned int fan_ = 0;
+};
+
+NvmlFans::NvmlFans(FanOwner& owner, std::string libraryPath) : FanKind(owner) {
     library_ = ::dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!library_) {
         unavailableReason_ = "no NVIDIA driver (" + libraryPath + " not loadable)";
@@ -49,8 +89,7 @@ NvmlFans::NvmlFans(Logger log, std::string libraryPath)
     start();
 }
 
-NvmlFans::NvmlFans(Logger log, const NvmlFanApi& api)
-    : log_(log ? std::move(log) : Logger([](const std::string&) {})), api_(api) {
+NvmlFans::NvmlFans(FanOwner& owner, const NvmlFanApi& api) : FanKind(owner), api_(api) {
     start();
 }
 
@@ -115,96 +154,18 @@ std::vector<NvmlFan> NvmlFans::discover() const {
     return fans;
 }
 
-std::optional<ClientId> NvmlFans::holder(const std::string& identity) const {
-    const auto found = held_.find(identity);
-    if (found == held_.end()) return std::nullopt;
-    return found->second.client;
-}
-
-std::size_t NvmlFans::heldBy(ClientId client) const {
-    return static_cast<std::size_t>(std::count_if(
-        held_.begin(), held_.end(), [client](const auto& e) { return e.second.client == client; }));
+std::unique_ptr<FanDevice> NvmlFans::find(const std::string& identity) const {
+    for (const NvmlFan& fan : discover()) {
+        if (fan.identity == identity) return std::make_unique<Device>(*this, fan);
+    }
+    return nullptr;
 }
 
 ArbiterOutcome NvmlFans::take(ClientId client, const std::string& identity, int pwm) {
-    const auto found = held_.find(identity);
-    if (found != held_.end() && found->second.client != client) {
-        return ArbiterOutcome::failure(codes::heldByAnother,
-                                       identity + " is held by another client");
-    }
-    Held target;
-    if (found != held_.end()) {
-        target = found->second;
-    } else {
-        const std::vector<NvmlFan> fans = discover();
-        const auto fan = std::find_if(fans.begin(), fans.end(),
-                                      [&](const NvmlFan& f) { return f.identity == identity; });
-        if (fan == fans.end()) {
-            return ArbiterOutcome::failure(codes::unknownFan, "unknown fan " + identity);
-        }
-        target = Held{client, fan->device, fan->fan};
-    }
-    const NvmlFanApi::Device device = handle(target.device);
-    const unsigned int percent =
-        static_cast<unsigned int>((std::clamp(pwm, 0, helper_protocol::kMaxPWM) * 100 + 127) / 255);
-    if (const int r = device ? api_.setFanSpeed(device, target.fan, percent) : -1; r != 0) {
-        return ArbiterOutcome::failure(codes::io, "cannot set " + identity + ": " + nvmlError(r));
-    }
-    if (found == held_.end()) {
-        held_[identity] = target;
-        log_("client " + std::to_string(client) + " took " + identity);
-    }
-    return ArbiterOutcome::success();
-}
-
-bool NvmlFans::giveBack(const std::string& identity, const Held& held, const std::string& reason) {
-    const NvmlFanApi::Device device = handle(held.device);
-    const int r = device ? api_.setDefaultFanSpeed(device, held.fan) : -1;
-    if (r != 0) {
-        log_("cannot give " + identity + " back to the driver (" + reason + "): " + nvmlError(r));
-        return false;
-    }
-    log_("released " + identity + " to the driver's automatic control (" + reason + ")");
-    return true;
-}
-
-ArbiterOutcome NvmlFans::release(ClientId client, const std::string& identity) {
-    const auto found = held_.find(identity);
-    if (found == held_.end()) return ArbiterOutcome::success();
-    if (found->second.client != client) {
-        return ArbiterOutcome::failure(codes::heldByAnother,
-                                       identity + " is held by another client");
-    }
-    const Held held = found->second;
-    held_.erase(found);
-    if (!giveBack(identity, held, "released by client " + std::to_string(client))) {
-        return ArbiterOutcome::failure(codes::io, "cannot give " + identity + " back");
-    }
-    return ArbiterOutcome::success();
-}
-
-std::size_t NvmlFans::releaseClient(ClientId client, const std::string& reason) {
-    std::size_t released = 0;
-    for (auto it = held_.begin(); it != held_.end();) {
-        if (it->second.client != client) {
-            ++it;
-            continue;
-        }
-        giveBack(it->first, it->second, reason);
-        it = held_.erase(it);
-        ++released;
-    }
-    return released;
-}
-
-std::size_t NvmlFans::releaseEverything(const std::string& reason) {
-    std::size_t released = 0;
-    for (const auto& [identity, held] : held_) {
-        giveBack(identity, held, reason);
-        ++released;
-    }
-    held_.clear();
-    return released;
+    return owner_.take(*this, client, identity, pwm, [&]() -> FanOwner::Opened {
+        if (auto device = find(identity)) return {std::move(device), {}};
+        return {nullptr, ArbiterOutcome::failure(codes::unknownFan, "unknown fan " + identity)};
+    });
 }
 
 }  // namespace kelvo::helperd

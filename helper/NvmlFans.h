@@ -1,16 +1,15 @@
-// NVIDIA GPU fans through NVML (dlopen, so the helper has no dependency on the driver): discovery,
-// speed, and holds by client with the same rules as hwmon fans. A fan is given back with
-// nvmlDeviceSetDefaultFanSpeed_v2, which returns it to the driver's automatic control.
+// NVIDIA GPU fans through NVML (dlopen, so the helper has no dependency on the driver) as one kind
+// behind FanOwner, held under the same rules as hwmon fans: discovery and speed here, holds and
+// the journal in the owner. A fan is given back with nvmlDeviceSetDefaultFanSpeed_v2, which
+// returns it to the driver's automatic control.
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "helper/FanArbiter.h"
+#include "helper/FanKind.h"
 
 namespace kelvo::helperd {
 
@@ -48,48 +47,36 @@ struct NvmlFan {
     std::optional<int> percent;  // current target speed
 };
 
-class NvmlFans {
+class NvmlFans : public FanKind {
 public:
-    using Logger = std::function<void(const std::string&)>;
     static constexpr const char* kDefaultLibrary = "libnvidia-ml.so.1";
     static constexpr unsigned int kMaxDevices = 16;
     static constexpr unsigned int kMaxFansPerDevice = 16;
 
-    explicit NvmlFans(Logger log, std::string libraryPath = kDefaultLibrary);
-    NvmlFans(Logger log, const NvmlFanApi& api);
-    ~NvmlFans();
-    NvmlFans(const NvmlFans&) = delete;
-    NvmlFans& operator=(const NvmlFans&) = delete;
+    explicit NvmlFans(FanOwner& owner, std::string libraryPath = kDefaultLibrary);
+    NvmlFans(FanOwner& owner, const NvmlFanApi& api);
+    // Gives this kind's fans back: their devices need the library this closes.
+    ~NvmlFans() override;
 
     bool available() const { return initialised_; }
     const std::string& unavailableReason() const { return unavailableReason_; }
 
     std::vector<NvmlFan> discover() const;
-    std::optional<ClientId> holder(const std::string& identity) const;
-    std::size_t heldBy(ClientId client) const;
+    std::unique_ptr<FanDevice> find(const std::string& identity) const override;
 
     // Sets the fan to `pwm` (0-255, as a percentage of full speed) for `client`.
     ArbiterOutcome take(ClientId client, const std::string& identity, int pwm);
-    ArbiterOutcome release(ClientId client, const std::string& identity);
-    std::size_t releaseClient(ClientId client, const std::string& reason);
-    std::size_t releaseEverything(const std::string& reason);
 
 private:
-    struct Held {
-        ClientId client = 0;
-        unsigned int device = 0;
-        unsigned int fan = 0;
-    };
+    class Device;
+
     void start();
-    bool giveBack(const std::string& identity, const Held& held, const std::string& reason);
     NvmlFanApi::Device handle(unsigned int index) const;
 
-    Logger log_;
     void* library_ = nullptr;
     NvmlFanApi api_;
     bool initialised_ = false;
     std::string unavailableReason_;
-    std::map<std::string, Held> held_;
 };
 
 }  // namespace kelvo::helperd

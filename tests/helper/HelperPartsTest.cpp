@@ -7,9 +7,10 @@
 #include <memory>
 
 #include "foundation/helper_protocol/HelperProtocol.h"
-#include "helper/FanArbiter.h"
 #include "helper/FanJournal.h"
+#include "helper/FanOwner.h"
 #include "helper/HelperOptions.h"
+#include "helper/HwmonFans.h"
 #include "helper/PeerAuthorizer.h"
 #include "helper/PowercapCounter.h"
 #include "tests/helper/HelperTestSupport.h"
@@ -88,16 +89,18 @@ TEST(HelperFanJournal, UnwritableDirectoryIsAnError) {
     EXPECT_NE(error.find("cannot create"), std::string::npos) << error;
 }
 
-// ----- FanArbiter -----------------------------------------------------------------------------
+// ----- Fan holds, through hwmon fans --------------------------------------------------------
 
 class HelperFanArbiterTest : public ::testing::Test {
 protected:
     void SetUp() override { buildHelperBoard(sys); }
 
-    std::unique_ptr<FanArbiter> makeArbiter() {
-        return std::make_unique<FanArbiter>(
-            std::make_shared<HwmonFanService>(sys.root().string()), FanJournal(journalPath()),
-            [this](const std::string& line) { log.push_back(line); });
+    // A fresh owner with each, as a restarted helper has.
+    std::unique_ptr<HwmonFans> makeArbiter() {
+        owners.push_back(std::make_unique<FanOwner>(
+            FanJournal(journalPath()), [this](const std::string& line) { log.push_back(line); }));
+        return std::make_unique<HwmonFans>(std::make_shared<HwmonFanService>(sys.root().string()),
+                                           *owners.back());
     }
     std::filesystem::path journalPath() const { return runtime.path("fan-journal"); }
     HwmonFan fan(const std::string& identity) const {
@@ -112,6 +115,7 @@ protected:
     FakeSysfs sys;
     FakeSysfs runtime;
     std::vector<std::string> log;
+    std::vector<std::unique_ptr<FanOwner>> owners;  // outlive the fans made with them
 };
 
 TEST_F(HelperFanArbiterTest, TakingJournalsTheOriginalModeBeforeWriting) {

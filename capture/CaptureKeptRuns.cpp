@@ -1,20 +1,22 @@
 // Runs whose export did not work stay in the database; they are offered again here, so a folder
 // that was unwritable once does not cost the user the capture.
 #include <QCoroFuture>
+#include <QPointer>
 
 #include "app_common/LoopCall.h"
-#include "capture/CaptureCoordinator.h"
+#include "capture/CaptureFinalizer.h"
+#include "capture/CaptureWorker.h"
 
 namespace kelvo {
 
-QCoro::Task<> CaptureCoordinator::recordRuntimeEvent(RuntimeEvent event) {
+QCoro::Task<> CaptureFinalizer::recordRuntimeEvent(RuntimeEvent event) {
     auto recorded = loopCall(controlLoop_, [event](ControlEngine& e) { e.recordEvent(event); });
     co_await recorded;
 }
 
-QCoro::Task<bool> CaptureCoordinator::exportKeptRun(std::int64_t runID) {
-    QPointer<CaptureCoordinator> self(this);
-    auto exportTask = exportProfileArtifacts(runID, std::nullopt, false);
+QCoro::Task<bool> CaptureFinalizer::exportKeptRun(std::int64_t runID) {
+    QPointer<CaptureFinalizer> self(this);
+    auto exportTask = exportProfileArtifacts(runID, std::nullopt);
     const auto artifacts = co_await exportTask;
     if (!self) co_return false;
     if (!artifacts.ok()) {
@@ -27,8 +29,8 @@ QCoro::Task<bool> CaptureCoordinator::exportKeptRun(std::int64_t runID) {
         co_await failed;
         co_return false;
     }
-    auto bundleFuture = onWorker(
-        [bundle = createBundle_, folder = artifacts.value->folder] { return bundle(folder); });
+    auto bundleFuture = worker_.run([bundle = options_.createBundle,
+                                     folder = artifacts.value->folder] { return bundle(folder); });
     const auto bundle = co_await bundleFuture;
     if (!self) co_return false;
     if (!bundle.ok()) {
@@ -44,7 +46,7 @@ QCoro::Task<bool> CaptureCoordinator::exportKeptRun(std::int64_t runID) {
         co_return false;
     }
     auto& service = profilingService_;
-    auto clearFuture = onWorker([&service, runID] { return service.clearCapturedRows(runID); });
+    auto clearFuture = worker_.run([&service, runID] { return service.clearCapturedRows(runID); });
     const auto cleared = co_await clearFuture;
     if (!self) co_return false;
     auto done = recordRuntimeEvent(RuntimeEvent::make(
@@ -57,15 +59,15 @@ QCoro::Task<bool> CaptureCoordinator::exportKeptRun(std::int64_t runID) {
             .toStdString(),
         !cleared.ok()));
     co_await done;
-    if (historyDidChange_) historyDidChange_();
+    historyDidChange_();
     co_return true;
 }
 
-QCoro::Task<> CaptureCoordinator::exportKeptRuns(std::optional<std::int64_t> except) {
-    QPointer<CaptureCoordinator> self(this);
+QCoro::Task<> CaptureFinalizer::exportKeptRuns(std::optional<std::int64_t> except) {
+    QPointer<CaptureFinalizer> self(this);
     auto& service = profilingService_;
     // One more than the pass takes, so that skipping `except` still leaves a full pass.
-    auto keptFuture = onWorker([&service] { return service.keptRuns(kKeptRunsPerPass + 1); });
+    auto keptFuture = worker_.run([&service] { return service.keptRuns(kKeptRunsPerPass + 1); });
     const auto kept = co_await keptFuture;
     if (!self || !kept.ok()) co_return;
     int exported = 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QCoroTask>
+#include <QObject>
 #include <QString>
 #include <functional>
 #include <optional>
@@ -15,6 +16,9 @@ namespace kelvo {
 class CaptureSeam {
 public:
     virtual ~CaptureSeam() = default;
+
+    // The object the dashboard's capture card binds to (as "capture"), or null for none.
+    virtual QObject* viewModel() = 0;
 
     virtual void configure(std::function<ControlMode()> currentModeProvider,
                            std::function<void(ControlMode)> applyModeSelection,

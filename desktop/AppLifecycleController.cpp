@@ -8,13 +8,12 @@
 #include <array>
 
 #include "app/AppRuntime.h"
-#include "desktop/DashboardWindowPlacement.h"
-#include "desktop/KelvoIcon.h"
-#include "desktop/WindowChromeAccessor.h"
-#include "capture/CaptureCoordinator.h"
 #include "app_common/Legacy.h"
 #include "desktop/DashboardLayout.h"
 #include "desktop/DashboardView.h"
+#include "desktop/DashboardWindowPlacement.h"
+#include "desktop/KelvoIcon.h"
+#include "desktop/WindowChromeAccessor.h"
 
 namespace kelvo {
 
@@ -126,8 +125,9 @@ void AppLifecycleController::handleReopen(bool hasVisibleWindows) {
 DashboardView* AppLifecycleController::ensureDashboardWindow() {
     if (dashboardWindow_) return dashboardWindow_;
     if (!runtime_) return nullptr;
-    auto* capture = dynamic_cast<CaptureCoordinator*>(runtime_->capture());
-    ownedWindow_ = std::make_unique<DashboardView>(runtime_, capture, defaults_);
+    CaptureSeam* capture = runtime_->capture();
+    ownedWindow_ = std::make_unique<DashboardView>(
+        runtime_, capture ? capture->viewModel() : nullptr, defaults_);
     if (appCommands_) ownedWindow_->setAppCommands(appCommands_);
     DashboardView* window = ownedWindow_.get();
     window->setIcon(kelvoApplicationIcon());

@@ -4,7 +4,6 @@
 #include <QQuickItem>
 
 #include "app/AppRuntime.h"
-#include "capture/CaptureCoordinator.h"
 #include "dashboard/TrendSectionModel.h"
 #include "desktop/DashboardLayout.h"
 #include "desktop/DashboardViewModel.h"
@@ -13,7 +12,7 @@
 
 namespace kelvo {
 
-DashboardView::DashboardView(AppRuntime* runtime, CaptureCoordinator* capture, QSettings* settings)
+DashboardView::DashboardView(AppRuntime* runtime, QObject* capture, QSettings* settings)
     : viewModel_(new DashboardViewModel(runtime, this)),
       trendModel_(makeRuntimeTrendModel(runtime, settings, this)) {
     FixedViewportTrendView::registerQmlTypes();

@@ -1,5 +1,5 @@
 // The dashboard window's content: the QML dashboard with the runtime's stores, the capture
-// coordinator and the trend section in its context. Titled "Kelvo", 900×700 when created.
+// view model and the trend section in its context. Titled "Kelvo", 900×700 when created.
 #pragma once
 
 #include <QQuickView>
@@ -8,7 +8,6 @@
 namespace kelvo {
 
 class AppRuntime;
-class CaptureCoordinator;
 class DashboardViewModel;
 class TrendSectionModel;
 
@@ -18,8 +17,9 @@ public:
     static constexpr int kInitialWidth = 900;
     static constexpr int kInitialHeight = 700;
 
-    // `capture` may be null (a runtime built without one): the capture card then stays empty.
-    DashboardView(AppRuntime* runtime, CaptureCoordinator* capture, QSettings* settings);
+    // `capture` is the object the capture card binds to; it may be null (a runtime built without
+    // a capture coordinator): the capture card then stays empty.
+    DashboardView(AppRuntime* runtime, QObject* capture, QSettings* settings);
 
     // Application commands the top bar offers (an object with an invokable openSettings()), or
     // null when there are none.

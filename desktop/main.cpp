@@ -20,11 +20,11 @@
 #include "app/AppRuntime.h"
 #include "app/HeadlessLog.h"
 #include "app/MetricsExporter.h"
+#include "capture/CaptureCoordinator.h"
 #include "desktop/AutostartEntry.h"
+#include "desktop/DashboardView.h"
 #include "desktop/KelvoApp.h"
 #include "desktop/ReopenBridge.h"
-#include "capture/CaptureCoordinator.h"
-#include "desktop/DashboardView.h"
 
 namespace {
 int signalPipe[2] = {-1, -1};
@@ -134,14 +134,18 @@ int main(int argc, char** argv) {
     kelvo::AppRuntimeOptions options;
     options.arguments = arguments;
     options.settings = &settings;
-    options.makeCapture = [arguments, headless](kelvo::ControlLoop& loop,
-                                                kelvo::ProfilingService& service) {
+    // Made by the runtime through the factory, and owned by it; kept typed here for --capture.
+    kelvo::CaptureCoordinator* capture = nullptr;
+    options.makeCapture = [arguments, headless, &capture](kelvo::ControlLoop& loop,
+                                                          kelvo::ProfilingService& service) {
         kelvo::CaptureCoordinatorOptions captureOptions;
         captureOptions.arguments = arguments;
         // Asked to stay without windows: the headless run prints where the export is instead.
         if (headless) captureOptions.reveal = [](const QString&) {};
-        return std::make_unique<kelvo::CaptureCoordinator>(loop, service,
-                                                           std::move(captureOptions));
+        auto made =
+            std::make_unique<kelvo::CaptureCoordinator>(loop, service, std::move(captureOptions));
+        capture = made.get();
+        return made;
     };
     // Without a window the failures would go unseen: each one is a line on standard error as it
     // happens, from the start-up ones (a database moved aside, unreadable settings) on.
@@ -152,7 +156,6 @@ int main(int argc, char** argv) {
                                       QString::fromStdString(event.message));
         };
     kelvo::AppRuntime runtime(std::move(options));
-    auto* capture = dynamic_cast<kelvo::CaptureCoordinator*>(runtime.capture());
 
     std::function<void(int)> finish;
     std::unique_ptr<kelvo::KelvoApp> desktop;

@@ -45,6 +45,8 @@ protected:
 class RecordingCapture : public CaptureSeam {
 public:
     explicit RecordingCapture(QStringList* log) : log_(log) {}
+    // Nothing for a capture card to bind to: these tests have no window.
+    QObject* viewModel() override { return nullptr; }
     void configure(std::function<ControlMode()> provider, std::function<void(ControlMode)> apply,
                    std::function<void()> changed) override {
         *log_ << QStringLiteral("configure");

@@ -20,17 +20,22 @@ TEST(CaptureRuntimeWiringTest, TheRuntimeFeedsTheCoordinatorAndItsModeIsRecorded
     options.settings = &settings;
     options.loopConfig.tickSeconds = 0.25;
     QStringList revealed;
+    CaptureCoordinator* capture = nullptr;
     options.makeCapture = [&](ControlLoop& loop, ProfilingService& service) {
         CaptureCoordinatorOptions captureOptions;
         captureOptions.profilesBaseDirectory = [&home] {
             return home.filePath(QStringLiteral("profiles"));
         };
         captureOptions.reveal = [&revealed](const QString& path) { revealed << path; };
-        return std::make_unique<CaptureCoordinator>(loop, service, std::move(captureOptions));
+        auto made = std::make_unique<CaptureCoordinator>(loop, service, std::move(captureOptions));
+        capture = made.get();
+        return made;
     };
     AppRuntime runtime(std::move(options));
-    auto* capture = dynamic_cast<CaptureCoordinator*>(runtime.capture());
     ASSERT_NE(capture, nullptr);
+    // The runtime hands out the coordinator as its seam, and the card binds to the coordinator.
+    ASSERT_EQ(runtime.capture(), static_cast<CaptureSeam*>(capture));
+    EXPECT_EQ(runtime.capture()->viewModel(), static_cast<QObject*>(capture));
     ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
     EXPECT_EQ(capture->adaptivePredictorLabel(), QStringLiteral("Baseline"));
 

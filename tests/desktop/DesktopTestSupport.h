@@ -15,8 +15,8 @@
 #include <memory>
 
 #include "app/AppRuntime.h"
-#include "desktop/AppLifecycleController.h"
 #include "capture/CaptureCoordinator.h"
+#include "desktop/AppLifecycleController.h"
 #include "desktop/DashboardView.h"
 #include "tests/EventLoopWait.h"
 #include "tests/PrivateHome.h"
@@ -46,7 +46,10 @@ protected:
                 return home.filePath(QStringLiteral("profiles"));
             };
             captureOptions.reveal = [this](const QString& path) { revealed << path; };
-            return std::make_unique<CaptureCoordinator>(loop, service, std::move(captureOptions));
+            auto made =
+                std::make_unique<CaptureCoordinator>(loop, service, std::move(captureOptions));
+            capture_ = made.get();
+            return made;
         };
         runtime = std::make_unique<AppRuntime>(std::move(options));
     }
@@ -64,9 +67,8 @@ protected:
     }
 
     DashboardView* window() const { return controller ? controller->dashboardWindow() : nullptr; }
-    CaptureCoordinator* capture() const {
-        return dynamic_cast<CaptureCoordinator*>(runtime->capture());
-    }
+    // The coordinator the runtime made through the factory above (the runtime owns it).
+    CaptureCoordinator* capture() const { return capture_; }
 
     // Searches the visual tree, where the items made by repeaters live too.
     static QQuickItem* findItem(QQuickItem* from, const QString& identifier) {
@@ -122,6 +124,7 @@ protected:
     std::unique_ptr<AppRuntime> runtime;
     std::unique_ptr<AppLifecycleController> controller;
     QStringList revealed;
+    CaptureCoordinator* capture_ = nullptr;  // owned by the runtime
 };
 
 }  // namespace kelvo::testing

@@ -1,0 +1,15 @@
+// The Capture surface's detail: the workflow step, the scenario and the profiling plan's progress.
+import QtQuick
+
+Card {
+    objectName: "surface-capture"
+    Accessible.name: "Capture Surface"
+    title: "Capture run"
+    DetailList {
+        title: "Workflow"
+        lines: capture ? [capture.currentWorkflowLabel,
+                          "Scenario: " + capture.profilingScenario,
+                          "Plan: " + (capture.profilingPlanIsRunning ? capture.profilingPlanProgress : "idle")]
+                       : []
+    }
+}

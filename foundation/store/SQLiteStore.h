@@ -20,6 +20,8 @@ struct sqlite3_stmt;
 
 namespace kelvo {
 
+class SQLiteStatement;
+
 class SQLiteStore {
 public:
     using FanCurve = std::vector<std::pair<double, double>>;  // (pwm, rpm)
@@ -137,6 +139,11 @@ private:
     bool upgradeSchemaLocked(OpenFailure& why);
     // SQLiteStoreSamples.cpp
     std::optional<Timestamp> lastStoredSampleTimestampLocked();
+    // SQLiteStoreModels.cpp: one new row of a models table in one transaction, the active one when
+    // `makeActive` (the others are deactivated first). `bind` fills the INSERT's values.
+    std::optional<std::int64_t> insertModelLocked(const char* table, const std::string& insertSql,
+                                                  const std::function<void(SQLiteStatement&)>& bind,
+                                                  bool makeActive, const std::string& what);
 
     const std::string path_;
     const std::function<Timestamp()> now_;

@@ -9,16 +9,17 @@
 
 namespace kelvo {
 
-std::optional<std::int64_t> SQLiteStore::saveLearnedModel(const LearnedModel& model,
-                                                          bool makeActive) {
-    std::lock_guard lock(mutex_);
+std::optional<std::int64_t> SQLiteStore::insertModelLocked(
+    const char* table, const std::string& insertSql,
+    const std::function<void(SQLiteStatement&)>& bind, bool makeActive, const std::string& what) {
     SQLiteTransaction transaction(db_);
     if (!transaction.ok()) {
         failLocked(transaction.error());
         return std::nullopt;
     }
     if (makeActive) {
-        SQLiteStatement deactivate(db_, "UPDATE learned_models SET active = 0 WHERE active != 0");
+        SQLiteStatement deactivate(
+            db_, std::string("UPDATE ") + table + " SET active = 0 WHERE active != 0");
         if (!deactivate.run()) {
             failLocked(deactivate.error());
             return std::nullopt;
@@ -26,17 +27,10 @@ std::optional<std::int64_t> SQLiteStore::saveLearnedModel(const LearnedModel& mo
     }
     std::int64_t id = 0;
     {
-        SQLiteStatement s(db_,
-                          "INSERT INTO learned_models (source, created_at, cpu_ref, gpu_ref, "
-                          "temp_ref, active) VALUES (?, ?, ?, ?, ?, ?)");
-        s.bindText(1, model.source);
-        s.bindReal(2, model.createdAt);
-        s.bindReal(3, model.cpuReferenceClockMHz);
-        s.bindReal(4, model.gpuReferenceClockMHz);
-        s.bindReal(5, model.temperatureReferenceC);
-        s.bindInt(6, makeActive ? 1 : 0);
+        SQLiteStatement s(db_, insertSql);
+        bind(s);
         if (!s.run()) {
-            failLocked("save learned model: " + s.error());
+            failLocked(what + ": " + s.error());
             return std::nullopt;
         }
         id = sqlite3_last_insert_rowid(db_);
@@ -46,6 +40,24 @@ std::optional<std::int64_t> SQLiteStore::saveLearnedModel(const LearnedModel& mo
         return std::nullopt;
     }
     return id;
+}
+
+std::optional<std::int64_t> SQLiteStore::saveLearnedModel(const LearnedModel& model,
+                                                          bool makeActive) {
+    std::lock_guard lock(mutex_);
+    return insertModelLocked(
+        "learned_models",
+        "INSERT INTO learned_models (source, created_at, cpu_ref, gpu_ref, temp_ref, active) "
+        "VALUES (?, ?, ?, ?, ?, ?)",
+        [&](SQLiteStatement& s) {
+            s.bindText(1, model.source);
+            s.bindReal(2, model.createdAt);
+            s.bindReal(3, model.cpuReferenceClockMHz);
+            s.bindReal(4, model.gpuReferenceClockMHz);
+            s.bindReal(5, model.temperatureReferenceC);
+            s.bindInt(6, makeActive ? 1 : 0);
+        },
+        makeActive, "save learned model");
 }
 
 std::optional<LearnedModel> SQLiteStore::activeLearnedModel(std::string* error) {
@@ -73,41 +85,20 @@ std::optional<LearnedModel> SQLiteStore::activeLearnedModel(std::string* error) 
 std::optional<std::int64_t> SQLiteStore::saveAdaptiveLeadModel(const AdaptiveLeadModel& model,
                                                                bool makeActive) {
     std::lock_guard lock(mutex_);
-    SQLiteTransaction transaction(db_);
-    if (!transaction.ok()) {
-        failLocked(transaction.error());
-        return std::nullopt;
-    }
-    if (makeActive) {
-        SQLiteStatement deactivate(db_, "UPDATE adaptive_models SET active = 0 WHERE active != 0");
-        if (!deactivate.run()) {
-            failLocked(deactivate.error());
-            return std::nullopt;
-        }
-    }
-    std::int64_t id = 0;
-    {
-        SQLiteStatement s(db_,
-                          "INSERT INTO adaptive_models (name, version, created_at, threshold, "
-                          "lead_ms, misses, active) VALUES (?, ?, ?, ?, ?, ?, ?)");
-        s.bindText(1, model.name);
-        s.bindInt(2, model.version);
-        s.bindReal(3, model.createdAt);
-        s.bindReal(4, model.utilizationThresholdPct);
-        s.bindReal(5, model.averageLeadMs);
-        s.bindInt(6, model.misses);
-        s.bindInt(7, makeActive ? 1 : 0);
-        if (!s.run()) {
-            failLocked("save adaptive model: " + s.error());
-            return std::nullopt;
-        }
-        id = sqlite3_last_insert_rowid(db_);
-    }
-    if (!transaction.commit()) {
-        failLocked(transaction.error());
-        return std::nullopt;
-    }
-    return id;
+    return insertModelLocked(
+        "adaptive_models",
+        "INSERT INTO adaptive_models (name, version, created_at, threshold, lead_ms, misses, "
+        "active) VALUES (?, ?, ?, ?, ?, ?, ?)",
+        [&](SQLiteStatement& s) {
+            s.bindText(1, model.name);
+            s.bindInt(2, model.version);
+            s.bindReal(3, model.createdAt);
+            s.bindReal(4, model.utilizationThresholdPct);
+            s.bindReal(5, model.averageLeadMs);
+            s.bindInt(6, model.misses);
+            s.bindInt(7, makeActive ? 1 : 0);
+        },
+        makeActive, "save adaptive model");
 }
 
 std::optional<AdaptiveLeadModel> SQLiteStore::activeAdaptiveLeadModel(std::string* error) {

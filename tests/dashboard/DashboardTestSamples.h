@@ -3,7 +3,9 @@
 
 #include <vector>
 
+#include "dashboard/FixedViewportTrendSnapshot.h"
 #include "foundation/core/Types.h"
+#include "live/LiveDashboardStore.h"
 
 namespace kelvo::test {
 
@@ -32,6 +34,24 @@ inline std::vector<TelemetrySample> loadedHistory(int count, Timestamp last,
     for (int i = 0; i < count; ++i)
         samples.push_back(loadedSample(last - (count - 1 - i) * spacing));
     return samples;
+}
+
+// A live snapshot of a loaded machine at 80 W, with the reference clocks the Peak Performance
+// figure needs.
+inline LiveSnapshot loadedSnapshot(Timestamp t) {
+    LiveSnapshot s;
+    s.sample = loadedSample(t);
+    s.sample.totalPowerW = 80;
+    s.gpuConfig.cpuReferenceClockMHz = 4100;
+    s.gpuConfig.referenceClockMHz = 1500;
+    return s;
+}
+
+// The fan preview is the only dashed series.
+inline bool hasPreview(const FixedViewportTrendSnapshot& snapshot) {
+    for (const auto& s : snapshot.series)
+        if (s.dashPatternPixels) return true;
+    return false;
 }
 
 }  // namespace kelvo::test

@@ -16,20 +16,10 @@ namespace {
 constexpr Timestamp kStart = 1'700'000'000;
 
 LiveSnapshot snapshotAt(Timestamp t) {
-    LiveSnapshot s;
-    s.sample = test::loadedSample(t);
-    s.sample.totalPowerW = 80;
-    s.gpuConfig.cpuReferenceClockMHz = 4100;
-    s.gpuConfig.referenceClockMHz = 1500;
-    return s;
+    return test::loadedSnapshot(t);
 }
 
-// The fan preview is the only dashed series.
-bool hasPreview(const FixedViewportTrendSnapshot& snapshot) {
-    for (const auto& s : snapshot.series)
-        if (s.dashPatternPixels) return true;
-    return false;
-}
+using test::hasPreview;
 
 struct ModelRig {
     QTemporaryDir dir;

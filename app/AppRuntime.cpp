@@ -1,77 +1,29 @@
 #include "app/AppRuntime.h"
 
-#include "app/SleepWatcher.h"
-
-#include <QTimer>
-
-#include <algorithm>
-
 #include <QCoreApplication>
 #include <QCoroFuture>
-#include <QFileInfo>
 
+#include "app/BuildIdentity.h"
+#include "app/FanBackendSelection.h"
+#include "app/SleepWatcher.h"
 #include "app_common/LoopCall.h"
-#include "foundation/helper_protocol/HelperCounterReader.h"
-#include "foundation/fans/HelperFanController.h"
-#include "foundation/fans/HwmonFanService.h"
-#include "foundation/fans/HybridFanController.h"
-#include "foundation/fans/LocalFanController.h"
-#include "foundation/telemetry/SystemTelemetryProvider.h"
-#include "foundation/sim/SimulatedFanController.h"
-#include "foundation/sim/SimulatedTelemetryProvider.h"
 
 namespace kelvo {
 
 namespace {
-constexpr const char* kModeKey = "kelvo.control.mode";
 constexpr std::size_t kEventReadLimit = 160;
-
-std::shared_ptr<LocalFanController> makeLocalController(const LaunchPaths& paths) {
-    return std::make_shared<LocalFanController>(std::make_shared<HwmonFanService>(paths.sysfsRoot));
-}
 }  // namespace
 
 std::shared_ptr<FanController> AppRuntime::makeFanController(const QStringList& arguments) {
-    const LaunchPaths paths = LaunchPaths::fromArguments(arguments);
-    if (arguments.contains(QStringLiteral("--harness-simulated-fans")))
-        return std::make_shared<SimulatedFanController>();
-    if (arguments.contains(QString::fromLatin1(legacy::kHelperOnlyFansFlag)))
-        return std::make_shared<HelperFanController>(paths.helperSocket);
-    if (arguments.contains(QStringLiteral("--local-only-fans"))) return makeLocalController(paths);
-    return std::make_shared<HybridFanController>(
-        std::make_shared<HelperFanController>(paths.helperSocket), makeLocalController(paths),
-        arguments.contains(QStringLiteral("--hybrid-fans")));
+    return FanBackendSelection::fromArguments(arguments).makeFanController();
 }
 
 ControlMode AppRuntime::restoredMode(QSettings& settings) {
-    const QVariant value = settings.value(kModeKey);
-    if (!value.isValid()) return ControlMode::systemAuto;
-    return controlModeFromRaw(value.toString().toStdString()).value_or(ControlMode::systemAuto);
+    return ControlModeStore::restoredMode(settings);
 }
 
 QString AppRuntime::fallbackAlertReason(const QString& message) {
-    const qsizetype open = message.lastIndexOf(QLatin1Char('('));
-    if (open < 0) return QStringLiteral("fan control path unavailable");
-    const qsizetype close = message.lastIndexOf(QLatin1Char(')'));
-    if (close < 0 || close < open) return QStringLiteral("fan control path unavailable");
-    return message.mid(open + 1, close - open - 1);
-}
-
-std::shared_ptr<TelemetryProvider> AppRuntime::makeTelemetryProvider() const {
-    if (options_.telemetryOverride) return options_.telemetryOverride;
-    // Simulated fans only make sense on a simulated machine: temperatures must answer to them.
-    if (auto simulated = std::dynamic_pointer_cast<SimulatedFanController>(fanController_)) {
-        simulated->machine()->setFollowHostLoad(
-            options_.arguments.contains(QStringLiteral("--sim-follow-host-load")));
-        return std::make_shared<SimulatedTelemetryProvider>(simulated->machine());
-    }
-    const LaunchPaths paths = LaunchPaths::fromArguments(options_.arguments);
-    // Current kernels make the RAPL energy counters root-only; the helper reads them for us.
-    auto counters = std::make_shared<HelperCounterReader>(paths.helperSocket);
-    SystemTelemetryOptions telemetry;
-    telemetry.sysRoot = paths.sysfsRoot;
-    telemetry.privilegedRead = [counters](const std::string& path) { return counters->read(path); };
-    return std::make_shared<SystemTelemetryProvider>(std::move(telemetry));
+    return AlertFilter::fallbackReason(message);
 }
 
 AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
@@ -87,7 +39,8 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
         settings_ = ownedSettings_.get();
     }
     // 2. The persisted mode.
-    mode_ = restoredMode(*settings_);
+    modeStore_ = new ControlModeStore(settings_, this);
+    connect(modeStore_, &ControlModeStore::modeChanged, this, &AppRuntime::modeChanged);
     // 3. Stores.
     presentation_ = new AppPresentationStore(settings_, this);
     live_ = new LiveDashboardStore(this);
@@ -96,9 +49,11 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     const QString databasePath = AppBuildInfo::defaultDatabasePath();
     // 5-6. Capabilities, fan back-end and telemetry.
     tracker_ = std::make_shared<HardwareCapabilityTracker>();
+    const auto backend = FanBackendSelection::fromArguments(options_.arguments);
     fanController_ = options_.fanControllerOverride ? options_.fanControllerOverride
-                                                    : makeFanController(options_.arguments);
-    telemetry_ = makeTelemetryProvider();
+                                                    : backend.makeFanController();
+    telemetry_ = options_.telemetryOverride ? options_.telemetryOverride
+                                            : backend.makeTelemetryProvider(fanController_);
     // 7. External control policy.
     acceptsExternalModeControl_ =
         options_.arguments.contains(QStringLiteral("--allow-external-control"));
@@ -122,7 +77,7 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
                                                  tracker_, options_.loopConfig);
     // The user's fan choices and limits, handed to the engine once the loop runs.
     fanSettings_ = new FanSettingsModel(
-        settings_, LaunchPaths::fromArguments(options_.arguments).sysfsRoot,
+        settings_, backend.paths.sysfsRoot,
         [this](const FanChoices& choices, const UserLimits& limits) {
             loopCall(*controlLoop_, [choices, limits](ControlEngine& e) {
                 e.setFanChoices(choices);
@@ -144,14 +99,10 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
         capture_ = options_.makeCapture(*controlLoop_, *profilingService_);
         if (capture_) {
             QPointer<AppRuntime> weak(this);
-            capture_->configure([weak] { return weak ? weak->mode_ : ControlMode::systemAuto; },
+            // The capture's selection is persisted but the loop keeps its mode.
+            capture_->configure([weak] { return weak ? weak->mode() : ControlMode::systemAuto; },
                                 [weak](ControlMode mode) {
-                                    if (!weak) return;
-                                    if (weak->mode_ != mode) {
-                                        weak->mode_ = mode;
-                                        emit weak->modeChanged();
-                                    }
-                                    weak->persistMode(mode);
+                                    if (weak) weak->modeStore_->select(mode);
                                 },
                                 [] {});
         }
@@ -204,10 +155,6 @@ void AppRuntime::attachFanCurveStore() {
                                 }});
 }
 
-QString AppRuntime::modeRawValue() const {
-    return QString::fromUtf8(rawValue(mode_).data());
-}
-
 void AppRuntime::reportSettingsProblems() {
     if (settings_->status() == QSettings::NoError) return;
     const char* what =
@@ -224,10 +171,9 @@ void AppRuntime::applyVisibility(DashboardWindowVisibility visibility) {
 void AppRuntime::installExternalModeObserver() {
     externalBridge_ = new ExternalControlBridge(this);
     externalBridge_->install();
-    externalRequestTimer_ = new QTimer(this);
-    externalRequestTimer_->setSingleShot(true);
-    externalRequestTimer_->setInterval(kExternalRequestCoalesceMs);
-    connect(externalRequestTimer_, &QTimer::timeout, this, &AppRuntime::applyExternalRequests);
+    externalRequests_ = new ExternalRequestQueue(
+        kExternalRequestCoalesceMs,
+        [this](const ExternalRequestQueue::Batch& batch) { applyExternalRequests(batch); }, this);
     connect(externalBridge_, &ExternalControlBridge::modeRequested, this,
             &AppRuntime::queueExternalMode);
     connect(externalBridge_, &ExternalControlBridge::cooldownRequested, this,
@@ -236,40 +182,28 @@ void AppRuntime::installExternalModeObserver() {
 
 void AppRuntime::queueExternalMode(ControlMode mode) {
     if (!acceptsExternalModeControl_) return;
-    pendingExternalMode_ = mode;
-    if (!externalRequestTimer_->isActive()) externalRequestTimer_->start();
+    externalRequests_->queueMode(mode);
 }
 
 void AppRuntime::queueExternalCooldown(bool enabled) {
-    pendingExternalCooldown_ = enabled;
-    if (!externalRequestTimer_->isActive()) externalRequestTimer_->start();
+    externalRequests_->queueCooldown(enabled);
 }
 
-void AppRuntime::applyExternalRequests() {
+void AppRuntime::applyExternalRequests(const ExternalRequestQueue::Batch& batch) {
     // Only a change is applied: a repeated request writes no setting and records no event.
-    if (const auto mode = std::exchange(pendingExternalMode_, std::nullopt);
-        mode && *mode != mode_) {
+    if (batch.mode && *batch.mode != mode()) {
         ++externalRequestsApplied_;
-        setMode(*mode);
+        setMode(*batch.mode);
     }
-    if (const auto cooldown = std::exchange(pendingExternalCooldown_, std::nullopt)) {
+    if (batch.cooldown) {
         ++externalRequestsApplied_;
         loopCall(*controlLoop_,
-                 [enabled = *cooldown](ControlEngine& e) { e.setCooldownEnabled(enabled); });
+                 [enabled = *batch.cooldown](ControlEngine& e) { e.setCooldownEnabled(enabled); });
     }
-}
-
-void AppRuntime::persistMode(ControlMode mode) {
-    settings_->setValue(kModeKey, QString::fromUtf8(rawValue(mode).data()));
-    settings_->sync();
 }
 
 void AppRuntime::setMode(ControlMode mode) {
-    if (mode_ != mode) {
-        mode_ = mode;
-        emit modeChanged();
-    }
-    persistMode(mode);
+    modeStore_->select(mode);
     applyModeTask(mode);
 }
 
@@ -295,7 +229,7 @@ QCoro::Task<> AppRuntime::applyModeTask(ControlMode mode) {
 QCoro::Task<> AppRuntime::restorePersistedModeIfNeeded() {
     QPointer<AppRuntime> self(this);
     auto& loop = *controlLoop_;
-    const ControlMode wanted = mode_;
+    const ControlMode wanted = mode();
     auto currentFuture = loopCall(loop, [](ControlEngine& e) { return e.currentMode(); });
     const ControlMode current = co_await currentFuture;
     if (!self || current == wanted) co_return;
@@ -318,27 +252,22 @@ QFuture<void> AppRuntime::recordThroughLoop(const RuntimeEvent& event) {
 
 QCoro::Task<> AppRuntime::logBuildIdentityEvent(const char* prefix) {
     QPointer<AppRuntime> self(this);
-    const QString shortVersion =
-        AppBuildInfo::bundleValue(QString::fromLatin1(legacy::kShortVersionKey))
-            .value_or(QStringLiteral("unknown"));
-    const QString build = AppBuildInfo::bundleValue(QString::fromLatin1(legacy::kBuildNumberKey))
-                              .value_or(QStringLiteral("unknown"));
-    const QString backend = AppBuildInfo::fanBackendLabel(*fanController_);
+    BuildIdentity identity;
+    identity.shortVersion = AppBuildInfo::bundleValue(QString::fromLatin1(legacy::kShortVersionKey))
+                                .value_or(QStringLiteral("unknown"));
+    identity.build = AppBuildInfo::bundleValue(QString::fromLatin1(legacy::kBuildNumberKey))
+                         .value_or(QStringLiteral("unknown"));
+    identity.backend = AppBuildInfo::fanBackendLabel(*fanController_);
     auto helperTask = AppBuildInfo::resolveHelperVersion(fanController_);
-    const QString helper = co_await helperTask;
+    identity.helper = co_await helperTask;
     if (!self) co_return;
-    const QString bundlePath = QCoreApplication::applicationDirPath();
-    const QString fingerprint = AppBuildInfo::executableFingerprint();
-    const QString stamp = AppBuildInfo::executableBuildStamp();
+    identity.bundlePath = QCoreApplication::applicationDirPath();
+    identity.fingerprint = AppBuildInfo::executableFingerprint();
+    identity.stamp = AppBuildInfo::executableBuildStamp();
 
-    buildIdentitySummary_ = QStringLiteral("app ") + shortVersion + QStringLiteral(" (") + build +
-                            QStringLiteral("), backend ") + backend + QStringLiteral(", helper ") +
-                            helper + QStringLiteral(", exe ") + fingerprint +
-                            QStringLiteral(", bundle ") + bundlePath;
-    live_->setBuildVersionLabel(QStringLiteral("Build ") + shortVersion + QStringLiteral(" (") +
-                                build + QStringLiteral(") \u2022 ") + stamp);
-    live_->setBuildVersionDetail(QStringLiteral("Backend ") + backend +
-                                 QStringLiteral(" \u2022 Helper ") + helper);
+    buildIdentitySummary_ = identity.summary();
+    live_->setBuildVersionLabel(identity.versionLabel());
+    live_->setBuildVersionDetail(identity.versionDetail());
     auto recorded = recordThroughLoop(RuntimeEvent::make(
         (QString::fromUtf8(prefix) + QStringLiteral(": ") + buildIdentitySummary_).toStdString(),
         false, true));
@@ -445,44 +374,14 @@ void AppRuntime::handleAlertsThrough(const std::vector<RuntimeEvent>& events) {
     }
     // Every event since the last one handled, not only the newest: two events in one tick (the
     // fallback and a start-up record, say) must not swallow an alert.
-    auto next = events.begin();
-    if (lastNotifiedEventID_) {
-        const auto seen = std::find_if(events.begin(), events.end(), [this](const auto& e) {
-            return e.id == *lastNotifiedEventID_;
-        });
-        if (seen != events.end()) {
-            next = seen + 1;
-        } else {
-            next = std::find_if(events.begin(), events.end(), [this](const auto& e) {
-                return e.timestamp > lastNotifiedEventTimestamp_;
-            });
-        }
-    }
-    for (; next != events.end(); ++next) handleAlerts(*next);
+    for (auto next = alertFilter_.firstUnhandled(events); next != events.end(); ++next)
+        handleAlerts(*next);
 }
 
 void AppRuntime::handleAlerts(const std::optional<RuntimeEvent>& event) {
     if (!event) return;
-    if (lastNotifiedEventID_ && *lastNotifiedEventID_ == event->id) return;
-    lastNotifiedEventID_ = event->id;
-    lastNotifiedEventTimestamp_ = event->timestamp;
-    const QString message = QString::fromStdString(event->message);
-    if (message.contains(QLatin1String("monitor+alert fallback")))
-        notifications_->post(
-            QStringLiteral("Kelvo fallback mode"),
-            QStringLiteral("Fan control released to system auto: ") + fallbackAlertReason(message));
-    if (message.contains(QLatin1String("Fan telemetry degraded")))
-        notifications_->post(
-            QStringLiteral("Kelvo fan telemetry degraded"),
-            QStringLiteral("Continuing with last known fan readings while retrying the helper."));
-    if (message.startsWith(QLatin1String("Stopped taking back ")))
-        notifications_->post(QStringLiteral("Kelvo left a fan to the firmware"),
-                             QString::fromStdString(event->message));
-    if (message.contains(QLatin1String("Repeated boundary pressure while in")))
-        notifications_->post(QStringLiteral("Kelvo boundary warning"),
-                             QStringLiteral("Repeated boundary pressure detected while ") +
-                                 QString::fromUtf8(displayName(mode_).data()) +
-                                 QStringLiteral(" was active."));
+    for (const auto& alert : alertFilter_.admit(*event, mode()))
+        notifications_->post(alert.title, alert.body);
 }
 
 }  // namespace kelvo

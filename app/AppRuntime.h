@@ -1,6 +1,8 @@
 // The one runtime object of the process: composes the control loop and its fan back-end, holds
 // the user's control mode, feeds every loop snapshot to the live store and the capture
-// coordinator, accepts external requests when the launch allows it, and raises alerts.
+// coordinator, accepts external requests when the launch allows it, and raises alerts. The
+// concerns themselves live beside it: FanBackendSelection, ControlModeStore,
+// ExternalRequestQueue, AlertFilter and BuildIdentity.
 #pragma once
 
 #include <QCoroTask>
@@ -13,23 +15,24 @@
 #include <memory>
 #include <optional>
 
-#include "app_common/AppBuildInfo.h"
-#include "app_common/LaunchPaths.h"
+#include "app/AlertFilter.h"
 #include "app/AppPresentationStore.h"
+#include "app/ControlModeStore.h"
 #include "app/ExternalControlBridge.h"
+#include "app/ExternalRequestQueue.h"
 #include "app/FanSettingsModel.h"
 #include "app/NotificationCoordinator.h"
+#include "app_common/AppBuildInfo.h"
+#include "app_common/LaunchPaths.h"
 #include "capture/CaptureSeam.h"
 #include "foundation/control/ControlLoop.h"
+#include "foundation/control/HardwareCapabilityTracker.h"
 #include "foundation/core/EventRing.h"
 #include "foundation/core/FanController.h"
-#include "foundation/control/HardwareCapabilityTracker.h"
+#include "foundation/core/TelemetryProvider.h"
 #include "foundation/profiling/ProfilingService.h"
 #include "foundation/store/SQLiteStore.h"
-#include "foundation/core/TelemetryProvider.h"
 #include "live/LiveDashboardStore.h"
-
-class QTimer;
 
 namespace kelvo {
 
@@ -58,8 +61,8 @@ public:
     static ControlMode restoredMode(QSettings& settings);
     static QString fallbackAlertReason(const QString& message);
 
-    ControlMode mode() const { return mode_; }
-    QString modeRawValue() const;
+    ControlMode mode() const { return modeStore_->mode(); }
+    QString modeRawValue() const { return modeStore_->modeRawValue(); }
     void setMode(ControlMode mode);
 
     AppPresentationStore* presentation() const { return presentation_; }
@@ -99,7 +102,7 @@ public:
 private:
     void queueExternalMode(ControlMode mode);
     void queueExternalCooldown(bool enabled);
-    void applyExternalRequests();
+    void applyExternalRequests(const ExternalRequestQueue::Batch& batch);
     int externalRequestsApplied_ = 0;
 
     QCoro::Task<> startupTask();
@@ -109,17 +112,15 @@ private:
     QCoro::Task<> logBuildIdentityEvent(const char* prefix);
     QCoro::Task<> restoreAdaptivePredictor();
     QFuture<void> recordThroughLoop(const RuntimeEvent& event);
-    void persistMode(ControlMode mode);
     void attachFanCurveStore();
     void installExternalModeObserver();
     void applyVisibility(DashboardWindowVisibility visibility);
     void reportSettingsProblems();
-    std::shared_ptr<TelemetryProvider> makeTelemetryProvider() const;
 
     AppRuntimeOptions options_;
     std::unique_ptr<QSettings> ownedSettings_;
     QSettings* settings_ = nullptr;
-    ControlMode mode_ = ControlMode::systemAuto;
+    ControlModeStore* modeStore_ = nullptr;
     AppPresentationStore* presentation_ = nullptr;
     LiveDashboardStore* live_ = nullptr;
     std::unique_ptr<CaptureSeam> capture_;
@@ -135,14 +136,9 @@ private:
     ExternalControlBridge* externalBridge_ = nullptr;
     FanSettingsModel* fanSettings_ = nullptr;
     ExternalControlBridge* fanSettingsWatch_ = nullptr;
-    // External requests are coalesced: at most one pending mode and one pending cooldown, the
-    // newest wins, applied together shortly after the first of a burst arrived.
-    std::optional<ControlMode> pendingExternalMode_;
-    std::optional<bool> pendingExternalCooldown_;
-    QTimer* externalRequestTimer_ = nullptr;
+    ExternalRequestQueue* externalRequests_ = nullptr;
     std::optional<Uuid> subscriptionID_;
-    std::optional<Uuid> lastNotifiedEventID_;
-    Timestamp lastNotifiedEventTimestamp_ = 0;
+    AlertFilter alertFilter_;
     QString buildIdentitySummary_ =
         QStringLiteral("app unknown (unknown), backend unknown, helper unknown");
     bool startupFinished_ = false;

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <utility>
 
+#include "foundation/fans/FanTargets.h"
+
 namespace kelvo {
 
 namespace hp = helper_protocol;
@@ -107,29 +109,23 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
     const auto inventory = list(&failure);
     if (!inventory) return failure;
     const std::vector<hp::FanInfo>& fans = inventory->fans;
-    if (std::none_of(fans.begin(), fans.end(),
-                     [](const hp::FanInfo& fan) { return fan.controllable; })) {
-        return FanResult::failure("no controllable fans found");
+    const auto controllable = static_cast<std::size_t>(std::count_if(
+        fans.begin(), fans.end(), [](const hp::FanInfo& fan) { return fan.controllable; }));
+    if (FanResult refused = checkFanTargets(fans.size(), controllable, targetRPM.size());
+        !refused.ok) {
+        return refused;
     }
-    if (targetRPM.size() != fans.size()) {
-        return FanResult::failure("expected " + std::to_string(fans.size()) + " fan targets, got " +
-                                  std::to_string(targetRPM.size()));
-    }
-
-    // Keep going after a refused fan so one stuck fan does not leave the others at stale
-    // speeds; the first error is the one reported. A broken connection ends the round: the
-    // helper has released everything taken on it.
-    std::string firstError;
-    for (std::size_t i = 0; i < fans.size(); ++i) {
+    // A broken connection ends the round: the helper has released everything taken on it.
+    return runFanRound(fans.size(), [&](std::size_t i) {
         const hp::FanInfo& fan = fans[i];
         const double target = targetRPM[i];
         hp::Request request;
         request.fan = fan.identity;
         if (!(target > 0)) {
-            if (!held_.contains(fan.identity)) continue;
+            if (!held_.contains(fan.identity)) return FanStep::done();
             request.op = hp::Op::release;
         } else {
-            if (!fan.controllable) continue;
+            if (!fan.controllable) return FanStep::done();
             request.op = hp::Op::setTarget;
             // Kelvo maps speeds to duty cycles itself, through the fan's learned curve.
             std::optional<double> measured;
@@ -138,20 +134,18 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
         }
         const HelperCallResult call = client_.call(request);
         dropHeldIfReconnected();
-        if (call.failure != HelperCallResult::Failure::none) return failureFrom(call);
+        if (call.failure != HelperCallResult::Failure::none)
+            return FanStep::endRound(failureFrom(call));
         if (!call.reply.ok && call.reply.code == hp::codes::takenBack) {
             // Not a broken path: someone else set the fan's mode and the helper let it go. The
             // engine decides whether to take it again.
             held_.erase(fan.identity);
             curves_.released(fan.identity);
             reclaimed_.push_back(fan.identity);
-            continue;
+            return FanStep::done();
         }
-        if (!call.reply.ok) {
-            // The helper's per-fan errors name the fan already.
-            if (firstError.empty()) firstError = call.reply.message;
-            continue;
-        }
+        // The helper's per-fan errors name the fan already.
+        if (!call.reply.ok) return FanStep::failed(call.reply.message);
         if (request.op == hp::Op::release) {
             held_.erase(fan.identity);
             curves_.released(fan.identity);
@@ -159,9 +153,8 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
             held_[fan.identity] = target;
             heldConnection_ = client_.connectionNumber();
         }
-    }
-    if (!firstError.empty()) return FanResult::failure(firstError);
-    return FanResult::success();
+        return FanStep::done();
+    });
 }
 
 FanResult HelperFanController::releaseToAutomatic() {

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <utility>
 
+#include "foundation/fans/FanTargets.h"
+
 namespace kelvo {
 
 namespace {
@@ -83,46 +85,40 @@ FanReadResult LocalFanController::readFans() {
 FanResult LocalFanController::setTargets(const std::vector<double>& targetRPM) {
     std::lock_guard lock(mutex_);
     const std::vector<HwmonFan> fans = service_->discover();
-    if (std::none_of(fans.begin(), fans.end(), [](const HwmonFan& f) { return f.controllable; })) {
-        return FanResult::failure("no controllable fans found");
+    const auto controllable = static_cast<std::size_t>(
+        std::count_if(fans.begin(), fans.end(), [](const HwmonFan& f) { return f.controllable; }));
+    if (FanResult refused = checkFanTargets(fans.size(), controllable, targetRPM.size());
+        !refused.ok) {
+        return refused;
     }
-    if (targetRPM.size() != fans.size()) {
-        return FanResult::failure("expected " + std::to_string(fans.size()) + " fan targets, got " +
-                                  std::to_string(targetRPM.size()));
-    }
-
-    // Keep going after a failure so one stuck fan does not leave the others at stale speeds;
-    // the first error is the one reported.
-    std::string firstError;
-    for (std::size_t i = 0; i < fans.size(); ++i) {
+    return runFanRound(fans.size(), [&](std::size_t i) {
         const HwmonFan& fan = fans[i];
         std::string error;
         int errorNumber = 0;
         if (targetRPM[i] <= 0) {
-            if (!held_.contains(fan.identity)) continue;
+            if (!held_.contains(fan.identity)) return FanStep::done();
             if (service_->restore(fan, &error, &errorNumber)) {
                 held_.erase(fan.identity);
                 curves_.released(fan.identity);
-                continue;
+                return FanStep::done();
             }
         } else {
-            if (!fan.controllable) continue;
+            if (!fan.controllable) return FanStep::done();
             const int pwm =
                 curves_.dutyFor(fan.identity, targetRPM[i], fan.currentRPM, fan.minRPM, fan.maxRPM);
             if (service_->writePWM(fan, pwm, &error, &errorNumber)) {
                 held_[fan.identity] = Held{fan, targetRPM[i]};
-                continue;
+                return FanStep::done();
             }
         }
-        if (firstError.empty()) firstError = describeWriteFailure(error, errorNumber);
-    }
-    if (!firstError.empty()) return FanResult::failure(firstError);
-    return FanResult::success();
+        return FanStep::failed(describeWriteFailure(error, errorNumber));
+    });
 }
 
 FanResult LocalFanController::releaseToAutomatic() {
     std::lock_guard lock(mutex_);
-    std::string firstError;
+    // A fan that will not go back does not keep the others from it.
+    FirstFanError errors;
     for (auto it = held_.begin(); it != held_.end();) {
         std::string error;
         int errorNumber = 0;
@@ -130,12 +126,11 @@ FanResult LocalFanController::releaseToAutomatic() {
             curves_.released(it->first);
             it = held_.erase(it);
         } else {
-            if (firstError.empty()) firstError = describeWriteFailure(error, errorNumber);
+            errors.note(describeWriteFailure(error, errorNumber));
             ++it;
         }
     }
-    if (!firstError.empty()) return FanResult::failure(firstError);
-    return FanResult::success();
+    return errors.result();
 }
 
 std::vector<std::string> LocalFanController::takeFansReclaimedFromUs() {

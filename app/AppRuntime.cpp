@@ -142,7 +142,7 @@ void AppRuntime::shutdown() {
 }
 
 void AppRuntime::attachFanCurveStore() {
-    auto* learning = dynamic_cast<FanCurveLearning*>(fanController_.get());
+    FanCurveLearning* learning = fanController_->curveLearning();
     if (!learning) return;
     std::weak_ptr<SQLiteStore> store = store_;
     learning->attachCurveStore({[store](const std::string& identity) -> std::optional<FanCurve> {

@@ -5,8 +5,8 @@
 #include <cmath>
 
 #include "app_common/FanSettings.h"
-#include "foundation/telemetry/DieCriticalTemperatures.h"
 #include "foundation/fans/HwmonFanService.h"
+#include "foundation/telemetry/DieCriticalTemperatures.h"
 
 namespace kelvo {
 

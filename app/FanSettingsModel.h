@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "foundation/control/UserLimits.h"
 #include "foundation/core/FanChoices.h"
 #include "foundation/core/Types.h"
-#include "foundation/control/UserLimits.h"
 
 namespace kelvo {
 

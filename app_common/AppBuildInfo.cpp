@@ -15,7 +15,6 @@
 #include <filesystem>
 #include <system_error>
 
-
 namespace kelvo {
 
 namespace {
@@ -50,7 +49,6 @@ std::optional<QString> trimmedText(const QVariant& value) {
     return text;
 }
 
-
 }  // namespace
 
 AppInfoDictionary AppInfoDictionary::compiledIn() {
@@ -62,10 +60,7 @@ AppInfoDictionary AppInfoDictionary::compiledIn() {
     return dictionary;
 }
 
-
 namespace AppBuildInfo {
-
-
 
 QString applicationFolder() {
     const QString base = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
@@ -169,14 +164,13 @@ QString fanBackendLabelForTypeName(const QString& typeName) {
 }
 
 QCoro::Task<QString> resolveHelperVersion(std::shared_ptr<FanController> controller) {
-    auto source = std::dynamic_pointer_cast<HelperVersionSource>(controller);
-    if (!source) co_return QStringLiteral("n/a");
+    if (!controller || !controller->helperVersionSource()) co_return QStringLiteral("n/a");
     // The query may wait on the helper's socket: keep it off the main thread.
     auto promise = std::make_shared<QPromise<std::optional<std::string>>>();
     QFuture<std::optional<std::string>> future = promise->future();
     promise->start();
-    QThreadPool::globalInstance()->start([promise, source] {
-        promise->addResult(source->helperVersion());
+    QThreadPool::globalInstance()->start([promise, controller] {
+        promise->addResult(controller->helperVersionSource()->helperVersion());
         promise->finish();
     });
     const std::optional<std::string> version = co_await future;

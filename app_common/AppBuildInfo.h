@@ -11,8 +11,8 @@
 #include <memory>
 #include <optional>
 
-#include "foundation/core/FanController.h"
 #include "app_common/Legacy.h"
+#include "foundation/core/FanController.h"
 
 namespace kelvo {
 
@@ -26,13 +26,11 @@ struct AppInfoDictionary {
     static AppInfoDictionary compiledIn();
 };
 
-
 namespace AppBuildInfo {
 
 inline constexpr char kApplicationFolderName[] = "Kelvo";
 inline constexpr char kDefaultDatabaseFileName[] = "kelvo.sqlite";
 inline constexpr char kRepoRootEnvironmentVariable[] = "KELVO_REPO_ROOT";
-
 
 // The application folder ("Kelvo" in the user's data location). No such location is fatal.
 QString applicationFolder();

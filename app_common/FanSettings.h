@@ -5,8 +5,8 @@
 #include <QString>
 #include <string>
 
-#include "foundation/core/FanChoices.h"
 #include "foundation/control/UserLimits.h"
+#include "foundation/core/FanChoices.h"
 
 namespace kelvo::fan_settings {
 

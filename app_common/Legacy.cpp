@@ -49,7 +49,8 @@ OneTimeStorageResetResult applyOneTimeStorageResetIfNeeded(QSettings& defaults) 
     OneTimeStorageResetResult result;
     result.build = target;
     // Only that build resets: every other build, older or newer, leaves the files alone.
-    if (AppBuildInfo::bundleValue(QString::fromLatin1(legacy::kBuildNumberKey)) != target) return result;
+    if (AppBuildInfo::bundleValue(QString::fromLatin1(legacy::kBuildNumberKey)) != target)
+        return result;
     const QVariant marker = defaults.value(QString::fromLatin1(kResetMarkerKey));
     if (marker.isValid() && marker.toString() == target) return result;
 

@@ -45,8 +45,8 @@ struct OneTimeStorageResetResult {
     bool operator==(const OneTimeStorageResetResult&) const = default;
 };
 
-// Runs the reset on the first launch of kStorageResetBuild (and again after a partial one); any other
-// build never touches the files. Never throws; removal errors are collected in the result.
+// Runs the reset on the first launch of kStorageResetBuild (and again after a partial one); any
+// other build never touches the files. Never throws; removal errors are collected in the result.
 OneTimeStorageResetResult applyOneTimeStorageResetIfNeeded(QSettings& defaults);
 // The files the reset deletes, in the order it tries them (names inside the application folder).
 QStringList storageResetCandidateNames();

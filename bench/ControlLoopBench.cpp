@@ -2,12 +2,12 @@
 #include <benchmark/benchmark.h>
 
 #include "foundation/control/ControlEngine.h"
-#include "foundation/core/EventRing.h"
 #include "foundation/control/HardwareCapabilityTracker.h"
-#include "foundation/store/SQLiteStore.h"
+#include "foundation/core/EventRing.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedMachine.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"
+#include "foundation/store/SQLiteStore.h"
 
 namespace {
 

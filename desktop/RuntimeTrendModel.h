@@ -11,7 +11,6 @@ namespace kelvo {
 class AppRuntime;
 
 // `parent` owns the model (or the caller does, when it is null).
-TrendSectionModel* makeRuntimeTrendModel(AppRuntime* runtime, QSettings* settings,
-                                         QObject* parent);
+TrendSectionModel* makeRuntimeTrendModel(AppRuntime* runtime, QSettings* settings, QObject* parent);
 
 }  // namespace kelvo

@@ -10,14 +10,14 @@
 
 #include "app_common/FanSettings.h"
 #include "app_common/LaunchPaths.h"
+#include "foundation/control/UserLimits.h"
 #include "foundation/core/ExternalControl.h"
 #include "foundation/core/FanChoices.h"
 #include "foundation/core/Types.h"
-#include "foundation/control/UserLimits.h"
-#include "foundation/telemetry/DieCriticalTemperatures.h"
+#include "foundation/fans/HwmonFanService.h"
 #include "foundation/helper_protocol/HelperClient.h"
 #include "foundation/helper_protocol/HelperStatusReport.h"
-#include "foundation/fans/HwmonFanService.h"
+#include "foundation/telemetry/DieCriticalTemperatures.h"
 #include "tools/UpdateCommand.h"
 
 namespace {

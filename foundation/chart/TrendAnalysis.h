@@ -67,10 +67,10 @@ enum class GPUProbeConsistency { unknown, trusted, incoherent };
 // Most frequent cause among the constrained high-load GPU samples.
 enum class GPULimiter : int {
     none = 0,
-    osThermalPressure = 1,    // the OS reports serious/critical thermal pressure
-    driverThermal = 2,        // the driver reports thermal slowdown
-    driverPowerCap = 3,       // the driver reports a power-cap slowdown
-    unexplainedDeficit = 4,   // clock deficit with no reported cause
+    osThermalPressure = 1,   // the OS reports serious/critical thermal pressure
+    driverThermal = 2,       // the driver reports thermal slowdown
+    driverPowerCap = 3,      // the driver reports a power-cap slowdown
+    unexplainedDeficit = 4,  // clock deficit with no reported cause
 };
 
 struct CPUClockWindowAnalysis {
@@ -115,7 +115,7 @@ namespace PeakPerformanceDomainSelection {
 // `combined` when both have high-load samples and ready references, else the one that has,
 // else `none`.
 PeakPerformanceDomain select(const CPUClockWindowAnalysis& cpu, const GPUClockWindowAnalysis& gpu);
-}
+}  // namespace PeakPerformanceDomainSelection
 
 namespace FixedViewportTrendAxisLabels {
 // Dates on whole multiples of the stride (since the epoch) inside [lower, upper], ascending.

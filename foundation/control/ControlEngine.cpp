@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "foundation/core/EventRing.h"
 #include "foundation/control/HardwareCapabilityTracker.h"
+#include "foundation/core/EventRing.h"
 #include "foundation/store/SQLiteStore.h"
 
 namespace kelvo {

@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "foundation/control/ControlPolicy.h"
+#include "foundation/control/FanWriter.h"
+#include "foundation/control/ThrottleAssessor.h"
 #include "foundation/core/FanChoices.h"
 #include "foundation/core/FanController.h"
-#include "foundation/control/FanWriter.h"
 #include "foundation/core/TelemetryProvider.h"
-#include "foundation/control/ThrottleAssessor.h"
 #include "foundation/core/Types.h"
 
 namespace kelvo {

@@ -35,6 +35,9 @@ struct FanReadResult {
     std::vector<FanState> fans;
 };
 
+class FanCurveLearning;
+class HelperVersionSource;
+
 // A back-end's family, for the labels users see; a subclass keeps its family's.
 enum class FanBackendKind { other, local, helper, hybrid, simulated };
 
@@ -45,6 +48,10 @@ public:
     // Concrete type name, used where a back-end has no label of its own.
     virtual std::string typeName() const = 0;
     virtual FanBackendKind backendKind() const { return FanBackendKind::other; }
+    // What a back-end offers beyond moving fans, asked of the back-end itself: none unless it
+    // says so.
+    virtual FanCurveLearning* curveLearning() { return nullptr; }
+    virtual HelperVersionSource* helperVersionSource() { return nullptr; }
 
     virtual FanReadResult readFans() = 0;
     // One target per fan, in RPM. A target of 0 leaves that fan to the firmware.

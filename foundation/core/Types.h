@@ -180,7 +180,8 @@ struct AdaptiveLeadModel {
     bool operator==(const AdaptiveLeadModel&) const = default;
 };
 
-// The lowest temperature limit a user may set: below this the fans would run flat out on an idle machine.
+// The lowest temperature limit a user may set: below this the fans would run flat out on an idle
+// machine.
 inline constexpr double kLowestUserLimitC = 50;
 
 // The dies' own critical trip points, where the machine tells them (a trip point at or below the

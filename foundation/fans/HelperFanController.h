@@ -40,6 +40,8 @@ public:
 
     std::string typeName() const override { return "HelperFanController"; }
     FanBackendKind backendKind() const override { return FanBackendKind::helper; }
+    FanCurveLearning* curveLearning() override { return this; }
+    HelperVersionSource* helperVersionSource() override { return this; }
     // Every fan the helper sees, in its order (by identity, as LocalFanController).
     FanReadResult readFans() override;
     // Targets follow the order of readFans(). A positive target takes the fan (RPM mapped to

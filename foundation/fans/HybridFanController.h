@@ -24,6 +24,8 @@ public:
 
     std::string typeName() const override { return "HybridFanController"; }
     FanBackendKind backendKind() const override { return FanBackendKind::hybrid; }
+    FanCurveLearning* curveLearning() override { return this; }
+    HelperVersionSource* helperVersionSource() override { return this; }
     // Reads need no privilege, so the local view is used whenever the helper cannot answer.
     FanReadResult readFans() override;
     FanResult setTargets(const std::vector<double>& targetRPM) override;

@@ -21,6 +21,7 @@ public:
 
     std::string typeName() const override { return "LocalFanController"; }
     FanBackendKind backendKind() const override { return FanBackendKind::local; }
+    FanCurveLearning* curveLearning() override { return this; }
 
     // Every discovered fan, named by its stable identity. No fans is not an error.
     FanReadResult readFans() override;

@@ -14,8 +14,8 @@
 
 #include "foundation/core/EventRing.h"
 #include "foundation/core/ProfilingTypes.h"
-#include "foundation/store/SQLiteStore.h"
 #include "foundation/core/Types.h"
+#include "foundation/store/SQLiteStore.h"
 
 namespace kelvo {
 

@@ -394,7 +394,7 @@ TEST_F(RuntimeFixture, RealBackEndsKeepTheirLearnedFanCurvesInTheDatabase) {
     const QString root = QString::fromStdString(sys.path("").string());
     AppRuntime runtime(
         options({QStringLiteral("--local-only-fans"), QStringLiteral("--sysfs-root"), root}));
-    auto* learning = dynamic_cast<FanCurveLearning*>(runtime.fanController().get());
+    auto* learning = runtime.fanController()->curveLearning();
     ASSERT_NE(learning, nullptr);
     EXPECT_EQ(learning->learnedCurve(identity), curve);
     runtime.shutdown();

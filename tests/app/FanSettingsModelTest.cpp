@@ -4,8 +4,8 @@
 #include <QSignalSpy>
 #include <QTemporaryDir>
 
-#include "app_common/FanSettings.h"
 #include "app/FanSettingsModel.h"
+#include "app_common/FanSettings.h"
 #include "tests/foundation/LinuxFakeSysfs.h"
 
 using namespace kelvo;

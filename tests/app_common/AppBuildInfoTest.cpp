@@ -98,8 +98,7 @@ protected:
 
 TEST_F(AppBuildInfoTest, OtherBuildsLeaveOldDatabasesAloneAndSayNothing) {
     makeAppFolder();
-    for (const QString& name : legacy::storageResetCandidateNames())
-        writeFile(inAppFolder(name));
+    for (const QString& name : legacy::storageResetCandidateNames()) writeFile(inAppFolder(name));
     for (const QString& build : {QStringLiteral("342"), QStringLiteral("344")}) {
         AppBuildInfo::setInfoDictionary(dictionaryWithBuild(build));
         const auto result = legacy::applyOneTimeStorageResetIfNeeded(*settings_);
@@ -444,6 +443,7 @@ class VersionedController : public NamedController, public HelperVersionSource {
 public:
     explicit VersionedController(std::optional<std::string> version)
         : NamedController("VersionedController"), version_(std::move(version)) {}
+    HelperVersionSource* helperVersionSource() override { return this; }
     std::optional<std::string> helperVersion() override {
         askedOn = QThread::currentThread();
         return version_;

@@ -5,9 +5,9 @@
 #include <cmath>
 
 #include "DesktopTestSupport.h"
-#include "desktop/ReopenBridge.h"
 #include "desktop/DashboardLayout.h"
 #include "desktop/DashboardViewModel.h"
+#include "desktop/ReopenBridge.h"
 #include "live/LiveDashboardStore.h"
 
 namespace kelvo::testing {

@@ -4,12 +4,12 @@
 #include <QSettings>
 #include <QTemporaryDir>
 
+#include "desktop/AccessibilitySlug.h"
 #include "desktop/AppLifecycleController.h"
 #include "desktop/AutostartEntry.h"
-#include "desktop/KelvoIcon.h"
-#include "desktop/AccessibilitySlug.h"
 #include "desktop/DashboardLayout.h"
 #include "desktop/DashboardViewModel.h"
+#include "desktop/KelvoIcon.h"
 
 namespace kelvo {
 namespace {

@@ -9,8 +9,8 @@
 #include <memory>
 #include <thread>
 
-#include "foundation/helper_protocol/HelperClient.h"
 #include "foundation/fans/HelperFanController.h"
+#include "foundation/helper_protocol/HelperClient.h"
 #include "helper/ClientAdmission.h"
 #include "tests/helper/ConnectionFlood.h"
 #include "tests/helper/HelperTestSupport.h"

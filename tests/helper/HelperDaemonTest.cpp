@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <memory>
 
-#include "foundation/helper_protocol/HelperClient.h"
 #include "foundation/fans/HelperFanController.h"
 #include "foundation/fans/LocalFanController.h"
+#include "foundation/helper_protocol/HelperClient.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace kelvo {

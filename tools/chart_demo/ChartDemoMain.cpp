@@ -5,15 +5,15 @@
 //
 // --report-frames prints, once a second, how many frames the window rendered and whether the
 // chart's frame source is running. --screenshot saves the window after twenty seconds and quits.
-#include <memory>
 #include <QGuiApplication>
 #include <QQuickWindow>
 #include <QTimer>
 #include <cstdio>
+#include <memory>
 
 #include "app/AppRuntime.h"
-#include "desktop/RuntimeTrendModel.h"
 #include "dashboard/TrendSectionModel.h"
+#include "desktop/RuntimeTrendModel.h"
 #include "trend_render/FixedViewportTrendHostItem.h"
 #include "trend_render/FixedViewportTrendView.h"
 

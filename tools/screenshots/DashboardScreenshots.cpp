@@ -18,10 +18,10 @@
 
 #include "app/AppPresentationStore.h"
 #include "app/AppRuntime.h"
-#include "desktop/AppLifecycleController.h"
-#include "desktop/KelvoApp.h"
 #include "capture/CaptureCoordinator.h"
+#include "desktop/AppLifecycleController.h"
 #include "desktop/DashboardView.h"
+#include "desktop/KelvoApp.h"
 #include "tools/screenshots/ScreenshotPalettes.h"
 
 namespace {

@@ -6,9 +6,9 @@
 #include <ctime>
 #include <random>
 
+#include "foundation/chart/TrendAnalysis.h"
 #include "foundation/control/ControlEngine.h"
 #include "foundation/core/EventRing.h"
-#include "foundation/chart/TrendAnalysis.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedMachine.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"

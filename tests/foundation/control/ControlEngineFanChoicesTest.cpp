@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "tests/foundation/ControlTestFakes.h"
 #include "foundation/control/ControlEngine.h"
 #include "foundation/core/EventRing.h"
+#include "tests/foundation/ControlTestFakes.h"
 
 using namespace kelvo;
 using kelvo::fakes::RecordingFans;

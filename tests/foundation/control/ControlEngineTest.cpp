@@ -4,10 +4,10 @@
 #include <chrono>
 #include <thread>
 
-#include "tests/foundation/ControlTestFakes.h"
 #include "foundation/control/ControlEngine.h"
 #include "foundation/control/ControlLoop.h"
 #include "foundation/core/EventRing.h"
+#include "tests/foundation/ControlTestFakes.h"
 
 using namespace kelvo;
 using kelvo::fakes::RecordingFans;

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "tests/foundation/ControlTestFakes.h"
 #include "foundation/control/FanWriter.h"
+#include "tests/foundation/ControlTestFakes.h"
 
 using namespace kelvo;
 

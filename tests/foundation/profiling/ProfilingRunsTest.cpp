@@ -10,15 +10,15 @@
 #include <map>
 #include <sstream>
 
-#include "tests/foundation/ControlTestFakes.h"
-#include "foundation/profiling/CaptureAutoStopPolicy.h"
 #include "foundation/control/ControlEngine.h"
 #include "foundation/core/EventRing.h"
+#include "foundation/profiling/CaptureAutoStopPolicy.h"
 #include "foundation/profiling/ProfileExportBundler.h"
 #include "foundation/profiling/ProfileExportWriter.h"
 #include "foundation/profiling/ProfilingModels.h"
 #include "foundation/profiling/ProfilingService.h"
 #include "tests/ZipEntries.h"
+#include "tests/foundation/ControlTestFakes.h"
 
 namespace kelvo {
 namespace {

@@ -2,30 +2,13 @@
 
 #include "CaptureTestRig.h"
 #include "foundation/profiling/DroopSignal.h"
+#include "tests/foundation/profiling/ThrottleTestSamples.h"
 
 namespace kelvo::testing {
 namespace {
 
-// A loaded, hot sample at the baseline's clocks: no droop, no ramp.
-TelemetrySample loadedSample(Timestamp t) {
-    TelemetrySample s;
-    s.timestamp = t;
-    s.cpuTemperatureC = 90;
-    s.gpuTemperatureC = 80;
-    s.cpuClockMHz = 4000;
-    s.gpuClockMHz = 1500;
-    s.cpuUtilizationPct = 95;
-    s.gpuUtilizationPct = 40;
-    s.totalPowerW = 90;
-    s.thermalPressure = ThermalPressureLevel::nominal;
-    return s;
-}
-
-TelemetrySample droopSample(Timestamp t) {
-    TelemetrySample s = loadedSample(t);
-    s.cpuClockMHz = 3000;  // 25 % under the reference at 95 % load
-    return s;
-}
+using throttle_test::droopSample;
+using throttle_test::loadedSample;
 
 class ThrottleSignalsTest : public ::testing::Test {
 protected:

@@ -55,20 +55,6 @@ protected:
         return window()->rootObject()->findChild<QObject*>(QStringLiteral("dashboard-scroll"));
     }
 
-    // Waits until two frames have reached the screen since now: layouts are polished before each
-    // frame, so by then they follow the latest change of surface.
-    void settle() {
-        int swapped = 0;
-        auto connection = QObject::connect(
-            window(), &QQuickWindow::frameSwapped, window(), [&swapped] { ++swapped; },
-            Qt::QueuedConnection);
-        ASSERT_TRUE(waitFor([&] {
-            window()->update();
-            return swapped >= 2;
-        })) << "frames reach the screen";
-        QObject::disconnect(connection);
-    }
-
     // Finds the card and waits until the layout has given it a size.
     QQuickItem* shownCard(const CardFile& card) {
         QQuickItem* found = item(QString::fromLatin1(card.objectName));

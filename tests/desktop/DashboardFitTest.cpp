@@ -24,20 +24,6 @@ protected:
         return window()->rootObject()->property("minimumContentWidth").toDouble();
     }
 
-    // Waits until two frames have reached the screen since now: layouts are polished before each
-    // frame, so by then they follow the latest change of size or content.
-    void settle() {
-        int swapped = 0;
-        auto connection = QObject::connect(
-            window(), &QQuickWindow::frameSwapped, window(), [&swapped] { ++swapped; },
-            Qt::QueuedConnection);
-        ASSERT_TRUE(waitFor([&] {
-            window()->update();
-            return swapped >= 2;
-        })) << "frames reach the screen";
-        QObject::disconnect(connection);
-    }
-
     // The width an item needs to show what it holds: a text's painted width, a control's
     // natural width; other items (layouts, positioners, the chart) are judged by their children.
     static double neededWidth(QQuickItem* item) {

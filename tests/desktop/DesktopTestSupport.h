@@ -67,6 +67,20 @@ protected:
     }
 
     DashboardView* window() const { return controller ? controller->dashboardWindow() : nullptr; }
+
+    // Waits until two frames have reached the screen since now: layouts are polished before each
+    // frame, so by then they follow the latest change of surface, size or content.
+    void settle() {
+        int swapped = 0;
+        auto connection = QObject::connect(
+            window(), &QQuickWindow::frameSwapped, window(), [&swapped] { ++swapped; },
+            Qt::QueuedConnection);
+        ASSERT_TRUE(waitFor([&] {
+            window()->update();
+            return swapped >= 2;
+        })) << "frames reach the screen";
+        QObject::disconnect(connection);
+    }
     // The coordinator the runtime made through the factory above (the runtime owns it).
     CaptureCoordinator* capture() const { return capture_; }
 

@@ -89,9 +89,10 @@ int helperStatus(const kelvo::LaunchPaths& paths) {
     }
     std::fprintf(stderr, "kelvoctl: %s\n", result.error.c_str());
     if (!kelvo::HelperClient::reachable(paths.helperSocket, 250)) {
-        std::fprintf(stderr,
-                     "Install and enable kelvo-helperd to let Kelvo control the fans (README, "
-                     "\"Installing the privileged helper\").\n");
+        std::fprintf(
+            stderr,
+            "Install and enable kelvo-helperd to let Kelvo control the fans (docs/helper.md, "
+            "\"Installing the privileged helper\").\n");
         describeLocalFans(paths.sysfsRoot);
     } else if (result.error.starts_with("not allowed")) {
         std::fprintf(stderr,

@@ -18,7 +18,21 @@ struct FanState {
     double minRPM = 0;
     double maxRPM = 0;
     std::string label;  // the channel's own label (hwmon fanN_label), empty when none
+    // The fan has been seen standing still at a duty cycle its controller set (the firmware's or
+    // Kelvo's), so it is one that stops at low duty and needs a start duty to spin up again.
+    bool canStop = false;
+    // It was seen standing still while the firmware drove it: the firmware's own curve stops it.
+    bool firmwareStops = false;
+    // Kelvo asked it to stand still and it does (a commanded stop is never a stall).
+    bool stopCommanded = false;
 };
+
+// A target that asks a fan to stand still while Kelvo keeps holding it (fan stop). A back-end
+// that cannot stop a fan runs it at its lowest speed instead. 0 still means "the firmware's".
+inline constexpr double kFanStopRPM = -1;
+inline bool isFanStopTarget(double targetRPM) {
+    return targetRPM < 0;
+}
 
 // Outcome of a back-end call. `error` is a short reason suitable for an event message
 // ("helper unavailable", "write timed out", ...).
@@ -54,7 +68,8 @@ public:
     virtual HelperVersionSource* helperVersionSource() { return nullptr; }
 
     virtual FanReadResult readFans() = 0;
-    // One target per fan, in RPM. A target of 0 leaves that fan to the firmware.
+    // One target per fan, in RPM. A target of 0 leaves that fan to the firmware; kFanStopRPM
+    // stops it (see above).
     virtual FanResult setTargets(const std::vector<double>& targetRPM) = 0;
     // Gives every fan back to firmware automatic control (restoring the original mode).
     virtual FanResult releaseToAutomatic() = 0;
@@ -79,11 +94,34 @@ struct FanCurveStore {
     std::function<bool(const std::string& identity, const FanCurve& curve)> save;
 };
 
+// A full calibration the user asked for: the fan is run from full speed down to its lowest
+// duty (and to a stop where it stops), one held step at a time.
+struct FanCalibrationStatus {
+    bool running = false;
+    double progress = 0;     // 0..1 while running
+    double secondsLeft = 0;  // an estimate while running
+    // Set once it has ended: whether a curve came of it, and what to tell the user.
+    std::optional<bool> succeeded;
+    std::string message;
+};
+
 class FanCurveLearning {
 public:
     virtual ~FanCurveLearning() = default;
     virtual void attachCurveStore(FanCurveStore store) = 0;
     virtual std::optional<FanCurve> learnedCurve(const std::string& identity) = 0;
+    // Starts a full calibration of one fan on the user's request. False (with why) when the fan
+    // is unknown, cannot be driven, or one is already running.
+    virtual bool requestCalibration(const std::string& identity, std::string* why) {
+        (void)identity;
+        if (why) *why = "this fan back-end cannot calibrate fans";
+        return false;
+    }
+    // The calibration of that fan, running or last ended; none when never asked for.
+    virtual std::optional<FanCalibrationStatus> calibrationStatus(const std::string& identity) {
+        (void)identity;
+        return std::nullopt;
+    }
 };
 
 // Back-ends that talk to the privileged helper can report its version.

@@ -1,8 +1,5 @@
 #include "foundation/fans/HwmonFanService.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -12,6 +9,7 @@
 #include <system_error>
 #include <tuple>
 
+#include "foundation/core/SysfsMounts.h"
 #include "foundation/fans/SysfsText.h"
 
 namespace kelvo {
@@ -33,11 +31,6 @@ std::optional<long long> readInteger(const fs::path& path) {
     return value;
 }
 
-bool pathExists(const fs::path& path) {
-    std::error_code ec;
-    return fs::exists(path, ec);
-}
-
 std::string channelFile(const char* prefix, int channel, const char* suffix) {
     return std::string(prefix) + std::to_string(channel) + suffix;
 }
@@ -45,9 +38,8 @@ std::string channelFile(const char* prefix, int channel, const char* suffix) {
 // Channel numbers N for which fanN_input exists.
 std::vector<int> fanChannels(const fs::path& hwmonDir) {
     std::vector<int> channels;
-    std::error_code ec;
-    for (fs::directory_iterator it(hwmonDir, ec), last; !ec && it != last; it.increment(ec)) {
-        const std::string name = it->path().filename().string();
+    for (const fs::path& entry : sysfs::directoryEntries(hwmonDir)) {
+        const std::string name = entry.filename().string();
         constexpr std::string_view prefix = "fan";
         constexpr std::string_view suffix = "_input";
         if (name.size() <= prefix.size() + suffix.size() || !name.starts_with(prefix) ||
@@ -81,12 +73,9 @@ std::vector<HwmonFan> HwmonFanService::discover() const {
     std::vector<HwmonFan> fans;
     const fs::path root(sysRoot_.empty() ? "/" : sysRoot_);
     const fs::path classDir = root / "sys/class/hwmon";
-    std::error_code ec;
-    for (fs::directory_iterator it(classDir, ec), end; !ec && it != end; it.increment(ec)) {
-        const fs::path hwmonDir = it->path();
+    for (const fs::path& hwmonDir : sysfs::directoryEntries(classDir)) {
         if (!hwmonDir.filename().string().starts_with("hwmon")) continue;
-        std::error_code dirError;
-        if (!fs::is_directory(hwmonDir, dirError)) continue;  // follows the class symlink
+        if (!sysfs::isDirectory(hwmonDir)) continue;  // follows the class symlink
 
         const std::vector<int> channels = fanChannels(hwmonDir);
         if (channels.empty()) continue;
@@ -102,7 +91,8 @@ std::vector<HwmonFan> HwmonFanService::discover() const {
             fan.hwmonDir = hwmonDir;
             fan.channel = channel;
             fan.identity = fan.driver + "@" + devicePath + "#fan" + std::to_string(channel);
-            fan.controllable = pathExists(fan.pwmPath()) && pathExists(fan.pwmEnablePath());
+            fan.controllable =
+                sysfs::pathExists(fan.pwmPath()) && sysfs::pathExists(fan.pwmEnablePath());
             fan.currentRPM = readRPM(fan);
             fan.label = readTrimmed(hwmonDir / channelFile("fan", channel, "_label")).value_or("");
             if (auto v = readInteger(hwmonDir / channelFile("fan", channel, "_min"))) {

@@ -1,46 +1,43 @@
 #include "foundation/fans/SysfsText.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "foundation/core/SysfsMounts.h"
 
 namespace kelvo::sysfs {
 
 namespace fs = std::filesystem;
 
-std::optional<std::string> readTrimmed(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    if (!in) return std::nullopt;
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) return std::nullopt;
-    std::string value = text.str();
+namespace {
+
+std::string trimmed(const std::string& value) {
     const auto first = value.find_first_not_of(" \t\r\n");
     if (first == std::string::npos) return std::string();
     const auto last = value.find_last_not_of(" \t\r\n");
     return value.substr(first, last - first + 1);
 }
 
+}  // namespace
+
+std::optional<std::string> readTrimmed(const std::filesystem::path& path) {
+    if (auto mounted = findMount(path)) {
+        auto text = mounted->source->read(mounted->relative);
+        if (!text) return std::nullopt;
+        return trimmed(*text);
+    }
+    std::ifstream in(path);
+    if (!in) return std::nullopt;
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (in.bad()) return std::nullopt;
+    return trimmed(text.str());
+}
+
 bool writeInteger(const std::filesystem::path& path, long long value, std::string* error,
                   int* errorNumber) {
-    const std::string text = std::to_string(value) + "\n";
-    const int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-    int failure = 0;
-    if (fd < 0) {
-        failure = errno;
-    } else {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written < 0) {
-            failure = errno;
-        } else if (static_cast<size_t>(written) != text.size()) {
-            failure = EIO;
-        }
-        if (::close(fd) != 0 && failure == 0) failure = errno;
-    }
+    const int failure = writeFileText(path, std::to_string(value) + "\n");
     if (failure == 0) return true;
     if (error) *error = "cannot write " + path.string() + ": " + std::strerror(failure);
     if (errorNumber) *errorNumber = failure;
@@ -49,13 +46,12 @@ bool writeInteger(const std::filesystem::path& path, long long value, std::strin
 
 std::string hwmonDevicePath(const std::filesystem::path& hwmonDir,
                             const std::filesystem::path& root) {
-    std::error_code ec;
-    const fs::path device = fs::canonical(hwmonDir / "device", ec);
-    if (ec) return "virtual";
-    const fs::path canonicalRoot = fs::canonical(root, ec);
-    if (ec) return device.string();
-    const fs::path relative = device.lexically_relative(canonicalRoot);
-    if (relative.empty() || *relative.begin() == "..") return device.string();
+    const auto device = canonicalPath(hwmonDir / "device");
+    if (!device) return "virtual";
+    const auto canonicalRoot = canonicalPath(root);
+    if (!canonicalRoot) return device->string();
+    const fs::path relative = device->lexically_relative(*canonicalRoot);
+    if (relative.empty() || *relative.begin() == "..") return device->string();
     if (relative == ".") return "/";
     return (fs::path("/") / relative).generic_string();
 }

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <vector>
 
+#include "foundation/core/SysfsMounts.h"
 #include "foundation/telemetry/SysfsValues.h"
 
 namespace kelvo {
@@ -39,9 +40,8 @@ struct ProcStat {
     std::map<int, StatLine> perCpu;
 };
 
-ProcStat readProcStat(const fs::path& path) {
+ProcStat parseProcStat(std::istream& in) {
     ProcStat stat;
-    std::ifstream in(path);
     std::string text;
     bool seenCpuLines = false;
     while (std::getline(in, text)) {
@@ -66,6 +66,15 @@ ProcStat readProcStat(const fs::path& path) {
         if (auto line = parseTimes(fields)) stat.perCpu[index] = *line;
     }
     return stat;
+}
+
+ProcStat readProcStat(const fs::path& path) {
+    if (auto mounted = sysfs::findMount(path)) {
+        std::istringstream in(mounted->source->read(mounted->relative).value_or(""));
+        return parseProcStat(in);
+    }
+    std::ifstream in(path);
+    return parseProcStat(in);
 }
 
 // Busy percentage between two readings; none when the counters did not advance or went back.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "foundation/core/SysfsMounts.h"
 #include "foundation/telemetry/SysfsValues.h"
 
 namespace kelvo {
@@ -22,11 +23,10 @@ bool isCpuZone(const std::string& type) {
 
 std::optional<double> lowestHwmonCritical(const fs::path& hwmon) {
     std::optional<double> lowest;
-    std::error_code ec;
-    for (fs::directory_iterator it(hwmon, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string name = it->path().filename().string();
+    for (const fs::path& entry : sysfs::directoryEntries(hwmon)) {
+        const std::string name = entry.filename().string();
         if (name.starts_with("temp") && name.ends_with("_crit"))
-            takeLowest(lowest, sysfs::readMilliCelsius(it->path()));
+            takeLowest(lowest, sysfs::readMilliCelsius(entry));
     }
     return lowest;
 }

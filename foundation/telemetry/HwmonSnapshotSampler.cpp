@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <system_error>
 
+#include "foundation/core/SysfsMounts.h"
 #include "foundation/telemetry/CpuThermalZones.h"
 #include "foundation/telemetry/SysfsValues.h"
 
@@ -21,11 +21,10 @@ void keepHottest(std::optional<double>& hottest, std::optional<double> candidate
 template <typename Predicate>
 std::optional<double> labelledTemperature(const fs::path& hwmonDir, Predicate matches) {
     std::optional<double> hottest;
-    std::error_code ec;
-    for (fs::directory_iterator it(hwmonDir, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string name = it->path().filename().string();
+    for (const fs::path& entry : sysfs::directoryEntries(hwmonDir)) {
+        const std::string name = entry.filename().string();
         if (!name.starts_with("temp") || !name.ends_with("_label")) continue;
-        const auto label = sysfs::readAttribute(it->path());
+        const auto label = sysfs::readAttribute(entry);
         if (!label || !matches(*label)) continue;
         const std::string channel = name.substr(0, name.size() - std::string_view("_label").size());
         keepHottest(hottest, sysfs::readMilliCelsius(hwmonDir / (channel + "_input")));

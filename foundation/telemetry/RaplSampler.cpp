@@ -1,9 +1,9 @@
 #include "foundation/telemetry/RaplSampler.h"
 
 #include <filesystem>
-#include <system_error>
 #include <vector>
 
+#include "foundation/core/SysfsMounts.h"
 #include "foundation/telemetry/SysfsValues.h"
 
 namespace kelvo {
@@ -23,12 +23,10 @@ struct Zone {
 // uncore and psys are left out: they are parts of a package or overlap all of it.
 std::vector<Zone> energyZones(const fs::path& root) {
     std::vector<Zone> zones;
-    std::error_code ec;
-    for (fs::directory_iterator it(root / kPowercapClass, ec), end; !ec && it != end;
-         it.increment(ec)) {
-        const std::string dirName = it->path().filename().string();
+    for (const fs::path& entry : sysfs::directoryEntries(root / kPowercapClass)) {
+        const std::string dirName = entry.filename().string();
         if (!dirName.starts_with("intel-rapl:")) continue;
-        const auto name = sysfs::readAttribute(it->path() / "name");
+        const auto name = sysfs::readAttribute(entry / "name");
         if (!name) continue;
         if (name->starts_with("package")) {
             zones.push_back({dirName, true});

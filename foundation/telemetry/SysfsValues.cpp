@@ -1,12 +1,9 @@
 #include "foundation/telemetry/SysfsValues.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <system_error>
+
+#include "foundation/core/SysfsMounts.h"
 
 namespace kelvo::sysfs {
 
@@ -35,24 +32,12 @@ bool allDigits(std::string_view text) {
 std::optional<std::string> readAttribute(const fs::path& path) {
     // Sampling reads dozens of these per tick; a stream per file costs more than the read.
     constexpr std::size_t kLimit = 64 * 1024;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    std::string text;
-    char buffer[4096];
-    bool failed = false;
-    while (text.size() < kLimit) {
-        const ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) failed = true;
-        if (count <= 0) break;
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
-    ::close(fd);
-    if (failed) return std::nullopt;
-    const auto first = text.find_first_not_of(" \t\r\n");
+    const auto text = readFileText(path, kLimit);
+    if (!text) return std::nullopt;
+    const auto first = text->find_first_not_of(" \t\r\n");
     if (first == std::string::npos) return std::string();
-    const auto last = text.find_last_not_of(" \t\r\n");
-    return text.substr(first, last - first + 1);
+    const auto last = text->find_last_not_of(" \t\r\n");
+    return text->substr(first, last - first + 1);
 }
 
 std::optional<double> readDouble(const fs::path& path) {
@@ -80,13 +65,12 @@ int entryNumber(const fs::path& entry, std::string_view prefix) {
 
 std::vector<fs::path> numberedEntries(const fs::path& dir, std::string_view prefix) {
     std::vector<fs::path> entries;
-    std::error_code ec;
-    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string name = it->path().filename().string();
+    for (fs::path& entry : directoryEntries(dir)) {
+        const std::string name = entry.filename().string();
         if (!name.starts_with(prefix) || !allDigits(std::string_view(name).substr(prefix.size()))) {
             continue;
         }
-        entries.push_back(it->path());
+        entries.push_back(std::move(entry));
     }
     std::sort(entries.begin(), entries.end(), [&](const fs::path& a, const fs::path& b) {
         return entryNumber(a, prefix) < entryNumber(b, prefix);

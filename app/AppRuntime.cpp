@@ -7,6 +7,7 @@
 #include "app/FanBackendSelection.h"
 #include "app/SleepWatcher.h"
 #include "app_common/LoopCall.h"
+#include "foundation/store/FanCurveStoreLink.h"
 
 namespace kelvo {
 
@@ -142,17 +143,7 @@ void AppRuntime::shutdown() {
 }
 
 void AppRuntime::attachFanCurveStore() {
-    FanCurveLearning* learning = fanController_->curveLearning();
-    if (!learning) return;
-    std::weak_ptr<SQLiteStore> store = store_;
-    learning->attachCurveStore({[store](const std::string& identity) -> std::optional<FanCurve> {
-                                    auto strong = store.lock();
-                                    return strong ? strong->fanCurve(identity) : std::nullopt;
-                                },
-                                [store](const std::string& identity, const FanCurve& curve) {
-                                    auto strong = store.lock();
-                                    return strong && strong->saveFanCurve(identity, curve);
-                                }});
+    kelvo::attachFanCurveStore(*fanController_, store_);
 }
 
 void AppRuntime::reportSettingsProblems() {

@@ -50,6 +50,7 @@ std::optional<std::string> joinRelative(const std::string& base, std::string_vie
 }
 
 void SimTree::ensureParents(const std::string& path) {
+    ++generation_;
     std::string parent = parentOf(path);
     while (true) {
         if (!nodes_.contains(parent)) nodes_[parent] = Node{};
@@ -84,6 +85,7 @@ void SimTree::addSymlink(const std::string& path, std::string target) {
 }
 
 void SimTree::remove(const std::string& path) {
+    ++generation_;
     nodes_.erase(path);
     const std::string prefix = path + "/";
     for (auto it = nodes_.lower_bound(prefix); it != nodes_.end() && it->first.starts_with(prefix);)

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -36,7 +37,10 @@ public:
     void addSymlink(const std::string& path, std::string target);
     // Removes `path` and everything under it.
     void remove(const std::string& path);
-    void clear() { nodes_.clear(); }
+    void clear() {
+        nodes_.clear();
+        ++generation_;
+    }
 
     const Node* find(const std::string& path) const;
     std::vector<std::string> children(const std::string& path) const;
@@ -44,11 +48,15 @@ public:
     // missing or the links loop.
     std::optional<std::string> resolve(std::string_view path) const;
     std::size_t size() const { return nodes_.size(); }
+    // Changes whenever a node is added, replaced or removed: what was resolved before may not
+    // hold any more.
+    std::uint64_t generation() const { return generation_; }
 
 private:
     void ensureParents(const std::string& path);
 
     std::map<std::string, Node> nodes_;
+    std::uint64_t generation_ = 0;
 };
 
 // "a/b/c" -> "a/b"; "a" -> "".

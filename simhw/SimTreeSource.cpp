@@ -20,11 +20,24 @@ sysfs::EntryKind kindOf(const Node& node) {
 SimTreeSource::SimTreeSource(std::shared_ptr<SimHardware> hardware, std::mutex& mutex)
     : hardware_(std::move(hardware)), mutex_(mutex) {}
 
-const Node* SimTreeSource::resolved(const std::string& path, std::string* where) const {
-    auto target = hardware_->tree().resolve(path);
-    if (!target) return nullptr;
-    if (where) *where = *target;
-    return hardware_->tree().find(*target);
+const Node* SimTreeSource::resolved(const std::string& path, std::string* where) {
+    const SimTree& tree = hardware_->tree();
+    if (tree.generation() != generation_) {
+        resolved_.clear();
+        listings_.clear();
+        generation_ = tree.generation();
+    }
+    auto found = resolved_.find(path);
+    if (found == resolved_.end()) {
+        Resolved entry;
+        if (auto target = tree.resolve(path)) {
+            entry.node = tree.find(*target);
+            entry.path = std::move(*target);
+        }
+        found = resolved_.emplace(path, std::move(entry)).first;
+    }
+    if (where && found->second.node) *where = found->second.path;
+    return found->second.node;
 }
 
 std::optional<std::string> SimTreeSource::read(const std::string& path) {
@@ -50,12 +63,15 @@ std::optional<std::vector<sysfs::SourceEntry>> SimTreeSource::list(const std::st
     std::string where;
     const Node* node = resolved(path, &where);
     if (!node || node->kind != NodeKind::directory) return std::nullopt;
+    const auto listed = listings_.find(where);
+    if (listed != listings_.end()) return listed->second;
     std::vector<sysfs::SourceEntry> entries;
     const SimTree& tree = hardware_->tree();
     for (const std::string& child : tree.children(where)) {
         const Node* entry = tree.find(where.empty() ? child : where + "/" + child);
         if (entry) entries.push_back({child, kindOf(*entry)});
     }
+    listings_.emplace(where, entries);
     return entries;
 }
 

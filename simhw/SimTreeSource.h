@@ -7,6 +7,9 @@
 
 #include <memory>
 #include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "foundation/core/SysfsMounts.h"
 #include "simhw/SimHardware.h"
@@ -26,10 +29,19 @@ public:
 
 private:
     // The node at `path` after every link, and its resolved path.
-    const Node* resolved(const std::string& path, std::string* where = nullptr) const;
+    const Node* resolved(const std::string& path, std::string* where = nullptr);
 
     std::shared_ptr<SimHardware> hardware_;
     std::mutex& mutex_;
+    // Paths resolved since the tree last changed: the product reads the same few hundred files
+    // every second, and walking the links for each costs more than the rest of the run.
+    struct Resolved {
+        std::string path;
+        const Node* node = nullptr;  // null: nothing there
+    };
+    std::unordered_map<std::string, Resolved> resolved_;
+    std::unordered_map<std::string, std::vector<sysfs::SourceEntry>> listings_;  // by resolved path
+    std::uint64_t generation_ = 0;
 };
 
 }  // namespace kelvo::simhw

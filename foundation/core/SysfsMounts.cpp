@@ -77,7 +77,9 @@ ScopedMount::~ScopedMount() {
 std::optional<MountedPath> findMount(const fs::path& path) {
     MountTable& mounts = table();
     if (mounts.count.load(std::memory_order_acquire) == 0) return std::nullopt;
-    const std::string text = path.generic_string();
+    // The native form as it is (POSIX: the generic one, maybe with doubled slashes, which the
+    // source's own path walk skips), to spare a copy per file read.
+    const std::string& text = path.native();
     std::shared_lock lock(mounts.mutex);
     const Mount* best = nullptr;
     for (const Mount& m : mounts.mounts) {

@@ -1,5 +1,15 @@
 #include "QualityRun.h"
 
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+
 #include "ForesightPlanner.h"
 #include "LimitHoldPolicy.h"
 #include "LinearCurvePolicy.h"
@@ -7,55 +17,193 @@
 #include "SoundLevel.h"
 #include "SteppedHysteresisPolicy.h"
 #include "foundation/control/ControlEngine.h"
+#include "foundation/control/HardwareCapabilityTracker.h"
 #include "foundation/core/EventRing.h"
-#include "foundation/sim/SimulatedFanController.h"
-#include "foundation/sim/SimulatedMachine.h"
-#include "foundation/sim/SimulatedTelemetryProvider.h"
+#include "foundation/core/SysfsMounts.h"
+#include "foundation/fans/HwmonFanService.h"
+#include "foundation/fans/LocalFanController.h"
+#include "foundation/fans/SysfsText.h"
+#include "foundation/store/FanCurveStoreLink.h"
+#include "foundation/store/SQLiteStore.h"
+#include "foundation/telemetry/SystemTelemetryProvider.h"
+#include "simhw/SimHardware.h"
+#include "simhw/SimTreeSource.h"
 
 namespace kelvo::quality {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr Timestamp kStart = 1'700'000'000;
 constexpr double kTickSeconds = 1.0;
+constexpr int kMaxDuty = 255;
 
-struct Rig {
-    std::shared_ptr<sim::SimulatedMachine> machine;
-    std::shared_ptr<SimulatedFanController> fans;
-    std::shared_ptr<SimulatedTelemetryProvider> telemetry;
+// The run's time: every clock the product reads in a run is this one, advanced by the rig.
+struct VirtualClock {
+    Timestamp now = kStart;
 
-    Rig(const MachineProfile& profile, std::uint64_t seed)
-        : machine(std::make_shared<sim::SimulatedMachine>(profile.plant, seed)),
-          fans(std::make_shared<SimulatedFanController>(machine)),
-          telemetry(std::make_shared<SimulatedTelemetryProvider>(machine)) {}
+    std::function<Timestamp()> timestamps() {
+        return [this] { return now; };
+    }
+    FanCurveLearner::Now steady() {
+        return [this] {
+            return FanCurveLearner::Clock::time_point(
+                std::chrono::duration_cast<FanCurveLearner::Clock::duration>(
+                    std::chrono::duration<double>(now - kStart)));
+        };
+    }
 };
 
-// Same duty-to-speed map as the engine: 0 is each fan's minimum, 1 its maximum.
-std::vector<double> targetsFor(const sim::PlantConfig& plant, double duty) {
-    std::vector<double> targets;
-    for (const auto& fan : plant.fans)
-        targets.push_back(fan.minRPM + duty * (fan.maxRPM - fan.minRPM));
-    return targets;
+// A root no real file system path uses, one per rig, so runs never see each other's machine.
+fs::path uniqueRoot() {
+    static std::atomic<unsigned> next{0};
+    return fs::path("/kelvo-quality-sim") /
+           (std::to_string(::getpid()) + "-" + std::to_string(next.fetch_add(1)));
 }
 
-// Drives the trace; `tick` runs the controller for the second that just ended at `now`.
+// One simulated machine, its sysfs tree mounted in-process.
+struct Rig {
+    std::mutex mutex;  // around every use of the hardware, as kelvo-simhw holds one
+    std::shared_ptr<simhw::SimHardware> hardware;
+    sysfs::ScopedMount mount;
+    VirtualClock clock;
+
+    Rig(const MachineProfile& profile, std::uint64_t seed)
+        : hardware(std::make_shared<simhw::SimHardware>(profile.name, profile.plant, seed)),
+          mount(uniqueRoot(), std::make_shared<simhw::SimTreeSource>(hardware, mutex)) {}
+
+    std::string root() const { return mount.root().string(); }
+
+    void step(const LoadLevel& load) {
+        std::lock_guard lock(mutex);
+        hardware->step(kTickSeconds, load.cpu, load.gpu);
+    }
+    sim::PlantState state() {
+        std::lock_guard lock(mutex);
+        return hardware->state();
+    }
+    RunEvidence writes() {
+        std::lock_guard lock(mutex);
+        RunEvidence evidence;
+        for (const simhw::FanChannel& fan : hardware->fans()) {
+            evidence.pwmWrites += fan.pwmWrites;
+            evidence.enableWrites += fan.enableWrites;
+        }
+        return evidence;
+    }
+};
+
+// A profile directory of its own, as a fresh install has: removed when the run ends.
+class FreshProfile {
+public:
+    FreshProfile() {
+        std::string pattern = (fs::temp_directory_path() / "kelvo-quality-XXXXXX").string();
+        if (::mkdtemp(pattern.data())) dir_ = pattern;
+    }
+    ~FreshProfile() {
+        std::error_code ec;
+        if (!dir_.empty()) fs::remove_all(dir_, ec);
+    }
+    FreshProfile(const FreshProfile&) = delete;
+    FreshProfile& operator=(const FreshProfile&) = delete;
+
+    // Empty when no directory could be made: the store then runs in memory, as Kelvo's does
+    // where it cannot write.
+    std::string databasePath() const { return dir_.empty() ? std::string() : dir_ + "/kelvo.db"; }
+
+private:
+    std::string dir_;
+};
+
+// Writes every controllable fan's pwm file as fancontrol-style programs do: manual mode once,
+// then the duty each second. Nothing is written until the first duty.
+class PwmWriter {
+public:
+    explicit PwmWriter(const std::string& root) {
+        for (const HwmonFan& fan : HwmonFanService(root).discover())
+            if (fan.controllable) fans_.push_back(fan);
+    }
+
+    // 0..1 of the fan's range, to the nearest of the 256 pwm steps; below 0 stops the fan
+    // (duty 0). A plan's duty is rounded up instead: the next step up keeps whatever the plan
+    // promised about the temperatures, the one below may not.
+    void write(double duty, bool roundUp = false) {
+        const double steps = std::clamp(duty, 0.0, 1.0) * kMaxDuty;
+        // The tolerance keeps an exact step (0.2 * 255) from rounding up past itself.
+        const auto rounded = roundUp ? std::ceil(steps - 1e-9) : std::round(steps);
+        const int pwm = duty < 0 ? 0 : static_cast<int>(rounded);
+        for (const HwmonFan& fan : fans_) {
+            std::string error;
+            if (!manual_ && !sysfs::writeInteger(fan.pwmEnablePath(), 1, &error)) report(error);
+            if (!sysfs::writeInteger(fan.pwmPath(), pwm, &error)) report(error);
+        }
+        manual_ = true;
+    }
+
+private:
+    void report(const std::string& error) {
+        if (!reported_) std::fprintf(stderr, "control_quality: %s\n", error.c_str());
+        reported_ = true;
+    }
+
+    std::vector<HwmonFan> fans_;
+    bool manual_ = false;
+    bool reported_ = false;
+};
+
+std::shared_ptr<SystemTelemetryProvider> hwmonTelemetry(const std::string& root) {
+    // No NVML for a tree NVML knows nothing of, and no helper: the counters are all readable.
+    return std::make_shared<SystemTelemetryProvider>(
+        SystemTelemetryOptions{root, std::string(), {}});
+}
+
+// Drives the trace: each second the machine runs one second at the trace's load, then `tick`
+// runs the controller at the second's end.
 template <typename Tick>
 RunResult drive(Rig& rig, const MachineProfile& profile, const LoadTrace& trace, Tick&& tick) {
     QualityMetrics metrics(profile.plant);
     RunResult result;
     result.series.reserve(static_cast<std::size_t>(trace.seconds()));
-    Timestamp now = kStart;
-    rig.telemetry->sample(now);  // starts the machine's clock
     for (int second = 0; second < trace.seconds(); ++second) {
         LoadLevel load = trace.at(second);
-        rig.machine->setLoad(load.cpu, load.gpu);
-        now += kTickSeconds;
-        tick(now);
-        sim::PlantState state = rig.machine->state();
+        rig.step(load);
+        rig.clock.now += kTickSeconds;
+        tick(rig.clock.now);
+        sim::PlantState state = rig.state();
         metrics.add(state, load, kTickSeconds);
         result.series.push_back(seriesPoint(profile.plant, state));
     }
     result.row = metrics.result();
+    result.evidence = rig.writes();
+    return result;
+}
+
+// Kelvo as a user runs it on first launch: its telemetry and hwmon back-end, a fresh store
+// holding samples, events and the curves the back-end learns, no fan choices yet, the mode
+// picked before the first tick.
+RunResult runKelvo(Rig& rig, const MachineProfile& machine, const LoadTrace& trace,
+                   ControlMode mode) {
+    const FreshProfile profile;
+    auto store = std::make_shared<SQLiteStore>(profile.databasePath(), rig.clock.timestamps());
+    auto telemetry = hwmonTelemetry(rig.root());
+    auto fans = std::make_shared<LocalFanController>(std::make_shared<HwmonFanService>(rig.root()),
+                                                     rig.clock.steady());
+    attachFanCurveStore(*fans, store);
+    auto ring = std::make_shared<EventRing>(160, 300.0, rig.clock.timestamps());
+    for (auto& event : store->takeStartupEvents()) ring->append(event);
+    RunResult result;
+    {
+        ControlEngine engine(telemetry, fans, store, ring,
+                             std::make_shared<HardwareCapabilityTracker>());
+        engine.setFanChoices({});
+        engine.applyMode(mode);
+        result = drive(rig, machine, trace, [&](Timestamp now) { engine.tick(now); });
+        engine.releaseFans(nullptr);
+    }
+    result.evidence.storedSamples = store->samples(kStart, rig.clock.now + 1).size();
+    for (const HwmonFan& fan : HwmonFanService(rig.root()).discover())
+        if (store->fanCurve(fan.identity)) ++result.evidence.learnedCurves;
     return result;
 }
 
@@ -74,30 +222,27 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
     Rig rig(machine, settings.seed);
     RunResult result;
     if (controller.kelvoMode) {
-        auto ring = std::make_shared<EventRing>(160, 300.0);
-        ControlEngine engine(rig.telemetry, rig.fans, nullptr, ring, nullptr);
-        if (*controller.kelvoMode == ControlMode::quietHybrid)
-            engine.setAdaptiveLeadModel(settings.leadModel);
-        engine.applyMode(*controller.kelvoMode);
-        result = drive(rig, machine, trace, [&](Timestamp now) { engine.tick(now); });
-        engine.releaseFans(nullptr);
+        result = runKelvo(rig, machine, trace, *controller.kelvoMode);
     } else if (controller.plan) {
         const DutyPlan plan = controller.plan(machine, trace, settings);
+        auto telemetry = hwmonTelemetry(rig.root());
+        PwmWriter pwm(rig.root());
         std::size_t second = 0;
         result = drive(rig, machine, trace, [&](Timestamp now) {
-            rig.telemetry->sample(now);
-            const double duty = second < plan.size() ? plan[second] : 1.0;
+            telemetry->sample(now);
+            pwm.write(second < plan.size() ? plan[second] : 1.0, true);
             ++second;
-            rig.fans->setTargets(targetsFor(machine.plant, duty));
         });
     } else if (!controller.makeBaseline) {
         // Nothing writes: the fans stay on the firmware curve the machine starts on.
-        result = drive(rig, machine, trace, [&](Timestamp now) { rig.telemetry->sample(now); });
+        auto telemetry = hwmonTelemetry(rig.root());
+        result = drive(rig, machine, trace, [&](Timestamp now) { telemetry->sample(now); });
     } else {
         auto policy = controller.makeBaseline();
+        auto telemetry = hwmonTelemetry(rig.root());
+        PwmWriter pwm(rig.root());
         result = drive(rig, machine, trace, [&](Timestamp now) {
-            TelemetrySample sample = rig.telemetry->sample(now);
-            rig.fans->setTargets(targetsFor(machine.plant, policy->duty(sample, kTickSeconds)));
+            pwm.write(policy->duty(telemetry->sample(now), kTickSeconds));
         });
     }
     result.row.machine = machine.name;
@@ -107,11 +252,18 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
 }
 
 std::vector<ControllerSpec> standardControllers() {
+    constexpr const char* kKelvoStack =
+        "Kelvo as first launched: hwmon telemetry, pwm writes through its local fan back-end, "
+        "a fresh store (no learned curves, no fan choices)";
     std::vector<ControllerSpec> controllers = {
         {"firmware", std::nullopt, {}, {}, "the machine's own curve, nothing written"},
-        {"quiet", ControlMode::quiet, {}, {}, {}},
-        {"quietHybrid", ControlMode::quietHybrid, {}, {}, {}},
-        {"performance", ControlMode::performance, {}, {}, {}},
+        {"quiet", ControlMode::quiet, {}, {}, kKelvoStack},
+        {"quietHybrid",
+         ControlMode::quietHybrid,
+         {},
+         {},
+         std::string(kKelvoStack) + "; no lead model, as a fresh install has none"},
+        {"performance", ControlMode::performance, {}, {}, kKelvoStack},
         {"linear-curve",
          std::nullopt,
          [] { return std::make_unique<LinearCurvePolicy>(); },

@@ -1,6 +1,8 @@
-// Runs one controller through one trace on one simulated machine, in virtual time: Kelvo's modes
-// through the real ControlEngine tick, the baselines through the same telemetry provider and fan
-// back-end, one tick a second.
+// Runs one controller through one trace on one simulated machine, in virtual time, one tick a
+// second. The machine is kelvo-simhw's: its sysfs tree mounted in-process (no FUSE) under a root
+// of its own. Kelvo's modes run the application's own stack on it: the hwmon telemetry provider,
+// the local fan back-end writing pwm files, a fresh store. The baselines read the same telemetry
+// and write pwm files as fancontrol-style programs do.
 #pragma once
 
 #include <cstdint>
@@ -44,15 +46,23 @@ struct SeriesPoint {
 // One second of a run as the charts and series files show it.
 SeriesPoint seriesPoint(const sim::PlantConfig& plant, const sim::PlantState& state);
 
+// What a run did to the machine and, for Kelvo's modes, what landed in its store: shows that
+// the run went through the files a user's Kelvo reads and writes.
+struct RunEvidence {
+    long pwmWrites = 0;             // accepted pwmN writes, every fan
+    long enableWrites = 0;          // accepted pwmN_enable writes, every fan
+    std::size_t storedSamples = 0;  // telemetry rows in the run's store
+    std::size_t learnedCurves = 0;  // fans with a learned curve in the run's store
+};
+
 struct RunResult {
     QualityRow row;
     std::vector<SeriesPoint> series;  // one point per second
+    RunEvidence evidence;
 };
 
 struct RunSettings {
     std::uint64_t seed = 1;
-    // Given to the engine in quietHybrid (the model the application restores from its captures).
-    std::optional<AdaptiveLeadModel> leadModel;
 };
 
 RunResult runController(const MachineProfile& machine, const LoadTrace& trace,

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "LeadCalibration.h"
 #include "MachineProfile.h"
 #include "QualityRun.h"
 #include "ReportWriter.h"
@@ -194,7 +193,7 @@ void writeSeries(const std::string& path, const std::vector<SeriesPoint>& series
 }
 
 void printSetup(const std::vector<ControllerSpec>& controllers) {
-    std::cout << "Baselines and reference:\n";
+    std::cout << "Controllers:\n";
     for (const auto& controller : controllers)
         if (controller.makeBaseline)
             std::cout << "  " << controller.name << ": " << controller.makeBaseline()->parameters()
@@ -207,11 +206,7 @@ std::vector<QualityRow> runMachine(const MachineProfile& machine,
                                    const std::vector<LoadTrace>& traces,
                                    const std::vector<ControllerSpec>& controllers,
                                    const Options& options) {
-    RunSettings settings{options.seed, calibrateLeadModel(machine, options.seed)};
-    if (settings.leadModel)
-        std::printf("%s: quietHybrid lead model: utilisation >= %.0f%%, lead %.0f s\n",
-                    machine.name.c_str(), settings.leadModel->utilizationThresholdPct,
-                    settings.leadModel->averageLeadMs / 1000);
+    const RunSettings settings{options.seed};
     std::vector<QualityRow> rows;
     for (const auto& trace : traces) {
         SvgChart chart(machine.name + " / " + trace.name(), 88, 85);

@@ -67,10 +67,18 @@ TEST(ForesightPlanner, PredictsTheRunSecondForSecond) {
 
     const RunResult run = runController(machine, trace, playing(outcome.plan), RunSettings{});
     ASSERT_EQ(run.series.size(), outcome.predicted.size());
+    // The plan is played as pwm bytes, each duty rounded up to the next of 256 steps: the fans
+    // run at most one step faster than planned, and the dies are never warmer than predicted.
+    double step = 0;
+    for (const auto& fan : machine.plant.fans)
+        step = std::max(step, (fan.maxRPM - fan.minRPM) / 255);
     for (std::size_t k = 0; k < run.series.size(); ++k) {
-        EXPECT_EQ(run.series[k].cpuC, outcome.predicted[k].cpuTemperatureC) << k;
-        EXPECT_EQ(run.series[k].gpuC, outcome.predicted[k].gpuTemperatureC) << k;
-        EXPECT_EQ(run.series[k].rpm, meanRpm(outcome.predicted[k])) << k;
+        EXPECT_LE(run.series[k].cpuC, outcome.predicted[k].cpuTemperatureC + 1e-9) << k;
+        EXPECT_NEAR(run.series[k].cpuC, outcome.predicted[k].cpuTemperatureC, 0.25) << k;
+        EXPECT_LE(run.series[k].gpuC, outcome.predicted[k].gpuTemperatureC + 1e-9) << k;
+        EXPECT_NEAR(run.series[k].gpuC, outcome.predicted[k].gpuTemperatureC, 0.25) << k;
+        EXPECT_GE(run.series[k].rpm, meanRpm(outcome.predicted[k]) - 1e-6) << k;
+        EXPECT_LE(run.series[k].rpm, meanRpm(outcome.predicted[k]) + step) << k;
     }
 }
 

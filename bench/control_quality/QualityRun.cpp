@@ -224,19 +224,17 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
     if (controller.kelvoMode) {
         result = runKelvo(rig, machine, trace, *controller.kelvoMode);
     } else if (controller.plan) {
+        // The plan needs no telemetry: it knows the machine and the whole trace already.
         const DutyPlan plan = controller.plan(machine, trace, settings);
-        auto telemetry = hwmonTelemetry(rig.root());
         PwmWriter pwm(rig.root());
         std::size_t second = 0;
-        result = drive(rig, machine, trace, [&](Timestamp now) {
-            telemetry->sample(now);
+        result = drive(rig, machine, trace, [&](Timestamp) {
             pwm.write(second < plan.size() ? plan[second] : 1.0, true);
             ++second;
         });
     } else if (!controller.makeBaseline) {
-        // Nothing writes: the fans stay on the firmware curve the machine starts on.
-        auto telemetry = hwmonTelemetry(rig.root());
-        result = drive(rig, machine, trace, [&](Timestamp now) { telemetry->sample(now); });
+        // Nothing reads or writes: the fans stay on the firmware curve the machine starts on.
+        result = drive(rig, machine, trace, [](Timestamp) {});
     } else {
         auto policy = controller.makeBaseline();
         auto telemetry = hwmonTelemetry(rig.root());

@@ -8,6 +8,7 @@
 #include "LoadTrace.h"
 #include "MachineProfile.h"
 #include "QualityRun.h"
+#include "foundation/store/SQLiteStore.h"
 
 namespace kelvo::quality {
 namespace {
@@ -51,9 +52,11 @@ TEST(ProductPath, KelvoDrivesTheFansThroughHwmonAndFillsAFreshStore) {
         const RunResult run = runController(machine, warmUp(), named(mode), RunSettings{});
         EXPECT_GT(run.evidence.enableWrites, 0);
         EXPECT_GT(run.evidence.pwmWrites, 0);
-        // The engine stores a sample every ten seconds of the run's virtual time.
-        EXPECT_GE(run.evidence.storedSamples, static_cast<std::size_t>(kSeconds / 10 - 2));
-        EXPECT_LE(run.evidence.storedSamples, static_cast<std::size_t>(kSeconds / 10 + 1));
+        // The engine stores a sample at the store's spacing of the run's virtual time.
+        const auto expected =
+            static_cast<std::size_t>(kSeconds / SQLiteStore::kSampleSpacingSeconds);
+        EXPECT_GE(run.evidence.storedSamples, expected - 2);
+        EXPECT_LE(run.evidence.storedSamples, expected + 1);
     }
 }
 

@@ -39,8 +39,9 @@ std::string rootKey(const fs::path& root) {
     return key;
 }
 
-std::string trimmedSlashes(std::string text) {
-    const auto first = text.find_first_not_of('/');
+// text[from...] without leading and trailing slashes.
+std::string trimmedSlashes(const std::string& text, std::size_t from) {
+    const auto first = text.find_first_not_of('/', from);
     if (first == std::string::npos) return {};
     const auto last = text.find_last_not_of('/');
     return text.substr(first, last - first + 1);
@@ -89,8 +90,7 @@ std::optional<MountedPath> findMount(const fs::path& path) {
         if (covers && (!best || m.root.size() > best->root.size())) best = &m;
     }
     if (!best) return std::nullopt;
-    return MountedPath{best->source, trimmedSlashes(text.substr(best->root.size())),
-                       fs::path(best->root)};
+    return MountedPath{best->source, trimmedSlashes(text, best->root.size()), best->root.size()};
 }
 
 std::optional<std::string> readFileText(const fs::path& path, std::size_t limit) {
@@ -164,7 +164,8 @@ std::optional<fs::path> canonicalPath(const fs::path& path) {
     if (auto mounted = findMount(path)) {
         auto resolved = mounted->source->canonical(mounted->relative);
         if (!resolved) return std::nullopt;
-        return resolved->empty() ? mounted->root : mounted->root / *resolved;
+        const fs::path root(path.native().substr(0, mounted->rootLength));
+        return resolved->empty() ? root : root / *resolved;
     }
     std::error_code ec;
     fs::path resolved = fs::canonical(path, ec);

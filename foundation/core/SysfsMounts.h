@@ -62,7 +62,7 @@ private:
 struct MountedPath {
     std::shared_ptr<FileSource> source;
     std::string relative;
-    std::filesystem::path root;
+    std::size_t rootLength = 0;  // the mount root is the path's first rootLength characters
 };
 std::optional<MountedPath> findMount(const std::filesystem::path& path);
 

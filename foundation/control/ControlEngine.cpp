@@ -465,7 +465,7 @@ ControlSnapshot ControlEngine::tick(Timestamp now) {
     readFans(snap.sample);
     if (tracker_) tracker_->observe(snap.sample);
 
-    followCalibrations();
+    followCalibrations(now);
     updateCooldown(snap.sample);
     snap.decision = controlStep(snap.sample, dt);
     // Without Kelvo's targets every fan is the firmware's, stopped or not.

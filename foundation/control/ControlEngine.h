@@ -104,7 +104,7 @@ private:
     void noticeStalledFans(Timestamp now);
     // Replaces the targets of fans that may stand still now with kFanStopRPM.
     void applyFanStops(std::vector<double>& targets, double duty, const TelemetrySample& sample);
-    void followCalibrations();
+    void followCalibrations(Timestamp now);
     bool calibrating(const std::string& fan) const;
     void noticeFansComingAndGoing();
     void noticeLostFans();
@@ -156,6 +156,7 @@ private:
     // Calibrations asked for through Kelvo, with the last quarter of progress reported.
     std::map<std::string, int> calibrationQuarters_;
     std::map<std::string, FanCalibrationStatus> calibrations_;
+    std::map<std::string, Timestamp> calibrationEnded_;       // a stall waits for the start kick
     std::map<std::string, std::deque<Timestamp>> takebacks_;  // by fan, inside the window
     std::optional<std::set<std::string>> knownFans_;          // none until the first read
     bool blind_ = false;

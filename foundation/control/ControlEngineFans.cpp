@@ -32,11 +32,14 @@ void ControlEngine::noticeStalledFans(Timestamp now) {
     for (const auto& fan : lastFans_) {
         const bool driven = fan.targetRPM > 0 && !leftToFirmware_.contains(fan.name);
         const auto restarted = stopGate_.restartedAt(fan.name);
+        const auto calibrated = calibrationEnded_.find(fan.name);
         // A fan told to stand still reads 0 on purpose, one being calibrated goes through a
-        // stop, and one just started again is still being kicked.
+        // stop, and one just started again (after a stop or a calibration) is still being kicked.
         const bool stillOnPurpose = fan.stopCommanded || isFanStopTarget(fan.targetRPM) ||
                                     stopGate_.isStopped(fan.name) || calibrating(fan.name) ||
-                                    (restarted && now - *restarted < kRestartKickSeconds);
+                                    (restarted && now - *restarted < kRestartKickSeconds) ||
+                                    (calibrated != calibrationEnded_.end() &&
+                                     now - calibrated->second < kRestartKickSeconds);
         if (!driven || stillOnPurpose || !isReadableRPM(fan.currentRPM) || fan.currentRPM > 0) {
             stalledTicks_.erase(fan.name);
             continue;
@@ -112,7 +115,7 @@ bool ControlEngine::requestFanCalibration(const std::string& identity) {
     return false;
 }
 
-void ControlEngine::followCalibrations() {
+void ControlEngine::followCalibrations(Timestamp now) {
     FanCurveLearning* learning = fans_->curveLearning();
     for (auto it = calibrationQuarters_.begin(); it != calibrationQuarters_.end();) {
         const std::string& fan = it->first;
@@ -140,6 +143,7 @@ void ControlEngine::followCalibrations() {
         record((ok ? "Calibration of " + fan + " finished" : "Calibration of " + fan + " failed") +
                    detail,
                !ok);
+        calibrationEnded_[fan] = now;
         it = calibrationQuarters_.erase(it);
     }
 }

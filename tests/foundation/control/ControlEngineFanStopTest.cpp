@@ -317,6 +317,20 @@ TEST(ControlEngineFanStop, CalibrationSaysWhatItDoesThenReportsEachQuarterAndThe
     EXPECT_EQ(snap.calibrations.at(kTurns).succeeded, true);
 }
 
+TEST(ControlEngineFanStop, AFanLeftStillByItsCalibrationGetsItsStartKickThenCountsAsAStall) {
+    StopRig rig;
+    ASSERT_TRUE(rig.engine->requestFanCalibration(kTurns));
+    rig.fans->setSpins(kTurns, false);  // it reads 0 throughout, and after
+    for (int i = 0; i < 30; ++i) rig.tick();
+    EXPECT_EQ(rig.count("Fan stalled"), 0);  // a calibration goes through a stop
+    FanCalibrationStatus done;
+    done.succeeded = true;
+    rig.fans->setCalibration(kTurns, done);
+    for (int i = 0; i < 8; ++i) rig.tick();
+    EXPECT_EQ(rig.count("Fan stalled"), 0);
+    ASSERT_TRUE(rig.tickUntil([&] { return rig.count("Fan stalled (" + kTurns) == 1; }, 60));
+}
+
 TEST(ControlEngineFanStop, AFailedCalibrationIsAFailureEvent) {
     StopRig rig;
     ASSERT_TRUE(rig.engine->requestFanCalibration(kStops));

@@ -146,6 +146,16 @@ TEST(LiveDashboardStoreTest, FirstSnapshotUpdatesCardsAndTrend) {
     EXPECT_EQ(store.lastCardRefreshAt(), t0);
 }
 
+TEST(LiveDashboardStoreTest, AStoppedFanCountsAsZeroInThePreviewNotAsMinusOne) {
+    LiveDashboardStore store;
+    LiveSnapshot snapshot = snapshotAt(t0);
+    snapshot.previewActive = true;
+    snapshot.previewDecision = decisionWithTargets({kFanStopRPM, 2000, 0});
+    store.ingest(snapshot);
+    ASSERT_EQ(store.previewHistory().size(), 1u);
+    EXPECT_EQ(store.previewHistory().front(), (PreviewFanTrendPoint{t0, 1000}));
+}
+
 TEST(LiveDashboardStoreTest, TrendUpdateAloneLeavesCardsAndEventsAsTheyWere) {
     LiveDashboardStore store;
     LiveSnapshot first = snapshotAt(t0, 60);

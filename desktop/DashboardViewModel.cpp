@@ -49,15 +49,18 @@ QString fanName(const TelemetrySample& sample, std::size_t i) {
 QString fanSpeeds(const TelemetrySample& sample) {
     if (sample.fanCurrentRPM.empty()) return QStringLiteral("—");
     QStringList parts;
+    bool anySpeed = false;
     for (std::size_t i = 0; i < sample.fanCurrentRPM.size(); ++i) {
         const double rpm = sample.fanCurrentRPM[i];
         // A fan Kelvo holds still reads 0 on purpose: say so rather than "0".
-        if (i < sample.fanTargetRPM.size() && isFanStopTarget(sample.fanTargetRPM[i]))
+        if (i < sample.fanTargetRPM.size() && isFanStopTarget(sample.fanTargetRPM[i])) {
             parts << QStringLiteral("stopped");
-        else
-            parts << (isReadableRPM(rpm) ? QString::number(rpm, 'f', 0) : QStringLiteral("—"));
+            continue;
+        }
+        anySpeed = true;
+        parts << (isReadableRPM(rpm) ? QString::number(rpm, 'f', 0) : QStringLiteral("—"));
     }
-    return parts.join(QStringLiteral(" / ")) + QStringLiteral(" RPM");
+    return parts.join(QStringLiteral(" / ")) + (anySpeed ? QStringLiteral(" RPM") : QString());
 }
 
 // A target as people read it: an RPM, "stopped" (Kelvo holds it still) or the firmware's.

@@ -121,8 +121,9 @@ TEST_F(FansPane, TheStopSwitchSaysWhyItIsOffLimitsAndCalibrateReachesTheEngine) 
               fan.value("stopWhenCool").toBool());
     EXPECT_EQ(item("fans-stop-note-" + n)->property("text").toString(),
               fan.value("stopNote").toString());
-    if (!fan.value("stopAvailable").toBool())
+    if (!fan.value("stopAvailable").toBool()) {
         EXPECT_FALSE(fan.value("stopNote").toString().isEmpty());
+    }
     EXPECT_TRUE(item("fans-calibration-text-" + n)->property("text").toString().contains("loud"));
     EXPECT_FALSE(item("fans-calibration-progress-" + n)->isVisible());
     // The button reaches the engine on the loop: it records what it does, or why it cannot.

@@ -352,13 +352,14 @@ TEST(LiveDashboardStoreTest, EachVisibleTrendUpdateBumpsTheRevisionOnce) {
 
 // ----- Preview -------------------------------------------------------------------------------
 
-TEST(LiveDashboardStoreTest, PreviewPointAveragesOnlyPositiveTargets) {
+TEST(LiveDashboardStoreTest, PreviewPointAveragesTheDrivenTargets) {
     const auto point = LiveDashboardStore::previewPoint(t0, decisionWithTargets({0, 2000, 3000}));
     ASSERT_TRUE(point);
     EXPECT_EQ(point->timestamp, t0);
     EXPECT_EQ(point->averageRPM, 2500);
+    // A negative target is a stop: a fan held at 0 rpm, not one left out.
     EXPECT_EQ(LiveDashboardStore::previewPoint(t0, decisionWithTargets({-100, 1000}))->averageRPM,
-              1000);
+              500);
     EXPECT_FALSE(LiveDashboardStore::previewPoint(t0, std::nullopt));
     EXPECT_FALSE(LiveDashboardStore::previewPoint(t0, decisionWithTargets({0, 0, 0})));
     EXPECT_FALSE(LiveDashboardStore::previewPoint(t0, decisionWithTargets({})));

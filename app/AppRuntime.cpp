@@ -86,6 +86,12 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
             });
         },
         this);
+    // A calibration the user asked for (the pane, or kelvoctl through the settings): the engine
+    // records what it does and how it goes.
+    fanSettings_->setCalibrate([this](const std::string& identity) {
+        loopCall(*controlLoop_,
+                 [identity](ControlEngine& e) { e.requestFanCalibration(identity); });
+    });
     // Accepted without --allow-external-control: the signal only makes Kelvo re-read the user's
     // own settings file, which the sender could have edited anyway.
     fanSettingsWatch_ = new ExternalControlBridge(this);
@@ -333,7 +339,7 @@ QCoro::Task<> AppRuntime::handleSnapshot(std::shared_ptr<const ControlSnapshot> 
         if (!self) co_return;
         capture_->updateProfilingClock(snapshot.sample.timestamp);
     }
-    fanSettings_->updateSpeeds(snapshot.sample);
+    fanSettings_->updateFromSnapshot(snapshot);
     const auto events = eventRing_->recent(kEventReadLimit);
     if (!live_->shouldRefresh(snapshot.sample.timestamp)) {
         handleAlertsThrough(events);

@@ -38,7 +38,25 @@ FanSettingsModel::FanSettingsModel(QSettings* settings, std::string sysRoot, App
     readLabels();
     choices_ = fan_settings::readChoices(*settings_);
     limits_ = fan_settings::readLimits(*settings_, critical_);
+    // A request left from before this start is old news: only later ones are acted on.
+    handledRequest_ = fan_settings::readCalibrationRequest(*settings_);
     rebuild();
+}
+
+QString FanSettingsModel::calibrationNote() {
+    return QStringLiteral(
+        "Runs the fan from full speed down to its lowest speed and to a stop where it stops, "
+        "one held step at a time; it takes a few minutes and the fan will be loud for part of "
+        "it.");
+}
+
+FanState FanSettingsModel::stateOf(const std::string& identity) const {
+    FanState state;
+    if (auto it = states_.find(identity); it != states_.end()) state = it->second;
+    state.name = identity;
+    if (auto it = labels_.find(identity); it != labels_.end() && !it->second.empty())
+        state.label = it->second;
+    return state;
 }
 
 void FanSettingsModel::readLabels() {
@@ -56,8 +74,10 @@ FanChoices FanSettingsModel::engineChoices() const {
         FanState fan;
         fan.name = identity;
         fan.label = label;
-        if (!result.contains(identity) && isPumpChannel(label, driverOfIdentity(identity)))
-            result[identity] = effectiveFanChoice(fan, {});
+        if (!isPumpChannel(label, driverOfIdentity(identity))) continue;
+        if (!result.contains(identity)) result[identity] = effectiveFanChoice(fan, {});
+        // The engine may not see the label (the helper's list has none): a pump never stops.
+        result[identity].stopWhenCool = false;
     }
     return result;
 }
@@ -69,9 +89,7 @@ void FanSettingsModel::applyToEngine() const {
 void FanSettingsModel::rebuild() {
     QVariantList fans;
     for (const std::string& name : names_) {
-        FanState state;
-        state.name = name;
-        if (auto it = labels_.find(name); it != labels_.end()) state.label = it->second;
+        const FanState state = stateOf(name);
         const FanChoice choice = effectiveFanChoice(state, choices_);
         const auto rpm = rpm_.find(name);
         QVariantMap entry;
@@ -85,7 +103,43 @@ void FanSettingsModel::rebuild() {
         entry.insert(QStringLiteral("fixedPercent"), choice.fixedPercent);
         entry.insert(QStringLiteral("minimumPercent"), choice.minimumPercent);
         entry.insert(QStringLiteral("text"), QString::fromStdString(formatFanChoice(choice)));
-        entry.insert(QStringLiteral("pump"), isPumpChannel(state.label, driverOfIdentity(name)));
+        const bool pump = isPumpChannel(state.label, driverOfIdentity(name));
+        entry.insert(QStringLiteral("pump"), pump);
+        const bool knownToStop = state.canStop || state.firmwareStops;
+        const std::string blocker = fanStopBlocker(state, choice);
+        QString stopNote;
+        if (pump)
+            stopNote = QStringLiteral("A pump never stops.");
+        else if (!knownToStop)
+            stopNote = QStringLiteral(
+                "Kelvo has not seen this fan stand still; calibrate it to find out whether it "
+                "can stop.");
+        else if (!blocker.empty())
+            stopNote = QStringLiteral("No stop while %1.").arg(QString::fromStdString(blocker));
+        entry.insert(QStringLiteral("stopWhenCool"), fanStopWanted(state, choice));
+        entry.insert(QStringLiteral("stopAvailable"), !pump && knownToStop);
+        entry.insert(QStringLiteral("stopNote"), stopNote);
+        entry.insert(QStringLiteral("stopped"), stopped_.contains(name));
+        const auto calibration = calibrations_.find(name);
+        const bool running = calibration != calibrations_.end() && calibration->second.running;
+        QString calibrationText;
+        if (running) {
+            calibrationText = QStringLiteral("Calibrating: %1 %, about %2 s left")
+                                  .arg(std::lround(calibration->second.progress * 100))
+                                  .arg(std::lround(calibration->second.secondsLeft));
+        } else if (calibration != calibrations_.end() && calibration->second.succeeded) {
+            calibrationText =
+                (*calibration->second.succeeded ? QStringLiteral("Calibrated")
+                                                : QStringLiteral("Calibration failed"));
+            if (!calibration->second.message.empty())
+                calibrationText +=
+                    QStringLiteral(": ") + QString::fromStdString(calibration->second.message);
+        }
+        entry.insert(QStringLiteral("calibrating"), running);
+        entry.insert(QStringLiteral("calibrationProgress"),
+                     running ? std::clamp(calibration->second.progress, 0.0, 1.0) : 0.0);
+        entry.insert(QStringLiteral("calibrationText"), calibrationText);
+        entry.insert(QStringLiteral("calibrationNote"), calibrationNote());
         fans.push_back(entry);
     }
     if (fans != fans_) {
@@ -115,11 +169,33 @@ bool FanSettingsModel::store(const std::string& identity, const FanChoice& choic
     return true;
 }
 
+bool FanSettingsModel::setStopWhenCool(const QString& identity, bool stop) {
+    const std::string id = identity.toStdString();
+    const FanState state = stateOf(id);
+    if (isPumpChannel(state.label, driverOfIdentity(id))) return false;
+    auto choice =
+        parseFanChoice(stop ? "stop on" : "stop off", effectiveFanChoice(state, choices_));
+    return choice && store(id, *choice);
+}
+
+bool FanSettingsModel::calibrate(const QString& identity) {
+    const std::string id = identity.toStdString();
+    if (!calibrate_ || std::find(names_.begin(), names_.end(), id) == names_.end()) return false;
+    calibrate_(id);
+    return true;
+}
+
+void FanSettingsModel::takeCalibrationRequest() {
+    auto request = fan_settings::readCalibrationRequest(*settings_);
+    if (!request || request == handledRequest_) return;
+    handledRequest_ = request;
+    // The engine says what comes of it (an unknown fan included) in its events.
+    if (calibrate_) calibrate_(request->identity);
+}
+
 bool FanSettingsModel::setChoice(const QString& identity, const QString& kind, double percent) {
     const std::string id = identity.toStdString();
-    FanState state;
-    state.name = id;
-    if (auto it = labels_.find(id); it != labels_.end()) state.label = it->second;
+    const FanState state = stateOf(id);
     FanChoice base = effectiveFanChoice(state, choices_);
     QString text = kind;
     if (kind == QLatin1String("fixed")) text += QLatin1Char(' ') + QString::number(percent);
@@ -129,9 +205,7 @@ bool FanSettingsModel::setChoice(const QString& identity, const QString& kind, d
 
 bool FanSettingsModel::setMinimum(const QString& identity, double percent) {
     const std::string id = identity.toStdString();
-    FanState state;
-    state.name = id;
-    if (auto it = labels_.find(id); it != labels_.end()) state.label = it->second;
+    const FanState state = stateOf(id);
     auto choice = parseFanChoice("min " + QString::number(percent).toStdString(),
                                  effectiveFanChoice(state, choices_));
     return choice && store(id, *choice);
@@ -169,6 +243,14 @@ void FanSettingsModel::reload() {
     }
     rebuild();
     applyToEngine();
+    takeCalibrationRequest();
+}
+
+void FanSettingsModel::updateFromSnapshot(const ControlSnapshot& snapshot) {
+    for (const FanState& fan : snapshot.fans) states_[fan.name] = fan;
+    stopped_ = snapshot.stoppedFans;
+    calibrations_ = snapshot.calibrations;
+    updateSpeeds(snapshot.sample);
 }
 
 void FanSettingsModel::updateSpeeds(const TelemetrySample& sample) {

@@ -8,9 +8,13 @@
 #include <QVariantList>
 #include <functional>
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "app_common/FanSettings.h"
+#include "foundation/control/ControlEngine.h"
 #include "foundation/control/UserLimits.h"
 #include "foundation/core/FanChoices.h"
 #include "foundation/core/Types.h"
@@ -20,7 +24,10 @@ namespace kelvo {
 class FanSettingsModel : public QObject {
     Q_OBJECT
     // Each entry: identity, label, title, rpm (-1 when unreadable), choice ("auto", "firmware",
-    // "fixed"), fixedPercent, minimumPercent, text (as kelvoctl shows it), pump.
+    // "fixed"), fixedPercent, minimumPercent, text (as kelvoctl shows it), pump; stopWhenCool,
+    // stopAvailable, stopNote (why the switch is off limits, or what stands in its way), stopped
+    // (Kelvo holds it still now); calibrating, calibrationProgress (0-1),
+    // calibrationText (progress or the last result), calibrationNote (what calibrating does).
     Q_PROPERTY(QVariantList fans READ fans NOTIFY fansChanged)
     Q_PROPERTY(double cpuQuietLimit READ cpuQuietLimit NOTIFY limitsChanged)
     Q_PROPERTY(double gpuQuietLimit READ gpuQuietLimit NOTIFY limitsChanged)
@@ -29,6 +36,7 @@ class FanSettingsModel : public QObject {
     Q_PROPERTY(bool paneOpen READ paneOpen WRITE setPaneOpen NOTIFY paneOpenChanged)
 public:
     using Apply = std::function<void(const FanChoices&, const UserLimits&)>;
+    using Calibrate = std::function<void(const std::string& identity)>;
 
     FanSettingsModel(QSettings* settings, std::string sysRoot, Apply apply,
                      QObject* parent = nullptr);
@@ -50,13 +58,23 @@ public:
     // kind: "auto", "firmware" or "fixed" (with `percent`). False when refused.
     Q_INVOKABLE bool setChoice(const QString& identity, const QString& kind, double percent = 0);
     Q_INVOKABLE bool setMinimum(const QString& identity, double percent);
+    // The "Stop when cool" switch. False when refused (an unknown fan, a pump).
+    Q_INVOKABLE bool setStopWhenCool(const QString& identity, bool stop);
+    // Asks the engine to calibrate the fan; the engine's events say how it goes.
+    Q_INVOKABLE bool calibrate(const QString& identity);
+    void setCalibrate(Calibrate calibrate) { calibrate_ = std::move(calibrate); }
+    // What calibrating does, for the pane and kelvoctl.
+    static QString calibrationNote();
     // which: "cpu", "gpu" or "performance". False, with limitMessage saying why, when refused.
     Q_INVOKABLE bool setLimit(const QString& which, double valueC);
-    // Re-reads the settings file (kelvoctl changed it) and hands the result to the engine.
+    // Re-reads the settings file (kelvoctl changed it) and hands the result to the engine; a
+    // calibration request kelvoctl left there that has not been acted on goes to the engine.
     Q_INVOKABLE void reload();
     void applyToEngine() const;
 
     void updateSpeeds(const TelemetrySample& sample);
+    // Speeds plus what each fan can do, which Kelvo stopped, and the calibrations' progress.
+    void updateFromSnapshot(const ControlSnapshot& snapshot);
 
 signals:
     void fansChanged();
@@ -69,6 +87,8 @@ private:
     void rebuild();
     void setLimitMessage(const QString& message);
     bool store(const std::string& identity, const FanChoice& choice);
+    FanState stateOf(const std::string& identity) const;
+    void takeCalibrationRequest();
 
     QSettings* settings_;
     std::string sysRoot_;
@@ -79,6 +99,11 @@ private:
     std::map<std::string, std::string> labels_;  // identity → hwmon label
     std::vector<std::string> names_;             // the fans in display order
     std::map<std::string, double> rpm_;
+    std::map<std::string, FanState> states_;  // as the back-end last reported each fan
+    std::set<std::string> stopped_;
+    std::map<std::string, FanCalibrationStatus> calibrations_;
+    Calibrate calibrate_;
+    std::optional<fan_settings::CalibrationRequest> handledRequest_;
     QVariantList fans_;
     QString limitMessage_;
     bool paneOpen_ = false;

@@ -10,6 +10,8 @@
 #include <set>
 #include <stdexcept>
 
+#include "foundation/core/FanController.h"
+
 namespace kelvo {
 
 namespace {
@@ -145,11 +147,18 @@ void MetricsExporter::updateFans(const ControlSnapshot& snapshot) {
         std::optional<double> rpm = at(sample.fanCurrentRPM);
         if (rpm && !isReadableRPM(*rpm)) rpm.reset();
         std::optional<double> target = at(sample.fanTargetRPM);
-        if (target && *target <= 0) target.reset();  // the firmware drives it
+        // Kelvo holds the fan still: a target of 0 rpm at no duty.
+        const bool stopped = target && isFanStopTarget(*target);
+        if (stopped)
+            target = 0;
+        else if (target && *target <= 0)
+            target.reset();  // the firmware drives it
         std::optional<double> duty;
         const auto min = at(sample.fanMinRPM);
         const auto max = at(sample.fanMaxRPM);
-        if (target && min && max && *max > *min)
+        if (stopped)
+            duty = 0;
+        else if (target && min && max && *max > *min)
             duty = std::clamp((*target - *min) / (*max - *min), 0.0, 1.0);
         setOrRemove(*fanRpm_, series.rpm, labels, rpm);
         setOrRemove(*fanTarget_, series.target, labels, target);

@@ -52,4 +52,17 @@ void writeLimit(QSettings& settings, UserLimitKind kind, double valueC) {
     settings.sync();
 }
 
+std::optional<CalibrationRequest> readCalibrationRequest(QSettings& settings) {
+    const QString text = settings.value(calibrationRequestKey).toString().trimmed();
+    const qsizetype space = text.indexOf(QLatin1Char(' '));
+    if (space <= 0 || space + 1 >= text.size()) return std::nullopt;
+    return CalibrationRequest{text.left(space), text.mid(space + 1).trimmed().toStdString()};
+}
+
+void writeCalibrationRequest(QSettings& settings, const CalibrationRequest& request) {
+    settings.setValue(calibrationRequestKey,
+                      request.id + QLatin1Char(' ') + QString::fromStdString(request.identity));
+    settings.sync();
+}
+
 }  // namespace kelvo::fan_settings

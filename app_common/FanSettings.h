@@ -3,6 +3,7 @@
 
 #include <QSettings>
 #include <QString>
+#include <optional>
 #include <string>
 
 #include "foundation/control/UserLimits.h"
@@ -11,11 +12,22 @@
 namespace kelvo::fan_settings {
 
 // A JSON object: fan identity → "auto" | "firmware" | "fixed N", each optionally followed by
-// " min N".
+// " min N" and " stop on" / " stop off".
 inline constexpr const char* choicesKey = "kelvo.fans.choices";
 inline constexpr const char* cpuQuietKey = "kelvo.limits.cpuQuietC";
 inline constexpr const char* gpuQuietKey = "kelvo.limits.gpuQuietC";
 inline constexpr const char* performanceTargetKey = "kelvo.limits.performanceTargetC";
+// kelvoctl's latest "calibrate this fan": "<request id> <fan identity>". A running Kelvo acts on
+// each request id once, when FanSettingsChanged tells it to look.
+inline constexpr const char* calibrationRequestKey = "kelvo.fans.calibrationRequest";
+
+struct CalibrationRequest {
+    QString id;
+    std::string identity;
+    bool operator==(const CalibrationRequest&) const = default;
+};
+std::optional<CalibrationRequest> readCalibrationRequest(QSettings& settings);
+void writeCalibrationRequest(QSettings& settings, const CalibrationRequest& request);
 
 // Entries that do not parse are skipped: a hand-edited file must not stop Kelvo.
 FanChoices readChoices(QSettings& settings);

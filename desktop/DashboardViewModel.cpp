@@ -6,6 +6,7 @@
 #include "app/AppPresentationStore.h"
 #include "app/AppRuntime.h"
 #include "desktop/AccessibilitySlug.h"
+#include "foundation/core/FanController.h"
 #include "live/LiveDashboardStore.h"
 
 namespace kelvo {
@@ -48,9 +49,25 @@ QString fanName(const TelemetrySample& sample, std::size_t i) {
 QString fanSpeeds(const TelemetrySample& sample) {
     if (sample.fanCurrentRPM.empty()) return QStringLiteral("—");
     QStringList parts;
-    for (double rpm : sample.fanCurrentRPM)
+    bool anySpeed = false;
+    for (std::size_t i = 0; i < sample.fanCurrentRPM.size(); ++i) {
+        const double rpm = sample.fanCurrentRPM[i];
+        // A fan Kelvo holds still reads 0 on purpose: say so rather than "0".
+        if (i < sample.fanTargetRPM.size() && isFanStopTarget(sample.fanTargetRPM[i])) {
+            parts << QStringLiteral("stopped");
+            continue;
+        }
+        anySpeed = true;
         parts << (isReadableRPM(rpm) ? QString::number(rpm, 'f', 0) : QStringLiteral("—"));
-    return parts.join(QStringLiteral(" / ")) + QStringLiteral(" RPM");
+    }
+    return parts.join(QStringLiteral(" / ")) + (anySpeed ? QStringLiteral(" RPM") : QString());
+}
+
+// A target as people read it: an RPM, "stopped" (Kelvo holds it still) or the firmware's.
+QString targetText(double target) {
+    if (isFanStopTarget(target)) return QStringLiteral("stopped");
+    return target > 0 ? QString::number(target, 'f', 0) + QStringLiteral(" RPM")
+                      : QStringLiteral("firmware");
 }
 
 QString durationText(double seconds) {
@@ -190,12 +207,11 @@ QVariantMap DashboardViewModel::buildAdvanced() const {
         fans << QStringLiteral("%1: %2 RPM, target %3, %4 % of its %5 RPM maximum%6")
                     .arg(fanName(sample, i))
                     .arg(readable ? QString::number(rpm, 'f', 0) : QStringLiteral("—"))
-                    .arg(target > 0 ? QString::number(target, 'f', 0) + QStringLiteral(" RPM")
-                                    : QStringLiteral("firmware"))
+                    .arg(targetText(target))
                     .arg(share)
                     .arg(max, 0, 'f', 0)
-                    .arg(decided ? QStringLiteral(", loop wants %1 RPM")
-                                       .arg(decision->targetRPM[i], 0, 'f', 0)
+                    .arg(decided ? QStringLiteral(", loop wants %1")
+                                       .arg(targetText(decision->targetRPM[i]))
                                  : QString());
     }
     const QStringList sensors = {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "app_common/AppBuildInfo.h"
+#include "foundation/core/FanController.h"
 #include "live/HistoryTrim.h"
 
 namespace kelvo {
@@ -148,9 +149,10 @@ std::optional<PreviewFanTrendPoint> LiveDashboardStore::previewPoint(
     double sum = 0;
     int count = 0;
     for (double target : decision->targetRPM) {
-        // A zero target leaves that fan to the firmware: it says nothing about the preview.
-        if (target > 0) {
-            sum += target;
+        // A zero target leaves that fan to the firmware: it says nothing about the preview. A
+        // stop target is a fan held at 0 rpm.
+        if (target > 0 || isFanStopTarget(target)) {
+            sum += std::max(target, 0.0);
             ++count;
         }
     }

@@ -3,11 +3,15 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDir>
 #include <QSettings>
 #include <QStringList>
+#include <QUuid>
 #include <QVariantMap>
 #include <cstdio>
+#include <cstring>
 
+#include "app_common/AppBuildInfo.h"
 #include "app_common/FanSettings.h"
 #include "app_common/LaunchPaths.h"
 #include "foundation/control/UserLimits.h"
@@ -18,6 +22,7 @@
 #include "foundation/helper_protocol/HelperClient.h"
 #include "foundation/helper_protocol/HelperStatusReport.h"
 #include "foundation/telemetry/DieCriticalTemperatures.h"
+#include "tools/CalibrationWatch.h"
 #include "tools/UpdateCommand.h"
 
 namespace {
@@ -38,11 +43,17 @@ int usage() {
         "       kelvoctl cooldown <on|off>\n"
         "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
         "       kelvoctl [--sysfs-root PATH] fans\n"
-        "       kelvoctl [--sysfs-root PATH] fan IDENTITY <auto|firmware|fixed N|min N>\n"
+        "       kelvoctl [--sysfs-root PATH] fan IDENTITY <auto|firmware|fixed N|min N|stop "
+        "on|off>\n"
+        "       kelvoctl [--sysfs-root PATH] [--database PATH] fan IDENTITY calibrate\n"
         "       kelvoctl [--sysfs-root PATH] limits [<cpu|gpu|performance> N]\n"
         "Kelvo only accepts mode and cooldown when it was started with --allow-external-control;\n"
         "fan choices and limits are stored in Kelvo's settings and a running Kelvo re-reads "
-        "them.\n",
+        "them.\n"
+        "'stop on' lets auto control stop the fan while every temperature is well under its "
+        "limit;\nunsaid, a fan stops where the firmware's own curve stops it (never a pump).\n"
+        "'calibrate' asks a running Kelvo to run the fan from full speed down to its lowest "
+        "speed\nand to a stop, and follows it for up to 3 minutes.\n",
         modeList().replace(QStringLiteral(", "), QStringLiteral("|")).toUtf8().constData());
     kelvo::kelvoctl::printUpdateUsage();
     return kUsageError;
@@ -146,35 +157,89 @@ int listFans(const std::string& sysfsRoot) {
         std::printf("No fans found.\n");
         return 0;
     }
-    std::printf("%-56s %-16s %8s  %s\n", "IDENTITY", "LABEL", "RPM", "CHOICE");
+    std::printf("%-56s %-16s %8s  %-8s %s\n", "IDENTITY", "LABEL", "RPM", "STOP", "CHOICE");
     for (const auto& fan : fans) {
         kelvo::FanState state;
         state.name = fan.identity;
         state.label = fan.label;
         const bool chosen = stored.contains(fan.identity);
-        const std::string choice = kelvo::formatFanChoice(kelvo::effectiveFanChoice(state, stored));
+        const kelvo::FanChoice effective = kelvo::effectiveFanChoice(state, stored);
+        const std::string choice = kelvo::formatFanChoice(effective);
         const std::string rpm = fan.rpm ? std::to_string(static_cast<long long>(*fan.rpm)) : "-";
-        std::printf("%-56s %-16s %8s  %s%s\n", fan.identity.c_str(),
-                    fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), choice.c_str(),
+        // "default": the fan stops where the firmware's own curve stops it.
+        const char* stop = kelvo::isPumpChannel(fan.label, kelvo::driverOfIdentity(fan.identity))
+                               ? "never"
+                           : !effective.stopWhenCool ? "default"
+                           : *effective.stopWhenCool ? "on"
+                                                     : "off";
+        std::printf("%-56s %-16s %8s  %-8s %s%s\n", fan.identity.c_str(),
+                    fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), stop, choice.c_str(),
                     chosen || choice == "auto" ? "" : " (pump default)");
     }
     return 0;
 }
 
+// The fan named on the command line, else nothing after saying which fans there are.
+std::optional<KnownFan> findFan(const std::string& sysfsRoot, const kelvo::FanChoices& stored,
+                                const std::string& id) {
+    const auto fans = knownFans(sysfsRoot, stored);
+    const auto fan =
+        std::find_if(fans.begin(), fans.end(), [&](const KnownFan& f) { return f.identity == id; });
+    if (fan != fans.end()) return *fan;
+    std::string names;
+    for (const auto& f : fans) names += (names.empty() ? "" : ", ") + f.identity;
+    std::fprintf(stderr, "kelvoctl: unknown fan '%s'; the fans are: %s\n", id.c_str(),
+                 names.empty() ? "(none found)" : names.c_str());
+    return std::nullopt;
+}
+
+// Leaves the request in the settings, tells a running Kelvo to look, and follows what Kelvo
+// records in its event table until the calibration ends (or 3 minutes pass).
+int calibrateFan(const std::string& sysfsRoot, const QString& identity,
+                 const QString& databasePath) {
+    QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+    const std::string id = identity.toStdString();
+    if (!findFan(sysfsRoot, kelvo::fan_settings::readChoices(settings), id)) return kUsageError;
+    auto bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        std::fprintf(stderr, "kelvoctl: no session bus, so no running Kelvo can be asked: %s\n",
+                     bus.lastError().message().toUtf8().constData());
+        return 1;
+    }
+    kelvo::kelvoctl::CalibrationWatch watch(databasePath.toStdString(), id);
+    if (!watch.open()) {
+        std::fprintf(stderr, "kelvoctl: %s\n", watch.error().c_str());
+        return 1;
+    }
+    kelvo::fan_settings::writeCalibrationRequest(
+        settings, {QUuid::createUuid().toString(QUuid::WithoutBraces), id});
+    if (settings.status() != QSettings::NoError) {
+        std::fprintf(stderr, "kelvoctl: could not write %s\n",
+                     settings.fileName().toUtf8().constData());
+        return 1;
+    }
+    auto message = QDBusMessage::createSignal(
+        kelvo::ExternalControl::objectPath, kelvo::ExternalControl::interfaceName,
+        kelvo::ExternalControl::fanSettingsChangedNotificationName);
+    if (!bus.send(message)) {
+        std::fprintf(stderr, "kelvoctl: could not send the request: %s\n",
+                     bus.lastError().message().toUtf8().constData());
+        return 1;
+    }
+    return watch.follow(
+        [](const std::string& line) {
+            std::printf("%s\n", line.c_str());
+            std::fflush(stdout);
+        },
+        [](const std::string& line) { std::fprintf(stderr, "kelvoctl: %s\n", line.c_str()); });
+}
+
 int setFan(const std::string& sysfsRoot, const QString& identity, const QStringList& words) {
     QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
     kelvo::FanChoices stored = kelvo::fan_settings::readChoices(settings);
-    const auto fans = knownFans(sysfsRoot, stored);
     const std::string id = identity.toStdString();
-    const auto fan =
-        std::find_if(fans.begin(), fans.end(), [&](const KnownFan& f) { return f.identity == id; });
-    if (fan == fans.end()) {
-        std::string names;
-        for (const auto& f : fans) names += (names.empty() ? "" : ", ") + f.identity;
-        std::fprintf(stderr, "kelvoctl: unknown fan '%s'; the fans are: %s\n", id.c_str(),
-                     names.empty() ? "(none found)" : names.c_str());
-        return kUsageError;
-    }
+    const auto fan = findFan(sysfsRoot, stored, id);
+    if (!fan) return kUsageError;
     kelvo::FanState state;
     state.name = fan->identity;
     state.label = fan->label;
@@ -185,6 +250,11 @@ int setFan(const std::string& sysfsRoot, const QString& identity, const QStringL
                      words.join(QLatin1Char(' ')).toUtf8().constData(), kelvo::fanChoiceWords());
         return kUsageError;
     }
+    if (choice->stopWhenCool == true && !kelvo::fanStopWanted(state, *choice)) {
+        std::fprintf(stderr, "kelvoctl: refused: %s is a pump, and a pump never stops\n",
+                     id.c_str());
+        return 1;
+    }
     stored[id] = *choice;
     kelvo::fan_settings::writeChoices(settings, stored);
     if (settings.status() != QSettings::NoError) {
@@ -193,6 +263,9 @@ int setFan(const std::string& sysfsRoot, const QString& identity, const QStringL
         return 1;
     }
     std::printf("%s: %s\n", id.c_str(), kelvo::formatFanChoice(*choice).c_str());
+    const std::string blocker = kelvo::fanStopBlocker(state, *choice);
+    if (choice->stopWhenCool == true && !blocker.empty())
+        std::printf("(no stop while %s)\n", blocker.c_str());
     announceFanSettings();
     return 0;
 }
@@ -255,16 +328,29 @@ QStringList commandWords(const QStringList& args) {
     QStringList words;
     for (qsizetype i = 0; i < args.size(); ++i) {
         const QString& arg = args[i];
-        if (arg == QLatin1String("--helper-socket") || arg == QLatin1String("--sysfs-root")) {
+        if (arg == QLatin1String("--helper-socket") || arg == QLatin1String("--sysfs-root") ||
+            arg == QLatin1String("--database")) {
             ++i;
             continue;
         }
         if (arg.startsWith(QLatin1String("--helper-socket=")) ||
-            arg.startsWith(QLatin1String("--sysfs-root=")))
+            arg.startsWith(QLatin1String("--sysfs-root=")) ||
+            arg.startsWith(QLatin1String("--database=")))
             continue;
         words << arg;
     }
     return words;
+}
+
+// --database PATH, else the database a Kelvo of this user writes.
+QString databasePath(const QStringList& args) {
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        if (args[i] == QLatin1String("--database") && i + 1 < args.size()) return args[i + 1];
+        if (args[i].startsWith(QLatin1String("--database=")))
+            return args[i].mid(static_cast<qsizetype>(std::strlen("--database=")));
+    }
+    return QDir(kelvo::AppBuildInfo::applicationFolder())
+        .filePath(QString::fromLatin1(kelvo::AppBuildInfo::kDefaultDatabaseFileName));
 }
 
 }  // namespace
@@ -277,6 +363,9 @@ int main(int argc, char** argv) {
     const QStringList args = commandWords(all);
     const std::string sysfsRoot = kelvo::LaunchPaths::fromArguments(all).sysfsRoot;
     if (args.size() == 1 && args[0] == QLatin1String("fans")) return listFans(sysfsRoot);
+    if (args.size() == 3 && args[0] == QLatin1String("fan") &&
+        args[2] == QLatin1String("calibrate"))
+        return calibrateFan(sysfsRoot, args[1], databasePath(all));
     if (args.size() >= 3 && args[0] == QLatin1String("fan"))
         return setFan(sysfsRoot, args[1], args.mid(2));
     if (!args.isEmpty() && args[0] == QLatin1String("limits") && args.size() <= 3)

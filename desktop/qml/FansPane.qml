@@ -1,6 +1,7 @@
 // Which fans Kelvo may touch and the user's limits: each fan with its live speed, its choice
-// (auto, firmware or a fixed duty) and its minimum duty; the quiet limits and the performance
-// target, with the reason when a value is refused.
+// (auto, firmware or a fixed duty), its minimum duty, whether it may stop when everything is
+// cool, and a calibration on request; the quiet limits and the performance target, with the
+// reason when a value is refused.
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
@@ -21,7 +22,8 @@ Card {
         font.pixelSize: 12
         text: "Auto: Kelvo drives the fan, never below its minimum. Firmware: Kelvo never writes "
               + "it. Fixed: Kelvo holds it at a share of its speed range. Pumps run fixed at 100 % "
-              + "until you choose otherwise."
+              + "until you choose otherwise. Stop when cool: under Auto with no minimum, the fan "
+              + "stands still while every temperature is well under its limit."
     }
 
     // A count-based model: the entries change every tick (the speeds), and recreating the rows
@@ -47,7 +49,8 @@ Card {
                 }
                 Text {
                     objectName: "fans-rpm-" + fanRow.index
-                    text: fanRow.fan.rpm >= 0 ? Math.round(fanRow.fan.rpm) + " rpm" : "— rpm"
+                    text: fanRow.fan.stopped ? "stopped"
+                        : fanRow.fan.rpm >= 0 ? Math.round(fanRow.fan.rpm) + " rpm" : "— rpm"
                     color: fansPalette.windowText
                 }
             }
@@ -83,6 +86,57 @@ Card {
                     editable: true
                     value: fanRow.fan.minimumPercent || 0
                     onValueModified: fanSettings.setMinimum(fanRow.fan.identity, value)
+                }
+            }
+            RowLayout {
+                spacing: 8
+                Layout.fillWidth: true
+                Switch {
+                    objectName: "fans-stop-" + fanRow.index
+                    Accessible.name: "Stop When Cool"
+                    text: "Stop when cool"
+                    enabled: fanRow.fan.stopAvailable === true
+                    checked: fanRow.fan.stopWhenCool === true
+                    onToggled: {
+                        if (!fanSettings.setStopWhenCool(fanRow.fan.identity, checked))
+                            checked = Qt.binding(() => fanRow.fan.stopWhenCool === true)
+                    }
+                }
+                Text {
+                    objectName: "fans-stop-note-" + fanRow.index
+                    visible: text.length > 0
+                    text: fanRow.fan.stopNote || ""
+                    color: fansPalette.windowText
+                    font.pixelSize: 12
+                    wrapMode: Text.WordWrap
+                    Layout.fillWidth: true
+                }
+            }
+            RowLayout {
+                spacing: 8
+                Layout.fillWidth: true
+                Button {
+                    objectName: "fans-calibrate-" + fanRow.index
+                    Accessible.name: "Calibrate Fan"
+                    text: "Calibrate"
+                    enabled: fanRow.fan.calibrating !== true
+                    onClicked: fanSettings.calibrate(fanRow.fan.identity)
+                }
+                ProgressBar {
+                    objectName: "fans-calibration-progress-" + fanRow.index
+                    visible: fanRow.fan.calibrating === true
+                    from: 0
+                    to: 1
+                    value: fanRow.fan.calibrationProgress || 0
+                    Layout.preferredWidth: 120
+                }
+                Text {
+                    objectName: "fans-calibration-text-" + fanRow.index
+                    text: fanRow.fan.calibrationText || fanRow.fan.calibrationNote || ""
+                    color: fansPalette.windowText
+                    font.pixelSize: 12
+                    wrapMode: Text.WordWrap
+                    Layout.fillWidth: true
                 }
             }
         }

@@ -10,9 +10,6 @@
 namespace kelvo {
 
 namespace {
-// A driven fan that reads 0 rpm for this many ticks in a row has stopped: longer than any fan
-// takes to spin up from rest.
-constexpr int kStallTicks = 5;
 // A fan whose mode is changed from outside is taken again, up to this many times in the window;
 // one more and Kelvo stops fighting whoever keeps changing it.
 constexpr int kTakebacksTolerated = 3;
@@ -185,24 +182,6 @@ void ControlEngine::noticeReclaimedFans(Timestamp now) {
     }
 }
 
-void ControlEngine::noticeStalledFans() {
-    for (const auto& fan : lastFans_) {
-        const bool driven = fan.targetRPM > 0 && !leftToFirmware_.contains(fan.name);
-        if (!driven || !isReadableRPM(fan.currentRPM) || fan.currentRPM > 0) {
-            stalledTicks_.erase(fan.name);
-            continue;
-        }
-        if (++stalledTicks_[fan.name] < kStallTicks) continue;
-        stalledTicks_.erase(fan.name);
-        leftToFirmware_.insert(fan.name);
-        char target[32];
-        std::snprintf(target, sizeof target, "%.0f", fan.targetRPM);
-        record("Fan stalled (" + fan.name + "): 0 rpm while driven at " + target +
-                   " rpm; handed back to the firmware",
-               true);
-    }
-}
-
 // hwmon devices come and go (driver reloads, USB fan controllers): one event per fan, and the
 // targets follow the new list from this tick on.
 void ControlEngine::noticeFansComingAndGoing() {
@@ -216,6 +195,7 @@ void ControlEngine::noticeFansComingAndGoing() {
             record("Fan removed: " + name + " (its device went away)", true);
             stalledTicks_.erase(name);
             takebacks_.erase(name);
+            stopGate_.forget(name);
         }
     }
     knownFans_ = std::move(now);
@@ -228,7 +208,7 @@ void ControlEngine::readFans(TelemetrySample& sample) {
     if (read.ok) {
         lastFans_ = std::move(read.fans);
         noticeFansComingAndGoing();
-        noticeStalledFans();
+        noticeStalledFans(sample.timestamp);
         const std::string unreadable = unreadableSpeeds(lastFans_);
         if (!unreadable.empty() && !fanTelemetryDegraded_) {
             fanTelemetryDegraded_ = true;
@@ -361,7 +341,8 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
     bool wantsControl = mode_ != ControlMode::systemAuto || cooldown_;
     const std::string blind = blindDies(sample);
     if (!wantsControl) {
-        if (releasePending_ || fans_->holdsControl()) {
+        // A calibration the user asked for holds its fan until it ends.
+        if (releasePending_ || (fans_->holdsControl() && calibrationQuarters_.empty())) {
             releasePending_ = false;
             releaseFans(nullptr);
         }
@@ -405,10 +386,12 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
     decision.cooldownActive = cooldown_;
     if (cooldown_) {
         decision.targetRPM = targetsFor(1.0);
+        applyFanStops(decision.targetRPM, 1.0, sample);
         decision.reason = "cooldown";
     } else {
         auto out = policy_.decide(mode_, sample, dt, leadModel_);
         decision.targetRPM = targetsFor(out.duty);
+        applyFanStops(decision.targetRPM, out.duty, sample);
         decision.anticipating = out.anticipating;
         decision.reason = out.reason;
     }
@@ -482,8 +465,11 @@ ControlSnapshot ControlEngine::tick(Timestamp now) {
     readFans(snap.sample);
     if (tracker_) tracker_->observe(snap.sample);
 
+    followCalibrations(now);
     updateCooldown(snap.sample);
     snap.decision = controlStep(snap.sample, dt);
+    // Without Kelvo's targets every fan is the firmware's, stopped or not.
+    if (!snap.decision) stopGate_.forgetAll();
     if (mode_ == ControlMode::systemAuto) {
         auto preview = previewPolicy_.decide(ControlMode::quietHybrid, snap.sample, dt, leadModel_);
         ControlDecision decision;
@@ -511,6 +497,9 @@ ControlSnapshot ControlEngine::tick(Timestamp now) {
     snap.throttleWarning = warning_;
     snap.cooldownActive = cooldown_;
     snap.gpuConfig = gpuAnalysisConfig();
+    snap.fans = lastFans_;
+    snap.stoppedFans = stopGate_.stoppedFans();
+    snap.calibrations = calibrations_;
     return snap;
 }
 

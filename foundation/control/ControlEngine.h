@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "foundation/control/ControlPolicy.h"
+#include "foundation/control/FanStopGate.h"
 #include "foundation/control/FanWriter.h"
 #include "foundation/control/ThrottleAssessor.h"
 #include "foundation/core/FanChoices.h"
@@ -39,6 +40,11 @@ struct ControlSnapshot {
     std::optional<ControlDecision> decision;         // what was applied (none: firmware control)
     std::optional<ControlDecision> previewDecision;  // what quietHybrid would do, in systemAuto
     bool previewActive = false;
+    // The fans as the back-end reported them this tick (what each is known to do at low duty),
+    // the ones Kelvo has stopped, and the calibrations asked for through Kelvo, by fan.
+    std::vector<FanState> fans;
+    std::set<std::string> stoppedFans;
+    std::map<std::string, FanCalibrationStatus> calibrations;
     ThrottleAssessment assessment;
     ControlMode mode = ControlMode::systemAuto;
     ControlStatus status = ControlStatus::starting;
@@ -66,6 +72,9 @@ public:
     void setSleeping(bool sleeping);
     // Which fans Kelvo drives and how; takes effect on the next tick.
     void setFanChoices(FanChoices choices) { fanChoices_ = std::move(choices); }
+    // Asks the back-end to calibrate one fan (full speed down to its lowest, and to a stop where
+    // it stops); an event says what happens, or why it cannot. Progress follows as events.
+    bool requestFanCalibration(const std::string& identity);
     const FanChoices& fanChoices() const { return fanChoices_; }
     // The user's quiet limits and performance target (already checked against the dies).
     void setUserLimits(double cpuQuietC, double gpuQuietC, double performanceTargetC);
@@ -92,7 +101,11 @@ public:
 private:
     void readFans(TelemetrySample& sample);
     void noticeReclaimedFans(Timestamp now);
-    void noticeStalledFans();
+    void noticeStalledFans(Timestamp now);
+    // Replaces the targets of fans that may stand still now with kFanStopRPM.
+    void applyFanStops(std::vector<double>& targets, double duty, const TelemetrySample& sample);
+    void followCalibrations(Timestamp now);
+    bool calibrating(const std::string& fan) const;
     void noticeFansComingAndGoing();
     void noticeLostFans();
     std::vector<double> targetsFor(double duty) const;
@@ -139,6 +152,11 @@ private:
     // someone else set. They get target 0 (the firmware's curve).
     std::set<std::string> leftToFirmware_;
     std::map<std::string, int> stalledTicks_;
+    FanStopGate stopGate_;
+    // Calibrations asked for through Kelvo, with the last quarter of progress reported.
+    std::map<std::string, int> calibrationQuarters_;
+    std::map<std::string, FanCalibrationStatus> calibrations_;
+    std::map<std::string, Timestamp> calibrationEnded_;       // a stall waits for the start kick
     std::map<std::string, std::deque<Timestamp>> takebacks_;  // by fan, inside the window
     std::optional<std::set<std::string>> knownFans_;          // none until the first read
     bool blind_ = false;

@@ -10,7 +10,8 @@
 namespace kelvo {
 
 namespace {
-constexpr double kDefaultMinRPM = 1200;
+// Above 0 (which hands the fan to the firmware) and below any fan's real lowest speed.
+constexpr double kDefaultMinRPM = 1;
 constexpr double kDefaultMaxRPM = 5000;
 
 std::optional<double> percent(const std::string& word) {
@@ -35,7 +36,7 @@ std::string number(double value) {
 }  // namespace
 
 const char* fanChoiceWords() {
-    return "auto, firmware, fixed N, min N (N a percentage from 0 to 100)";
+    return "auto, firmware, fixed N, min N, stop on|off (N a percentage from 0 to 100)";
 }
 
 std::optional<FanChoice> parseFanChoice(const std::string& text, FanChoice base) {
@@ -61,6 +62,10 @@ std::optional<FanChoice> parseFanChoice(const std::string& text, FanChoice base)
                 choice.minimumPercent = *value;
             }
             i += 2;
+        } else if (word == "stop" && i + 1 < words.size() &&
+                   (words[i + 1] == "on" || words[i + 1] == "off")) {
+            choice.stopWhenCool = words[i + 1] == "on";
+            i += 2;
         } else {
             return std::nullopt;
         }
@@ -78,6 +83,7 @@ std::string formatFanChoice(const FanChoice& choice) {
         case FanChoiceKind::fixed: text = "fixed " + number(choice.fixedPercent); break;
     }
     if (choice.minimumPercent > 0) text += " min " + number(choice.minimumPercent);
+    if (choice.stopWhenCool) text += *choice.stopWhenCool ? " stop on" : " stop off";
     return text;
 }
 
@@ -94,8 +100,33 @@ std::string driverOfIdentity(const std::string& identity) {
 FanChoice effectiveFanChoice(const FanState& fan, const FanChoices& choices) {
     if (auto it = choices.find(fan.name); it != choices.end()) return it->second;
     if (isPumpChannel(fan.label, driverOfIdentity(fan.name)))
-        return FanChoice{FanChoiceKind::fixed, 100, 0};
+        return FanChoice{FanChoiceKind::fixed, 100, 0, std::nullopt};
     return {};
+}
+
+namespace {
+bool isPump(const FanState& fan) {
+    return isPumpChannel(fan.label, driverOfIdentity(fan.name));
+}
+}  // namespace
+
+bool fanStopWanted(const FanState& fan, const FanChoice& choice) {
+    return !isPump(fan) && choice.stopWhenCool.value_or(fan.firmwareStops);
+}
+
+std::string fanStopBlocker(const FanState& fan, const FanChoice& choice) {
+    if (isPump(fan)) return "a pump never stops";
+    switch (choice.kind) {
+        case FanChoiceKind::firmware: return "the firmware drives it";
+        case FanChoiceKind::fixed: return "it runs at a fixed duty";
+        case FanChoiceKind::automatic: break;
+    }
+    if (choice.minimumPercent > 0) return "its minimum keeps it turning";
+    return {};
+}
+
+bool fanMayStop(const FanState& fan, const FanChoice& choice) {
+    return fanStopWanted(fan, choice) && fanStopBlocker(fan, choice).empty();
 }
 
 FanSpeedRange fanSpeedRange(const FanState& fan) {

@@ -44,7 +44,7 @@ TEST_F(FanSettingsModelTest, ThePumpReachesTheEngineFixedAtFull) {
     auto model = make();
     model->applyToEngine();
     ASSERT_TRUE(applied.contains(kPump.toStdString()));
-    EXPECT_EQ(formatFanChoice(applied.at(kPump.toStdString())), "fixed 100");
+    EXPECT_EQ(formatFanChoice(applied.at(kPump.toStdString())), "fixed 100 stop off");
     EXPECT_FALSE(applied.contains(kFan1.toStdString()));
     ASSERT_EQ(model->fans().size(), 2);
     EXPECT_EQ(model->fans()[1].toMap().value("choice").toString(), QStringLiteral("fixed"));
@@ -104,4 +104,117 @@ TEST_F(FanSettingsModelTest, LiveSpeedsComeFromTheSnapshot) {
     EXPECT_EQ(model->fans()[0].toMap().value("rpm").toDouble(), 1234);
     EXPECT_EQ(model->fans()[2].toMap().value("identity").toString(),
               QStringLiteral("Simulated fan 1"));
+}
+
+namespace {
+ControlSnapshot snapshotWith(const QString& identity, bool canStop, bool firmwareStops) {
+    ControlSnapshot snapshot;
+    FanState fan;
+    fan.name = identity.toStdString();
+    fan.currentRPM = 0;
+    fan.canStop = canStop;
+    fan.firmwareStops = firmwareStops;
+    snapshot.fans.push_back(fan);
+    snapshot.sample.fanNames.push_back(fan.name);
+    snapshot.sample.fanCurrentRPM.push_back(0);
+    return snapshot;
+}
+
+QVariantMap entryFor(const FanSettingsModel& model, const QString& identity) {
+    for (const QVariant& fan : model.fans())
+        if (fan.toMap().value("identity").toString() == identity) return fan.toMap();
+    return {};
+}
+}  // namespace
+
+TEST_F(FanSettingsModelTest, TheStopSwitchWaitsUntilTheFanIsKnownToStop) {
+    auto model = make();
+    QVariantMap fan = entryFor(*model, kFan1);
+    EXPECT_FALSE(fan.value("stopAvailable").toBool());
+    EXPECT_FALSE(fan.value("stopWhenCool").toBool());
+    EXPECT_TRUE(fan.value("stopNote").toString().contains("calibrate"))
+        << fan.value("stopNote").toString().toStdString();
+    // The back-end saw it stand still under the firmware's curve: on by default.
+    model->updateFromSnapshot(snapshotWith(kFan1, true, true));
+    fan = entryFor(*model, kFan1);
+    EXPECT_TRUE(fan.value("stopAvailable").toBool());
+    EXPECT_TRUE(fan.value("stopWhenCool").toBool());
+    EXPECT_TRUE(fan.value("stopNote").toString().isEmpty());
+    const QVariantMap pump = entryFor(*model, kPump);
+    EXPECT_FALSE(pump.value("stopAvailable").toBool());
+    EXPECT_FALSE(pump.value("stopWhenCool").toBool());
+    EXPECT_EQ(pump.value("stopNote").toString(), QStringLiteral("A pump never stops."));
+}
+
+TEST_F(FanSettingsModelTest, TheStopSwitchIsStoredAndAppliedButNeverForAPump) {
+    auto model = make();
+    model->updateFromSnapshot(snapshotWith(kFan1, true, true));
+    QSignalSpy fansChanged(model.get(), &FanSettingsModel::fansChanged);
+    ASSERT_TRUE(model->setStopWhenCool(kFan1, false));
+    EXPECT_EQ(fansChanged.count(), 1);
+    EXPECT_FALSE(entryFor(*model, kFan1).value("stopWhenCool").toBool());
+    EXPECT_EQ(formatFanChoice(applied.at(kFan1.toStdString())), "auto stop off");
+    EXPECT_EQ(formatFanChoice(fan_settings::readChoices(settings).at(kFan1.toStdString())),
+              "auto stop off");
+    ASSERT_TRUE(model->setMinimum(kFan1, 30));
+    EXPECT_TRUE(entryFor(*model, kFan1).value("stopNote").toString().contains("minimum"));
+    EXPECT_FALSE(model->setStopWhenCool(kPump, true));
+    EXPECT_FALSE(fan_settings::readChoices(settings).contains(kPump.toStdString()));
+    EXPECT_EQ(applied.at(kPump.toStdString()).stopWhenCool, false);
+}
+
+TEST_F(FanSettingsModelTest, AStoppedFanAndACalibrationShowAndAnUnchangedTickIsSilent) {
+    auto model = make();
+    ControlSnapshot snapshot = snapshotWith(kFan1, true, false);
+    snapshot.stoppedFans.insert(kFan1.toStdString());
+    FanCalibrationStatus running;
+    running.running = true;
+    running.progress = 0.5;
+    running.secondsLeft = 40;
+    snapshot.calibrations[kFan1.toStdString()] = running;
+    QSignalSpy fansChanged(model.get(), &FanSettingsModel::fansChanged);
+    model->updateFromSnapshot(snapshot);
+    EXPECT_EQ(fansChanged.count(), 1);
+    QVariantMap fan = entryFor(*model, kFan1);
+    EXPECT_TRUE(fan.value("stopped").toBool());
+    EXPECT_TRUE(fan.value("calibrating").toBool());
+    EXPECT_DOUBLE_EQ(fan.value("calibrationProgress").toDouble(), 0.5);
+    EXPECT_EQ(fan.value("calibrationText").toString(),
+              QStringLiteral("Calibrating: 50 %, about 40 s left"));
+    EXPECT_TRUE(fan.value("calibrationNote").toString().contains("loud"));
+    model->updateFromSnapshot(snapshot);
+    EXPECT_EQ(fansChanged.count(), 1);
+    FanCalibrationStatus done;
+    done.succeeded = false;
+    done.message = "the fan did not follow its duty";
+    snapshot.calibrations[kFan1.toStdString()] = done;
+    snapshot.stoppedFans.clear();
+    model->updateFromSnapshot(snapshot);
+    EXPECT_EQ(fansChanged.count(), 2);
+    fan = entryFor(*model, kFan1);
+    EXPECT_FALSE(fan.value("stopped").toBool());
+    EXPECT_FALSE(fan.value("calibrating").toBool());
+    EXPECT_EQ(fan.value("calibrationText").toString(),
+              QStringLiteral("Calibration failed: the fan did not follow its duty"));
+}
+
+TEST_F(FanSettingsModelTest, CalibrationRequestsReachTheEngineOnceEach) {
+    // A request left from before Kelvo started is not acted on.
+    fan_settings::writeCalibrationRequest(settings, {QStringLiteral("old"), kFan1.toStdString()});
+    auto model = make();
+    std::vector<std::string> asked;
+    model->setCalibrate([&](const std::string& identity) { asked.push_back(identity); });
+    model->reload();
+    EXPECT_TRUE(asked.empty());
+    EXPECT_TRUE(model->calibrate(kFan1));
+    EXPECT_FALSE(model->calibrate(QStringLiteral("unknown#fan9")));
+    ASSERT_EQ(asked.size(), 1u);
+    fan_settings::writeCalibrationRequest(settings, {QStringLiteral("r1"), kPump.toStdString()});
+    model->reload();
+    model->reload();
+    ASSERT_EQ(asked.size(), 2u);
+    EXPECT_EQ(asked[1], kPump.toStdString());
+    fan_settings::writeCalibrationRequest(settings, {QStringLiteral("r2"), kPump.toStdString()});
+    model->reload();
+    EXPECT_EQ(asked.size(), 3u);
 }

@@ -191,6 +191,37 @@ TEST_F(DashboardControls, TheSurfacePickerSelectsTheAdvancedSurfaceWithItsDetail
     EXPECT_TRUE(item("surface-capture")->isVisible());
 }
 
+TEST_F(DashboardControls, AFanKelvoHoldsStillReadsStoppedNeverMinusOne) {
+    openDashboard();
+    click("surface-selection-advanced");
+    ASSERT_TRUE(waitFor([&] { return runtime->live()->latestSample().has_value(); }));
+    // Straight into the store, between two of the loop's snapshots: the view model follows
+    // the store's signals at once.
+    LiveSnapshot snapshot;
+    snapshot.sample = *runtime->live()->latestSample();
+    snapshot.sample.timestamp += 5;
+    snapshot.sample.fanNames = {"Simulated fan 1", "Simulated fan 2"};
+    snapshot.sample.fanCurrentRPM = {0, 1500};
+    snapshot.sample.fanTargetRPM = {kFanStopRPM, 1500};
+    snapshot.sample.fanMinRPM = {0, 0};
+    snapshot.sample.fanMaxRPM = {2000, 2000};
+    ControlDecision decision;
+    decision.timestamp = snapshot.sample.timestamp;
+    decision.mode = ControlMode::quiet;
+    decision.targetRPM = {kFanStopRPM, 1500};
+    snapshot.decision = decision;
+    snapshot.status = ControlStatus::controlling;
+    runtime->live()->ingest(snapshot);
+    const QStringList fans = window()->viewModel()->advanced().value("fans").toStringList();
+    ASSERT_EQ(fans.size(), 2) << fans.join('\n').toStdString();
+    EXPECT_TRUE(fans[0].contains("target stopped")) << fans[0].toStdString();
+    EXPECT_TRUE(fans[0].contains("loop wants stopped")) << fans[0].toStdString();
+    EXPECT_FALSE(fans[0].contains("-1")) << fans[0].toStdString();
+    EXPECT_TRUE(fans[1].contains("target 1500 RPM")) << fans[1].toStdString();
+    EXPECT_EQ(window()->viewModel()->card().value("fans").toString(),
+              QStringLiteral("stopped / 1500 RPM"));
+}
+
 TEST_F(DashboardControls, TheLiveMetricsCardShowsTheLatestSample) {
     openDashboard();
     ASSERT_TRUE(waitFor([&] { return runtime->live()->latestSample().has_value(); }));

@@ -52,7 +52,8 @@ TEST_F(FansPane, TheAdvancedSurfaceOpensThePaneWithEveryFan) {
         EXPECT_GT(row->width(), 0) << i;
         EXPECT_GT(row->height(), 0) << i;
         for (const QString id :
-             {"fans-title-", "fans-rpm-", "fans-choice-", "fans-fixed-", "fans-min-"}) {
+             {"fans-title-", "fans-rpm-", "fans-choice-", "fans-fixed-", "fans-min-", "fans-stop-",
+              "fans-calibrate-", "fans-calibration-text-"}) {
             QQuickItem* part = item(id + n);
             ASSERT_NE(part, nullptr) << id.toStdString() << i;
             EXPECT_TRUE(part->isVisible()) << id.toStdString() << i;
@@ -102,6 +103,39 @@ TEST_F(FansPane, AChoiceIsStoredAndReachesTheEngine) {
                formatFanChoice(engine.at(identity.toStdString())) == "fixed 60";
     }));
     EXPECT_EQ(item("fans-fixed-" + QString::number(index))->property("value").toInt(), 60);
+}
+
+TEST_F(FansPane, TheStopSwitchSaysWhyItIsOffLimitsAndCalibrateReachesTheEngine) {
+    openWithFans();
+    fans()->setPaneOpen(true);
+    qsizetype index = -1;
+    for (qsizetype i = 0; i < fans()->fans().size(); ++i)
+        if (fans()->fans()[i].toMap().value("identity").toString().startsWith("Simulated fan"))
+            index = i;
+    ASSERT_GE(index, 0);
+    const QVariantMap fan = fans()->fans()[index].toMap();
+    const QString n = QString::number(index);
+    // The switch follows what the back-end knows of the fan, with the reason when off limits.
+    EXPECT_EQ(item("fans-stop-" + n)->isEnabled(), fan.value("stopAvailable").toBool());
+    EXPECT_EQ(item("fans-stop-" + n)->property("checked").toBool(),
+              fan.value("stopWhenCool").toBool());
+    EXPECT_EQ(item("fans-stop-note-" + n)->property("text").toString(),
+              fan.value("stopNote").toString());
+    if (!fan.value("stopAvailable").toBool()) {
+        EXPECT_FALSE(fan.value("stopNote").toString().isEmpty());
+    }
+    EXPECT_TRUE(item("fans-calibration-text-" + n)->property("text").toString().contains("loud"));
+    EXPECT_FALSE(item("fans-calibration-progress-" + n)->isVisible());
+    // The button reaches the engine on the loop: it records what it does, or why it cannot.
+    const std::string identity = fan.value("identity").toString().toStdString();
+    click("fans-calibrate-" + n);
+    EXPECT_TRUE(waitFor([&] {
+        for (const RuntimeEvent& event : runtime->eventRing().recent(200))
+            if (event.message.starts_with("Calibrating " + identity + ":") ||
+                event.message.starts_with("Cannot calibrate " + identity + ":"))
+                return true;
+        return false;
+    }));
 }
 
 TEST_F(FansPane, AnOutOfRangeLimitShowsItsRefusalAndAGoodOneReachesTheEngine) {

@@ -146,6 +146,16 @@ TEST(LiveDashboardStoreTest, FirstSnapshotUpdatesCardsAndTrend) {
     EXPECT_EQ(store.lastCardRefreshAt(), t0);
 }
 
+TEST(LiveDashboardStoreTest, AStoppedFanCountsAsZeroInThePreviewNotAsMinusOne) {
+    LiveDashboardStore store;
+    LiveSnapshot snapshot = snapshotAt(t0);
+    snapshot.previewActive = true;
+    snapshot.previewDecision = decisionWithTargets({kFanStopRPM, 2000, 0});
+    store.ingest(snapshot);
+    ASSERT_EQ(store.previewHistory().size(), 1u);
+    EXPECT_EQ(store.previewHistory().front(), (PreviewFanTrendPoint{t0, 1000}));
+}
+
 TEST(LiveDashboardStoreTest, TrendUpdateAloneLeavesCardsAndEventsAsTheyWere) {
     LiveDashboardStore store;
     LiveSnapshot first = snapshotAt(t0, 60);
@@ -342,13 +352,14 @@ TEST(LiveDashboardStoreTest, EachVisibleTrendUpdateBumpsTheRevisionOnce) {
 
 // ----- Preview -------------------------------------------------------------------------------
 
-TEST(LiveDashboardStoreTest, PreviewPointAveragesOnlyPositiveTargets) {
+TEST(LiveDashboardStoreTest, PreviewPointAveragesTheDrivenTargets) {
     const auto point = LiveDashboardStore::previewPoint(t0, decisionWithTargets({0, 2000, 3000}));
     ASSERT_TRUE(point);
     EXPECT_EQ(point->timestamp, t0);
     EXPECT_EQ(point->averageRPM, 2500);
+    // A negative target is a stop: a fan held at 0 rpm, not one left out.
     EXPECT_EQ(LiveDashboardStore::previewPoint(t0, decisionWithTargets({-100, 1000}))->averageRPM,
-              1000);
+              500);
     EXPECT_FALSE(LiveDashboardStore::previewPoint(t0, std::nullopt));
     EXPECT_FALSE(LiveDashboardStore::previewPoint(t0, decisionWithTargets({0, 0, 0})));
     EXPECT_FALSE(LiveDashboardStore::previewPoint(t0, decisionWithTargets({})));

@@ -108,6 +108,23 @@ TEST(MetricsExporter, WhatCannotBeReadIsAbsentNotZero) {
     EXPECT_TRUE(has(after, R"(kelvo_fan_rpm{fan="Case fan",label="Case fan"} 900)")) << after;
 }
 
+TEST(MetricsExporter, AStoppedFanHasATargetOfZeroAtNoDuty) {
+    int port = 0;
+    auto exporter = startOnFreePort(port);
+    ASSERT_TRUE(exporter);
+    auto snapshot = twoFanSnapshot();
+    snapshot.sample.fanCurrentRPM = {0, kUnreadableRPM};
+    snapshot.sample.fanTargetRPM = {kFanStopRPM, 0};
+    exporter->update(snapshot, {});
+    const std::string body = httpGet(port, "/metrics").body;
+    const std::string fan1 =
+        R"({fan="nct6798@/sys/devices/platform/nct6775.656#fan1",label="nct6798 fan1"})";
+    EXPECT_TRUE(has(body, "kelvo_fan_rpm" + fan1 + " 0")) << body;
+    EXPECT_TRUE(has(body, "kelvo_fan_target_rpm" + fan1 + " 0")) << body;
+    EXPECT_TRUE(has(body, "kelvo_fan_duty_ratio" + fan1 + " 0")) << body;
+    EXPECT_EQ(body.find("-1"), std::string::npos) << body;
+}
+
 TEST(MetricsExporter, AnyOtherPathIsNotFound) {
     int port = 0;
     auto exporter = startOnFreePort(port);

@@ -66,14 +66,59 @@ TEST_F(KelvoctlFans, ListsEveryFanWithLabelSpeedAndChoice) {
     const Result r = run({QStringLiteral("fans")});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
     const QStringList fan = lineFor(r.out, kFan1);
-    ASSERT_GE(fan.size(), 4) << r.out.toStdString();
+    ASSERT_GE(fan.size(), 5) << r.out.toStdString();
     EXPECT_EQ(fan[1], QStringLiteral("-"));
     EXPECT_EQ(fan[2], QStringLiteral("900"));
-    EXPECT_EQ(fan[3], QStringLiteral("auto"));
+    EXPECT_EQ(fan[3], QStringLiteral("default"));  // stops where the firmware stops it
+    EXPECT_EQ(fan[4], QStringLiteral("auto"));
     const QStringList pump = lineFor(r.out, kPump);
     EXPECT_TRUE(r.out.contains(QStringLiteral("AIO Pump"))) << r.out.toStdString();
     EXPECT_TRUE(pump.contains(QStringLiteral("2400"))) << r.out.toStdString();
     EXPECT_TRUE(lineFor(r.out, kPump).join(' ').contains(QStringLiteral("fixed 100")));
+    EXPECT_TRUE(lineFor(r.out, kPump).contains(QStringLiteral("never"))) << r.out.toStdString();
+}
+
+TEST_F(KelvoctlFans, StoresTheStopChoiceBesideTheOthersAndShowsIt) {
+    Result r = run({QStringLiteral("fan"), kFan1, QStringLiteral("min"), QStringLiteral("20")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    r = run({QStringLiteral("fan"), kFan1, QStringLiteral("stop"), QStringLiteral("on")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    // Stored, but the minimum keeps the fan turning: kelvoctl says so.
+    EXPECT_TRUE(r.out.contains(QStringLiteral("no stop while its minimum keeps it turning")))
+        << r.out.toStdString();
+    {
+        QSettings settings = stored();
+        EXPECT_EQ(formatFanChoice(fan_settings::readChoices(settings).at(kFan1.toStdString())),
+                  "auto min 20 stop on");
+    }
+    r = run({QStringLiteral("fan"), kFan1, QStringLiteral("min"), QStringLiteral("0"),
+             QStringLiteral("stop"), QStringLiteral("off")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    r = run({QStringLiteral("fans")});
+    const QStringList fan = lineFor(r.out, kFan1);
+    ASSERT_GE(fan.size(), 5) << r.out.toStdString();
+    EXPECT_EQ(fan[3], QStringLiteral("off"));
+    EXPECT_TRUE(fan.join(' ').endsWith(QStringLiteral("auto stop off"))) << r.out.toStdString();
+}
+
+TEST_F(KelvoctlFans, APumpIsNeverToldToStop) {
+    const Result r =
+        run({QStringLiteral("fan"), kPump, QStringLiteral("stop"), QStringLiteral("on")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("a pump never stops"))) << r.err.toStdString();
+    QSettings settings = stored();
+    EXPECT_FALSE(settings.contains(fan_settings::choicesKey));
+}
+
+TEST_F(KelvoctlFans, TheUsageNamesTheStopAndTheCalibration) {
+    const Result r = run({QStringLiteral("--help")});
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("stop on|off"))) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains(QStringLiteral("fan IDENTITY calibrate"))) << r.err.toStdString();
+    const Result bad =
+        run({QStringLiteral("fan"), kFan1, QStringLiteral("stop"), QStringLiteral("sometimes")});
+    EXPECT_EQ(bad.exitCode, 2);
+    EXPECT_TRUE(bad.err.contains(QStringLiteral("stop on|off"))) << bad.err.toStdString();
 }
 
 TEST_F(KelvoctlFans, StoresAChoiceAndShowsItAfterwards) {

@@ -49,7 +49,8 @@ TEST(FanChoices, RefusesUnknownWordsAndOutOfRangePercentages) {
 
 TEST(FanChoices, FormatRoundTripsThroughParse) {
     for (const char* text :
-         {"auto", "firmware", "fixed 60", "fixed 37.5", "auto min 20", "fixed 80 min 10"}) {
+         {"auto", "firmware", "fixed 60", "fixed 37.5", "auto min 20", "fixed 80 min 10",
+          "auto stop off", "auto stop on", "auto min 20 stop on", "firmware stop off"}) {
         auto choice = parseFanChoice(text);
         ASSERT_TRUE(choice) << text;
         EXPECT_EQ(formatFanChoice(*choice), text);
@@ -82,13 +83,94 @@ TEST(FanChoices, AFanWithoutARangeUsesTheDefaultOne) {
     EXPECT_DOUBLE_EQ(fanTargetRPM(fan("a", 0, 0), FanChoice{}, 1.0), range.maxRPM);
 }
 
+TEST(FanChoices, AFanWithoutAMinimumStartsJustAboveZeroNotAtAGuessedFloor) {
+    // Duty 0 must stay a real target (not 0, the firmware's) yet ask for no more than the
+    // fan's own lowest turning speed, which the back-end finds.
+    const double lowest = fanTargetRPM(fan("a", 0, 3000), FanChoice{}, 0.0);
+    EXPECT_GT(lowest, 0);
+    EXPECT_LT(lowest, 100);
+    EXPECT_DOUBLE_EQ(fanSpeedRange(fan("a", 0, 3000)).maxRPM, 3000);
+    // A fan that reports its minimum keeps it.
+    EXPECT_DOUBLE_EQ(fanTargetRPM(fan("a", 600, 3000), FanChoice{}, 0.0), 600);
+    // Half duty is half of the fan's own range, not of a range raised to a made-up floor.
+    EXPECT_NEAR(fanTargetRPM(fan("a", 0, 3000), FanChoice{}, 0.5), 1500, 1);
+}
+
+TEST(FanChoices, StopWordsKeepTheKindAndTheMinimum) {
+    auto withMin = parseFanChoice("fixed 40");
+    ASSERT_TRUE(withMin);
+    auto stop = parseFanChoice("stop on", *withMin);
+    ASSERT_TRUE(stop);
+    EXPECT_EQ(stop->kind, FanChoiceKind::fixed);
+    EXPECT_DOUBLE_EQ(stop->fixedPercent, 40);
+    EXPECT_EQ(stop->stopWhenCool, true);
+    auto backToAuto = parseFanChoice("auto", *stop);
+    ASSERT_TRUE(backToAuto);
+    EXPECT_EQ(backToAuto->stopWhenCool, true);
+    auto min = parseFanChoice("min 20 stop off");
+    ASSERT_TRUE(min);
+    EXPECT_DOUBLE_EQ(min->minimumPercent, 20);
+    EXPECT_EQ(min->stopWhenCool, false);
+    EXPECT_FALSE(parseFanChoice("stop"));
+    EXPECT_FALSE(parseFanChoice("stop maybe"));
+    EXPECT_FALSE(parseFanChoice("auto stop"));
+}
+
+TEST(FanChoices, StoredFormsWithoutAStopWordLeaveTheStopUnsaid) {
+    for (const char* text : {"auto", "auto min 20", "fixed 80 min 10", "firmware"}) {
+        auto choice = parseFanChoice(text);
+        ASSERT_TRUE(choice) << text;
+        EXPECT_FALSE(choice->stopWhenCool) << text;
+        EXPECT_EQ(formatFanChoice(*choice).find("stop"), std::string::npos) << text;
+    }
+}
+
+TEST(FanChoices, UnsaidTheFanStopsWhereTheFirmwareStopsIt) {
+    FanState stopping = fan("nct6798@/sys/x#fan1", 0, 2000, "CPU fan");
+    stopping.canStop = true;
+    stopping.firmwareStops = true;
+    FanState turning = fan("nct6798@/sys/x#fan2", 0, 2000, "Chassis");
+    turning.canStop = true;
+    EXPECT_TRUE(fanMayStop(stopping, FanChoice{}));
+    EXPECT_FALSE(fanMayStop(turning, FanChoice{}));
+    EXPECT_FALSE(fanMayStop(stopping, *parseFanChoice("stop off")));
+    EXPECT_TRUE(fanMayStop(turning, *parseFanChoice("stop on")));
+}
+
+TEST(FanChoices, APumpNeverStopsWhateverIsStored) {
+    FanState pump = fan("nct6798@/sys/x#fan3", 0, 3000, "AIO Pump");
+    pump.canStop = true;
+    pump.firmwareStops = true;
+    EXPECT_FALSE(fanMayStop(pump, *parseFanChoice("auto stop on")));
+    EXPECT_FALSE(fanStopWanted(pump, *parseFanChoice("auto stop on")));
+    EXPECT_EQ(fanStopBlocker(pump, *parseFanChoice("auto stop on")), "a pump never stops");
+    EXPECT_FALSE(fanMayStop(pump, FanChoice{}));
+}
+
+TEST(FanChoices, AMinimumAFixedDutyOrTheFirmwareMeansNoStop) {
+    FanState f = fan("nct6798@/sys/x#fan1", 0, 2000);
+    f.canStop = true;
+    f.firmwareStops = true;
+    EXPECT_FALSE(fanMayStop(f, *parseFanChoice("auto min 20 stop on")));
+    EXPECT_FALSE(fanMayStop(f, *parseFanChoice("fixed 40 stop on")));
+    EXPECT_FALSE(fanMayStop(f, *parseFanChoice("firmware stop on")));
+    EXPECT_TRUE(fanMayStop(f, *parseFanChoice("auto min 0 stop on")));
+    EXPECT_FALSE(fanStopBlocker(f, *parseFanChoice("auto min 20")).empty());
+    EXPECT_TRUE(fanStopBlocker(f, *parseFanChoice("auto")).empty());
+}
+
+TEST(FanChoices, TheChoiceWordsNameTheStop) {
+    EXPECT_NE(std::string(fanChoiceWords()).find("stop on|off"), std::string::npos);
+}
+
 TEST(FanChoices, APumpRunsFixedAtFullUntilTheUserChoosesOtherwise) {
     const FanState pump =
         fan("nct6798@/sys/devices/platform/nct6775.656#fan2", 1000, 3000, "AIO Pump");
     const FanState plain =
         fan("nct6798@/sys/devices/platform/nct6775.656#fan1", 1000, 3000, "CPU fan");
     FanChoices none;
-    EXPECT_EQ(effectiveFanChoice(pump, none), (FanChoice{FanChoiceKind::fixed, 100, 0}));
+    EXPECT_EQ(effectiveFanChoice(pump, none),
+              (FanChoice{FanChoiceKind::fixed, 100, 0, std::nullopt}));
     EXPECT_EQ(effectiveFanChoice(plain, none), FanChoice{});
     FanChoices chosen{{pump.name, *parseFanChoice("auto")}};
     EXPECT_EQ(effectiveFanChoice(pump, chosen).kind, FanChoiceKind::automatic);

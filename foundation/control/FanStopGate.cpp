@@ -1,0 +1,55 @@
+#include "foundation/control/FanStopGate.h"
+
+#include <algorithm>
+
+namespace kelvo {
+
+bool FanStopGate::decide(const std::string& fan, bool mayStop, double duty,
+                         const std::vector<Die>& dies, Timestamp now, Change* change) {
+    if (change) *change = Change::none;
+    State& state = fans_[fan];
+    auto underBy = [&](double margin) {
+        return std::all_of(dies.begin(), dies.end(),
+                           [&](const Die& d) { return d.temperatureC <= d.limitC - margin; });
+    };
+    // With no die to judge by, nothing is known to be cool.
+    const bool cool = !dies.empty() && underBy(config_.coolMarginC);
+    const bool warmed = !underBy(config_.coolMarginC - config_.warmingC);
+    const bool urgent = !underBy(config_.urgentMarginC) || duty > config_.urgentDutyAbove;
+    const double held = state.since ? now - *state.since : 1e18;
+    if (state.stopped) {
+        const bool wantsRun = warmed || duty > config_.restartDutyAbove;
+        if (mayStop && !urgent && !(wantsRun && held >= config_.minimumStopSeconds)) return true;
+        state.stopped = false;
+        state.since = now;
+        state.restarted = now;
+        if (change) *change = Change::restarted;
+        return false;
+    }
+    if (!mayStop || !cool || duty > config_.stopDutyAtMost || held < config_.minimumRunSeconds)
+        return false;
+    state.stopped = true;
+    state.since = now;
+    state.restarted.reset();
+    if (change) *change = Change::stopped;
+    return true;
+}
+
+bool FanStopGate::isStopped(const std::string& fan) const {
+    auto it = fans_.find(fan);
+    return it != fans_.end() && it->second.stopped;
+}
+
+std::set<std::string> FanStopGate::stoppedFans() const {
+    std::set<std::string> names;
+    for (const auto& [name, state] : fans_)
+        if (state.stopped) names.insert(name);
+    return names;
+}
+
+std::optional<Timestamp> FanStopGate::restartedAt(const std::string& fan) const {
+    auto it = fans_.find(fan);
+    return it == fans_.end() ? std::nullopt : it->second.restarted;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,85 @@
+#include <gtest/gtest.h>
+
+#include "foundation/control/FanStopGate.h"
+
+using namespace kelvo;
+
+namespace {
+std::vector<FanStopGate::Die> cpuAt(double c) {
+    return {{c, 88}};
+}
+}  // namespace
+
+TEST(FanStopGate, StopsOnlyAtTheBottomOfTheRangeWithEveryDieCool) {
+    FanStopGate gate;
+    FanStopGate::Change change;
+    EXPECT_FALSE(gate.decide("f", true, 0.2, cpuAt(50), 0, &change));
+    EXPECT_EQ(change, FanStopGate::Change::none);
+    EXPECT_FALSE(gate.decide("f", true, 0, {{50, 88}, {80, 85}}, 1, &change));  // a warm GPU
+    EXPECT_FALSE(gate.decide("f", true, 0, cpuAt(80), 2, &change));             // 8 °C under
+    EXPECT_FALSE(gate.decide("f", false, 0, cpuAt(50), 3, &change));            // not allowed
+    EXPECT_FALSE(gate.decide("f", true, 0, {}, 4, &change));                    // nothing seen
+    EXPECT_TRUE(gate.decide("f", true, 0, cpuAt(50), 5, &change));
+    EXPECT_EQ(change, FanStopGate::Change::stopped);
+    EXPECT_TRUE(gate.isStopped("f"));
+    EXPECT_EQ(gate.stoppedFans(), std::set<std::string>{"f"});
+}
+
+TEST(FanStopGate, AWobbleAroundTheStopLineNeitherRestartsNorStopsAgainAtOnce) {
+    FanStopGate gate;
+    const double line = 88 - gate.config().coolMarginC;
+    int changes = 0;
+    // Ten minutes of a die wobbling ±2 °C around the stop line with the policy at the bottom.
+    for (int t = 0; t < 600; ++t) {
+        FanStopGate::Change change;
+        gate.decide("f", true, 0, cpuAt(line + (t % 2 == 0 ? -2 : 2)), t, &change);
+        if (change != FanStopGate::Change::none) ++changes;
+    }
+    EXPECT_EQ(changes, 1);  // it stopped once and stayed stopped
+    EXPECT_TRUE(gate.isStopped("f"));
+}
+
+TEST(FanStopGate, RestartsWhenADieWarmsButNotBeforeTheMinimumStop) {
+    FanStopGate gate;
+    const double line = 88 - gate.config().coolMarginC;
+    ASSERT_TRUE(gate.decide("f", true, 0, cpuAt(line - 5), 100));
+    const double warm = line + gate.config().warmingC + 0.5;  // warmed, not urgent
+    ASSERT_LT(warm, 88 - gate.config().urgentMarginC);
+    EXPECT_TRUE(gate.decide("f", true, 0, cpuAt(warm), 110));
+    FanStopGate::Change change;
+    EXPECT_FALSE(
+        gate.decide("f", true, 0, cpuAt(warm), 100 + gate.config().minimumStopSeconds, &change));
+    EXPECT_EQ(change, FanStopGate::Change::restarted);
+    EXPECT_EQ(gate.restartedAt("f"), 100 + gate.config().minimumStopSeconds);
+    // Cool again at once: it runs its minimum before stopping again.
+    EXPECT_FALSE(gate.decide("f", true, 0, cpuAt(line - 5), 170));
+    EXPECT_TRUE(
+        gate.decide("f", true, 0, cpuAt(line - 5),
+                    100 + gate.config().minimumStopSeconds + gate.config().minimumRunSeconds));
+}
+
+TEST(FanStopGate, RestartsWhenThePolicyAsksForSpeed) {
+    FanStopGate gate;
+    ASSERT_TRUE(gate.decide("f", true, 0, cpuAt(50), 0));
+    EXPECT_TRUE(gate.decide("f", true, 0.1, cpuAt(50), 30));    // before its minimum stop
+    EXPECT_TRUE(gate.decide("f", true, 0.03, cpuAt(50), 100));  // under the restart duty
+    EXPECT_FALSE(gate.decide("f", true, 0.1, cpuAt(50), 101));
+}
+
+TEST(FanStopGate, AnUrgentNeedOrAWithdrawnPermissionRestartsAtOnce) {
+    FanStopGate gate;
+    ASSERT_TRUE(gate.decide("a", true, 0, cpuAt(50), 0));
+    ASSERT_TRUE(gate.decide("b", true, 0, cpuAt(50), 0));
+    ASSERT_TRUE(gate.decide("c", true, 0, cpuAt(50), 0));
+    EXPECT_FALSE(gate.decide("a", true, 0, cpuAt(87), 1));    // close to the limit
+    EXPECT_FALSE(gate.decide("b", true, 1.0, cpuAt(50), 1));  // cooldown, full speed
+    EXPECT_FALSE(gate.decide("c", false, 0, cpuAt(50), 1));   // the user said stop off
+}
+
+TEST(FanStopGate, AForgottenFanStartsAfresh) {
+    FanStopGate gate;
+    ASSERT_TRUE(gate.decide("f", true, 0, cpuAt(50), 0));
+    gate.forgetAll();
+    EXPECT_FALSE(gate.isStopped("f"));
+    EXPECT_TRUE(gate.decide("f", true, 0, cpuAt(50), 1));
+}

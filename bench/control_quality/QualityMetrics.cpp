@@ -92,15 +92,19 @@ void QualityMetrics::lightLoad(QualityRow& row) const {
         cpu[i + 1] = cpu[i] + everySecond_[i].load.cpu;
         gpu[i + 1] = gpu[i] + everySecond_[i].load.gpu;
     }
-    const auto half = static_cast<std::size_t>(std::max(0.0, std::round(limits_.lightWindowS / 2)));
+    auto seconds = [](double s) { return static_cast<std::size_t>(std::max(0.0, std::round(s))); };
+    const std::size_t half = seconds(limits_.lightWindowS / 2);
+    const std::size_t before = std::max<std::size_t>(1, seconds(limits_.lightAfterS));
+    // Over seconds [from, to): each device's mean under the line.
+    auto light = [&](std::size_t from, std::size_t to) {
+        const double span = static_cast<double>(to - from);
+        return (cpu[to] - cpu[from]) / span < limits_.lightBelow &&
+               (gpu[to] - gpu[from]) / span < limits_.lightBelow;
+    };
     double power = 0;
     for (std::size_t i = 0; i < n; ++i) {
-        const std::size_t from = i > half ? i - half : 0;
-        const std::size_t to = std::min(n, i + half + 1);
-        const double span = static_cast<double>(to - from);
-        if ((cpu[to] - cpu[from]) / span >= limits_.lightBelow ||
-            (gpu[to] - gpu[from]) / span >= limits_.lightBelow)
-            continue;
+        if (!light(i > half ? i - half : 0, std::min(n, i + half + 1))) continue;
+        if (!light(i + 1 > before ? i + 1 - before : 0, i + 1)) continue;
         row.lightS += everySecond_[i].dt;
         power += everySecond_[i].power * everySecond_[i].dt;
     }

@@ -50,11 +50,13 @@ struct MetricLimits {
     // at most sustainedDipS (a link step, a loading screen) not breaking the stretch.
     double sustainedS = 120;
     double sustainedDipS = 10;
-    // Light load: each device's offered load, averaged over the lightWindowS centred on a second,
-    // under lightBelow. Light work with its short bursts counts; the first and last minutes of a
-    // heavy stretch do not, nor the minute after it while its heat is still in the heatsink.
+    // Light load: each device's offered load, averaged over the lightWindowS centred on a second
+    // and over the lightAfterS up to it, under lightBelow. Light work with its short bursts
+    // counts; the edges of a heavy stretch do not, nor the minutes after it while its heat is
+    // still in the heatsink (that is cooling down, not light load).
     double lightBelow = 0.4;
     double lightWindowS = 180;
+    double lightAfterS = 300;
 };
 
 class QualityMetrics {

@@ -278,8 +278,8 @@ bool ReportWriter::printTargets(std::ostream& out) const {
     for (const auto& [machine, trace] : machineTraces)
         all = checkForesightFloor(out, machine, trace) && all;
     out << "quiet and quietHybrid at idle and light load (seconds where each device's load, "
-           "averaged over the 3 minutes centred on them, is under 40 %): mean level over them at "
-           "most firmware's\n";
+           "averaged over the 3 minutes centred on them and over the 5 minutes up to them, is "
+           "under 40 %): mean level over them at most firmware's\n";
     for (const char* mode : kQuietModes) each(mode, &ReportWriter::checkLight);
     out << "quiet and quietHybrid: no second over the quiet limits where foresight has none, mean "
            "level at most 1.0 dB above foresight\n";

@@ -31,6 +31,11 @@
 // seconds that cannot be held run on full fans even where less would be as many seconds over.
 // The search is bounded (at most 2000 plant seconds per second of trace; the bench's traces take
 // under 600); past that, violations get full fans over the longest window without a search.
+// Fans that can stop: the simulated fans cannot yet (sim::FanConfig has no stop fields), so every
+// plan value is a duty in 0..1 and the fans' minimum is the floor. Once a machine's fans say they
+// can stop, a value under 0 is the one kept for "stop the fans that can stop", planned only on such
+// machines; until then a stopped fan would make rows quieter than this floor, and the floor check
+// in the report would name them.
 #pragma once
 
 #include <vector>

@@ -8,8 +8,19 @@
 
 namespace kelvo::quality {
 
+namespace {
+
+// One fan's own level by the fan law, floored at the threshold of hearing: a fan that starts from
+// standstill is heard starting, a change under the threshold is not heard at all.
+double fanLevelDb(const sim::FanConfig& fan, double rpm) {
+    if (!(rpm > 0)) return 0;
+    return std::max(0.0, fan.soundRefDb + 50.0 * std::log10(rpm / fan.soundRefRPM));
+}
+
+}  // namespace
+
 QualityMetrics::QualityMetrics(const sim::PlantConfig& plant, MetricLimits limits)
-    : plant_(plant), limits_(limits) {}
+    : plant_(plant), limits_(limits), fans_(plant.fans.size()) {}
 
 void QualityMetrics::add(const sim::PlantState& state, LoadLevel load, double dt) {
     seconds_ += dt;
@@ -30,23 +41,74 @@ void QualityMetrics::add(const sim::PlantState& state, LoadLevel load, double dt
     double rpm = 0;
     for (double fan : state.fanCurrentRPM) rpm += fan;
     if (!state.fanCurrentRPM.empty()) rpm /= static_cast<double>(state.fanCurrentRPM.size());
-    countAudible(rpm);
+    countAudible(state.fanCurrentRPM);
     rpm_.push_back(rpm);
     const double power = soundPower(plant_, state.fanCurrentRPM);
     soundPowerSum_ += power * dt;
     peakDb_ = std::max(peakDb_, levelOfPower(power));
+    secondDb_.push_back(levelOfPower(power));
+    everySecond_.push_back({load, power, dt});
+    watchLoad(load, dt);
 }
 
-// One audible change is one run of consecutive seconds in which the speed moves by more than the
-// step in the same direction: a single jump that takes the fan two seconds to follow counts once.
-void QualityMetrics::countAudible(double rpm) {
-    if (rpm_.empty()) return;
-    const double delta = rpm - rpm_.back();
-    int direction = 0;
-    if (delta > limits_.audibleStepRPM) direction = 1;
-    if (delta < -limits_.audibleStepRPM) direction = -1;
-    if (direction != 0 && direction != runDirection_) ++audibleChanges_;
-    runDirection_ = direction;
+// Per fan, in its own level: three fans that move together are one change to a listener, and one
+// fan of three that moves alone is still heard, so neither the mean speed nor the sum of the fans
+// says what is heard. The row reports the fan that changed most often.
+void QualityMetrics::countAudible(const std::vector<double>& rpm) {
+    const std::size_t samples = static_cast<std::size_t>(std::lround(limits_.audibleWindowS)) + 1;
+    for (std::size_t i = 0; i < fans_.size() && i < rpm.size(); ++i) {
+        const sim::FanConfig& config = plant_.fans[i];
+        if (!(config.soundRefRPM > 0)) continue;  // no sound figures: nothing to hear
+        FanWatch& fan = fans_[i];
+        fan.levels.push_back(fanLevelDb(config, rpm[i]));
+        if (fan.levels.size() > samples) fan.levels.pop_front();
+        const auto [low, high] = std::minmax_element(fan.levels.begin(), fan.levels.end());
+        const double span = *high - *low;
+        if (!fan.changing && span >= limits_.audibleStepDb) {
+            fan.changing = true;
+            ++fan.changes;
+        } else if (fan.changing && fan.levels.size() == samples && span < limits_.settledDb) {
+            fan.changing = false;
+        }
+    }
+}
+
+void QualityMetrics::watchLoad(LoadLevel load, double dt) {
+    if (std::max(load.cpu, load.gpu) >= limits_.loadedFrom) {
+        stretchS_ += dt;
+        dipS_ = 0;
+        if (stretchS_ >= limits_.sustainedS - 1e-9) sustained_ = true;
+    } else if (stretchS_ > 0) {
+        dipS_ += dt;
+        stretchS_ += dt;
+        if (dipS_ > limits_.sustainedDipS) stretchS_ = dipS_ = 0;
+    }
+}
+
+void QualityMetrics::lightLoad(QualityRow& row) const {
+    const std::size_t n = everySecond_.size();
+    std::vector<double> cpu(n + 1, 0.0), gpu(n + 1, 0.0);
+    for (std::size_t i = 0; i < n; ++i) {
+        cpu[i + 1] = cpu[i] + everySecond_[i].load.cpu;
+        gpu[i + 1] = gpu[i] + everySecond_[i].load.gpu;
+    }
+    auto seconds = [](double s) { return static_cast<std::size_t>(std::max(0.0, std::round(s))); };
+    const std::size_t half = seconds(limits_.lightWindowS / 2);
+    const std::size_t before = std::max<std::size_t>(1, seconds(limits_.lightAfterS));
+    // Over seconds [from, to): each device's mean under the line.
+    auto light = [&](std::size_t from, std::size_t to) {
+        const double span = static_cast<double>(to - from);
+        return (cpu[to] - cpu[from]) / span < limits_.lightBelow &&
+               (gpu[to] - gpu[from]) / span < limits_.lightBelow;
+    };
+    double power = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (!light(i > half ? i - half : 0, std::min(n, i + half + 1))) continue;
+        if (!light(i + 1 > before ? i + 1 - before : 0, i + 1)) continue;
+        row.lightS += everySecond_[i].dt;
+        power += everySecond_[i].power * everySecond_[i].dt;
+    }
+    row.lightMeanDb = row.lightS > 0 ? levelOfPower(power / row.lightS) : 0.0;
 }
 
 QualityRow QualityMetrics::result() const {
@@ -70,7 +132,12 @@ QualityRow QualityMetrics::result() const {
     row.rpmSD = std::sqrt(squares / n);
     row.meanDb = seconds_ > 0 ? levelOfPower(soundPowerSum_ / seconds_) : 0.0;
     row.peakDb = peakDb_;
-    row.audibleChangesPerHour = seconds_ > 0 ? audibleChanges_ * 3600.0 / seconds_ : 0.0;
+    int worst = 0;
+    for (const FanWatch& fan : fans_) worst = std::max(worst, fan.changes);
+    row.audibleChangesPerHour = seconds_ > 0 ? worst * 3600.0 / seconds_ : 0.0;
+    row.sustainedLoad = sustained_;
+    lightLoad(row);
+    row.secondDb = secondDb_;
     return row;
 }
 

@@ -3,6 +3,7 @@
 
 #include <iosfwd>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "QualityMetrics.h"
@@ -15,9 +16,11 @@ public:
 
     void printTable(std::ostream& out) const;
     bool writeCsv(const std::string& path) const;
-    // Kelvo's quiet modes against the foresight floor and against what users run otherwise, and
-    // performance's clock retention; one line per check with MET or MISSED and why. False when
-    // any target is missed. Checks whose reference row is absent are left out.
+    // Every target on every machine × trace the rows cover: the foresight floor, Kelvo's quiet
+    // modes against it, against the firmware at light load and after a launch, and against what
+    // users run otherwise, and performance's clock retention; one line per check with PASS or
+    // FAIL and the figures (n/a where the trace has nothing to judge). False when any target
+    // fails. Checks whose reference row is absent are left out.
     bool printTargets(std::ostream& out) const;
 
     static const char* csvHeader();
@@ -26,7 +29,13 @@ private:
     const QualityRow* find(const std::string& machine, const std::string& trace,
                            const std::string& controller) const;
     std::vector<const QualityRow*> rowsOf(const std::string& controller) const;
+    std::vector<std::pair<std::string, std::string>> runs() const;  // machine × trace, in order
+    bool checkForesightFloor(std::ostream& out, const std::string& machine,
+                             const std::string& trace) const;
+    bool checkLight(std::ostream& out, const QualityRow& row) const;
     bool checkFloor(std::ostream& out, const QualityRow& row) const;
+    bool checkChanges(std::ostream& out, const QualityRow& row) const;
+    bool checkLaunch(std::ostream& out, const QualityRow& row) const;
     bool checkAnticipation(std::ostream& out, const QualityRow& hybrid) const;
     bool checkPeer(std::ostream& out, const QualityRow& hybrid, const QualityRow& peer) const;
     bool checkRetention(std::ostream& out, const QualityRow& performance) const;

@@ -63,11 +63,43 @@ void appendGame(LoadTrace& trace, Dice& dice, int seconds) {
     }
 }
 
+// A video call: encoding and decoding hold a steady quarter of the CPU and a little of the GPU;
+// once a minute something (a screen share, a background blur that re-initialises, a slide deck
+// opening) bursts the CPU for five seconds.
+void appendVideoCall(LoadTrace& trace, Dice& dice, int seconds) {
+    int left = seconds;
+    while (left > 0) {
+        const LoadLevel steady{dice.level(0.22, 0.28), dice.level(0.06, 0.1)};
+        int call = std::min(left, 55);
+        trace.hold(call, steady);
+        left -= call;
+        if (left <= 0) break;
+        int burst = std::min(left, 5);
+        trace.hold(burst, {dice.level(0.75, 0.85), steady.gpu});
+        left -= burst;
+    }
+}
+
+// Light desktop work (writing, reading, a terminal) with spikes of one to three seconds at
+// irregular intervals: a page rendering, a search, a thumbnail cache, a language server.
+void appendBurstyDesktop(LoadTrace& trace, Dice& dice, int seconds) {
+    int left = seconds;
+    while (left > 0) {
+        int light = std::min(left, dice.seconds(6, 90));
+        trace.hold(light, {dice.level(0.04, 0.15), dice.level(0.02, 0.08)});
+        left -= light;
+        if (left <= 0) break;
+        int spike = std::min(left, dice.seconds(1, 3));
+        trace.hold(spike, {dice.level(0.8, 1.0), dice.level(0.05, 0.25)});
+        left -= spike;
+    }
+}
+
 }  // namespace
 
 std::vector<LoadTrace> TraceLibrary::all() const {
     return {idleWithSpikes(), compileJob(), gameWithLoadingScreens(), sustainedRender(),
-            mixedDay()};
+            mixedDay(),       videoCall(),  burstyDesktop()};
 }
 
 LoadTrace TraceLibrary::idleWithSpikes(int seconds) const {
@@ -113,6 +145,20 @@ LoadTrace TraceLibrary::mixedDay() const {
     trace.hold(360, {0.35, 0.3});  // video call
     appendGame(trace, dice, 360);
     appendIdleSpikes(trace, dice, 240);
+    return trace;
+}
+
+LoadTrace TraceLibrary::videoCall() const {
+    Dice dice(seed_, 6);
+    LoadTrace trace("video-call");
+    appendVideoCall(trace, dice, 1200);
+    return trace;
+}
+
+LoadTrace TraceLibrary::burstyDesktop() const {
+    Dice dice(seed_, 7);
+    LoadTrace trace("bursty-desktop");
+    appendBurstyDesktop(trace, dice, 1800);
     return trace;
 }
 

@@ -13,7 +13,7 @@ class TraceLibrary {
 public:
     explicit TraceLibrary(std::uint64_t seed) : seed_(seed) {}
 
-    // idle-spikes, compile, game, render, mixed-day.
+    // idle-spikes, compile, game, render, mixed-day, video-call, bursty-desktop.
     std::vector<LoadTrace> all() const;
 
     LoadTrace idleWithSpikes(int seconds = 600) const;
@@ -21,6 +21,10 @@ public:
     LoadTrace gameWithLoadingScreens(int seconds = 900) const;
     LoadTrace sustainedRender() const;
     LoadTrace mixedDay() const;
+    // Twenty minutes at a quarter of the CPU with a five-second burst to 80 % each minute.
+    LoadTrace videoCall() const;
+    // Thirty minutes of light desktop work with one-to-three-second spikes at irregular intervals.
+    LoadTrace burstyDesktop() const;
 
 private:
     std::uint64_t seed_;

@@ -15,9 +15,13 @@ constexpr double kTrimBelowC = 0.5;
 // not step the fans audibly; beyond it the full gain applies.
 constexpr double kSoftRiseC = 2;
 // Quiet modes ramp the fans no faster than this: a slow ramp is heard as the machine working, a
-// step as a noise. The limit at the hard edge still jumps.
+// step as a noise. Close to the hard limit a steeper rise takes over.
 constexpr double kQuietRiseRPMPerSecond = 120;
 constexpr double kQuietRiseDutyWithoutSpeeds = 0.03;  // fans that report no range
+// Duty per second per squared degree past the edge under the hard limit: four tenths of the range
+// a second at a degree past it, none at the edge itself.
+constexpr double kLimitRiseGain = 0.4;
+constexpr double kLimitLookaheadS = 3;
 constexpr double kPowerRiseWatts = 12;
 constexpr double kTrendSeconds = 3;
 // A burst shorter than this (opening an application, a page, a search) is not the sustained load
@@ -90,19 +94,24 @@ double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
 // far, a guess before the first) scaled by how much of its device is still idle. A device that
 // reports no utilisation is not guessed at.
 double ControlPolicy::burstReserve(const std::optional<double>& util,
+                                   const std::optional<double>& peak,
                                    const std::optional<double>& jumpC) const {
     if (!util) return 0;
-    return jumpC.value_or(limits_.quietBurstReserveC) * (1.0 - std::clamp(*util / 100.0, 0.0, 1.0));
+    double level = 100;
+    if (peak && *peak - *util >= 20) level = *peak;
+    return jumpC.value_or(limits_.quietBurstReserveC) *
+           std::clamp((level - *util) / 100.0, 0.0, 1.0);
 }
 
-// Measured from the last minute's peak: a build's link step or a game's loading screen is
-// followed by the load it interrupted, which the heatsink is already carrying.
+// Measured from the load the heatsink carries: a build's link step or a game's loading screen is
+// followed by the load it interrupted, already in the heatsink, so it keeps no reserve; a short
+// burst is not carried, so the next one, from the same base load, still has its whole reserve.
 double ControlPolicy::cpuReserve() const {
-    return burstReserve(trend_.cpuRecentPeakPct(), trend_.cpuJumpC());
+    return burstReserve(trend_.cpuBaseLoadPct(), trend_.cpuRecentPeakPct(), trend_.cpuJumpC());
 }
 
 double ControlPolicy::gpuReserve() const {
-    return burstReserve(trend_.gpuRecentPeakPct(), trend_.gpuJumpC());
+    return burstReserve(trend_.gpuBaseLoadPct(), trend_.gpuRecentPeakPct(), trend_.gpuJumpC());
 }
 
 // Duty per second that moves the widest fan by the quiet ramp.
@@ -212,17 +221,27 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     } else {
         out.reason = "holding";
     }
-    // Close to the hard limit the integrator may be too slow: jump.
+    // Close to the hard limit the integrator and the quiet ramp may be too slow: past an edge a
+    // little under the limit the fans also rise by a rate that grows with the square of the
+    // distance past it. It starts from nothing, so a few millidegrees change almost nothing,
+    // and it is a flood a degree over the limit.
+    // A die creeping towards the limit is met a few seconds early, where the fans can still
+    // catch it.
     double hardExcess = -1e9;
-    if (sample.cpuTemperatureC)
-        hardExcess = std::max(hardExcess, *sample.cpuTemperatureC - limits_.quietCpuLimitC);
-    if (sample.gpuTemperatureC)
-        hardExcess = std::max(hardExcess, *sample.gpuTemperatureC - limits_.quietGpuLimitC);
-    // The edge stays inside the margin, so holding the setpoint never trips it.
-    if (hardExcess > -std::min(1.0, 0.5 * margin_) && duty_ < 0.85) {
-        duty_ = 0.85;
+    auto towardsLimit = [&](const std::optional<double>& temp, const std::optional<double>& slope,
+                            double limit) {
+        if (!temp) return;
+        const double ahead = slope ? std::max(0.0, *slope) * kLimitLookaheadS : 0.0;
+        hardExcess = std::max(hardExcess, *temp + ahead - limit);
+    };
+    towardsLimit(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC);
+    towardsLimit(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC);
+    // The edge stays inside the margin, so holding the setpoint never reaches it.
+    const double pastEdge = hardExcess + std::min(1.0, 0.5 * margin_);
+    if (pastEdge > 0 && duty_ < 1.0) {
+        duty_ = std::min(1.0, duty_ + kLimitRiseGain * pastEdge * pastEdge * dt);
         sinceIncrease_ = 0;
-        out.reason = "at limit";
+        out.reason = "near limit";
     }
 
     out.duty = duty_;

@@ -53,7 +53,7 @@ public:
 private:
     double setpointExcess(ControlMode mode, const TelemetrySample& sample) const;
     double predictedExcess(const TelemetrySample& sample) const;
-    double burstReserve(const std::optional<double>& util,
+    double burstReserve(const std::optional<double>& util, const std::optional<double>& peak,
                         const std::optional<double>& jumpC) const;
     double cpuReserve() const;
     double gpuReserve() const;

@@ -29,17 +29,28 @@ void TemperatureTrend::add(const TelemetrySample& sample) {
 // the settle time later, the change per unit of load is the jump a full burst would bring.
 void TemperatureTrend::watch(StepWatch& device, const std::optional<double>& util,
                              const std::optional<double>& temp, Timestamp now) {
-    if (device.stepAt && now - *device.stepAt >= settings_.settleSeconds - 1e-9) {
-        if (temp && device.stepPct > 0) {
-            const double perFull = (*temp - device.temperatureBefore) / device.stepPct * 100.0;
+    auto learn = [&](const std::optional<double>& reached) {
+        if (reached && device.stepPct > 0) {
+            const double perFull = (*reached - device.temperatureBefore) / device.stepPct * 100.0;
             const double clamped = std::clamp(perFull, 0.0, kMaxJumpC);
             device.jumpC =
                 device.jumpC ? *device.jumpC + kJumpWeight * (clamped - *device.jumpC) : clamped;
         }
         device.stepAt.reset();
+    };
+    const bool stepped = util && device.lastUtilization &&
+                         std::abs(*util - *device.lastUtilization) >= settings_.loadStepPct;
+    // A burst that ends before the settle time is measured where it ended: read after it, the
+    // die has already fallen back and the jump would look a fraction of what it was. One that
+    // ends before the die had time to answer says nothing.
+    if (device.stepAt && stepped) {
+        if (now - *device.stepAt >= settings_.answerSeconds - 1e-9)
+            learn(device.lastTemperature);
+        else
+            device.stepAt.reset();
     }
-    if (util && device.lastUtilization &&
-        std::abs(*util - *device.lastUtilization) >= settings_.loadStepPct) {
+    if (device.stepAt && now - *device.stepAt >= settings_.settleSeconds - 1e-9) learn(temp);
+    if (stepped) {
         lastStep_ = now;
         // Only rises teach the jump: after a fall the die sinks towards a warm heatsink.
         if (*util > *device.lastUtilization && device.lastTemperature) {
@@ -64,6 +75,24 @@ std::optional<double> TemperatureTrend::recentPeak(const StepWatch& device) {
     std::optional<double> peak;
     for (const auto& [t, util] : device.utilizations) peak = std::max(peak.value_or(util), util);
     return peak;
+}
+
+// For each reading, the lowest utilisation over the heldSeconds that start there, for windows
+// the readings cover; the highest of those lows is the level held. A minute at one a second is
+// sixty short scans.
+std::optional<double> TemperatureTrend::baseLoad(const StepWatch& device) const {
+    if (!device.lastUtilization) return std::nullopt;
+    double base = *device.lastUtilization;
+    const auto& u = device.utilizations;
+    for (std::size_t i = 0; i < u.size(); ++i) {
+        const Timestamp end = u[i].first + settings_.heldSeconds - 1e-9;
+        if (u.back().first < end) break;  // this window and later ones are not over yet
+        double low = u[i].second;
+        for (std::size_t j = i + 1; j < u.size() && u[j].first < end; ++j)
+            low = std::min(low, u[j].second);
+        base = std::max(base, low);
+    }
+    return base;
 }
 
 void TemperatureTrend::clear() {

@@ -17,9 +17,11 @@ public:
     struct Settings {
         double windowSeconds = 6;  // readings the slope is fitted over
         double settleSeconds = 5;  // after a step in load, before the slope counts again
+        double answerSeconds = 3;  // a die has answered most of a step after this long
         double loadStepPct = 20;   // a change in either device's utilisation this large
         std::size_t minReadings = 4;
         double peakSeconds = 60;  // how long a load's heat stays in the heatsink, roughly
+        double heldSeconds = 8;   // a level held this long is load, not a burst
     };
 
     TemperatureTrend() = default;
@@ -42,6 +44,13 @@ public:
     std::optional<double> cpuRecentPeakPct() const { return recentPeak(cpu_); }
     std::optional<double> gpuRecentPeakPct() const { return recentPeak(gpu_); }
 
+    // The load each device's heatsink is carrying: the highest utilisation it held for at least
+    // heldSeconds over the last minute, or its utilisation now where that is higher. A link step
+    // keeps the build's level; a video call's five-second bursts do not lift its base load, so the
+    // next burst still finds its reserve.
+    std::optional<double> cpuBaseLoadPct() const { return baseLoad(cpu_); }
+    std::optional<double> gpuBaseLoadPct() const { return baseLoad(gpu_); }
+
 private:
     // One device's load steps: where the die stood when its utilisation stepped, and by how much.
     struct StepWatch {
@@ -54,6 +63,7 @@ private:
         std::deque<std::pair<Timestamp, double>> utilizations;  // the last peakSeconds
     };
     static std::optional<double> recentPeak(const StepWatch& device);
+    std::optional<double> baseLoad(const StepWatch& device) const;
     void watch(StepWatch& device, const std::optional<double>& util,
                const std::optional<double>& temp, Timestamp now);
 

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <utility>
+#include <vector>
 
 #include "QualityMetrics.h"
 #include "SoundLevel.h"
@@ -31,17 +34,102 @@ kelvo::sim::PlantState state(double cpuC, double gpuC, double rpm, double cpuMHz
 
 TEST(QualityMetrics, OneJumpFollowedOverSeveralSecondsIsOneAudibleChange) {
     QualityMetrics metrics(plant());
-    for (double rpm : {1200.0, 1200.0, 1700.0, 2000.0, 2100.0, 2100.0, 1800.0, 1790.0})
-        metrics.add(state(60, 50, rpm), {0.1, 0.1}, 1.0);
-    // Up by 500 then 300 a second: one change; 100 is under the step; down by 300: a second one.
+    // Up from 1200 to 2100 rpm over three seconds (+10.6 dB): one change, however many seconds
+    // the fans take. Six seconds steady settle it; the drop to 1700 rpm (-4.6 dB) is a second.
+    const std::vector<double> speeds = {1200, 1200, 1700, 2000, 2100, 2100, 2100, 2100,
+                                        2100, 2100, 2100, 1700, 1700, 1700, 1700, 1700};
+    for (double rpm : speeds) metrics.add(state(60, 50, rpm), {0.1, 0.1}, 1.0);
     QualityRow row = metrics.result();
-    EXPECT_DOUBLE_EQ(row.audibleChangesPerHour, 2 * 3600.0 / 8);
+    EXPECT_DOUBLE_EQ(row.audibleChangesPerHour, 2 * 3600.0 / 16);
 }
 
-TEST(QualityMetrics, ASlowRampIsNotAnAudibleChange) {
+TEST(QualityMetrics, AChangeThatHasNotSettledIsNotCountedAgain) {
     QualityMetrics metrics(plant());
-    for (int i = 0; i < 20; ++i) metrics.add(state(60, 50, 1200 + 100.0 * i), {0.1, 0.1}, 1.0);
+    // Up, and down again two seconds later: the fan never settled in between.
+    for (double rpm : {1200.0, 1200.0, 2000.0, 2000.0, 1200.0, 1200.0, 1200.0})
+        metrics.add(state(60, 50, rpm), {0.1, 0.1}, 1.0);
+    EXPECT_DOUBLE_EQ(metrics.result().audibleChangesPerHour, 3600.0 / 7);
+}
+
+TEST(QualityMetrics, ARampUnderThreeDecibelsInFiveSecondsIsNotAnAudibleChange) {
+    QualityMetrics metrics(plant());
+    // One per cent a second: 1.1 dB in any five seconds, 8.5 dB over the forty.
+    double rpm = 2000;
+    for (int i = 0; i < 40; ++i, rpm *= 1.01) metrics.add(state(60, 50, rpm), {0.1, 0.1}, 1.0);
     EXPECT_DOUBLE_EQ(metrics.result().audibleChangesPerHour, 0.0);
+}
+
+TEST(QualityMetrics, TheQuietRampAddingThreeDecibelsInFiveSecondsIsAnAudibleChange) {
+    // 120 rpm a second from 2000 rpm: 2600 rpm five seconds on, +5.7 dB in the fan's own level.
+    QualityMetrics slow(plant());
+    for (int i = 0; i < 10; ++i) slow.add(state(60, 50, 2000 + 120.0 * std::min(i, 5)), {}, 1.0);
+    EXPECT_DOUBLE_EQ(slow.result().audibleChangesPerHour, 3600.0 / 10);
+    // The same ramp from 5000 rpm adds 2.5 dB: not heard as a change.
+    QualityMetrics fast(plant());
+    for (int i = 0; i < 10; ++i) fast.add(state(60, 50, 5000 + 120.0 * std::min(i, 5)), {}, 1.0);
+    EXPECT_DOUBLE_EQ(fast.result().audibleChangesPerHour, 0.0);
+}
+
+TEST(QualityMetrics, OneFanOfThreeChangingAloneIsAnAudibleChange) {
+    kelvo::sim::PlantConfig config = plant();
+    config.fans = {
+        {"a", 300, 1500, 30, 1500}, {"b", 300, 1500, 30, 1500}, {"c", 300, 1500, 30, 1500}};
+    QualityMetrics metrics(config);
+    // The third fan goes from 800 to 1200 rpm (+8.8 dB); the mean speed moves by 133 rpm.
+    for (int i = 0; i < 12; ++i) {
+        auto s = state(60, 50, 800);
+        s.fanCurrentRPM = {800, 800, i < 4 ? 800.0 : 1200.0};
+        metrics.add(s, {0.1, 0.1}, 1.0);
+    }
+    EXPECT_DOUBLE_EQ(metrics.result().audibleChangesPerHour, 3600.0 / 12);
+}
+
+TEST(QualityMetrics, AFanStartingFromStandstillIsAnAudibleChange) {
+    QualityMetrics metrics(plant());
+    for (int i = 0; i < 8; ++i) metrics.add(state(60, 50, i < 3 ? 0 : 1200), {0.1, 0.1}, 1.0);
+    EXPECT_DOUBLE_EQ(metrics.result().audibleChangesPerHour, 3600.0 / 8);
+}
+
+TEST(QualityMetrics, SustainedLoadIsTwoMinutesLoadedWithShortDipsAllowed) {
+    auto sustained = [](const std::vector<std::pair<int, LoadLevel>>& segments) {
+        QualityMetrics metrics(plant());
+        for (const auto& [seconds, load] : segments)
+            for (int i = 0; i < seconds; ++i) metrics.add(state(60, 50, 2000), load, 1.0);
+        return metrics.result().sustainedLoad;
+    };
+    const LoadLevel busy{0.9, 0.1};
+    const LoadLevel gpuBusy{0.2, 0.9};
+    const LoadLevel light{0.2, 0.1};
+    // A build with short link steps: one stretch of 2.5 minutes.
+    std::vector<std::pair<int, LoadLevel>> build;
+    for (int i = 0; i < 6; ++i) build.insert(build.end(), {{20, busy}, {5, light}});
+    EXPECT_TRUE(sustained(build));
+    // The GPU counts as much as the CPU.
+    EXPECT_TRUE(sustained({{30, light}, {120, gpuBusy}, {30, light}}));
+    // A dip longer than ten seconds breaks the stretch: two of a hundred seconds are not it.
+    EXPECT_FALSE(sustained({{100, busy}, {11, light}, {100, busy}}));
+    // Five-second bursts once a minute, for twenty minutes.
+    std::vector<std::pair<int, LoadLevel>> call;
+    for (int i = 0; i < 20; ++i) call.insert(call.end(), {{55, light}, {5, busy}});
+    EXPECT_FALSE(sustained(call));
+}
+
+TEST(QualityMetrics, LightSecondsAreLightAroundThemAndNotCoolingDown) {
+    kelvo::sim::PlantConfig config = plant();
+    QualityMetrics metrics(config);
+    // Ten minutes idle at 1200 rpm, ten loaded at 2400 rpm, two idle at 1800 rpm while the
+    // heatsink cools: the light seconds are the idle ones further than about a minute from the
+    // load, all at 1200 rpm; the two minutes after the load are not light.
+    for (int i = 0; i < 600; ++i) metrics.add(state(60, 50, 1200), {0.05, 0.05}, 1.0);
+    for (int i = 0; i < 600; ++i) metrics.add(state(80, 50, 2400), {0.9, 0.05}, 1.0);
+    for (int i = 0; i < 120; ++i) metrics.add(state(70, 50, 1800), {0.05, 0.05}, 1.0);
+    QualityRow row = metrics.result();
+    EXPECT_GT(row.lightS, 480);
+    EXPECT_LT(row.lightS, 600);
+    EXPECT_NEAR(row.lightMeanDb, soundLevelDb(config, {1200, 1200}), 1e-9);
+    EXPECT_GT(row.meanDb, row.lightMeanDb + 3);
+    EXPECT_EQ(row.secondDb.size(), 1320u);
+    EXPECT_NEAR(row.secondDb[1199], soundLevelDb(config, {2400, 2400}), 1e-9);
 }
 
 TEST(QualityMetrics, TemperaturesLimitsAndSpeedStatistics) {

@@ -92,3 +92,37 @@ TEST(TemperatureTrend, RemembersEachDevicesPeakLoadForAMinute) {
     trend.add(reading(61, 55, 50, 20, 10));
     EXPECT_DOUBLE_EQ(*trend.cpuRecentPeakPct(), 20);
 }
+
+TEST(TemperatureTrend, TheBaseLoadIsTheLevelHeldNotTheBurst) {
+    TemperatureTrend trend;
+    EXPECT_FALSE(trend.cpuBaseLoadPct());
+    for (Timestamp t = 0; t < 30; ++t) trend.add(reading(t, 60, 50, 25, 10));
+    // A five-second burst to 80 %: while it lasts the base is the load now, after it the 25 %
+    // the heatsink carries.
+    for (Timestamp t = 30; t < 35; ++t) trend.add(reading(t, 70, 50, 80, 10));
+    EXPECT_DOUBLE_EQ(*trend.cpuBaseLoadPct(), 80);
+    for (Timestamp t = 35; t < 50; ++t) trend.add(reading(t, 61, 50, 25, 10));
+    EXPECT_DOUBLE_EQ(*trend.cpuBaseLoadPct(), 25);
+    EXPECT_DOUBLE_EQ(*trend.cpuRecentPeakPct(), 80);
+    // Twelve seconds at 95 % and a link step at 20 %: the build's level is the base.
+    for (Timestamp t = 50; t < 62; ++t) trend.add(reading(t, 70, 50, 95, 10));
+    for (Timestamp t = 62; t < 80; ++t) trend.add(reading(t, 65, 50, 20, 10));
+    EXPECT_DOUBLE_EQ(*trend.cpuBaseLoadPct(), 95);
+}
+
+TEST(TemperatureTrend, ABurstShorterThanTheSettleTimeIsMeasuredWhereItEnded) {
+    TemperatureTrend trend;
+    for (Timestamp t = 0; t < 10; ++t) trend.add(reading(t, 60, 50, 25, 10));
+    // 25 % to 80 % for four seconds: the die climbs to 71 °C and falls back the second the
+    // burst ends; 11 °C for 55 points is 20 °C for a full load.
+    for (Timestamp t = 10; t < 14; ++t) trend.add(reading(t, 68 + (t - 10), 50, 80, 10));
+    trend.add(reading(14, 63, 50, 25, 10));
+    ASSERT_TRUE(trend.cpuJumpC());
+    EXPECT_NEAR(*trend.cpuJumpC(), 20, 1e-9);
+    // A burst of one second says nothing: the die has not answered yet.
+    TemperatureTrend blip;
+    for (Timestamp t = 0; t < 10; ++t) blip.add(reading(t, 60, 50, 25, 10));
+    blip.add(reading(10, 64, 50, 80, 10));
+    blip.add(reading(11, 61, 50, 25, 10));
+    EXPECT_FALSE(blip.cpuJumpC());
+}

@@ -102,8 +102,11 @@ int FanCurveLearner::mappedDuty(const FanLearning& fan, double targetRPM, double
     const FanKnowledge& knowledge = fan.knowledge;
     int duty = dutyForRPMOnCurve(knowledge.turningCurve(), targetRPM)
                    .value_or(linearDuty(targetRPM, minRPM, maxRPM));
-    // Never under what has been seen to keep the fan turning, nor at a duty it rests at.
-    if (auto lowest = knowledge.lowestTurningDuty()) duty = std::max(duty, *lowest);
+    // Never under what has been seen to keep the fan turning (the lowest duty it settled at,
+    // or one that started it), nor at a duty it came to rest at.
+    std::optional<int> turns = knowledge.lowestTurningDuty();
+    if (knowledge.startsAt) turns = std::min(turns.value_or(255), *knowledge.startsAt);
+    if (turns) duty = std::max(duty, *turns);
     if (knowledge.stopsAt) duty = std::max(duty, *knowledge.stopsAt + 1);
     return std::clamp(duty, 0, 255);
 }

@@ -37,7 +37,7 @@ struct FanKnowledge {
     // Two or more turning points whose speeds follow the duty: targets can be mapped through it.
     bool usable() const;
     std::optional<int> lowestTurningDuty() const;
-    // Speeds never fall as the duty rises: the lowest turning duty's speed, flattened.
+    // The speed at the lowest turning duty.
     std::optional<double> lowestTurningRPM() const;
     // The speed at (or within a few steps of) full duty, when it has been seen.
     std::optional<double> topRPM() const;

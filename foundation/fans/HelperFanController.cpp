@@ -96,7 +96,8 @@ FanReadResult HelperFanController::readFans() {
         state.currentRPM = fan.rpm.value_or(kUnreadableRPM);
         const auto held = held_.find(fan.identity);
         state.targetRPM = held != held_.end() ? held->second : 0;
-        state.stopCommanded = isFanStopTarget(state.targetRPM);
+        // Asked to stand still, and it does.
+        state.stopCommanded = isFanStopTarget(state.targetRPM) && fan.rpm && *fan.rpm <= 0;
         // The firmware's own duty (pwmN in automatic mode) teaches the curve too.
         if (held == held_.end() && fan.controllable && fan.mode && *fan.mode >= 2) {
             std::optional<double> rpm;

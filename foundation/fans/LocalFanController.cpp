@@ -106,7 +106,9 @@ FanReadResult LocalFanController::readFans() {
             held = held_.end();
         }
         state.targetRPM = held != held_.end() ? held->second.targetRPM : 0;
-        state.stopCommanded = isFanStopTarget(state.targetRPM);
+        // Asked to stand still, and it does.
+        state.stopCommanded =
+            isFanStopTarget(state.targetRPM) && fan.currentRPM && *fan.currentRPM <= 0;
         // The firmware's own duty (pwmN in automatic mode) teaches the curve too.
         if (held == held_.end() && fan.controllable && fan.pwmEnable && *fan.pwmEnable >= 2)
             curves_.observeFirmware(fan.identity, fan.pwm, fan.currentRPM);

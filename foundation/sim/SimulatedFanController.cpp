@@ -30,7 +30,7 @@ FanReadResult SimulatedFanController::readFans() {
         // The simulated machine knows its fans: no need to learn what they do at rest.
         fan.canStop = i < config.fans.size() && config.fans[i].canStop();
         fan.firmwareStops = fan.canStop && config.firmwareStopBelowC > 0;
-        fan.stopCommanded = isFanStopTarget(state.fanTargetRPM[i]);
+        fan.stopCommanded = isFanStopTarget(state.fanTargetRPM[i]) && state.fanCurrentRPM[i] <= 0;
         result.fans.push_back(std::move(fan));
     }
     return result;

@@ -188,6 +188,8 @@ TEST(FanCurveLearner, TheWalkDownEndsAtTheStopDutyOfAnOldSweep) {
                                 {128, curvedFanSpeedAt(128)},
                                 {255, curvedFanSpeedAt(255)}};
     rig.learner.setStore(rig.memory.store());
+    // It loads as it was stored.
+    EXPECT_EQ(rig.learner.curve("fan"), rig.memory.curves.at("fan"));
     EXPECT_TRUE(rig.learner.report("fan").canStop);
     rig.speed = curvedFanSpeedAt(51);
     for (int i = 0; i < 40; ++i) rig.tickAtMinimum();

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "foundation/core/FanController.h"
+
 namespace kelvo::simhw {
 
 namespace {
@@ -245,6 +247,7 @@ void SimHardware::buildProc() {
 
 double SimHardware::firmwareRPM(std::size_t fan) const {
     const auto& f = config().fans[fan];
+    if (fan < state_.fanFirmwareStopped.size() && state_.fanFirmwareStopped[fan]) return 0;
     const double hottest = std::max(state_.cpuTemperatureC, state_.gpuTemperatureC);
     const double span = config().firmwareMaxAtC - config().firmwareMinUntilC;
     const double fraction =
@@ -253,14 +256,31 @@ double SimHardware::firmwareRPM(std::size_t fan) const {
     return f.minRPM + fraction * (f.maxRPM - f.minRPM);
 }
 
+// A turning fan runs linearly from its minimum speed at its stop duty (0 for fans that never
+// stop) to its maximum at full duty.
+double SimHardware::rpmAtDuty(std::size_t fan, int duty) const {
+    const auto& f = config().fans[fan];
+    const int from = std::clamp(f.stopBelowDuty, 0, kMaxDuty - 1);
+    const double share = std::clamp(static_cast<double>(duty - from) / (kMaxDuty - from), 0.0, 1.0);
+    return f.minRPM + (f.maxRPM - f.minRPM) * share;
+}
+
+int SimHardware::dutyForRPM(std::size_t fan, double rpm) const {
+    const auto& f = config().fans[fan];
+    const int from = std::clamp(f.stopBelowDuty, 0, kMaxDuty - 1);
+    const double span = f.maxRPM - f.minRPM;
+    const double share = span > 0 ? std::clamp((rpm - f.minRPM) / span, 0.0, 1.0) : 1.0;
+    return static_cast<int>(std::lround(from + share * (kMaxDuty - from)));
+}
+
 int SimHardware::effectiveDuty(std::size_t fan) const {
     const FanChannel& channel = fans_[fan];
     if (channel.enable == 1) return channel.pwm;
     if (channel.enable == 0) return kMaxDuty;
-    const auto& f = config().fans[fan];
-    const double span = f.maxRPM - f.minRPM;
-    const double fraction = span > 0 ? (firmwareRPM(fan) - f.minRPM) / span : 1.0;
-    return static_cast<int>(std::lround(std::clamp(fraction, 0.0, 1.0) * kMaxDuty));
+    // The firmware writes 0 to a fan it stops.
+    const double rpm = firmwareRPM(fan);
+    if (rpm <= 0) return 0;
+    return dutyForRPM(fan, rpm);
 }
 
 int SimHardware::writeDuty(std::size_t fan, std::string_view text) {
@@ -276,26 +296,40 @@ int SimHardware::writeDuty(std::size_t fan, std::string_view text) {
 int SimHardware::writeEnable(std::size_t fan, std::string_view text) {
     const auto value = parseSysfsInteger(text);
     if (!value || *value < 0 || *value > 2) return -EINVAL;
+    // Taken into manual mode, the chip keeps the duty it was running at, and a fan the
+    // firmware had stopped is still at rest.
+    if (*value == 1 && fans_[fan].enable != 1) {
+        fans_[fan].pwm = effectiveDuty(fan);
+        fans_[fan].atRest = config().fans[fan].canStop() && state_.fanCurrentRPM[fan] <= 0;
+    }
     fans_[fan].enable = static_cast<int>(*value);
     ++fans_[fan].enableWrites;
     commandFans();
     return 0;
 }
 
-// Manual fans run where their duty puts them (a linear map from the fan's minimum to its
-// maximum), full-speed fans at their maximum, the rest on the firmware curve.
+// Manual fans run where their duty puts them, full-speed fans at their maximum, the rest on the
+// firmware curve. A fan that can stop stands still under its stop duty and, once at rest, until
+// it is given its start duty.
 void SimHardware::commandFans() {
     std::vector<double> command(fans_.size(), 0.0);
     bool anyCommanded = false;
     for (std::size_t i = 0; i < fans_.size(); ++i) {
         const auto& f = config().fans[i];
-        if (fans_[i].enable == 1)
-            command[i] = f.minRPM + (f.maxRPM - f.minRPM) * fans_[i].pwm / kMaxDuty;
-        else if (fans_[i].enable == 0)
-            command[i] = f.maxRPM;
+        FanChannel& channel = fans_[i];
+        if (channel.enable == 1) {
+            if (f.canStop()) {
+                if (channel.pwm < f.stopBelowDuty) channel.atRest = true;
+                if (channel.pwm >= f.effectiveStartDuty()) channel.atRest = false;
+            }
+            command[i] = channel.atRest ? kFanStopRPM : rpmAtDuty(i, channel.pwm);
+        } else {
+            // Out of manual mode the firmware decides; it starts its fans with a kick of its own.
+            if (channel.enable == 0) command[i] = f.maxRPM;
+        }
         // A commanded 0 would mean "firmware" to the plant; the fan's floor is its minimum.
         if (command[i] > 0) command[i] = std::max(command[i], std::max(1.0, f.minRPM));
-        anyCommanded = anyCommanded || command[i] > 0;
+        anyCommanded = anyCommanded || command[i] != 0;
     }
     if (anyCommanded)
         plant_.setFanCommand(command);

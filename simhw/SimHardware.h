@@ -16,10 +16,13 @@
 namespace kelvo::simhw {
 
 struct FanChannel {
-    int pwm = 0;     // the last duty written, 0..255
+    int pwm = 0;     // the duty in manual mode: the last written, or the one it was taken at
     int enable = 2;  // 0 full speed, 1 manual, 2 firmware curve
     bool eio = false;
     bool stalled = false;
+    // A fan that can stop, brought to rest by a duty under its stop duty: it stays still until
+    // a duty of at least its start duty.
+    bool atRest = false;
     long pwmWrites = 0;
     long enableWrites = 0;
 };
@@ -77,6 +80,9 @@ private:
     std::optional<std::size_t> fanOfPath(const std::string& path) const;
     int nextHwmonNumber() const;
     double firmwareRPM(std::size_t fan) const;
+    // Speed of a turning fan at a duty cycle, and the duty that gives a speed.
+    double rpmAtDuty(std::size_t fan, int duty) const;
+    int dutyForRPM(std::size_t fan, double rpm) const;
 
     std::string name_;
     sim::ThermalPlant plant_;

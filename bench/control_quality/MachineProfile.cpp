@@ -159,9 +159,94 @@ MachineProfile desktopSilentGpu() {
     return {"desktop-silent-gpu", p};
 }
 
+MachineProfile desktopFanStop() {
+    sim::PlantConfig p;
+    p.logicalCpus = 12;
+    // A mid-range desktop that idles cool: a 90 W processor and a 150 W card that both sip power
+    // at rest, under a big tower cooler in an open case that sheds their idle heat without air.
+    p.cpuIdlePowerW = 7;
+    p.cpuFullLoadPowerW = 90;
+    p.cpuMaxClockMHz = 4700;
+    p.cpuBaseClockMHz = 2600;
+    p.cpuLimitC = 95;
+    p.cpuHeatCapacityJPerK = 6;
+    p.cpuToSinkWPerK = 6;
+    p.gpuIdlePowerW = 6;
+    p.gpuFullLoadPowerW = 150;
+    p.gpuMaxClockMHz = 2400;
+    p.gpuBaseClockMHz = 1000;
+    p.gpuReferenceMaxClockMHz = 2400;
+    p.gpuLimitC = 90;
+    p.gpuHeatCapacityJPerK = 20;
+    p.gpuToSinkWPerK = 9;
+    p.sinkHeatCapacityJPerK = 600;
+    p.sinkPassiveWPerK = 0.9;
+    p.sinkAirflowWPerK = 8;
+    p.airflowReferenceRPM = 1800;
+    p.platformPowerW = 15;
+    p.fanPowerAtMaxW = 2.5;
+    // 120 and 140 mm fans that stop: they stand still below 20 % duty and need 30 % to start.
+    sim::FanConfig cooler{"CPU cooler fan", 450, 1800, 31, 1800};
+    cooler.stopBelowDuty = 51;
+    cooler.startDuty = 77;
+    sim::FanConfig front{"Front case fan", 400, 1500, 29, 1500};
+    front.stopBelowDuty = 51;
+    front.startDuty = 77;
+    sim::FanConfig rear{"Rear case fan", 400, 1500, 29, 1500};
+    rear.stopBelowDuty = 51;
+    rear.startDuty = 77;
+    p.fans = {cooler, front, rear};
+    p.fanTimeConstantS = 2.0;
+    p.fanSlewRPMPerS = 900;
+    // The board's fan stop: the fans stand still while the hotter die is under 50 °C and start
+    // again at 56 °C; turning, they follow the usual curve.
+    p.firmwareStopBelowC = 50;
+    p.firmwareStopHysteresisC = 6;
+    p.firmwareMinUntilC = 56;
+    p.firmwareMaxAtC = 88;
+    return {"desktop-fan-stop", p};
+}
+
+MachineProfile desktopUnequalFans() {
+    sim::PlantConfig p;
+    p.logicalCpus = 16;
+    p.cpuIdlePowerW = 10;
+    p.cpuFullLoadPowerW = 105;
+    p.cpuMaxClockMHz = 4900;
+    p.cpuBaseClockMHz = 2800;
+    p.cpuLimitC = 95;
+    p.cpuHeatCapacityJPerK = 7;
+    p.cpuToSinkWPerK = 7;
+    p.gpuIdlePowerW = 10;
+    p.gpuFullLoadPowerW = 110;
+    p.gpuMaxClockMHz = 2200;
+    p.gpuBaseClockMHz = 1000;
+    p.gpuReferenceMaxClockMHz = 2200;
+    p.gpuLimitC = 88;
+    p.gpuHeatCapacityJPerK = 12;
+    p.gpuToSinkWPerK = 8;
+    p.sinkHeatCapacityJPerK = 500;
+    p.sinkPassiveWPerK = 0.6;
+    p.sinkAirflowWPerK = 7;
+    p.airflowReferenceRPM = 2200;
+    p.platformPowerW = 18;
+    p.fanPowerAtMaxW = 2.5;
+    // Three fans that have nothing in common: a 120 mm cooler fan, a 200 mm case fan that moves
+    // a lot of air slowly and barely makes a sound, and a 92 mm fan blowing on the card that
+    // whines at speed.
+    p.fans = {{"CPU cooler fan", 500, 2000, 31, 2000},
+              {"200 mm case fan", 300, 800, 22, 800},
+              {"GPU-side 92 mm fan", 1500, 4200, 40, 4200}};
+    p.fanTimeConstantS = 1.8;
+    p.fanSlewRPMPerS = 1500;
+    p.firmwareMinUntilC = 50;
+    p.firmwareMaxAtC = 85;
+    return {"desktop-unequal-fans", p};
+}
+
 std::vector<MachineProfile> standardMachines() {
-    return {thinLaptop(),       hotThinLaptop(), desktopLargeCooler(),
-            simulatedDefault(), thinLaptop45W(), desktopSilentGpu()};
+    return {thinLaptop(),    hotThinLaptop(),    desktopLargeCooler(), simulatedDefault(),
+            thinLaptop45W(), desktopSilentGpu(), desktopFanStop(),     desktopUnequalFans()};
 }
 
 }  // namespace kelvo::quality

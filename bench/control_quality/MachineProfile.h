@@ -27,6 +27,10 @@ MachineProfile thinLaptop45W();
 // A desktop with a 220 W graphics card and a hot-running 89 °C processor, its fans on a curve
 // tuned for silence: under sustained load both dies sit at their throttle points.
 MachineProfile desktopSilentGpu();
+// Fans that stand still when cool, stopped by the board's firmware (fan stop).
+MachineProfile desktopFanStop();
+// Three fans with different ranges and sound: a cooler fan, a slow 200 mm fan, a loud 92 mm one.
+MachineProfile desktopUnequalFans();
 std::vector<MachineProfile> standardMachines();
 
 }  // namespace kelvo::quality

@@ -2,49 +2,21 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 
 namespace kelvo {
 
 namespace {
 
 constexpr double kMaxDuty = 255;
-constexpr double kMinimumSpeedSpan = 1.15;
+// A target within this share of the lowest turning speed asks for the fan's minimum.
+constexpr double kAtMinimumShare = 1.01;
 
-// Speeds never fall as the duty rises; a noisy reading is flattened into its neighbours.
-FanCurve monotone(FanCurve curve) {
-    std::sort(curve.begin(), curve.end());
-    double highest = 0;
-    for (auto& point : curve) {
-        highest = std::max(highest, point.second);
-        point.second = highest;
-    }
-    return curve;
+bool settledBetween(double previous, double now) {
+    return std::abs(now - previous) <=
+           std::max(FanCurveLearner::kSettledRPM, FanCurveLearner::kSettledFraction * now);
 }
 
 }  // namespace
-
-std::optional<int> dutyForRPMOnCurve(const FanCurve& raw, double targetRPM) {
-    FanCurve turning;
-    for (const auto& point : monotone(raw))
-        if (point.second > 0) turning.push_back(point);
-    if (turning.size() < 2 || !std::isfinite(targetRPM)) return std::nullopt;
-    // A tach that barely moves over the whole sweep belongs to something the duty cycle does
-    // not drive (or reads garbage): mapping through it would be worse than the linear map.
-    if (turning.back().second < kMinimumSpeedSpan * turning.front().second) return std::nullopt;
-    if (targetRPM <= turning.front().second) return static_cast<int>(turning.front().first);
-    if (targetRPM >= turning.back().second) return static_cast<int>(kMaxDuty);
-    for (std::size_t i = 1; i < turning.size(); ++i) {
-        const auto& [lowDuty, lowRPM] = turning[i - 1];
-        const auto& [highDuty, highRPM] = turning[i];
-        if (targetRPM > highRPM) continue;
-        if (highRPM <= lowRPM) return static_cast<int>(highDuty);
-        const double share = (targetRPM - lowRPM) / (highRPM - lowRPM);
-        // Rounded up: the fan should reach the target, not stop just short of it.
-        return static_cast<int>(std::ceil(lowDuty + share * (highDuty - lowDuty)));
-    }
-    return static_cast<int>(kMaxDuty);
-}
 
 int FanCurveLearner::linearDuty(double targetRPM, double minRPM, double maxRPM) {
     const double max = maxRPM > 0 ? maxRPM : kAssumedMaxRPM;
@@ -56,112 +28,252 @@ int FanCurveLearner::linearDuty(double targetRPM, double minRPM, double maxRPM) 
 
 void FanCurveLearner::setStore(FanCurveStore store) {
     store_ = std::move(store);
-    // Curves already in the database win over a sweep that has not finished yet.
-    for (auto& [identity, fan] : fans_)
-        if (!fan.curve) fan.loaded = false;
+    // What the database holds is merged under what this session has seen already.
+    for (auto& [identity, fan] : fans_) fan.loaded = false;
 }
 
 FanCurveLearner::FanLearning& FanCurveLearner::learning(const std::string& identity) {
     FanLearning& fan = fans_[identity];
     if (!fan.loaded && store_.load) {
         fan.loaded = true;
-        auto stored = store_.load(identity);
-        if (stored && dutyForRPMOnCurve(*stored, 1)) {
-            fan.curve = std::move(stored);
-            fan.sweep.reset();
+        if (auto stored = store_.load(identity)) {
+            FanKnowledge merged = FanKnowledge::fromCurve(*stored);
+            const FanKnowledge& seen = fan.knowledge;
+            if (seen.stopsAt) merged.noteStopped(*seen.stopsAt);
+            for (const auto& [duty, rpm] : seen.turning) merged.noteTurning(duty, rpm);
+            if (seen.startsAt) merged.noteStarted(*seen.startsAt);
+            fan.knowledge = std::move(merged);
         }
     }
     return fan;
 }
 
-bool FanCurveLearner::shouldStartSweep(const FanLearning& fan, double targetRPM, double maxRPM,
-                                       Clock::time_point now) const {
-    // Without somewhere to keep the result, a sweep would have to run again at every launch.
-    if (!store_.save) return false;
-    if (fan.curve || fan.sweep || fan.unlearnable) return false;
-    if (fan.retryAt && now < *fan.retryAt) return false;
-    const double top = maxRPM > 0 ? maxRPM : kAssumedMaxRPM;
-    return targetRPM <= kCalmShareOfMax * top;
+void FanCurveLearner::observe(FanLearning& fan, int duty, double rpm, bool automatic,
+                              Clock::time_point now) {
+    rpm = std::max(0.0, rpm);
+    if (!fan.settle || fan.settle->duty != duty || fan.settle->automatic != automatic) {
+        fan.settle =
+            Settle{duty, automatic, now, rpm, false, fan.turning.has_value() && !*fan.turning};
+        if (rpm > 0) fan.turning = true;
+        return;
+    }
+    Settle& settle = *fan.settle;
+    const bool settled = now - settle.since >= kMinimumSettle && settle.lastRPM &&
+                         settledBetween(*settle.lastRPM, rpm);
+    settle.lastRPM = rpm;
+    if (rpm > 0) fan.turning = true;
+    if (!settled || settle.recorded) return;
+    settle.recorded = true;
+    record(fan, settle, rpm);
+}
+
+void FanCurveLearner::record(FanLearning& fan, const Settle& settle, double rpm) {
+    FanKnowledge& knowledge = fan.knowledge;
+    const FanKnowledge before = knowledge;
+    if (rpm > 0) {
+        knowledge.noteTurning(settle.duty, rpm);
+        // Only Kelvo's own duty tells a start duty: firmware kicks its fans by itself.
+        if (settle.fromRest && !settle.automatic) knowledge.noteStarted(settle.duty);
+    } else if (settle.duty <= kHighestPlausibleStopDuty) {
+        fan.seenResting = true;
+        if (settle.automatic) fan.seenFirmwareResting = true;
+        // A duty that stopped a turning fan; one that merely failed to start it says nothing
+        // about where it stops.
+        if (!settle.fromRest) knowledge.noteStopped(settle.duty);
+        fan.turning = false;
+    } else {
+        fan.turning = false;  // at rest at a high duty: a stall, nothing to learn
+    }
+    if (!(knowledge == before)) fan.dirty = true;
+}
+
+void FanCurveLearner::observeFirmware(const std::string& identity, std::optional<int> duty,
+                                      std::optional<double> measuredRPM) {
+    FanLearning& fan = learning(identity);
+    const Clock::time_point now = now_();
+    fan.written.reset();
+    if (duty && measuredRPM && *duty >= 0 && *duty <= 255)
+        observe(fan, *duty, *measuredRPM, true, now);
+    maybeSave(identity, fan, now);
+}
+
+int FanCurveLearner::mappedDuty(const FanLearning& fan, double targetRPM, double minRPM,
+                                double maxRPM) const {
+    const FanKnowledge& knowledge = fan.knowledge;
+    int duty = dutyForRPMOnCurve(knowledge.turningCurve(), targetRPM)
+                   .value_or(linearDuty(targetRPM, minRPM, maxRPM));
+    // Never under what has been seen to keep the fan turning (the lowest duty it settled at,
+    // or one that started it), nor at a duty it came to rest at.
+    std::optional<int> turns = knowledge.lowestTurningDuty();
+    if (knowledge.startsAt) turns = std::min(turns.value_or(255), *knowledge.startsAt);
+    if (turns) duty = std::max(duty, *turns);
+    if (knowledge.stopsAt) duty = std::max(duty, *knowledge.stopsAt + 1);
+    return std::clamp(duty, 0, 255);
+}
+
+std::optional<int> FanCurveLearner::probeDuty(FanLearning& fan, double targetRPM,
+                                              double measuredRPM) {
+    const FanKnowledge& knowledge = fan.knowledge;
+    const auto lowest = knowledge.lowestTurningDuty();
+    if (!lowest || !(measuredRPM > 0)) {
+        fan.probe.reset();
+        return std::nullopt;
+    }
+    // The engine's lowest target is the minimum speed reported for the fan: that asks for the
+    // fan's minimum, which may lie lower still. A target under every speed seen asks for a
+    // lower duty than any known, too.
+    const bool askedForMinimum = fan.reportedMin && targetRPM <= *fan.reportedMin * kAtMinimumShare;
+    const bool underEverySpeed = targetRPM < *knowledge.lowestTurningRPM() / kAtMinimumShare;
+    if (!askedForMinimum && !underEverySpeed) {
+        fan.probe.reset();
+        return std::nullopt;
+    }
+    // A step under way is held until its speed is taken (it then is the lowest turning point,
+    // or the fan came to rest and the stop is known).
+    if (fan.probe && fan.settle && fan.settle->duty == *fan.probe && !fan.settle->recorded &&
+        !fan.settle->automatic)
+        return fan.probe;
+    fan.probe.reset();
+    const int floor = knowledge.stopsAt ? *knowledge.stopsAt + 1 : 0;
+    const int gap = *lowest - floor;
+    const bool known = gap <= 0 || (knowledge.stopsAt && gap < kProbeStep);
+    // Only from the lowest duty itself, settled under Kelvo: a step down from there is quieter
+    // than what the fan does now.
+    const bool settledThere =
+        fan.settle && fan.settle->duty == *lowest && fan.settle->recorded && !fan.settle->automatic;
+    if (!known && settledThere) {
+        fan.probe = std::max(floor, *lowest - kProbeStep);
+        return fan.probe;
+    }
+    // The minimum is the lowest duty seen to keep the fan turning.
+    return *lowest;
+}
+
+std::optional<int> FanCurveLearner::calibrationDuty(const std::string& identity, FanLearning& fan,
+                                                    double targetRPM,
+                                                    std::optional<double> measuredRPM,
+                                                    Clock::time_point now) {
+    if (!fan.calibration || !fan.calibration->running()) return std::nullopt;
+    // A stop asked for during a calibration is no reason to end it: it goes down anyway.
+    const double target = isFanStopTarget(targetRPM) ? 0 : targetRPM;
+    if (auto duty = fan.calibration->advance(target, measuredRPM, now)) return duty;
+    if (fan.calibration->status(now).succeeded.value_or(false)) {
+        fan.knowledge = fan.calibration->result();
+        fan.dirty = true;
+        fan.probe.reset();
+        maybeSave(identity, fan, now, true);
+    }
+    return std::nullopt;
 }
 
 int FanCurveLearner::dutyFor(const std::string& identity, double targetRPM,
                              std::optional<double> measuredRPM, double minRPM, double maxRPM) {
     const Clock::time_point now = now_();
     FanLearning& fan = learning(identity);
-    if (shouldStartSweep(fan, targetRPM, maxRPM, now)) {
-        fan.sweep = Sweep{0, now, std::nullopt, targetRPM, {}};
-        return kSweepDuties[0];
-    }
-    if (fan.sweep && advance(identity, fan, targetRPM, measuredRPM, now))
-        return kSweepDuties[fan.sweep->step];
-    if (fan.curve) {
-        if (auto duty = dutyForRPMOnCurve(*fan.curve, targetRPM)) return *duty;
-    }
-    return linearDuty(targetRPM, minRPM, maxRPM);
+    if (fan.written && measuredRPM) observe(fan, *fan.written, *measuredRPM, false, now);
+    const int duty = [&] {
+        if (auto calibrating = calibrationDuty(identity, fan, targetRPM, measuredRPM, now))
+            return *calibrating;
+        if (isFanStopTarget(targetRPM)) {
+            fan.kick.reset();
+            fan.kickTried = false;
+            fan.probe.reset();
+            return fan.knowledge.stopsAt.value_or(0);
+        }
+        const int mapped = mappedDuty(fan, targetRPM, minRPM, maxRPM);
+        if (measuredRPM && *measuredRPM > 0) {
+            // Turning: a kick has done its work, and the next rest may be kicked again.
+            if (fan.kick) {
+                fan.knowledge.noteStarted(fan.kick->duty);
+                fan.dirty = true;
+                fan.kick.reset();
+            }
+            fan.kickTried = false;
+        } else if (measuredRPM && !fan.kick && !fan.kickTried) {
+            // At rest with a speed asked for: a start duty until it turns. One kick per rest,
+            // bounded, so that a fan that will not start reads 0 for the stall check.
+            const int start =
+                std::max(mapped, fan.knowledge.startsAt.value_or(kConservativeStartDuty));
+            fan.kickTried = true;
+            if (start > mapped) fan.kick = Kick{start, now + kLongestKick};
+        }
+        if (fan.kick) {
+            if (now < fan.kick->until) return fan.kick->duty;
+            fan.kick.reset();
+        }
+        if (measuredRPM) {
+            if (auto probe = probeDuty(fan, targetRPM, *measuredRPM)) return *probe;
+        }
+        return mapped;
+    }();
+    fan.written = duty;
+    maybeSave(identity, fan, now);
+    return duty;
 }
 
-bool FanCurveLearner::advance(const std::string& identity, FanLearning& fan, double targetRPM,
-                              std::optional<double> measuredRPM, Clock::time_point now) {
-    Sweep& sweep = *fan.sweep;
-    if (targetRPM > sweep.startTarget * kRiseShare + kRiseRPM) {
-        // The loop wants more air than the sweep gives: the fan is the loop's again at once.
-        fan.sweep.reset();
-        fan.retryAt = now + kRetryAfterAbandon;
-        return false;
-    }
-    if (!measuredRPM) {
-        fan.sweep.reset();
-        fan.unlearnable = true;
-        return false;
-    }
-    const auto held = now - sweep.stepStart;
-    if (held < kMinimumSettle) {
-        sweep.previousReading = measuredRPM;
-        return true;
-    }
-    const bool settled = sweep.previousReading &&
-                         std::abs(*measuredRPM - *sweep.previousReading) <=
-                             std::max(kSettledRPM, kSettledFraction * std::max(*measuredRPM, 1.0));
-    if (!settled && held < kLongestSettle) {
-        sweep.previousReading = measuredRPM;
-        return true;
-    }
-    sweep.points.emplace_back(kSweepDuties[sweep.step], std::max(0.0, *measuredRPM));
-    const bool stopped = *measuredRPM <= 0;
-    if (stopped || sweep.step + 1 >= std::size(kSweepDuties)) {
-        finish(identity, fan);
-        return false;
-    }
-    ++sweep.step;
-    sweep.stepStart = now;
-    sweep.previousReading.reset();
-    return true;
-}
-
-void FanCurveLearner::finish(const std::string& identity, FanLearning& fan) {
-    FanCurve curve = monotone(std::move(fan.sweep->points));
-    fan.sweep.reset();
-    if (!dutyForRPMOnCurve(curve, 1)) {
-        // Fewer than two turning steps: the tach does not follow the duty cycle.
-        fan.unlearnable = true;
-        return;
-    }
-    if (store_.save) store_.save(identity, curve);
-    fan.curve = std::move(curve);
+void FanCurveLearner::maybeSave(const std::string& identity, FanLearning& fan,
+                                Clock::time_point now, bool immediately) {
+    if (!fan.dirty || !store_.save || fan.knowledge.empty()) return;
+    if (!immediately && fan.savedAt && now - *fan.savedAt < kSaveInterval) return;
+    if (store_.save(identity, fan.knowledge.toCurve())) fan.dirty = false;
+    fan.savedAt = now;
 }
 
 void FanCurveLearner::released(const std::string& identity) {
     const auto it = fans_.find(identity);
-    if (it != fans_.end()) it->second.sweep.reset();
+    if (it == fans_.end()) return;
+    FanLearning& fan = it->second;
+    if (fan.calibration && fan.calibration->running())
+        fan.calibration->abandon(
+            "Calibration abandoned: the fan went back to firmware control before it ended.");
+    fan.written.reset();
+    fan.kick.reset();
+    fan.kickTried = false;
+    fan.probe.reset();
+    fan.settle.reset();
+    maybeSave(identity, fan, now_(), true);
+}
+
+FanCurveLearner::Report FanCurveLearner::report(const std::string& identity) {
+    FanLearning& fan = learning(identity);
+    Report report;
+    if (fan.knowledge.usable()) report.minRPM = fan.knowledge.lowestTurningRPM();
+    fan.reportedMin = report.minRPM;
+    report.maxRPM = fan.knowledge.topRPM();
+    report.canStop = fan.knowledge.stopsAt.has_value() || fan.seenResting;
+    report.firmwareStops = fan.seenFirmwareResting;
+    return report;
+}
+
+bool FanCurveLearner::startCalibration(const std::string& identity, double currentTargetRPM,
+                                       std::string* why) {
+    FanLearning& fan = learning(identity);
+    if (fan.calibration && fan.calibration->running()) {
+        if (why) *why = "a calibration of this fan is already running";
+        return false;
+    }
+    fan.calibration.emplace(isFanStopTarget(currentTargetRPM) ? 0 : currentTargetRPM, now_());
+    fan.kick.reset();
+    fan.probe.reset();
+    return true;
+}
+
+std::optional<FanCalibrationStatus> FanCurveLearner::calibrationStatus(
+    const std::string& identity) const {
+    const auto it = fans_.find(identity);
+    if (it == fans_.end() || !it->second.calibration) return std::nullopt;
+    return it->second.calibration->status(now_());
+}
+
+bool FanCurveLearner::calibrating(const std::string& identity) const {
+    const auto it = fans_.find(identity);
+    return it != fans_.end() && it->second.calibration && it->second.calibration->running();
 }
 
 std::optional<FanCurve> FanCurveLearner::curve(const std::string& identity) {
-    return learning(identity).curve;
-}
-
-bool FanCurveLearner::sweeping(const std::string& identity) const {
-    const auto it = fans_.find(identity);
-    return it != fans_.end() && it->second.sweep.has_value();
+    const FanLearning& fan = learning(identity);
+    if (fan.knowledge.empty()) return std::nullopt;
+    return fan.knowledge.toCurve();
 }
 
 }  // namespace kelvo

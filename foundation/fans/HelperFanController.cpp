@@ -96,8 +96,19 @@ FanReadResult HelperFanController::readFans() {
         state.currentRPM = fan.rpm.value_or(kUnreadableRPM);
         const auto held = held_.find(fan.identity);
         state.targetRPM = held != held_.end() ? held->second : 0;
-        state.minRPM = fan.minRPM;
-        state.maxRPM = fan.maxRPM;
+        // Asked to stand still, and it does.
+        state.stopCommanded = isFanStopTarget(state.targetRPM) && fan.rpm && *fan.rpm <= 0;
+        // The firmware's own duty (pwmN in automatic mode) teaches the curve too.
+        if (held == held_.end() && fan.controllable && fan.mode && *fan.mode >= 2) {
+            std::optional<double> rpm;
+            if (fan.rpm) rpm = *fan.rpm;
+            curves_.observeFirmware(fan.identity, fan.pwm, rpm);
+        }
+        const FanCurveLearner::Report learned = curves_.report(fan.identity);
+        state.minRPM = learned.minRPM.value_or(fan.minRPM);
+        state.maxRPM = learned.maxRPM.value_or(fan.maxRPM);
+        state.canStop = learned.canStop;
+        state.firmwareStops = learned.firmwareStops;
         result.fans.push_back(std::move(state));
     }
     return result;
@@ -121,7 +132,7 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
         const double target = targetRPM[i];
         hp::Request request;
         request.fan = fan.identity;
-        if (!(target > 0)) {
+        if (!(target > 0) && !isFanStopTarget(target)) {
             if (!held_.contains(fan.identity)) return FanStep::done();
             request.op = hp::Op::release;
         } else {
@@ -182,6 +193,43 @@ void HelperFanController::attachCurveStore(FanCurveStore store) {
 std::optional<FanCurve> HelperFanController::learnedCurve(const std::string& identity) {
     std::lock_guard lock(mutex_);
     return curves_.curve(identity);
+}
+
+bool HelperFanController::requestCalibration(const std::string& identity, std::string* why) {
+    std::lock_guard lock(mutex_);
+    FanResult failure;
+    const auto inventory = list(&failure);
+    if (!inventory) {
+        if (why) *why = failure.error;
+        return false;
+    }
+    const auto& fans = inventory->fans;
+    const auto fan = std::find_if(fans.begin(), fans.end(),
+                                  [&](const hp::FanInfo& f) { return f.identity == identity; });
+    if (fan == fans.end()) {
+        if (why) *why = "the helper sees no fan " + identity;
+        return false;
+    }
+    const auto held = held_.find(identity);
+    if (!fan->controllable || held == held_.end()) {
+        if (why)
+            *why = fan->controllable
+                       ? "Kelvo does not control this fan now (the firmware does); a calibration "
+                         "needs the fan under Kelvo's control"
+                       : "this fan's speed cannot be set";
+        return false;
+    }
+    if (!fan->rpm) {
+        if (why) *why = "this fan's speed cannot be read";
+        return false;
+    }
+    return curves_.startCalibration(identity, held->second, why);
+}
+
+std::optional<FanCalibrationStatus> HelperFanController::calibrationStatus(
+    const std::string& identity) {
+    std::lock_guard lock(mutex_);
+    return curves_.calibrationStatus(identity);
 }
 
 bool HelperFanController::holdsControl() const {

@@ -31,7 +31,7 @@ public:
     // Replies wait at most this long; a longer stall is reported as kNotResponding.
     static constexpr int kReplyTimeoutMs = 1000;
 
-    // `curveClock` times the curve-learning sweep (tests step it by hand).
+    // `curveClock` times curve learning and calibration (tests step it by hand).
     explicit HelperFanController(std::string socketPath = "/run/kelvo/helper.sock",
                                  int connectTimeoutMs = 250,
                                  FanCurveLearner::Now curveClock = FanCurveLearner::Clock::now);
@@ -45,7 +45,8 @@ public:
     // Every fan the helper sees, in its order (by identity, as LocalFanController).
     FanReadResult readFans() override;
     // Targets follow the order of readFans(). A positive target takes the fan (RPM mapped to
-    // PWM by the helper); 0 gives a held fan back. Non-controllable fans are skipped.
+    // a duty here); kFanStopRPM holds it at the duty it rests at; 0 gives a held fan back.
+    // Non-controllable fans are skipped.
     FanResult setTargets(const std::vector<double>& targetRPM) override;
     FanResult releaseToAutomatic() override;
     bool holdsControl() const override;
@@ -54,10 +55,13 @@ public:
 
     std::optional<std::string> helperVersion() override;
 
-    // Targets are sent as duty cycles mapped through each fan's learned curve (see
-    // FanCurveLearner); a fan without one is swept once and the curve stored.
+    // Targets are sent as duty cycles mapped through what is learned of each fan while it
+    // works (see FanCurveLearner), and that is stored.
     void attachCurveStore(FanCurveStore store) override;
     std::optional<FanCurve> learnedCurve(const std::string& identity) override;
+    // Only for a fan held through this connection; it runs on the following setTargets().
+    bool requestCalibration(const std::string& identity, std::string* why) override;
+    std::optional<FanCalibrationStatus> calibrationStatus(const std::string& identity) override;
 
     // Keeps the helper from giving the held fans back. Fails when the helper cannot be reached
     // or has already released them (the lease ran out); either way the fans are the

@@ -58,6 +58,29 @@ std::optional<FanCurve> HybridFanController::learnedCurve(const std::string& ide
     return local_ ? local_->learnedCurve(identity) : std::nullopt;
 }
 
+bool HybridFanController::requestCalibration(const std::string& identity, std::string* why) {
+    std::string viaHelper;
+    if (helper_->requestCalibration(identity, &viaHelper)) return true;
+    // The local back-end holds fans only while it writes them in the helper's place.
+    if (local_ && local_->holdsControl()) {
+        std::string viaLocal;
+        if (local_->requestCalibration(identity, &viaLocal)) return true;
+        if (why) *why = viaLocal;
+        return false;
+    }
+    if (why) *why = viaHelper;
+    return false;
+}
+
+std::optional<FanCalibrationStatus> HybridFanController::calibrationStatus(
+    const std::string& identity) {
+    auto viaHelper = helper_->calibrationStatus(identity);
+    auto viaLocal = local_ ? local_->calibrationStatus(identity) : std::nullopt;
+    if (viaHelper && viaHelper->running) return viaHelper;
+    if (viaLocal && viaLocal->running) return viaLocal;
+    return viaHelper ? viaHelper : viaLocal;
+}
+
 std::optional<std::string> HybridFanController::helperVersion() {
     return helper_->helperVersion();
 }

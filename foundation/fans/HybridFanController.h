@@ -37,6 +37,9 @@ public:
     std::optional<std::string> helperVersion() override;
     void attachCurveStore(FanCurveStore store) override;
     std::optional<FanCurve> learnedCurve(const std::string& identity) override;
+    // On whichever back-end holds the fan.
+    bool requestCalibration(const std::string& identity, std::string* why) override;
+    std::optional<FanCalibrationStatus> calibrationStatus(const std::string& identity) override;
 
 private:
     std::shared_ptr<HelperFanController> helper_;

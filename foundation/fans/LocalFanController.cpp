@@ -39,9 +39,40 @@ std::optional<FanCurve> LocalFanController::learnedCurve(const std::string& iden
     return curves_.curve(identity);
 }
 
-bool LocalFanController::sweeping(const std::string& identity) const {
+bool LocalFanController::calibrating(const std::string& identity) const {
     std::lock_guard lock(mutex_);
-    return curves_.sweeping(identity);
+    return curves_.calibrating(identity);
+}
+
+bool LocalFanController::requestCalibration(const std::string& identity, std::string* why) {
+    std::lock_guard lock(mutex_);
+    const std::vector<HwmonFan> fans = service_->discover();
+    const auto fan = std::find_if(fans.begin(), fans.end(),
+                                  [&](const HwmonFan& f) { return f.identity == identity; });
+    if (fan == fans.end()) {
+        if (why) *why = "no fan " + identity + " is found";
+        return false;
+    }
+    const auto held = held_.find(identity);
+    if (!fan->controllable || held == held_.end()) {
+        if (why)
+            *why = fan->controllable
+                       ? "Kelvo does not control this fan now (the firmware does); a calibration "
+                         "needs the fan under Kelvo's control"
+                       : "this fan's speed cannot be set";
+        return false;
+    }
+    if (!fan->currentRPM) {
+        if (why) *why = "this fan's speed cannot be read";
+        return false;
+    }
+    return curves_.startCalibration(identity, held->second.targetRPM, why);
+}
+
+std::optional<FanCalibrationStatus> LocalFanController::calibrationStatus(
+    const std::string& identity) {
+    std::lock_guard lock(mutex_);
+    return curves_.calibrationStatus(identity);
 }
 
 FanReadResult LocalFanController::readFans() {
@@ -75,8 +106,17 @@ FanReadResult LocalFanController::readFans() {
             held = held_.end();
         }
         state.targetRPM = held != held_.end() ? held->second.targetRPM : 0;
-        state.minRPM = fan.minRPM;
-        state.maxRPM = fan.maxRPM;
+        // Asked to stand still, and it does.
+        state.stopCommanded =
+            isFanStopTarget(state.targetRPM) && fan.currentRPM && *fan.currentRPM <= 0;
+        // The firmware's own duty (pwmN in automatic mode) teaches the curve too.
+        if (held == held_.end() && fan.controllable && fan.pwmEnable && *fan.pwmEnable >= 2)
+            curves_.observeFirmware(fan.identity, fan.pwm, fan.currentRPM);
+        const FanCurveLearner::Report learned = curves_.report(fan.identity);
+        state.minRPM = learned.minRPM.value_or(fan.minRPM);
+        state.maxRPM = learned.maxRPM.value_or(fan.maxRPM);
+        state.canStop = learned.canStop;
+        state.firmwareStops = learned.firmwareStops;
         result.fans.push_back(std::move(state));
     }
     return result;
@@ -95,7 +135,7 @@ FanResult LocalFanController::setTargets(const std::vector<double>& targetRPM) {
         const HwmonFan& fan = fans[i];
         std::string error;
         int errorNumber = 0;
-        if (targetRPM[i] <= 0) {
+        if (!(targetRPM[i] > 0) && !isFanStopTarget(targetRPM[i])) {
             if (!held_.contains(fan.identity)) return FanStep::done();
             if (service_->restore(fan, &error, &errorNumber)) {
                 held_.erase(fan.identity);

@@ -15,7 +15,7 @@ namespace kelvo {
 
 class LocalFanController : public FanController, public FanCurveLearning {
 public:
-    // `curveClock` times the curve-learning sweep (tests step it by hand).
+    // `curveClock` times curve learning and calibration (tests step it by hand).
     explicit LocalFanController(std::shared_ptr<HwmonFanService> service,
                                 FanCurveLearner::Now curveClock = FanCurveLearner::Clock::now);
 
@@ -25,8 +25,9 @@ public:
 
     // Every discovered fan, named by its stable identity. No fans is not an error.
     FanReadResult readFans() override;
-    // Targets follow the order of readFans(). 0 gives that fan back to the firmware; a
-    // non-zero target for a fan without PWM control is ignored (the firmware keeps it).
+    // Targets follow the order of readFans(). 0 gives that fan back to the firmware;
+    // kFanStopRPM holds it at the duty it rests at; another target for a fan without PWM
+    // control is ignored (the firmware keeps it).
     FanResult setTargets(const std::vector<double>& targetRPM) override;
     FanResult releaseToAutomatic() override;
     bool holdsControl() const override;
@@ -36,12 +37,15 @@ public:
     // fan's minimum and maximum speed (unknown maximum: 5000 RPM, unknown minimum: 0).
     static int linearPWMForRPM(double targetRPM, double minRPM, double maxRPM);
 
-    // Targets map through each fan's learned curve; a fan without one is swept once (see
-    // FanCurveLearner) and the curve stored.
+    // Targets map through what is learned of each fan while it works (see FanCurveLearner),
+    // and that is stored.
     void attachCurveStore(FanCurveStore store) override;
     std::optional<FanCurve> learnedCurve(const std::string& identity) override;
-    // Whether the fan's curve sweep is under way (diagnostics).
-    bool sweeping(const std::string& identity) const;
+    // Only for a fan Kelvo holds; it runs on the following setTargets() rounds.
+    bool requestCalibration(const std::string& identity, std::string* why) override;
+    std::optional<FanCalibrationStatus> calibrationStatus(const std::string& identity) override;
+    // Whether a calibration of the fan is under way (diagnostics).
+    bool calibrating(const std::string& identity) const;
 
 private:
     struct Held {

@@ -51,6 +51,8 @@ const std::array kPlantFields = std::to_array<PlantField>({
     {"fanSlewRPMPerS", &PlantConfig::fanSlewRPMPerS},
     {"firmwareMinUntilC", &PlantConfig::firmwareMinUntilC},
     {"firmwareMaxAtC", &PlantConfig::firmwareMaxAtC},
+    {"firmwareStopBelowC", &PlantConfig::firmwareStopBelowC},
+    {"firmwareStopHysteresisC", &PlantConfig::firmwareStopHysteresisC},
     {"droopGainPerKelvinSecond", &PlantConfig::droopGainPerKelvinSecond},
     {"droopRecoveryPerS", &PlantConfig::droopRecoveryPerS},
     {"droopRecoveryMarginC", &PlantConfig::droopRecoveryMarginC},
@@ -92,6 +94,12 @@ std::vector<FanConfig> readFans(const Json& value) {
                 fan.soundRefDb = detail::readDouble(member, fanKey(i, key));
             else if (key == "soundRefRPM")
                 fan.soundRefRPM = detail::readDouble(member, fanKey(i, key));
+            else if (key == "stopBelowDuty")
+                fan.stopBelowDuty =
+                    static_cast<int>(detail::readInteger(member, fanKey(i, key), 0, 255));
+            else if (key == "startDuty")
+                fan.startDuty =
+                    static_cast<int>(detail::readInteger(member, fanKey(i, key), 0, 255));
             else
                 invalid("unknown key " + quotedKey(fanKey(i, key)));
         }
@@ -126,6 +134,16 @@ void check(const MachineDescription& machine) {
         if (fan.minRPM > fan.maxRPM)
             invalid(quotedKey(fanKey(i, "minRPM")) + " must not be above " +
                     quotedKey(fanKey(i, "maxRPM")));
+        if (fan.stopBelowDuty < 0 || fan.stopBelowDuty > 254)
+            invalid(quotedKey(fanKey(i, "stopBelowDuty")) + " must be an integer from 0 to 254");
+        if (fan.startDuty < 0 || fan.startDuty > 255)
+            invalid(quotedKey(fanKey(i, "startDuty")) + " must be an integer from 0 to 255");
+        if (fan.startDuty > 0 && fan.startDuty < fan.stopBelowDuty)
+            invalid(quotedKey(fanKey(i, "startDuty")) + " must not be below " +
+                    quotedKey(fanKey(i, "stopBelowDuty")));
+        if (fan.startDuty > 0 && fan.stopBelowDuty == 0)
+            invalid(quotedKey(fanKey(i, "startDuty")) + " needs " +
+                    quotedKey(fanKey(i, "stopBelowDuty")) + " (a fan that never stops)");
     }
 }
 
@@ -176,7 +194,9 @@ std::string machineText(const MachineDescription& machine) {
                                                    {"minRPM", fan.minRPM},
                                                    {"maxRPM", fan.maxRPM},
                                                    {"soundRefDb", fan.soundRefDb},
-                                                   {"soundRefRPM", fan.soundRefRPM}});
+                                                   {"soundRefRPM", fan.soundRefRPM},
+                                                   {"stopBelowDuty", fan.stopBelowDuty},
+                                                   {"startDuty", fan.startDuty}});
                                return fans;
                            },
                        },

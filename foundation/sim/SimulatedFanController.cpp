@@ -23,13 +23,15 @@ FanReadResult SimulatedFanController::readFans() {
     if (auto failure = machine_->fanReadFailure()) return {false, *failure, {}};
     const sim::PlantState state = machine_->state();
     FanReadResult result;
+    const sim::PlantConfig config = machine_->config();
     for (std::size_t i = 0; i < state.fanCurrentRPM.size(); ++i) {
-        result.fans.push_back(FanState{state.fanNames[i],
-                                       state.fanCurrentRPM[i],
-                                       state.fanTargetRPM[i],
-                                       state.fanMinRPM[i],
-                                       state.fanMaxRPM[i],
-                                       {}});
+        FanState fan{state.fanNames[i],  state.fanCurrentRPM[i], state.fanTargetRPM[i],
+                     state.fanMinRPM[i], state.fanMaxRPM[i],     {}};
+        // The simulated machine knows its fans: no need to learn what they do at rest.
+        fan.canStop = i < config.fans.size() && config.fans[i].canStop();
+        fan.firmwareStops = fan.canStop && config.firmwareStopBelowC > 0;
+        fan.stopCommanded = isFanStopTarget(state.fanTargetRPM[i]) && state.fanCurrentRPM[i] <= 0;
+        result.fans.push_back(std::move(fan));
     }
     return result;
 }
@@ -45,10 +47,13 @@ FanResult SimulatedFanController::setTargets(const std::vector<double>& targetRP
     std::vector<double> clamped(fans, 0.0);
     for (std::size_t i = 0; i < fans; ++i) {
         const double target = targetRPM[i];
-        if (!std::isfinite(target) || target < 0) {
+        if (!std::isfinite(target)) {
             return FanResult::failure("invalid target for " + config.fans[i].name);
         }
-        if (target > 0)
+        if (isFanStopTarget(target)) {
+            // A fan that cannot stop runs at its lowest speed instead.
+            clamped[i] = config.fans[i].canStop() ? kFanStopRPM : config.fans[i].minRPM;
+        } else if (target > 0)
             clamped[i] = std::clamp(target, config.fans[i].minRPM, config.fans[i].maxRPM);
     }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "foundation/core/FanController.h"
+
 namespace kelvo::sim {
 
 namespace {
@@ -12,6 +14,8 @@ constexpr double kIdlePState = 8;
 constexpr double kDroopPStateSpan = 4;
 constexpr double kGpuBusyLoad = 0.25;
 constexpr double kStoppedBelowRPM = 100;
+// A command that holds a fan standing still (see setFanCommand).
+constexpr double kStoppedCommand = -1;
 
 double clamp01(double value) {
     if (!std::isfinite(value)) return 0;
@@ -33,6 +37,7 @@ ThermalPlant::ThermalPlant(PlantConfig config, std::uint64_t seed)
     : config_(std::move(config)), rng_(seed) {
     command_.assign(config_.fans.size(), 0.0);
     stalled_.assign(config_.fans.size(), false);
+    firmwareStopped_.assign(config_.fans.size(), false);
     fanRPM_.reserve(config_.fans.size());
     for (const auto& fan : config_.fans) fanRPM_.push_back(fan.minRPM);
 
@@ -43,6 +48,9 @@ ThermalPlant::ThermalPlant(PlantConfig config, std::uint64_t seed)
     sinkTemp_ = config_.ambientC + (cpuPower + gpuPower) / sinkConductance();
     cpuTemp_ = sinkTemp_ + cpuPower / config_.cpuToSinkWPerK;
     gpuTemp_ = sinkTemp_ + gpuPower / config_.gpuToSinkWPerK;
+    updateFirmwareStops();
+    for (std::size_t i = 0; i < fanRPM_.size(); ++i)
+        if (firmwareStopped_[i]) fanRPM_[i] = 0;
     refreshOutputs();
 }
 
@@ -56,6 +64,10 @@ void ThermalPlant::setFanCommand(std::vector<double> targetRPM) {
     firmware_ = false;
     for (std::size_t i = 0; i < command_.size(); ++i) {
         double target = i < targetRPM.size() ? targetRPM[i] : 0.0;
+        if (!std::isnan(target) && target < 0) {
+            command_[i] = kStoppedCommand;
+            continue;
+        }
         if (!std::isfinite(target) || target <= 0) {
             command_[i] = 0;
             continue;
@@ -73,7 +85,7 @@ void ThermalPlant::setFirmwareControl(bool released) {
 
 bool ThermalPlant::holdsControl() const {
     return !firmware_ &&
-           std::any_of(command_.begin(), command_.end(), [](double c) { return c > 0; });
+           std::any_of(command_.begin(), command_.end(), [](double c) { return c != 0; });
 }
 
 double ThermalPlant::airflowFraction() const {
@@ -96,6 +108,7 @@ double ThermalPlant::dieDrivePowerW(double idle, double full, double load, doubl
 
 double ThermalPlant::firmwareRPM(std::size_t fan) const {
     const auto& f = config_.fans[fan];
+    if (firmwareStopped_[fan]) return 0;
     const double hottest = std::max(cpuTemp_, gpuTemp_);
     const double span = config_.firmwareMaxAtC - config_.firmwareMinUntilC;
     const double fraction = span > 0
@@ -111,8 +124,24 @@ void ThermalPlant::setFanStalled(std::size_t fan, bool stalled) {
 
 double ThermalPlant::driveRPM(std::size_t fan) const {
     if (stalled_[fan]) return 0;
+    if (command_[fan] < 0 && !firmware_) return 0;
     if (firmware_ || command_[fan] <= 0) return firmwareRPM(fan);
     return command_[fan];
+}
+
+// The firmware stops fans that can stop below its temperature and starts them again above it
+// plus the hysteresis, so a die hovering at the threshold does not toggle them.
+void ThermalPlant::updateFirmwareStops() {
+    const double hottest = std::max(cpuTemp_, gpuTemp_);
+    for (std::size_t i = 0; i < firmwareStopped_.size(); ++i) {
+        if (config_.firmwareStopBelowC <= 0 || !config_.fans[i].canStop()) {
+            firmwareStopped_[i] = false;
+        } else if (hottest < config_.firmwareStopBelowC) {
+            firmwareStopped_[i] = true;
+        } else if (hottest >= config_.firmwareStopBelowC + config_.firmwareStopHysteresisC) {
+            firmwareStopped_[i] = false;
+        }
+    }
 }
 
 void ThermalPlant::step(double dt) {
@@ -121,6 +150,7 @@ void ThermalPlant::step(double dt) {
     const auto count = static_cast<int>(std::ceil(dt / maxSub));
     const double h = dt / count;
     for (int i = 0; i < count; ++i) substep(h);
+    updateFirmwareStops();
     elapsed_ += dt;
     cpuNoisePct_ = noise_(rng_) * config_.utilisationNoisePct;
     gpuNoisePct_ = noise_(rng_) * config_.utilisationNoisePct;
@@ -136,7 +166,7 @@ void ThermalPlant::substep(double h) {
         const double change = (driveRPM(i) - fanRPM_[i]) * follow;
         fanRPM_[i] += std::clamp(change, -maxChange, maxChange);
         // A stopping rotor's tachometer gives no pulses well before it is still.
-        if (stalled_[i] && fanRPM_[i] < kStoppedBelowRPM) fanRPM_[i] = 0;
+        if ((stalled_[i] || driveRPM(i) <= 0) && fanRPM_[i] < kStoppedBelowRPM) fanRPM_[i] = 0;
     }
 
     const double cpuPower =
@@ -206,13 +236,15 @@ void ThermalPlant::refreshOutputs() {
     s.fanDriveRPM.resize(fans);
     s.fanMinRPM.resize(fans);
     s.fanMaxRPM.resize(fans);
+    s.fanFirmwareStopped.resize(fans);
     for (std::size_t i = 0; i < fans; ++i) {
         s.fanNames[i] = config_.fans[i].name;
         s.fanCurrentRPM[i] = fanRPM_[i];
-        s.fanTargetRPM[i] = firmware_ ? 0.0 : command_[i];
+        s.fanTargetRPM[i] = firmware_ ? 0.0 : command_[i] < 0 ? kFanStopRPM : command_[i];
         s.fanDriveRPM[i] = driveRPM(i);
         s.fanMinRPM[i] = config_.fans[i].minRPM;
         s.fanMaxRPM[i] = config_.fans[i].maxRPM;
+        s.fanFirmwareStopped[i] = firmwareStopped_[i];
     }
     s.firmwareControl = firmware_;
 

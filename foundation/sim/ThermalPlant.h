@@ -22,6 +22,15 @@ struct FanConfig {
     // defaults are a 120 mm case fan heard from a metre away.
     double soundRefDb = 30;
     double soundRefRPM = 2000;
+    // Fan stop, as hwmon duty cycles (0..255; 0 = the fan never stops): a turning fan stops
+    // below stopBelowDuty, and one at rest needs at least startDuty to spin up again (0 = the
+    // same as stopBelowDuty). Kelvo's plant model works in speeds; these two matter to what
+    // drives the fan by duty (kelvo-simhw) and to the firmware, which stops such fans when cool.
+    int stopBelowDuty = 0;
+    int startDuty = 0;
+
+    bool canStop() const { return stopBelowDuty > 0; }
+    int effectiveStartDuty() const { return startDuty > stopBelowDuty ? startDuty : stopBelowDuty; }
 
     bool operator==(const FanConfig&) const = default;
 };
@@ -70,6 +79,11 @@ struct PlantConfig {
     // Firmware curve on the hotter die: minimum speed up to the first point, linear to maximum.
     double firmwareMinUntilC = 55;
     double firmwareMaxAtC = 90;
+    // Fan stop in the firmware: fans that can stop stand still while the hotter die is below
+    // this temperature and spin up again once it reaches it plus the hysteresis (0: the
+    // firmware never stops a fan).
+    double firmwareStopBelowC = 0;
+    double firmwareStopHysteresisC = 6;
 
     // Droop: each second over the limit costs gain * excess of clock scale; the scale comes back
     // slowly once the die is clear of the limit by the margin.
@@ -108,10 +122,13 @@ struct PlantState {
 
     std::vector<std::string> fanNames;
     std::vector<double> fanCurrentRPM;
-    std::vector<double> fanTargetRPM;  // as commanded; 0 while the firmware drives that fan
-    std::vector<double> fanDriveRPM;   // where each fan is heading (command or firmware curve)
+    // As commanded; 0 while the firmware drives that fan, kFanStopRPM while told to stand still.
+    std::vector<double> fanTargetRPM;
+    std::vector<double> fanDriveRPM;  // where each fan is heading (command or firmware curve)
     std::vector<double> fanMinRPM;
     std::vector<double> fanMaxRPM;
+    // The firmware's curve has this fan standing still (it is cool enough and the fan can stop).
+    std::vector<bool> fanFirmwareStopped;
     bool firmwareControl = true;
 
     ThermalPressureLevel thermalPressure = ThermalPressureLevel::nominal;
@@ -130,8 +147,9 @@ public:
 
     // Offered load of each device, 0..1.
     void setLoad(double cpu01, double gpu01);
-    // One target per fan in RPM; 0 (or a missing entry) leaves that fan to the firmware curve.
-    // Takes the fans out of firmware control.
+    // One target per fan in RPM; 0 (or a missing entry) leaves that fan to the firmware curve,
+    // kFanStopRPM (any negative target) holds it standing still. Takes the fans out of
+    // firmware control.
     void setFanCommand(std::vector<double> targetRPM);
     // Released: the firmware curve drives every fan and earlier commands are dropped.
     void setFirmwareControl(bool released);
@@ -151,6 +169,7 @@ private:
     double dieDrivePowerW(double idle, double full, double load, double scale) const;
     double firmwareRPM(std::size_t fan) const;
     double driveRPM(std::size_t fan) const;
+    void updateFirmwareStops();
     void substep(double h);
     void refreshOutputs();
 
@@ -171,6 +190,7 @@ private:
     bool firmware_ = true;
     std::vector<double> command_;
     std::vector<bool> stalled_;
+    std::vector<bool> firmwareStopped_;
     std::vector<double> fanRPM_;
     PlantState state_;
 };

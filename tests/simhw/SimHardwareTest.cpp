@@ -111,6 +111,80 @@ TEST(SimHardware, ManualDutyDrivesTheFanAndFirmwareModeFollowsTheCurve) {
     EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input")), 4000, 40);
 }
 
+// Fan 1 stops below duty 51 and needs 77 to start from rest.
+sim::PlantConfig fanStop() {
+    sim::PlantConfig config = twoFans();
+    config.fans[0].stopBelowDuty = 51;
+    config.fans[0].startDuty = 77;
+    return config;
+}
+
+int fan1RPM(const SimHardware& hw) {
+    return std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input"));
+}
+
+TEST(SimHardware, AFanThatCanStopRestsUnderItsStopDutyUntilGivenItsStartDuty) {
+    SimHardware hw("box", fanStop());
+    ASSERT_EQ(write(hw, kEnable1, "1"), 0);
+    // Turning, it runs from its minimum at the stop duty to its maximum at full duty.
+    ASSERT_EQ(write(hw, kPwm1, "51"), 0);
+    run(hw, 8);
+    EXPECT_NEAR(fan1RPM(hw), 800, 40);
+    ASSERT_EQ(write(hw, kPwm1, "153"), 0);
+    run(hw, 8);
+    EXPECT_NEAR(fan1RPM(hw), 800 + 3200 * (153 - 51) / 204.0, 40);
+    // Under the stop duty it comes to rest: no pulses, 0 rpm.
+    ASSERT_EQ(write(hw, kPwm1, "40"), 0);
+    run(hw, 8);
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon2/fan1_input"), "0\n");
+    EXPECT_EQ(read(hw, kPwm1), "40\n");
+    // At rest, a duty between the two does not start it...
+    ASSERT_EQ(write(hw, kPwm1, "70"), 0);
+    run(hw, 8);
+    EXPECT_EQ(fan1RPM(hw), 0);
+    // ...the start duty does, and then it keeps turning down to its stop duty.
+    ASSERT_EQ(write(hw, kPwm1, "77"), 0);
+    run(hw, 8);
+    EXPECT_GT(fan1RPM(hw), 800);
+    ASSERT_EQ(write(hw, kPwm1, "55"), 0);
+    run(hw, 8);
+    EXPECT_GE(fan1RPM(hw), 800 - 5);
+    // A fan without the fields never stops: duty 0 is its minimum, as always.
+    ASSERT_EQ(write(hw, "sys/class/hwmon/hwmon2/pwm2_enable", "1"), 0);
+    ASSERT_EQ(write(hw, "sys/class/hwmon/hwmon2/pwm2", "0"), 0);
+    run(hw, 8);
+    EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan2_input")), 600, 30);
+}
+
+TEST(SimHardware, TheFirmwareStopsFansThatCanStopWhenCoolAndPwmReadsItsDuty) {
+    sim::PlantConfig config = fanStop();
+    config.firmwareStopBelowC = 60;
+    config.firmwareStopHysteresisC = 6;
+    SimHardware hw("box", config);
+    run(hw, 5);
+    ASSERT_LT(hw.state().cpuTemperatureC, 60);
+    // Automatic mode: the firmware has the fan at rest and pwm1 reads the 0 it gives it.
+    EXPECT_EQ(read(hw, kEnable1), "2\n");
+    EXPECT_EQ(read(hw, kPwm1), "0\n");
+    EXPECT_EQ(fan1RPM(hw), 0);
+    // The fan that cannot stop is on the curve's floor.
+    EXPECT_EQ(read(hw, "sys/class/hwmon/hwmon2/pwm2"), "0\n");
+    EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan2_input")), 600, 30);
+
+    // Taken into manual mode at rest, a duty under the start duty leaves it there.
+    ASSERT_EQ(write(hw, kEnable1, "1"), 0);
+    ASSERT_EQ(write(hw, kPwm1, "60"), 0);
+    run(hw, 5);
+    EXPECT_EQ(fan1RPM(hw), 0);
+    ASSERT_EQ(write(hw, kEnable1, "2"), 0);
+
+    // Loaded, the firmware starts it past the hysteresis, and pwm1 follows its curve.
+    run(hw, 300, 1.0);
+    ASSERT_GT(hw.state().cpuTemperatureC, 66);
+    EXPECT_GE(std::stoi(read(hw, kPwm1)), 51);
+    EXPECT_GT(fan1RPM(hw), 800);
+}
+
 TEST(SimHardware, AnInvalidValueIsRefusedAndChangesNothing) {
     SimHardware hw("box", twoFans());
     ASSERT_EQ(write(hw, kEnable1, "1"), 0);

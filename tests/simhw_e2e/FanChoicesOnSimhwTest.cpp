@@ -73,7 +73,7 @@ TEST(FanChoicesOnSimhw, AMinimumHoldsOnAnIdleMachine) {
         << rig.transcript();
     // Idle and quiet: without the minimum fan 1 would sit at its floor (800 rpm, duty 0). With
     // it, at 40 % of its range: duty 102, 800 + 0.4 × 3200 = 2080 rpm. Kelvo reaches a duty
-    // through the fan's learned curve, which is only as exact as the sweep measured it.
+    // through what it has learned of the fan, which is only as exact as the speeds it saw.
     std::this_thread::sleep_for(10s);
     const std::size_t from = rig.logColumn("fan1_rpm").size();
     std::this_thread::sleep_for(20s);

@@ -69,19 +69,21 @@ struct Machine {
     }
 };
 
-TEST(BlindControlOnHwmon, TemperaturesVanishingMidSweepAbortItAndGiveTheFanBack) {
+TEST(BlindControlOnHwmon, TemperaturesVanishingMidCalibrationAbortItAndGiveTheFanBack) {
     Machine m;
     m.engine->applyMode(ControlMode::quiet);
     double now = 100;
     ASSERT_EQ(m.engine->tick(now).status, ControlStatus::controlling);
     ASSERT_EQ(m.read("pwm1_enable"), "1") << "Kelvo holds the fan";
-    ASSERT_TRUE(m.fans->sweeping(kFan)) << "a calm first tick starts the curve sweep";
-    // Two sweep steps in.
+    EXPECT_FALSE(m.fans->calibrating(kFan)) << "nothing calibrates unasked";
+    std::string why;
+    ASSERT_TRUE(m.fans->requestCalibration(kFan, &why)) << why;
+    // Two calibration steps in.
     for (int i = 0; i < 6; ++i) {
         m.clock += std::chrono::seconds(1);
         m.engine->tick(++now);
     }
-    ASSERT_TRUE(m.fans->sweeping(kFan));
+    ASSERT_TRUE(m.fans->calibrating(kFan));
 
     m.removeEveryCpuTemperature();
     m.clock += std::chrono::seconds(1);
@@ -89,7 +91,8 @@ TEST(BlindControlOnHwmon, TemperaturesVanishingMidSweepAbortItAndGiveTheFanBack)
     EXPECT_FALSE(blind.sample.cpuTemperatureC);
     EXPECT_EQ(blind.status, ControlStatus::fallback);
     EXPECT_EQ(m.read("pwm1_enable"), "2") << "back on the firmware's curve in the same tick";
-    EXPECT_FALSE(m.fans->sweeping(kFan)) << "the sweep stops with the fan given back";
+    EXPECT_FALSE(m.fans->calibrating(kFan)) << "the calibration stops with the fan given back";
+    EXPECT_NE(m.fans->calibrationStatus(kFan)->message.find("firmware"), std::string::npos);
     EXPECT_TRUE(m.hasEvent("Entered monitor+alert fallback (no CPU temperature can be read)"));
     const std::string pwm = m.read("pwm1");
     for (int i = 0; i < 10; ++i) {

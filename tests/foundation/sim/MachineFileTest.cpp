@@ -101,6 +101,25 @@ TEST_F(MachineFileTest, KeysLeftOutKeepTheirDefaults) {
     EXPECT_EQ(some->plant, expected);
 }
 
+TEST_F(MachineFileTest, FanStopReadsAndWritesBack) {
+    std::string error;
+    auto machine = readMachineFile(file("stop.json", R"({"name": "stop", "firmwareStopBelowC": 50,
+             "fans": [{"name": "a", "stopBelowDuty": 51, "startDuty": 77}, {"name": "b"}]})"),
+                                   &error);
+    ASSERT_TRUE(machine) << error;
+    EXPECT_EQ(machine->plant.fans[0].stopBelowDuty, 51);
+    EXPECT_EQ(machine->plant.fans[0].startDuty, 77);
+    EXPECT_TRUE(machine->plant.fans[0].canStop());
+    EXPECT_FALSE(machine->plant.fans[1].canStop());
+    EXPECT_EQ(machine->plant.firmwareStopBelowC, 50);
+    EXPECT_EQ(machine->plant.firmwareStopHysteresisC, PlantConfig{}.firmwareStopHysteresisC);
+    const fs::path written = dir_ / "written.json";
+    ASSERT_TRUE(writeMachineFile(written, *machine, &error)) << error;
+    auto back = readMachineFile(written, &error);
+    ASSERT_TRUE(back) << error;
+    EXPECT_EQ(*back, *machine);
+}
+
 struct Malformed {
     const char* what;
     const char* text;
@@ -131,6 +150,18 @@ TEST_F(MachineFileTest, MalformedFilesSayWhichFileAndWhatIsWrong) {
          R"("fans[1].minRPM" must not be above "fans[1].maxRPM")"},
         {"negative fan minimum", R"({"name": "m", "fans": [{"name": "f", "minRPM": -1}]})",
          R"("fans[0].minRPM" must not be negative)"},
+        {"fan stop duty out of range",
+         R"({"name": "m", "fans": [{"name": "f", "stopBelowDuty": 300}]})",
+         R"("fans[0].stopBelowDuty" must be)"},
+        {"fan start duty below its stop duty",
+         R"({"name": "m", "fans": [{"name": "f", "stopBelowDuty": 60, "startDuty": 40}]})",
+         R"("fans[0].startDuty" must not be below "fans[0].stopBelowDuty")"},
+        {"fan start duty for a fan that never stops",
+         R"({"name": "m", "fans": [{"name": "f", "startDuty": 40}]})",
+         R"("fans[0].startDuty" needs "fans[0].stopBelowDuty")"},
+        {"fan stop duty not a whole number",
+         R"({"name": "m", "fans": [{"name": "f", "stopBelowDuty": 20.5}]})",
+         R"("fans[0].stopBelowDuty" must be)"},
         {"fan sound reference at 0 rpm",
          R"({"name": "m", "fans": [{"name": "f", "soundRefRPM": 0}]})",
          R"("fans[0].soundRefRPM" must be above 0)"},

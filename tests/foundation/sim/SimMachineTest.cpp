@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <memory>
 #include <thread>
 
@@ -178,8 +179,37 @@ TEST(SimulatedFanController, MalformedTargetsAreRefused) {
     const FanResult wrongCount = controller.setTargets({3000});
     EXPECT_FALSE(wrongCount.ok);
     EXPECT_EQ(wrongCount.error, "expected 2 fan targets, got 1");
-    EXPECT_FALSE(controller.setTargets({-5, 3000}).ok);
+    EXPECT_FALSE(controller.setTargets({std::nan(""), 3000}).ok);
     EXPECT_FALSE(controller.holdsControl());
+}
+
+TEST(SimulatedFanController, AStopTargetStopsAFanThatCanStopAndSlowsOneThatCannot) {
+    sim::PlantConfig config;
+    config.fans[0].stopBelowDuty = 51;
+    config.fans[0].startDuty = 77;
+    auto machine = std::make_shared<SimulatedMachine>(config);
+    SimulatedFanController controller(machine);
+    FanReadResult read = controller.readFans();
+    EXPECT_TRUE(read.fans[0].canStop);
+    EXPECT_FALSE(read.fans[0].firmwareStops);  // this firmware never stops a fan
+    EXPECT_FALSE(read.fans[1].canStop);
+
+    ASSERT_TRUE(controller.setTargets({kFanStopRPM, kFanStopRPM}).ok);
+    EXPECT_TRUE(controller.holdsControl());
+    for (int second = 0; second <= 20; ++second) machine->advanceTo(second);
+    read = controller.readFans();
+    EXPECT_EQ(read.fans[0].currentRPM, 0);
+    EXPECT_EQ(read.fans[0].targetRPM, kFanStopRPM);
+    EXPECT_TRUE(read.fans[0].stopCommanded);
+    // The other one cannot stop: it runs at its lowest speed instead.
+    EXPECT_NEAR(read.fans[1].currentRPM, 1200, 5);
+    EXPECT_FALSE(read.fans[1].stopCommanded);
+
+    ASSERT_TRUE(controller.setTargets({3000, 3000}).ok);
+    for (int second = 21; second <= 40; ++second) machine->advanceTo(second);
+    read = controller.readFans();
+    EXPECT_NEAR(read.fans[0].currentRPM, 3000, 5);
+    EXPECT_FALSE(read.fans[0].stopCommanded);
 }
 
 TEST(SimulatedFanController, InjectedFailuresAreReportedAndClear) {

@@ -1,5 +1,7 @@
 #include "foundation/sim/ThermalPlant.h"
 
+#include "foundation/core/FanController.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -173,6 +175,52 @@ TEST(SimThermalPlant, FansMoveTowardsANewTargetOverSeconds) {
     plant.setFanCommand(everyFanAt(plant, min));
     plant.step(0.5);
     EXPECT_GT(plant.state().fanCurrentRPM[0], min + 0.5 * (max - min));
+}
+
+TEST(SimThermalPlant, AStopCommandHoldsAFanStillUnlikeZero) {
+    ThermalPlant plant;
+    plant.setFanCommand({kFanStopRPM, 0});
+    EXPECT_TRUE(plant.holdsControl());
+    EXPECT_DOUBLE_EQ(plant.state().fanTargetRPM[0], kFanStopRPM);
+    EXPECT_DOUBLE_EQ(plant.state().fanTargetRPM[1], 0);
+    runFor(plant, 20);
+    EXPECT_DOUBLE_EQ(plant.state().fanCurrentRPM[0], 0);
+    EXPECT_NEAR(plant.state().fanCurrentRPM[1], plant.state().fanMinRPM[1], 5);
+    plant.setFanCommand({2000, 0});
+    runFor(plant, 20);
+    EXPECT_NEAR(plant.state().fanCurrentRPM[0], 2000, 5);
+}
+
+TEST(SimThermalPlant, TheFirmwareStopsFansThatCanStopWhileCoolWithHysteresis) {
+    PlantConfig config;
+    config.fans[0].stopBelowDuty = 51;
+    config.firmwareStopBelowC = 60;
+    config.firmwareStopHysteresisC = 6;
+    ThermalPlant plant(config);
+    // Idle, the dies sit under 60 °C: the fan that can stop stands still from the start.
+    ASSERT_LT(std::max(plant.state().cpuTemperatureC, plant.state().gpuTemperatureC), 60);
+    EXPECT_DOUBLE_EQ(plant.state().fanCurrentRPM[0], 0);
+    EXPECT_TRUE(plant.state().fanFirmwareStopped[0]);
+    EXPECT_FALSE(plant.state().fanFirmwareStopped[1]);
+    EXPECT_NEAR(plant.state().fanCurrentRPM[1], 1200, 1);
+
+    // Under load it starts once the hotter die reaches 66 °C, not at 60.
+    plant.setLoad(1, 1);
+    double startedAtC = 0;
+    runFor(plant, 300, [&](const PlantState& s) {
+        if (startedAtC == 0 && s.fanCurrentRPM[0] > 0)
+            startedAtC = std::max(s.cpuTemperatureC, s.gpuTemperatureC);
+    });
+    EXPECT_GE(startedAtC, 66);
+    EXPECT_LT(startedAtC, 70);
+    EXPECT_GT(plant.state().fanCurrentRPM[0], 1200);
+
+    // Idle again: it stops once the dies are under 60 °C, and stays stopped.
+    plant.setLoad(0, 0);
+    runFor(plant, 1800);
+    EXPECT_TRUE(plant.state().fanFirmwareStopped[0]);
+    EXPECT_DOUBLE_EQ(plant.state().fanCurrentRPM[0], 0);
+    EXPECT_LT(std::max(plant.state().cpuTemperatureC, plant.state().gpuTemperatureC), 60);
 }
 
 TEST(SimThermalPlant, CommandsAreClampedAndZeroLeavesAFanToTheFirmware) {

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "SoundLevel.h"
+#include "foundation/core/FanController.h"
 
 namespace kelvo::quality {
 
@@ -29,6 +30,9 @@ constexpr double kSettledMarginC = 0.001;
 constexpr double kSettledRPM = 0.01;
 // The duty that keeps a fan whose minimum is 0 rpm on command, at a speed no one hears.
 constexpr double kStoppedFanDuty = 1e-6;
+// The plan's level for "the fans that can stop stand still": the search runs from it up to full
+// speed, so a stop is tried first wherever it keeps the limits.
+constexpr double kStopLevel = -1;
 // The whole search steps the plant at most this many seconds per second of trace.
 constexpr long kStepBudgetPerSecond = 2000;
 
@@ -83,8 +87,10 @@ public:
         if (k > 0) {
             std::vector<double> targets;
             targets.reserve(plant_.fans.size());
+            // Under 0: the fans that can stop stand still, the others run at their minimum.
             for (const auto& fan : plant_.fans)
-                targets.push_back(fan.minRPM + duty * (fan.maxRPM - fan.minRPM));
+                targets.push_back(duty < 0 ? (fan.canStop() ? kFanStopRPM : fan.minRPM)
+                                           : fan.minRPM + duty * (fan.maxRPM - fan.minRPM));
             plant.setFanCommand(std::move(targets));
         }
         const LoadLevel load = loads_[static_cast<std::size_t>(k)];
@@ -116,6 +122,9 @@ public:
     // The quietest duty: 0, unless a fan's minimum is standing still; a command of 0 hands that fan
     // back to the firmware curve, so the least duty that still holds it comes just above.
     double floorDuty() const {
+        if (std::any_of(plant_.fans.begin(), plant_.fans.end(),
+                        [](const auto& fan) { return fan.canStop(); }))
+            return kStopLevel;
         const bool anyStops = std::any_of(plant_.fans.begin(), plant_.fans.end(),
                                           [](const auto& fan) { return fan.minRPM <= 0; });
         return anyStops ? kStoppedFanDuty : 0.0;

@@ -31,11 +31,10 @@
 // seconds that cannot be held run on full fans even where less would be as many seconds over.
 // The search is bounded (at most 2000 plant seconds per second of trace; the bench's traces take
 // under 600); past that, violations get full fans over the longest window without a search.
-// Fans that can stop: the simulated fans cannot yet (sim::FanConfig has no stop fields), so every
-// plan value is a duty in 0..1 and the fans' minimum is the floor. Once a machine's fans say they
-// can stop, a value under 0 is the one kept for "stop the fans that can stop", planned only on such
-// machines; until then a stopped fan would make rows quieter than this floor, and the floor check
-// in the report would name them.
+// Fans that can stop (a machine whose fans have a stop duty): the plan's levels run from -1, "the
+// fans that can stop stand still, the others at their minimum", through 0 (every fan at its
+// minimum) to 1, so a stop is planned wherever it keeps the limits; the run plays -1 as pwm 0 and
+// kicks a fan at rest with its start duty when the plan asks it to turn again.
 #pragma once
 
 #include <vector>

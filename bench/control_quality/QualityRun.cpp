@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -25,6 +26,7 @@
 #include "foundation/fans/SysfsText.h"
 #include "foundation/store/FanCurveStoreLink.h"
 #include "foundation/store/SQLiteStore.h"
+#include "foundation/telemetry/SysfsValues.h"
 #include "foundation/telemetry/SystemTelemetryProvider.h"
 #include "simhw/SimHardware.h"
 #include "simhw/SimTreeSource.h"
@@ -117,26 +119,39 @@ private:
 };
 
 // Writes every controllable fan's pwm file as fancontrol-style programs do: manual mode once,
-// then the duty each second. Nothing is written until the first duty.
+// then the duty each second, mapped onto the fan's turning range as those programs are set up
+// for it (MINSTOP, MINSTART). Nothing is written until the first duty.
 class PwmWriter {
 public:
-    explicit PwmWriter(const std::string& root) {
-        for (const HwmonFan& fan : HwmonFanService(root).discover())
-            if (fan.controllable) fans_.push_back(fan);
+    PwmWriter(const std::string& root, const sim::PlantConfig& plant) {
+        for (const HwmonFan& fan : HwmonFanService(root).discover()) {
+            if (!fan.controllable) continue;
+            const auto index = static_cast<std::size_t>(fan.channel - 1);
+            fans_.push_back(
+                {fan, index < plant.fans.size() ? plant.fans[index] : sim::FanConfig{}});
+        }
     }
 
-    // 0..1 of the fan's range, to the nearest of the 256 pwm steps; below 0 stops the fan
-    // (duty 0). A plan's duty is rounded up instead: the next step up keeps whatever the plan
-    // promised about the temperatures, the one below may not.
+    // 0..1 of the fan's speed range, to the nearest of the pwm steps from the duty where it
+    // stops turning up to 255; below 0 stops a fan that can stop (duty 0) and runs any other at
+    // its minimum. A plan's duty is rounded up instead: the next step up keeps whatever the plan
+    // promised about the temperatures, the one below may not. A fan at rest asked to turn gets
+    // its start duty for that second, as those programs kick a stopped fan.
     void write(double duty, bool roundUp = false) {
-        const double steps = std::clamp(duty, 0.0, 1.0) * kMaxDuty;
-        // The tolerance keeps an exact step (0.2 * 255) from rounding up past itself.
-        const auto rounded = roundUp ? std::ceil(steps - 1e-9) : std::round(steps);
-        const int pwm = duty < 0 ? 0 : static_cast<int>(rounded);
-        for (const HwmonFan& fan : fans_) {
+        for (const Fan& fan : fans_) {
+            const int from = std::clamp(fan.config.stopBelowDuty, 0, kMaxDuty - 1);
+            const double steps = std::clamp(duty, 0.0, 1.0) * (kMaxDuty - from);
+            // The tolerance keeps an exact step (0.2 * 255) from rounding up past itself.
+            const auto rounded = roundUp ? std::ceil(steps - 1e-9) : std::round(steps);
+            int pwm =
+                duty < 0 ? (fan.config.canStop() ? 0 : from) : from + static_cast<int>(rounded);
+            const bool atRest = sysfs::readDouble(fan.hwmon.inputPath()).value_or(1) <= 0;
+            if (duty >= 0 && atRest && manual_)
+                pwm = std::max(pwm, fan.config.effectiveStartDuty());
             std::string error;
-            if (!manual_ && !sysfs::writeInteger(fan.pwmEnablePath(), 1, &error)) report(error);
-            if (!sysfs::writeInteger(fan.pwmPath(), pwm, &error)) report(error);
+            if (!manual_ && !sysfs::writeInteger(fan.hwmon.pwmEnablePath(), 1, &error))
+                report(error);
+            if (!sysfs::writeInteger(fan.hwmon.pwmPath(), pwm, &error)) report(error);
         }
         manual_ = true;
     }
@@ -147,7 +162,11 @@ private:
         reported_ = true;
     }
 
-    std::vector<HwmonFan> fans_;
+    struct Fan {
+        HwmonFan hwmon;
+        sim::FanConfig config;
+    };
+    std::vector<Fan> fans_;
     bool manual_ = false;
     bool reported_ = false;
 };
@@ -226,7 +245,7 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
     } else if (controller.plan) {
         // The plan needs no telemetry: it knows the machine and the whole trace already.
         const DutyPlan plan = controller.plan(machine, trace, settings);
-        PwmWriter pwm(rig.root());
+        PwmWriter pwm(rig.root(), machine.plant);
         std::size_t second = 0;
         result = drive(rig, machine, trace, [&](Timestamp) {
             pwm.write(second < plan.size() ? plan[second] : 1.0, true);
@@ -238,7 +257,7 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
     } else {
         auto policy = controller.makeBaseline();
         auto telemetry = hwmonTelemetry(rig.root());
-        PwmWriter pwm(rig.root());
+        PwmWriter pwm(rig.root(), machine.plant);
         result = drive(rig, machine, trace, [&](Timestamp now) {
             pwm.write(policy->duty(telemetry->sample(now), kTickSeconds));
         });

@@ -51,6 +51,14 @@ FanCurveLearner::FanLearning& FanCurveLearner::learning(const std::string& ident
 void FanCurveLearner::observe(FanLearning& fan, int duty, double rpm, bool automatic,
                               Clock::time_point now) {
     rpm = std::max(0.0, rpm);
+    // A tachometer reads 0 only once the rotor is still (a fan spinning down still reads its
+    // speed), so a fan the firmware holds at rest at a low duty is known to stop at the first
+    // reading. Waiting for it to settle would let Kelvo spin up, on its first tick, a fan the
+    // firmware had stopped.
+    if (automatic && rpm <= 0 && duty <= kHighestPlausibleStopDuty) {
+        fan.seenResting = true;
+        fan.seenFirmwareResting = true;
+    }
     if (!fan.settle || fan.settle->duty != duty || fan.settle->automatic != automatic) {
         fan.settle =
             Settle{duty, automatic, now, rpm, false, fan.turning.has_value() && !*fan.turning};
@@ -100,8 +108,21 @@ void FanCurveLearner::observeFirmware(const std::string& identity, std::optional
 int FanCurveLearner::mappedDuty(const FanLearning& fan, double targetRPM, double minRPM,
                                 double maxRPM) const {
     const FanKnowledge& knowledge = fan.knowledge;
-    int duty = dutyForRPMOnCurve(knowledge.turningCurve(), targetRPM)
-                   .value_or(linearDuty(targetRPM, minRPM, maxRPM));
+    const FanCurve curve = knowledge.turningCurve();
+    const std::optional<int> onCurve = dutyForRPMOnCurve(curve, targetRPM);
+    int duty = onCurve.value_or(linearDuty(targetRPM, minRPM, maxRPM));
+    // A curve learned while the fan worked ends at the fastest duty it has run at so far, not at
+    // full duty: above it, head for the fan's top speed at 255 instead of jumping there.
+    if (onCurve && curve.back().first < kMaxDuty && std::isfinite(targetRPM)) {
+        const double topDuty = curve.back().first;
+        double topRPM = 0;
+        for (const auto& point : curve) topRPM = std::max(topRPM, point.second);
+        if (targetRPM > topRPM) {
+            const double ceiling = std::max(maxRPM > 0 ? maxRPM : kAssumedMaxRPM, topRPM + 1);
+            const double share = std::min(1.0, (targetRPM - topRPM) / (ceiling - topRPM));
+            duty = static_cast<int>(std::ceil(topDuty + share * (kMaxDuty - topDuty)));
+        }
+    }
     // Never under what has been seen to keep the fan turning (the lowest duty it settled at,
     // or one that started it), nor at a duty it came to rest at.
     std::optional<int> turns = knowledge.lowestTurningDuty();

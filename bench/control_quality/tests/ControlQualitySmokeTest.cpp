@@ -104,7 +104,11 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
         EXPECT_LE(number(row, "throttled_s"), kSeconds);
         EXPECT_GT(number(row, "retention"), 0.0);
         EXPECT_LE(number(row, "retention"), 1.0);
-        EXPECT_GT(number(row, "mean_rpm"), 0.0);
+        // Fans that stop may stand still through the whole start of a compile; the others turn.
+        if (row.at("machine") == "desktop-fan-stop")
+            EXPECT_GE(number(row, "mean_rpm"), 0.0);
+        else
+            EXPECT_GT(number(row, "mean_rpm"), 0.0) << row.at("machine");
         EXPECT_GE(number(row, "audible_changes_per_h"), 0.0);
         EXPECT_GE(number(row, "rpm_sd"), 0.0);
         EXPECT_GE(number(row, "mean_db"), 0.0);

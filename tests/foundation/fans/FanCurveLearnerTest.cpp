@@ -111,6 +111,21 @@ TEST(FanCurveLearner, LearnsTheCurveFromOperationAndStoresIt) {
     }
 }
 
+// Learned while working, the curve ends where the fan has run so far. A target a little above
+// that is a little more duty, never full speed.
+TEST(FanCurveLearner, ATargetJustAboveTheFastestLearnedSpeedIsNoJumpToFullSpeed) {
+    Rig rig;
+    for (double target : {1200.0, 1500.0, 1800.0})
+        for (int i = 0; i < 20; ++i) rig.tick(target);
+    const FanKnowledge knowledge = FanKnowledge::fromCurve(*rig.learner.curve("fan"));
+    ASSERT_GE(knowledge.turning.size(), 2u);
+    const auto [topDuty, topRPM] = *knowledge.turning.rbegin();
+    const int duty = rig.tick(topRPM + 50);
+    EXPECT_GT(duty, topDuty);
+    EXPECT_LT(curvedFanSpeedAt(duty), topRPM + 200) << duty;
+    EXPECT_EQ(rig.tick(rig.maxRPM), 255);
+}
+
 TEST(FanCurveLearner, LearnsFromTheFirmwareDrivingTheFan) {
     ManualClock clock;
     MemoryStore memory;
@@ -135,6 +150,19 @@ TEST(FanCurveLearner, LearnsFromTheFirmwareDrivingTheFan) {
     }
     EXPECT_TRUE(learner.report("fan").canStop);
     EXPECT_TRUE(learner.report("fan").firmwareStops);
+}
+
+// At launch on a cool machine the firmware already has the fan at rest: the first reading says
+// so, before Kelvo's first write could spin it up.
+TEST(FanCurveLearner, AFanTheFirmwareHoldsAtRestIsKnownAtTheFirstReading) {
+    ManualClock clock;
+    FanCurveLearner learner(clock.function());
+    learner.observeFirmware("fan", 0, 0.0);
+    EXPECT_TRUE(learner.report("fan").firmwareStops);
+    EXPECT_TRUE(learner.report("fan").canStop);
+    // A fan at rest at a high firmware duty is a stall, not a stop.
+    learner.observeFirmware("stuck", 200, 0.0);
+    EXPECT_FALSE(learner.report("stuck").firmwareStops);
 }
 
 TEST(FanCurveLearner, AStillMovingSpeedIsNotTaken) {

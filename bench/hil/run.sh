@@ -324,22 +324,25 @@ late_rpm() {
 }
 after=60
 {
-    printf '%-20s %-10s %-12s %8s %8s %7s %8s %8s %7s %8s %8s %7s\n' machine trace mode \
-        "rpm real" "rpm in" "d rpm" "peak re" "peak in" "d peak" "rpm>60s" "in>60s" "d>60s"
+    printf '%-20s %-14s %-12s %8s %8s %7s %8s %8s %7s %8s %8s %7s  %s\n' machine trace mode \
+        "dB real" "dB in" "d dB" "peak re" "peak in" "d peak" "rpm>60s" "in>60s" "d>60s" agree
     for machine in $machines; do
         for trace in $traces; do
             for mode in quiet quietHybrid performance; do
-                real_rpm="$(csv_field "$out/hil.csv" "$machine" "$trace" "$mode" 9)"
+                real_db="$(csv_field "$out/hil.csv" "$machine" "$trace" "$mode" 12)"
                 real_peak="$(csv_field "$out/hil.csv" "$machine" "$trace" "$mode" 4)"
-                in_rpm="$(csv_field "$out/inprocess.csv" "$machine" "$trace" "$mode" 9)"
+                in_db="$(csv_field "$out/inprocess.csv" "$machine" "$trace" "$mode" 12)"
                 in_peak="$(csv_field "$out/inprocess.csv" "$machine" "$trace" "$mode" 4)"
-                [[ -n "$real_rpm" && -n "$in_rpm" ]] || continue
+                [[ -n "$real_db" && -n "$in_db" ]] || continue
                 real_late="$(late_rpm "$runs_dir/$machine/$trace/$mode/log.csv" '^fan[0-9]+_rpm$')"
                 in_late="$(late_rpm "$out/series-inprocess/$machine-$trace-$mode.csv" '^mean_rpm$')"
-                awk -v m="$machine" -v t="$trace" -v c="$mode" -v rr="$real_rpm" -v ir="$in_rpm" \
+                # Agreement: mean level within 0.5 dB and peak temperature within 1 °C.
+                awk -v m="$machine" -v t="$trace" -v c="$mode" -v rd="$real_db" -v id="$in_db" \
                     -v rp="$real_peak" -v ip="$in_peak" -v rl="$real_late" -v il="$in_late" \
-                    'BEGIN { printf "%-20s %-10s %-12s %8.0f %8.0f %+7.0f %8.1f %8.1f %+7.1f %8.0f %8.0f %+7.0f\n",
-                             m, t, c, rr, ir, rr - ir, rp, ip, rp - ip, rl, il, rl - il }'
+                    'BEGIN { dd = rd - id; dp = rp - ip
+                             ok = (dd <= 0.5 && dd >= -0.5 && dp <= 1 && dp >= -1) ? "yes" : "NO"
+                             printf "%-20s %-14s %-12s %8.1f %8.1f %+7.2f %8.1f %8.1f %+7.2f %8.0f %8.0f %+7.0f  %s\n",
+                                    m, t, c, rd, id, dd, rp, ip, dp, rl, il, rl - il, ok }'
             done
         done
     done
@@ -347,6 +350,9 @@ after=60
 echo
 echo "Kelvo, real time minus in process (agreement.txt):"
 cat "$out/agreement.txt"
+awk 'NR > 1 { n++; if ($NF == "yes") ok++ } END {
+        printf "%d of %d Kelvo runs agree (mean level within 0.5 dB, peak within 1 C)\n", ok, n }' \
+    "$out/agreement.txt" | tee -a "$out/agreement.txt"
 echo
 if [[ -s "$problems" ]]; then
     echo "Problems ($problems):"

@@ -18,8 +18,12 @@ bool FanStopGate::decide(const std::string& fan, bool mayStop, double duty,
     const bool urgent = !underBy(config_.urgentMarginC) || duty > config_.urgentDutyAbove;
     const double held = state.since ? now - *state.since : 1e18;
     if (state.stopped) {
-        const bool wantsRun = warmed || duty > config_.restartDutyAbove;
-        if (mayStop && !urgent && !(wantsRun && held >= config_.minimumStopSeconds)) return true;
+        // The policy asking for air restarts the fan at once, at the gentle speed it asks for:
+        // held still longer, its duty would go on climbing and the fan would start loud. The
+        // minimum stop only holds against a die that has warmed while the policy is content.
+        const bool needsAir = duty > config_.restartDutyAbove;
+        const bool wantsRun = needsAir || (warmed && held >= config_.minimumStopSeconds);
+        if (mayStop && !urgent && !wantsRun) return true;
         state.stopped = false;
         state.since = now;
         state.restarted = now;

@@ -21,6 +21,7 @@ struct FanStopConfig {
     // Past these the fan starts at once, however short its stop has been.
     double urgentMarginC = 3;
     double urgentDutyAbove = 0.5;
+    // A die that warms restarts a stopped fan only after this; the policy asking for air, at once.
     double minimumStopSeconds = 60;
     double minimumRunSeconds = 60;
 };

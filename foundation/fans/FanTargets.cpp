@@ -17,6 +17,15 @@ FanResult FirstFanError::result() const {
     return FanResult::success();
 }
 
+std::string calibrationObstacle(bool controllable, bool heldByKelvo, bool speedReadable) {
+    if (!controllable) return "this fan's speed cannot be set";
+    if (!heldByKelvo)
+        return "Kelvo does not control this fan now (the firmware does); a calibration needs the "
+               "fan under Kelvo's control";
+    if (!speedReadable) return "this fan's speed cannot be read";
+    return {};
+}
+
 FanResult runFanRound(std::size_t fanCount, const std::function<FanStep(std::size_t)>& step) {
     FirstFanError errors;
     for (std::size_t i = 0; i < fanCount; ++i) {

@@ -52,6 +52,9 @@ private:
     FanResult result_;
 };
 
+// Why a calibration cannot start on a fan as a back-end sees it; empty when it can.
+std::string calibrationObstacle(bool controllable, bool heldByKelvo, bool speedReadable);
+
 // Runs `step` for fans 0 to fanCount - 1. A failed fan does not stop the others, so one stuck
 // fan does not leave the rest at stale speeds; the first error is the round's result.
 FanResult runFanRound(std::size_t fanCount, const std::function<FanStep(std::size_t)>& step);

@@ -54,16 +54,10 @@ bool LocalFanController::requestCalibration(const std::string& identity, std::st
         return false;
     }
     const auto held = held_.find(identity);
-    if (!fan->controllable || held == held_.end()) {
-        if (why)
-            *why = fan->controllable
-                       ? "Kelvo does not control this fan now (the firmware does); a calibration "
-                         "needs the fan under Kelvo's control"
-                       : "this fan's speed cannot be set";
-        return false;
-    }
-    if (!fan->currentRPM) {
-        if (why) *why = "this fan's speed cannot be read";
+    const std::string obstacle =
+        calibrationObstacle(fan->controllable, held != held_.end(), fan->currentRPM.has_value());
+    if (!obstacle.empty()) {
+        if (why) *why = obstacle;
         return false;
     }
     return curves_.startCalibration(identity, held->second.targetRPM, why);

@@ -173,10 +173,16 @@ std::optional<int> FanCurveLearner::probeDuty(FanLearning& fan, double targetRPM
 std::optional<int> FanCurveLearner::calibrationDuty(const std::string& identity, FanLearning& fan,
                                                     double targetRPM,
                                                     std::optional<double> measuredRPM,
-                                                    Clock::time_point now) {
+                                                    double minRPM, Clock::time_point now) {
     if (!fan.calibration || !fan.calibration->running()) return std::nullopt;
-    // A stop asked for during a calibration is no reason to end it: it goes down anyway.
-    const double target = isFanStopTarget(targetRPM) ? 0 : targetRPM;
+    // A stop asked for during a calibration is no reason to end it: it goes down anyway. Nor is
+    // the fan's slowest speed (the stop gate starting a stopped fan): only more air than that is.
+    // The engine's minimum is the one reported to it a tick ago, which a step of the sweep may
+    // since have lowered.
+    double slowest = std::max(minRPM, fan.reportedMin.value_or(0));
+    if (auto lowest = fan.knowledge.lowestTurningRPM()) slowest = std::max(slowest, *lowest);
+    const bool atSlowest = slowest > 0 && targetRPM <= slowest * kAtMinimumShare;
+    const double target = isFanStopTarget(targetRPM) || atSlowest ? 0 : targetRPM;
     if (auto duty = fan.calibration->advance(target, measuredRPM, now)) return duty;
     if (fan.calibration->status(now).succeeded.value_or(false)) {
         fan.knowledge = fan.calibration->result();
@@ -193,7 +199,7 @@ int FanCurveLearner::dutyFor(const std::string& identity, double targetRPM,
     FanLearning& fan = learning(identity);
     if (fan.written && measuredRPM) observe(fan, *fan.written, *measuredRPM, false, now);
     const int duty = [&] {
-        if (auto calibrating = calibrationDuty(identity, fan, targetRPM, measuredRPM, now))
+        if (auto calibrating = calibrationDuty(identity, fan, targetRPM, measuredRPM, minRPM, now))
             return *calibrating;
         if (isFanStopTarget(targetRPM)) {
             fan.kick.reset();
@@ -273,7 +279,12 @@ bool FanCurveLearner::startCalibration(const std::string& identity, double curre
         if (why) *why = "a calibration of this fan is already running";
         return false;
     }
-    fan.calibration.emplace(isFanStopTarget(currentTargetRPM) ? 0 : currentTargetRPM, now_());
+    // A stopped or slowest fan may be asked to turn at its minimum while the calibration runs
+    // (the stop gate restarting it): that is no call for more air than the sweep gives.
+    double baseline = isFanStopTarget(currentTargetRPM) ? 0 : currentTargetRPM;
+    if (fan.reportedMin) baseline = std::max(baseline, *fan.reportedMin);
+    if (auto lowest = fan.knowledge.lowestTurningRPM()) baseline = std::max(baseline, *lowest);
+    fan.calibration.emplace(baseline, now_());
     fan.kick.reset();
     fan.probe.reset();
     return true;

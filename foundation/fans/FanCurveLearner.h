@@ -126,7 +126,7 @@ private:
     std::optional<int> probeDuty(FanLearning& fan, double targetRPM, double measuredRPM);
     std::optional<int> calibrationDuty(const std::string& identity, FanLearning& fan,
                                        double targetRPM, std::optional<double> measuredRPM,
-                                       Clock::time_point now);
+                                       double minRPM, Clock::time_point now);
     void maybeSave(const std::string& identity, FanLearning& fan, Clock::time_point now,
                    bool immediately = false);
 

@@ -142,6 +142,23 @@ TEST(FanCalibration, MoreAirThanItGivesAbandonsIt) {
     EXPECT_NE(status.message.find("more air"), std::string::npos) << status.message;
 }
 
+// Asked for while the fan stands still, the calibration goes on when the loop then wants the
+// fan turning at its slowest: only more air than that abandons it.
+TEST(FanCalibration, AStoppedFanAskedToTurnAtItsSlowestKeepsCalibrating) {
+    Rig rig = stoppingRig();
+    for (double target : {800.0, 1200.0})
+        for (int i = 0; i < 20; ++i) rig.tick(target);
+    const auto slowest = rig.learner.report("fan").minRPM;
+    ASSERT_TRUE(slowest.has_value());
+    for (int i = 0; i < 10; ++i) rig.tick(kFanStopRPM);
+    ASSERT_TRUE(rig.learner.startCalibration("fan", kFanStopRPM, nullptr));
+    for (int i = 0; i < 5; ++i) rig.tick(kFanStopRPM);
+    for (int i = 0; i < 5; ++i) rig.tick(*slowest);
+    EXPECT_TRUE(rig.learner.calibrating("fan"));
+    rig.tick(2200);
+    EXPECT_FALSE(rig.learner.calibrating("fan"));
+}
+
 TEST(FanCalibration, AFanGivenBackAbandonsIt) {
     Rig rig = stoppingRig();
     rig.tick(800);

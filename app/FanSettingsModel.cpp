@@ -46,7 +46,7 @@ FanSettingsModel::FanSettingsModel(QSettings* settings, std::string sysRoot, App
 QString FanSettingsModel::calibrationNote() {
     return QStringLiteral(
         "Runs the fan from full speed down to its lowest speed and to a stop where it stops, "
-        "one held step at a time; it takes a few minutes and the fan will be loud for part of "
+        "one held step at a time; it takes one to two minutes and the fan will be loud for part of "
         "it.");
 }
 

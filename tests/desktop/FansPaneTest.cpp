@@ -22,15 +22,18 @@ protected:
         EXPECT_TRUE(waitFor([&] { return future.isFinished(); }));
         return future.isFinished() ? future.result() : ControlLimits{};
     }
+    // The row of the last simulated fan in the pane; -1 while none shows.
+    qsizetype simulatedFanIndex() const {
+        qsizetype index = -1;
+        for (qsizetype i = 0; i < fans()->fans().size(); ++i)
+            if (fans()->fans()[i].toMap().value("identity").toString().startsWith("Simulated fan"))
+                index = i;
+        return index;
+    }
     // The simulated machine's fans show once the loop has ticked.
     void openWithFans() {
         openDashboard();
-        ASSERT_TRUE(waitFor([&] {
-            for (const QVariant& fan : fans()->fans())
-                if (fan.toMap().value("identity").toString().startsWith("Simulated fan"))
-                    return true;
-            return false;
-        }));
+        ASSERT_TRUE(waitFor([&] { return simulatedFanIndex() >= 0; }));
     }
 };
 
@@ -75,10 +78,7 @@ TEST_F(FansPane, TheAdvancedSurfaceOpensThePaneWithEveryFan) {
 TEST_F(FansPane, AChoiceIsStoredAndReachesTheEngine) {
     openWithFans();
     fans()->setPaneOpen(true);
-    qsizetype index = -1;
-    for (qsizetype i = 0; i < fans()->fans().size(); ++i)
-        if (fans()->fans()[i].toMap().value("identity").toString().startsWith("Simulated fan"))
-            index = i;
+    const qsizetype index = simulatedFanIndex();
     ASSERT_GE(index, 0);
     const QString identity = fans()->fans()[index].toMap().value("identity").toString();
     click("fans-choice-" + QString::number(index) + "-firmware");
@@ -108,10 +108,7 @@ TEST_F(FansPane, AChoiceIsStoredAndReachesTheEngine) {
 TEST_F(FansPane, TheStopSwitchSaysWhyItIsOffLimitsAndCalibrateReachesTheEngine) {
     openWithFans();
     fans()->setPaneOpen(true);
-    qsizetype index = -1;
-    for (qsizetype i = 0; i < fans()->fans().size(); ++i)
-        if (fans()->fans()[i].toMap().value("identity").toString().startsWith("Simulated fan"))
-            index = i;
+    const qsizetype index = simulatedFanIndex();
     ASSERT_GE(index, 0);
     const QVariantMap fan = fans()->fans()[index].toMap();
     const QString n = QString::number(index);

@@ -5,18 +5,14 @@
 #include <cerrno>
 
 #include "simhw/SimHardware.h"
+#include "tests/simhw/TwoFanMachine.h"
 
 namespace {
 
 using namespace kelvo;
 using namespace kelvo::simhw;
 
-sim::PlantConfig twoFans() {
-    sim::PlantConfig config;
-    config.logicalCpus = 2;
-    config.fans = {{"CPU fan", 800, 4000}, {"Case fan", 600, 2000}};
-    return config;
-}
+using kelvo::simhw::test_support::twoFans;
 
 std::string read(const SimHardware& hw, const std::string& path) {
     const auto resolved = hw.tree().resolve(path);

@@ -14,18 +14,14 @@
 #include "foundation/telemetry/SystemTelemetryProvider.h"
 #include "simhw/SimHardware.h"
 #include "simhw/SimTreeSource.h"
+#include "tests/simhw/TwoFanMachine.h"
 
 namespace {
 
 using namespace kelvo;
 using namespace kelvo::simhw;
 
-sim::PlantConfig twoFans() {
-    sim::PlantConfig config;
-    config.logicalCpus = 2;
-    config.fans = {{"CPU fan", 800, 4000}, {"Case fan", 600, 2000}};
-    return config;
-}
+using kelvo::simhw::test_support::twoFans;
 
 constexpr const char* kRoot = "/kelvo-simtree-test/machine";
 

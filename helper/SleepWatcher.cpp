@@ -17,6 +17,14 @@ namespace {
 constexpr const char* kLogind = "org.freedesktop.login1";
 constexpr const char* kManagerPath = "/org/freedesktop/login1";
 constexpr const char* kManagerInterface = "org.freedesktop.login1.Manager";
+constexpr const char* kBusDriver = "org.freedesktop.DBus";
+constexpr const char* kBusPath = "/org/freedesktop/DBus";
+// The bus driver's own word on who owns logind's name; no peer can send as the driver.
+constexpr const char* kOwnerChangedRule =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+    "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.freedesktop.login1'";
+// A flood of forged signals is logged once per this interval, with a count.
+constexpr auto kIgnoredLogInterval = std::chrono::seconds(10);
 // Caps how many queued messages one process() call handles, so the clients are not starved.
 constexpr int kMaxMessagesPerRound = 64;
 
@@ -32,6 +40,7 @@ SleepWatcher::SleepWatcher(Logger log, Handler handler)
 
 SleepWatcher::~SleepWatcher() {
     sd_bus_slot_unref(slot_);
+    sd_bus_slot_unref(ownerSlot_);
     sd_bus_flush_close_unref(bus_);
 }
 
@@ -44,8 +53,24 @@ bool SleepWatcher::start() {
         return false;
     }
     bus_ = bus;
-    // Only logind's own signal counts: the bus daemon matches the sender against the name's
-    // owner, so another peer cannot make the helper give fans back.
+    // In this order, so that logind's owner is known before the first PrepareForSleep can
+    // arrive and no change of owner falls between the query and the subscription: the bus
+    // answers one connection's messages in the order they were sent.
+    r = sd_bus_add_match_async(bus_, &ownerSlot_, kOwnerChangedRule, &SleepWatcher::onOwnerChanged,
+                               &SleepWatcher::onOwnerMatchInstalled, this);
+    if (r < 0) {
+        drop("cannot follow the owner of " + std::string(kLogind) + ": " + errorText(r));
+        return false;
+    }
+    // A floating call: the reply cannot outlive the bus, which this object closes.
+    r = sd_bus_call_method_async(bus_, nullptr, kBusDriver, kBusPath, kBusDriver, "GetNameOwner",
+                                 &SleepWatcher::onOwnerReply, this, "s", kLogind);
+    if (r < 0) {
+        drop("cannot ask for the owner of " + std::string(kLogind) + ": " + errorText(r));
+        return false;
+    }
+    // The bus filters broadcasts by sender, but a signal sent to the helper's own name skips
+    // that filter: onSignal() compares the sender with logind's owner itself.
     r = sd_bus_match_signal_async(bus_, &slot_, kLogind, kManagerPath, kManagerInterface,
                                   "PrepareForSleep", &SleepWatcher::onSignal,
                                   &SleepWatcher::onMatchInstalled, this);
@@ -60,8 +85,11 @@ void SleepWatcher::drop(const std::string& why) {
     log_(why + "; sleep and resume are no longer followed");
     sd_bus_slot_unref(slot_);
     slot_ = nullptr;
+    sd_bus_slot_unref(ownerSlot_);
+    ownerSlot_ = nullptr;
     sd_bus_flush_close_unref(bus_);
     bus_ = nullptr;
+    logindOwner_.clear();
 }
 
 int SleepWatcher::fd() const {
@@ -107,14 +135,94 @@ int SleepWatcher::onMatchInstalled(sd_bus_message* message, void* self, sd_bus_e
         watcher->log_(std::string("the system bus refused the PrepareForSleep match: ") +
                       (error->message ? error->message : "unknown error"));
     } else {
-        // Only now can a signal arrive.
-        watcher->log_("following sleep and resume through logind on the system bus");
+        // Only now can a signal arrive; the owner's answer came before this one.
+        watcher->log_("following sleep and resume through logind on the system bus (" +
+                      (watcher->logindOwner_.empty() ? std::string("logind not on the bus yet")
+                                                     : "logind is " + watcher->logindOwner_) +
+                      ")");
     }
     return 0;
 }
 
+int SleepWatcher::onOwnerMatchInstalled(sd_bus_message* message, void* self, sd_bus_error*) {
+    auto* watcher = static_cast<SleepWatcher*>(self);
+    if (const sd_bus_error* error = sd_bus_message_get_error(message)) {
+        watcher->log_(std::string("the system bus refused the NameOwnerChanged match: ") +
+                      (error->message ? error->message : "unknown error") +
+                      "; a restarted logind is not recognised");
+    }
+    return 0;
+}
+
+int SleepWatcher::onOwnerReply(sd_bus_message* message, void* self, sd_bus_error*) {
+    auto* watcher = static_cast<SleepWatcher*>(self);
+    if (const sd_bus_error* error = sd_bus_message_get_error(message)) {
+        watcher->logindOwner_.clear();
+        watcher->log_(std::string(kLogind) + " has no owner (" +
+                      (error->message ? error->message : "unknown error") +
+                      "): PrepareForSleep is ignored until logind is on the bus");
+        return 0;
+    }
+    const char* owner = nullptr;
+    if (sd_bus_message_read(message, "s", &owner) < 0 || !owner) {
+        watcher->log_("unreadable GetNameOwner reply for " + std::string(kLogind));
+        return 0;
+    }
+    watcher->logindOwner_ = owner;
+    return 0;
+}
+
+int SleepWatcher::onOwnerChanged(sd_bus_message* message, void* self, sd_bus_error*) {
+    auto* watcher = static_cast<SleepWatcher*>(self);
+    // Unicast signals skip the match's sender too: only the bus driver speaks for names.
+    const char* sender = sd_bus_message_get_sender(message);
+    if (!sender || std::strcmp(sender, kBusDriver) != 0) {
+        watcher->ignoreForged(sender, "only the bus itself may send NameOwnerChanged");
+        return 0;
+    }
+    const char* name = nullptr;
+    const char* oldOwner = nullptr;
+    const char* newOwner = nullptr;
+    if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) < 0 || !name ||
+        !newOwner || std::strcmp(name, kLogind) != 0) {
+        return 0;
+    }
+    watcher->logindOwner_ = newOwner;
+    watcher->log_(watcher->logindOwner_.empty()
+                      ? std::string(kLogind) +
+                            " left the bus: PrepareForSleep is ignored until "
+                            "logind is back"
+                      : std::string(kLogind) + " is now owned by " + watcher->logindOwner_);
+    return 0;
+}
+
+void SleepWatcher::ignoreForged(const char* sender, const std::string& rule) {
+    const Clock::time_point now = Clock::now();
+    if (lastIgnoredLog_ && now - *lastIgnoredLog_ < kIgnoredLogInterval) {
+        ++unloggedIgnored_;
+        return;
+    }
+    std::string line =
+        std::string("ignoring a signal from ") + (sender ? sender : "no sender") + ": " + rule;
+    if (unloggedIgnored_ > 0) {
+        line += "; " + std::to_string(unloggedIgnored_) + " more ignored since the last such line";
+    }
+    log_(line);
+    unloggedIgnored_ = 0;
+    lastIgnoredLog_ = now;
+}
+
 int SleepWatcher::onSignal(sd_bus_message* message, void* self, sd_bus_error*) {
     auto* watcher = static_cast<SleepWatcher*>(self);
+    // Only logind's connection may make the helper give fans back.
+    const char* sender = sd_bus_message_get_sender(message);
+    if (!sender || watcher->logindOwner_.empty() || watcher->logindOwner_ != sender) {
+        watcher->ignoreForged(sender, "only logind's connection (" +
+                                          (watcher->logindOwner_.empty() ? std::string("none now")
+                                                                         : watcher->logindOwner_) +
+                                          ") may send PrepareForSleep");
+        return 0;
+    }
     int goingToSleep = 0;
     const int r = sd_bus_message_read(message, "b", &goingToSleep);
     if (r < 0) {

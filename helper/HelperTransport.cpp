@@ -13,6 +13,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "helper/PathTrust.h"
+
 namespace kelvo::helperd {
 
 namespace hp = helper_protocol;
@@ -66,12 +68,27 @@ bool HelperTransport::lock(std::string* error) {
         if (error) *error = std::move(why);
         return false;
     };
-    std::error_code ec;
-    fs::create_directories(options_.runtimeDir, ec);
-    if (ec) return fail("cannot create " + options_.runtimeDir + ": " + ec.message());
+    // Missing directories are made 0755 whatever the umask, so that one the helper made itself
+    // passes the check below.
+    fs::path made;
+    for (const fs::path& part : fs::path(options_.runtimeDir)) {
+        made /= part;
+        if (::mkdir(made.c_str(), 0755) != 0 && errno != EEXIST) {
+            return fail(errnoText("cannot create " + made.string()));
+        }
+    }
+    // Without a journal another user cannot tamper with, the helper could not promise to give
+    // fans back after a crash, and root would write wherever a planted link points: it does
+    // not start.
+    if (const auto problem = PathTrust(::geteuid()).privateDirectoryProblem(options_.runtimeDir)) {
+        return fail("runtime directory " + options_.runtimeDir + " is not the helper's own (" +
+                    *problem +
+                    "): it must belong to the helper's user and be writable by nobody else, as "
+                    "must every directory above it");
+    }
 
     // One helper per runtime directory: two would fight over the journal and the fans.
-    lockFd_ = ::open(options_.lockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    lockFd_ = ::open(options_.lockPath().c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (lockFd_ < 0) return fail(errnoText("cannot open " + options_.lockPath()));
     if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
         return fail("another kelvo-helperd is running with runtime directory " +

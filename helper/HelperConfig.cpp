@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "foundation/helper_protocol/HelperProtocol.h"
+#include "helper/PathTrust.h"
 
 namespace kelvo::helperd {
 
@@ -140,8 +141,13 @@ HelperConfig::Loaded HelperConfig::parse(std::string_view text, const std::strin
 }
 
 HelperConfig::Loaded HelperConfig::load(const std::string& path, bool mustExist) {
+    return load(path, mustExist, ::geteuid());
+}
+
+HelperConfig::Loaded HelperConfig::load(const std::string& path, bool mustExist, uid_t trustedUid) {
     Loaded loaded;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    // Non-blocking: opening a FIFO would otherwise wait for a writer that never comes.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) {
         if (errno == ENOENT && !mustExist) {
             loaded.ok = true;
@@ -157,9 +163,15 @@ HelperConfig::Loaded HelperConfig::load(const std::string& path, bool mustExist)
         return loaded;
     }
     // Whoever can write the file decides for every user: only root (or the helper's own user).
-    if ((info.st_uid != 0 && info.st_uid != ::geteuid()) || (info.st_mode & (S_IWGRP | S_IWOTH))) {
+    if ((info.st_uid != 0 && info.st_uid != trustedUid) || (info.st_mode & (S_IWGRP | S_IWOTH))) {
         ::close(fd);
         loaded.error = path + ": must be owned by root and writable by its owner only";
+        return loaded;
+    }
+    // So does whoever can replace it: every directory on the way must be root's as well.
+    if (const auto problem = PathTrust(trustedUid).ancestorsProblem(path)) {
+        ::close(fd);
+        loaded.error = path + ": not trusted, " + *problem;
         return loaded;
     }
     // One byte over the limit is enough to know the file is too large.

@@ -2,6 +2,8 @@
 // duty floors no request may go below and fans no client may take.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <map>
 #include <optional>
@@ -26,8 +28,11 @@ struct HelperConfig {
     struct Loaded;
     // `fileName` only names the source in error messages ("FILE:LINE: what is wrong").
     static Loaded parse(std::string_view text, const std::string& fileName);
-    // A missing file is no configuration unless `mustExist` (a path given with --config).
+    // A missing file is no configuration unless `mustExist` (a path given with --config). The
+    // file must be a regular file owned by root or `trustedUid` (the helper's own user) that
+    // only its owner may write, in directories nobody else can change (see PathTrust).
     static Loaded load(const std::string& path, bool mustExist);
+    static Loaded load(const std::string& path, bool mustExist, uid_t trustedUid);
 };
 
 struct HelperConfig::Loaded {

@@ -33,6 +33,11 @@ public:
     void run(int stopFd);
 
 private:
+    // A floor or forbid naming a fan the helper does not see is logged, once, at start.
+    void warnAboutAbsentFans();
+
+    HelperConfig config_;
+    Logger log_;
     HelperRequestHandler handler_;
     HelperTransport transport_;
 };

@@ -1,5 +1,6 @@
 #include "foundation/helper_protocol/HelperStatusReport.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace kelvo {
@@ -36,14 +37,23 @@ std::string counted(std::size_t count, const char* one, const char* many) {
     return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
-std::string configText(const helper_protocol::ConfigInfo& config) {
+std::string configText(const helper_protocol::ConfigInfo& config,
+                       const std::vector<helper_protocol::FanInfo>& fans) {
+    // A configured fan the helper does not list: a typo, or hardware that is not there yet.
+    const auto absent = [&](const std::string& identity) {
+        const bool listed = std::any_of(fans.begin(), fans.end(),
+                                        [&](const auto& fan) { return fan.identity == identity; });
+        return listed ? std::string() : std::string(", no such fan");
+    };
     std::string text =
         "configuration: " + (config.file.empty() ? std::string("none") : config.file) + "\n";
     for (const auto& [identity, duty] : config.floors) {
         text += "  floor " + identity + " pwm " + std::to_string(duty) + " (" +
-                std::to_string((duty * 100 + 127) / 255) + "%)\n";
+                std::to_string((duty * 100 + 127) / 255) + "%)" + absent(identity) + "\n";
     }
-    for (const auto& identity : config.forbidden) text += "  forbidden " + identity + "\n";
+    for (const auto& identity : config.forbidden) {
+        text += "  forbidden " + identity + absent(identity) + "\n";
+    }
     text += std::string("sleep handling: ") +
             (config.sleepHandling ? "on (logind PrepareForSleep)" : "off (no system bus)") + "\n";
     return text;
@@ -70,7 +80,7 @@ std::string formatHelperStatus(const HelperStatus& status, const std::string& so
     const auto& sensors = status.inventory.sensors;
     text += counted(sensors.size(), "sensor", "sensors") + (sensors.empty() ? "\n" : ":\n");
     for (const auto& sensor : sensors) text += sensorLine(sensor);
-    if (status.config) text += configText(*status.config);
+    if (status.config) text += configText(*status.config, fans);
     return text;
 }
 

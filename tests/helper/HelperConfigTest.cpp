@@ -2,7 +2,11 @@
 // malformed file that keeps it from starting.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 
 #include "foundation/helper_protocol/HelperClient.h"
@@ -36,7 +40,9 @@ struct RunResult {
 // Runs the helper to completion (it is expected to refuse to start) and captures its stderr.
 RunResult runHelper(const std::string& arguments) {
     RunResult result;
-    FILE* pipe = ::popen((std::string(KELVO_HELPERD_BIN) + " " + arguments + " 2>&1").c_str(), "r");
+    // Bounded, so that a helper that hangs fails the test (status 124) instead of stalling it.
+    FILE* pipe = ::popen(
+        ("timeout 20 " + std::string(KELVO_HELPERD_BIN) + " " + arguments + " 2>&1").c_str(), "r");
     if (!pipe) return result;
     char buffer[512];
     while (std::fgets(buffer, sizeof buffer, pipe)) result.output += buffer;
@@ -175,6 +181,76 @@ TEST_F(HelperConfigTest, MissingConfigFileIsAnErrorOnlyWhenNamed) {
     EXPECT_TRUE(loaded.ok);
     EXPECT_TRUE(loaded.config.file.empty());
     EXPECT_TRUE(loaded.config.floors.empty());
+}
+
+TEST_F(HelperConfigTest, AFifoAsTheConfigurationIsRefusedWithoutHanging) {
+    const auto fifo = runtime / "fifo.conf";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // No writer ever opens the FIFO: a helper that waited for one would be stopped by timeout
+    // (status 124) instead of refusing.
+    const RunResult result = runHelper("--sysfs-root " + sys.root().string() + " --runtime-dir " +
+                                       (runtime / "run").string() + " --config " + fifo.string());
+    EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) == 1) << result.output;
+    EXPECT_NE(result.output.find(fifo.string() + ": not a regular file"), std::string::npos)
+        << result.output;
+}
+
+TEST_F(HelperConfigTest, AConfigurationInADirectoryOthersCanWriteIsRefused) {
+    const auto open = runtime / "open";
+    std::filesystem::create_directory(open);
+    ::chmod(open.c_str(), 0777);
+    const auto inside = open / "helperd.conf";
+    writeFile(inside, std::string("floor ") + kFan1 + " 50%\n");
+    const RunResult result = runHelper("--sysfs-root " + sys.root().string() + " --runtime-dir " +
+                                       (runtime / "run").string() + " --config " + inside.string());
+    EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) == 1) << result.output;
+    EXPECT_NE(result.output.find(open.string() + " is writable by group or others"),
+              std::string::npos)
+        << result.output;
+
+    // Sticky, like /tmp: others cannot replace the file, so it is accepted.
+    ::chmod(open.c_str(), 01777);
+    EXPECT_TRUE(HelperConfig::load(inside.string(), true).ok);
+}
+
+TEST_F(HelperConfigTest, AConfigurationInADirectoryOfAnotherUserIsRefused) {
+    if (::geteuid() != 0) GTEST_SKIP() << "handing the directory to another user needs root";
+    const auto theirs = runtime / "theirs";
+    std::filesystem::create_directory(theirs);
+    ASSERT_EQ(::chown(theirs.c_str(), 65534, 65534), 0);
+    const auto inside = theirs / "helperd.conf";
+    writeFile(inside, std::string("floor ") + kFan1 + " 50%\n");
+    ::chmod(inside.c_str(), 0644);  // root's own file, which nobody may replace by renaming
+    const RunResult result = runHelper("--sysfs-root " + sys.root().string() + " --runtime-dir " +
+                                       (runtime / "run").string() + " --config " + inside.string());
+    EXPECT_TRUE(WIFEXITED(result.status) && WEXITSTATUS(result.status) == 1) << result.output;
+    EXPECT_NE(result.output.find(theirs.string() + " is owned by uid 65534"), std::string::npos)
+        << result.output;
+}
+
+TEST_F(HelperConfigTest, AFloorOrForbidOnAnAbsentFanIsWarnedAboutAndShownInStatus) {
+    const std::string absent = "it87@/sys/devices/platform/it87.656#fan9";
+    const std::string gone = "nct6775@/sys/devices/platform/nct6775.2592#fan1";
+    startWith("floor " + absent + " 50%\nfloor " + std::string(kFan1) + " 20%\nforbid " + gone +
+              "\n");
+    const std::string log = daemon->log();
+    EXPECT_NE(log.find("floor on " + absent + ", a fan that does not exist"), std::string::npos)
+        << log;
+    EXPECT_NE(log.find("forbid on " + gone + ", a fan that does not exist"), std::string::npos)
+        << log;
+    EXPECT_EQ(log.find(std::string("floor on ") + kFan1), std::string::npos) << log;
+
+    HelperClient client(daemon->socketPath());
+    const HelperStatusResult status = client.status();
+    ASSERT_TRUE(status.ok) << status.error;
+    const std::string text = formatHelperStatus(status.status, daemon->socketPath());
+    EXPECT_NE(text.find("floor " + absent + " pwm 128 (50%), no such fan"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("forbidden " + gone + ", no such fan"), std::string::npos) << text;
+    EXPECT_NE(text.find(std::string("floor ") + kFan1 + " pwm 51 (20%)\n"), std::string::npos)
+        << text;
+    // The fans that exist are served as before.
+    EXPECT_TRUE(client.call(hp::Request::targetPWM(kFan1, 60)).ok());
 }
 
 TEST(HelperConfigParse, PercentRoundsToTheNearestDutyAndCommentsNeedAWordStart) {

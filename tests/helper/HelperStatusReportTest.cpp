@@ -69,3 +69,24 @@ TEST(HelperStatusReport, ModesReadAsPeopleSayThem) {
     EXPECT_EQ(pwmModeText(5), "automatic (firmware mode 5)");
     EXPECT_EQ(pwmModeText(std::nullopt), "unknown");
 }
+
+TEST(HelperStatusReport, AFloorOrForbidOnAFanThatIsNotThereSaysSo) {
+    hp::FanInfo present{
+        "nct6775@/sys/devices/platform/nct6775.656#fan1", true, 800, 0, 0, 90, 2, false, false};
+    HelperStatus status = statusWith({present}, {});
+    hp::ConfigInfo config;
+    config.file = "/etc/kelvo/helperd.conf";
+    config.floors = {{"nct6775@/sys/devices/platform/nct6775.656#fan1", 51},
+                     {"nct6775@/sys/devices/platform/nct6775.656#fan7", 128}};
+    config.forbidden = {"nct6775@/sys/devices/platform/nct6775.656#fan1", "nvidia@GPU-0#fan0"};
+    status.config = config;
+    const std::string text = formatHelperStatus(status, "/run/kelvo/helper.sock");
+    EXPECT_NE(text.find("configuration: /etc/kelvo/helperd.conf\n"
+                        "  floor nct6775@/sys/devices/platform/nct6775.656#fan1 pwm 51 (20%)\n"
+                        "  floor nct6775@/sys/devices/platform/nct6775.656#fan7 pwm 128 (50%), "
+                        "no such fan\n"
+                        "  forbidden nct6775@/sys/devices/platform/nct6775.656#fan1\n"
+                        "  forbidden nvidia@GPU-0#fan0, no such fan\n"),
+              std::string::npos)
+        << text;
+}

@@ -16,8 +16,24 @@ constexpr std::size_t kLookupBuffer = 64 * 1024;
 
 }  // namespace
 
-PeerAuthorizer::PeerAuthorizer(std::string allowedGroup, std::vector<uid_t> allowedUids)
-    : allowedGroup_(std::move(allowedGroup)), allowedUids_(std::move(allowedUids)) {}
+PeerAuthorizer::PeerAuthorizer(std::string allowedGroup, std::vector<uid_t> allowedUids, Now now)
+    : allowedGroup_(std::move(allowedGroup)),
+      allowedUids_(std::move(allowedUids)),
+      now_(now ? std::move(now) : Now([] { return Clock::now(); })) {}
+
+bool PeerAuthorizer::member(uid_t uid, gid_t gid) {
+    const Clock::time_point now = now_();
+    const auto key = std::make_pair(uid, gid);
+    if (const auto found = memberships_.find(key);
+        found != memberships_.end() && now - found->second.asked < kMembershipCacheTime) {
+        return found->second.member;
+    }
+    if (memberships_.size() >= kMaxCachedPeers) memberships_.clear();
+    ++lookups_;
+    const bool isMember = inGroup(uid, gid, allowedGroup_);
+    memberships_[key] = {isMember, now};
+    return isMember;
+}
 
 bool PeerAuthorizer::inGroup(uid_t uid, gid_t gid, const std::string& group) {
     if (group.empty()) return false;
@@ -51,12 +67,12 @@ bool PeerAuthorizer::inGroup(uid_t uid, gid_t gid, const std::string& group) {
     return std::find(groups.begin(), groups.end(), wanted) != groups.end();
 }
 
-PeerDecision PeerAuthorizer::decide(uid_t uid, gid_t gid) const {
+PeerDecision PeerAuthorizer::decide(uid_t uid, gid_t gid) {
     if (uid == 0) return {true, {}};
     if (std::find(allowedUids_.begin(), allowedUids_.end(), uid) != allowedUids_.end()) {
         return {true, {}};
     }
-    if (inGroup(uid, gid, allowedGroup_)) return {true, {}};
+    if (member(uid, gid)) return {true, {}};
     return {false, "not allowed to use the helper (uid " + std::to_string(uid) +
                        " is not root or in group " + allowedGroup_ + ")"};
 }

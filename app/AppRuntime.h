@@ -22,6 +22,7 @@
 #include "app/ExternalRequestQueue.h"
 #include "app/FanSettingsModel.h"
 #include "app/NotificationCoordinator.h"
+#include "app/SignalCoalescer.h"
 #include "app_common/AppBuildInfo.h"
 #include "app_common/LaunchPaths.h"
 #include "capture/CaptureSeam.h"
@@ -98,6 +99,11 @@ public:
     static constexpr int kExternalRequestCoalesceMs = 50;
     // External requests applied so far (after coalescing), for tests and the flood benchmark.
     int externalRequestsApplied() const { return externalRequestsApplied_; }
+    // FanSettingsChanged: settings re-read at most once per window, the last notice of a burst
+    // always followed by a re-read; a burst is one event, or one per longest burst in a flood.
+    static constexpr std::chrono::milliseconds kFanSettingsReloadWindow{250};
+    static constexpr std::chrono::milliseconds kLongestReportedBurst{60000};
+    SignalCoalescer* fanSettingsReloads() const { return fanSettingsReloads_; }
 
 private:
     void queueExternalMode(ControlMode mode);
@@ -136,6 +142,7 @@ private:
     ExternalControlBridge* externalBridge_ = nullptr;
     FanSettingsModel* fanSettings_ = nullptr;
     ExternalControlBridge* fanSettingsWatch_ = nullptr;
+    SignalCoalescer* fanSettingsReloads_ = nullptr;
     ExternalRequestQueue* externalRequests_ = nullptr;
     std::optional<Uuid> subscriptionID_;
     AlertFilter alertFilter_;

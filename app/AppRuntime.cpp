@@ -125,15 +125,23 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     // 12. External control.
     if (acceptsExternalModeControl_) installExternalModeObserver();
     // 12b. Sleep and resume, from logind on the system bus.
-    new SleepWatcher(
-        [this](bool sleeping) {
-            loopCall(*controlLoop_, [sleeping](ControlEngine& e) { e.setSleeping(sleeping); });
-        },
-        [this](const QString& why) {
-            recordThroughLoop(RuntimeEvent::make(
-                "Sleep and resume are not followed: no system bus (" + why.toStdString() + ")"));
-        },
-        this);
+    SleepWatcher::Callbacks sleep;
+    sleep.changed = [this](bool sleeping) {
+        loopCall(*controlLoop_, [sleeping](ControlEngine& e) { e.setSleeping(sleeping); });
+    };
+    sleep.unavailable = [this](const QString& why) {
+        recordThroughLoop(RuntimeEvent::make("Sleep and resume are not followed: no system bus (" +
+                                             why.toStdString() + ")"));
+    };
+    sleep.sleepNeverCame = [this](std::chrono::milliseconds waited) {
+        recordThroughLoop(RuntimeEvent::make(
+            "The system announced a sleep that never came (still awake after " +
+                std::to_string(std::chrono::duration_cast<std::chrono::seconds>(waited).count()) +
+                " s); Kelvo takes the fans back",
+            true));
+    };
+    sleepWatcher_ = new SleepWatcher(std::move(sleep), options_.sleepNeverCameAfter, this);
+    sleepWatcher_->subscribe();
     // 13. Window visibility drives the live store's buffering.
     applyVisibility(presentation_->dashboardWindowVisibility());
     connect(presentation_, &AppPresentationStore::dashboardWindowVisibilityChanged, this,

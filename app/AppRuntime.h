@@ -23,6 +23,7 @@
 #include "app/FanSettingsModel.h"
 #include "app/NotificationCoordinator.h"
 #include "app/SignalCoalescer.h"
+#include "app/SleepWatcher.h"
 #include "app_common/AppBuildInfo.h"
 #include "app_common/LaunchPaths.h"
 #include "capture/CaptureSeam.h"
@@ -49,6 +50,8 @@ struct AppRuntimeOptions {
     // Sees every runtime event as it is recorded, from the first one at start-up on, on
     // whichever thread records it (the headless run prints the failures).
     std::function<void(const RuntimeEvent&)> eventObserver;
+    // How long a sleep announced by logind may fail to come before Kelvo takes the fans back.
+    std::chrono::milliseconds sleepNeverCameAfter = SleepWatcher::kSleepNeverCameAfter;
 };
 
 class AppRuntime : public QObject {
@@ -80,6 +83,7 @@ public:
     std::optional<Uuid> subscriptionID() const { return subscriptionID_; }
     const QString& buildIdentitySummary() const { return buildIdentitySummary_; }
     bool startupFinished() const { return startupFinished_; }
+    SleepWatcher* sleepWatcher() const { return sleepWatcher_; }
 
     void handleAlerts(const std::optional<RuntimeEvent>& event);
     // handleAlerts for each event (oldest first) after the last one handled.
@@ -144,6 +148,7 @@ private:
     ExternalControlBridge* fanSettingsWatch_ = nullptr;
     SignalCoalescer* fanSettingsReloads_ = nullptr;
     ExternalRequestQueue* externalRequests_ = nullptr;
+    SleepWatcher* sleepWatcher_ = nullptr;
     std::optional<Uuid> subscriptionID_;
     AlertFilter alertFilter_;
     QString buildIdentitySummary_ =

@@ -93,14 +93,22 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
                  [identity](ControlEngine& e) { e.requestFanCalibration(identity); });
     });
     // Accepted without --allow-external-control: the signal only makes Kelvo re-read the user's
-    // own settings file, which the sender could have edited anyway.
+    // own settings file, which the sender could have edited anyway. Anyone on the bus may send it
+    // as often as they like: a burst is one re-read per window and one event with its count.
+    fanSettingsReloads_ = new SignalCoalescer(
+        kFanSettingsReloadWindow, kLongestReportedBurst, [this] { fanSettings_->reload(); },
+        [this](long notices, long reloads) {
+            std::string message = "Fan choices and limits re-read from the settings";
+            if (notices > 1)
+                message += " (" + std::to_string(notices) + " change notices, " +
+                           std::to_string(reloads) + (reloads == 1 ? " re-read)" : " re-reads)");
+            recordThroughLoop(RuntimeEvent::make(message));
+        },
+        this);
     fanSettingsWatch_ = new ExternalControlBridge(this);
-    if (fanSettingsWatch_->installFanSettingsWatch())
-        connect(fanSettingsWatch_, &ExternalControlBridge::fanSettingsChanged, this, [this] {
-            fanSettings_->reload();
-            recordThroughLoop(
-                RuntimeEvent::make("Fan choices and limits re-read from the settings"));
-        });
+    fanSettingsWatch_->installFanSettingsWatch();
+    connect(fanSettingsWatch_, &ExternalControlBridge::fanSettingsChanged, fanSettingsReloads_,
+            &SignalCoalescer::notify);
     // 11. Capture coordinator; both callbacks hold the runtime weakly.
     if (options_.makeCapture) {
         capture_ = options_.makeCapture(*controlLoop_, *profilingService_);
@@ -117,15 +125,23 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     // 12. External control.
     if (acceptsExternalModeControl_) installExternalModeObserver();
     // 12b. Sleep and resume, from logind on the system bus.
-    new SleepWatcher(
-        [this](bool sleeping) {
-            loopCall(*controlLoop_, [sleeping](ControlEngine& e) { e.setSleeping(sleeping); });
-        },
-        [this](const QString& why) {
-            recordThroughLoop(RuntimeEvent::make(
-                "Sleep and resume are not followed: no system bus (" + why.toStdString() + ")"));
-        },
-        this);
+    SleepWatcher::Callbacks sleep;
+    sleep.changed = [this](bool sleeping) {
+        loopCall(*controlLoop_, [sleeping](ControlEngine& e) { e.setSleeping(sleeping); });
+    };
+    sleep.unavailable = [this](const QString& why) {
+        recordThroughLoop(RuntimeEvent::make("Sleep and resume are not followed: no system bus (" +
+                                             why.toStdString() + ")"));
+    };
+    sleep.sleepNeverCame = [this](std::chrono::milliseconds waited) {
+        recordThroughLoop(RuntimeEvent::make(
+            "The system announced a sleep that never came (still awake after " +
+                std::to_string(std::chrono::duration_cast<std::chrono::seconds>(waited).count()) +
+                " s); Kelvo takes the fans back",
+            true));
+    };
+    sleepWatcher_ = new SleepWatcher(std::move(sleep), options_.sleepNeverCameAfter, this);
+    sleepWatcher_->subscribe();
     // 13. Window visibility drives the live store's buffering.
     applyVisibility(presentation_->dashboardWindowVisibility());
     connect(presentation_, &AppPresentationStore::dashboardWindowVisibilityChanged, this,

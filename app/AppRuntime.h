@@ -22,6 +22,8 @@
 #include "app/ExternalRequestQueue.h"
 #include "app/FanSettingsModel.h"
 #include "app/NotificationCoordinator.h"
+#include "app/SignalCoalescer.h"
+#include "app/SleepWatcher.h"
 #include "app_common/AppBuildInfo.h"
 #include "app_common/LaunchPaths.h"
 #include "capture/CaptureSeam.h"
@@ -48,6 +50,8 @@ struct AppRuntimeOptions {
     // Sees every runtime event as it is recorded, from the first one at start-up on, on
     // whichever thread records it (the headless run prints the failures).
     std::function<void(const RuntimeEvent&)> eventObserver;
+    // How long a sleep announced by logind may fail to come before Kelvo takes the fans back.
+    std::chrono::milliseconds sleepNeverCameAfter = SleepWatcher::kSleepNeverCameAfter;
 };
 
 class AppRuntime : public QObject {
@@ -79,6 +83,7 @@ public:
     std::optional<Uuid> subscriptionID() const { return subscriptionID_; }
     const QString& buildIdentitySummary() const { return buildIdentitySummary_; }
     bool startupFinished() const { return startupFinished_; }
+    SleepWatcher* sleepWatcher() const { return sleepWatcher_; }
 
     void handleAlerts(const std::optional<RuntimeEvent>& event);
     // handleAlerts for each event (oldest first) after the last one handled.
@@ -98,6 +103,11 @@ public:
     static constexpr int kExternalRequestCoalesceMs = 50;
     // External requests applied so far (after coalescing), for tests and the flood benchmark.
     int externalRequestsApplied() const { return externalRequestsApplied_; }
+    // FanSettingsChanged: settings re-read at most once per window, the last notice of a burst
+    // always followed by a re-read; a burst is one event, or one per longest burst in a flood.
+    static constexpr std::chrono::milliseconds kFanSettingsReloadWindow{250};
+    static constexpr std::chrono::milliseconds kLongestReportedBurst{60000};
+    SignalCoalescer* fanSettingsReloads() const { return fanSettingsReloads_; }
 
 private:
     void queueExternalMode(ControlMode mode);
@@ -136,7 +146,9 @@ private:
     ExternalControlBridge* externalBridge_ = nullptr;
     FanSettingsModel* fanSettings_ = nullptr;
     ExternalControlBridge* fanSettingsWatch_ = nullptr;
+    SignalCoalescer* fanSettingsReloads_ = nullptr;
     ExternalRequestQueue* externalRequests_ = nullptr;
+    SleepWatcher* sleepWatcher_ = nullptr;
     std::optional<Uuid> subscriptionID_;
     AlertFilter alertFilter_;
     QString buildIdentitySummary_ =

@@ -1,15 +1,16 @@
 #include "app/MetricsExporter.h"
 
 #include <prometheus/counter.h>
-#include <prometheus/exposer.h>
 #include <prometheus/gauge.h>
 #include <prometheus/histogram.h>
 #include <prometheus/registry.h>
+#include <prometheus/text_serializer.h>
 
 #include <algorithm>
 #include <set>
 #include <stdexcept>
 
+#include "app/MetricsHttpServer.h"
 #include "foundation/core/FanController.h"
 
 namespace kelvo {
@@ -20,8 +21,6 @@ constexpr double kMHz = 1e6;
 // tick when a back-end is slow.
 const prometheus::Histogram::BucketBoundaries kTickBuckets = {
     0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1.0};
-// Each scrape is served by one of these; more clients wait their turn in the listen queue.
-constexpr std::size_t kScrapeThreads = 2;
 // Gaps longer than this (a suspend) are not credited as time under Kelvo's control.
 constexpr double kLongestCreditedGapS = 45;
 }  // namespace
@@ -92,23 +91,23 @@ MetricsExporter::~MetricsExporter() = default;
 std::unique_ptr<MetricsExporter> MetricsExporter::start(const MetricsListenAddress& address,
                                                         QString* error) {
     std::unique_ptr<MetricsExporter> exporter(new MetricsExporter());
-    try {
-        exporter->exposer_ =
-            std::make_unique<prometheus::Exposer>(address.bindSpec().toStdString(), kScrapeThreads);
-    } catch (const std::exception& e) {
+    std::shared_ptr<const prometheus::Registry> registry = exporter->registry_;
+    std::string why;
+    exporter->server_ = MetricsHttpServer::listen(
+        address.host.toStdString(), address.port,
+        [registry] { return prometheus::TextSerializer().Serialize(registry->Collect()); }, &why,
+        MetricsHttpServer::Limits{});
+    if (!exporter->server_) {
         if (error)
             *error = QStringLiteral("cannot listen on %1 (%2)")
-                         .arg(address.bindSpec(), QString::fromUtf8(e.what()));
+                         .arg(address.bindSpec(), QString::fromStdString(why));
         return nullptr;
     }
-    // "$": only /metrics itself (the server matches prefixes otherwise: /metrics/x would scrape).
-    exporter->exposer_->RegisterCollectable(exporter->registry_, "/metrics$");
     return exporter;
 }
 
 int MetricsExporter::port() const {
-    const auto ports = exposer_ ? exposer_->GetListeningPorts() : std::vector<int>{};
-    return ports.empty() ? 0 : ports.front();
+    return server_ ? server_->port() : 0;
 }
 
 std::string MetricsExporter::fanLabel(const std::string& identity) {

@@ -1,8 +1,8 @@
-// `kelvo --metrics-listen ADDR:PORT`: the control loop's live state for Prometheus, served at
-// /metrics by prometheus-cpp's exposer. Every die temperature and clock, total power, each fan's
-// speed, target and duty (labelled with its stable identity and a short label), the mode and
-// status as state sets, the throttle warning, the benefit registers, and how long each tick took.
-// Values that cannot be read are absent from the scrape, never 0.
+// `kelvo --metrics-listen ADDR:PORT`: the control loop's live state for Prometheus, kept in a
+// prometheus-cpp registry and served at /metrics by MetricsHttpServer. Every die temperature and
+// clock, total power, each fan's speed, target and duty (labelled with its stable identity and a
+// short label), the mode and status as state sets, the throttle warning, the benefit registers, and
+// how long each tick took. Values that cannot be read are absent from the scrape, never 0.
 #pragma once
 
 #include <QObject>
@@ -17,7 +17,6 @@
 #include "foundation/control/RuntimeBenefitRegisters.h"
 
 namespace prometheus {
-class Exposer;
 class Registry;
 class Gauge;
 class Counter;
@@ -27,6 +26,8 @@ class Family;
 }  // namespace prometheus
 
 namespace kelvo {
+
+class MetricsHttpServer;
 
 class MetricsExporter {
 public:
@@ -58,7 +59,7 @@ private:
     void updateFans(const ControlSnapshot& snapshot);
 
     std::shared_ptr<prometheus::Registry> registry_;
-    std::unique_ptr<prometheus::Exposer> exposer_;
+    std::unique_ptr<MetricsHttpServer> server_;
     prometheus::Family<prometheus::Gauge>* temperature_ = nullptr;
     prometheus::Family<prometheus::Gauge>* clock_ = nullptr;
     prometheus::Family<prometheus::Gauge>* power_ = nullptr;

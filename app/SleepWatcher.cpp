@@ -2,15 +2,28 @@
 
 #include <QDBusConnection>
 #include <QDBusError>
+#include <QTimer>
 
 namespace kelvo {
 
-SleepWatcher::SleepWatcher(std::function<void(bool)> changed,
-                           std::function<void(QString)> unavailable, QObject* parent)
-    : QObject(parent), changed_(std::move(changed)) {
+SleepWatcher::SleepWatcher(Callbacks callbacks, std::chrono::milliseconds sleepNeverCameAfter,
+                           QObject* parent)
+    : QObject(parent),
+      callbacks_(std::move(callbacks)),
+      sleepNeverCameAfter_(sleepNeverCameAfter),
+      awakeTimer_(new QTimer(this)) {
+    awakeTimer_->setSingleShot(true);
+    // Qt's timers run on CLOCK_MONOTONIC, which does not advance while the machine is
+    // suspended: a real sleep of any length does not run this out.
+    awakeTimer_->setTimerType(Qt::CoarseTimer);
+    awakeTimer_->setInterval(sleepNeverCameAfter_);
+    connect(awakeTimer_, &QTimer::timeout, this, &SleepWatcher::sleepNeverCame);
+}
+
+void SleepWatcher::subscribe() {
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.isConnected()) {
-        if (unavailable) unavailable(bus.lastError().message());
+        if (callbacks_.unavailable) callbacks_.unavailable(bus.lastError().message());
         return;
     }
     // Only logind's own name: a signal from anyone else on the bus is not a sleep.
@@ -18,11 +31,24 @@ SleepWatcher::SleepWatcher(std::function<void(bool)> changed,
         QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
         QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"), this,
         SLOT(onPrepareForSleep(bool)));
-    if (!subscribed && unavailable) unavailable(bus.lastError().message());
+    if (!subscribed && callbacks_.unavailable) callbacks_.unavailable(bus.lastError().message());
 }
 
 void SleepWatcher::onPrepareForSleep(bool sleeping) {
-    if (changed_) changed_(sleeping);
+    if (sleeping == sleeping_) return;
+    sleeping_ = sleeping;
+    if (sleeping)
+        awakeTimer_->start();
+    else
+        awakeTimer_->stop();
+    if (callbacks_.changed) callbacks_.changed(sleeping);
+}
+
+void SleepWatcher::sleepNeverCame() {
+    if (!sleeping_) return;
+    sleeping_ = false;
+    if (callbacks_.sleepNeverCame) callbacks_.sleepNeverCame(sleepNeverCameAfter_);
+    if (callbacks_.changed) callbacks_.changed(false);
 }
 
 }  // namespace kelvo

@@ -1,5 +1,7 @@
 #include "tools/UpdateCommand.h"
 
+#include "tools/TerminalText.h"
+
 #include <sys/stat.h>
 
 #include <QEventLoop>
@@ -23,7 +25,7 @@ constexpr int kUsageError = 2;
 constexpr char kNamespace[] = "urn:kelvo:update";
 
 void printLine(std::FILE* stream, const QString& line) {
-    std::fprintf(stream, "%s\n", line.toUtf8().constData());
+    say(stream, "%s\n", line.toUtf8().constData());
 }
 
 int failure(const QString& reason) {
@@ -166,8 +168,7 @@ int sign(QStringList words) {
 }  // namespace
 
 void printUpdateUsage() {
-    std::fprintf(
-        stderr,
+    say(stderr,
         "usage: kelvoctl update check [--feed URL]\n"
         "       kelvoctl update keygen SECRET_KEY_FILE\n"
         "       kelvoctl update sign --key SECRET_KEY_FILE --version BUILD --url URL\n"
@@ -189,7 +190,7 @@ int runUpdateCommand(const QStringList& words) {
     if (command == QLatin1String("check")) return check(rest);
     if (command == QLatin1String("keygen")) return keygen(rest);
     if (command == QLatin1String("sign")) return sign(rest);
-    std::fprintf(stderr, "kelvoctl: unknown update command '%s'\n", command.toUtf8().constData());
+    say(stderr, "kelvoctl: unknown update command '%s'\n", command.toUtf8().constData());
     printUpdateUsage();
     return kUsageError;
 }

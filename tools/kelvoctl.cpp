@@ -23,9 +23,12 @@
 #include "foundation/helper_protocol/HelperStatusReport.h"
 #include "foundation/telemetry/DieCriticalTemperatures.h"
 #include "tools/CalibrationWatch.h"
+#include "tools/TerminalText.h"
 #include "tools/UpdateCommand.h"
 
 namespace {
+
+using kelvo::kelvoctl::say;
 
 constexpr int kUsageError = 2;
 
@@ -37,8 +40,7 @@ QString modeList() {
 }
 
 int usage() {
-    std::fprintf(
-        stderr,
+    say(stderr,
         "usage: kelvoctl mode <%s>\n"
         "       kelvoctl cooldown <on|off>\n"
         "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
@@ -62,16 +64,16 @@ int usage() {
 int send(const char* signal, const QVariantMap& payload) {
     auto bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
-        std::fprintf(stderr, "kelvoctl: no session bus: %s\n",
-                     bus.lastError().message().toUtf8().constData());
+        say(stderr, "kelvoctl: no session bus: %s\n",
+            bus.lastError().message().toUtf8().constData());
         return 1;
     }
     auto message = QDBusMessage::createSignal(kelvo::ExternalControl::objectPath,
                                               kelvo::ExternalControl::interfaceName, signal);
     message << payload;
     if (!bus.send(message)) {
-        std::fprintf(stderr, "kelvoctl: could not send the request: %s\n",
-                     bus.lastError().message().toUtf8().constData());
+        say(stderr, "kelvoctl: could not send the request: %s\n",
+            bus.lastError().message().toUtf8().constData());
         return 1;
     }
     // A round trip to the bus guarantees the signal has left this process before it exits.
@@ -87,28 +89,27 @@ void describeLocalFans(const std::string& sysfsRoot) {
     const auto fans = kelvo::HwmonFanService(sysfsRoot).discover();
     std::size_t controllable = 0;
     for (const auto& fan : fans) controllable += fan.controllable ? 1 : 0;
-    std::fprintf(stderr, "This machine's hwmon shows %zu fan(s), %zu with PWM control.\n",
-                 fans.size(), controllable);
+    say(stderr, "This machine's hwmon shows %zu fan(s), %zu with PWM control.\n", fans.size(),
+        controllable);
 }
 
 int helperStatus(const kelvo::LaunchPaths& paths) {
     kelvo::HelperClient client(paths.helperSocket);
     const kelvo::HelperStatusResult result = client.status();
     if (result.ok) {
-        std::fputs(kelvo::formatHelperStatus(result.status, paths.helperSocket).c_str(), stdout);
+        say(stdout, "%s", kelvo::formatHelperStatus(result.status, paths.helperSocket).c_str());
         return 0;
     }
-    std::fprintf(stderr, "kelvoctl: %s\n", result.error.c_str());
+    say(stderr, "kelvoctl: %s\n", result.error.c_str());
     if (!kelvo::HelperClient::reachable(paths.helperSocket, 250)) {
-        std::fprintf(
-            stderr,
+        say(stderr,
             "Install and enable kelvo-helperd to let Kelvo control the fans (docs/helper.md, "
             "\"Installing the privileged helper\").\n");
         describeLocalFans(paths.sysfsRoot);
     } else if (result.error.starts_with("not allowed")) {
-        std::fprintf(stderr,
-                     "Add your user to the kelvo group (sudo usermod -aG kelvo \"$USER\"), then "
-                     "log out and in again.\n");
+        say(stderr,
+            "Add your user to the kelvo group (sudo usermod -aG kelvo \"$USER\"), then "
+            "log out and in again.\n");
     }
     return 1;
 }
@@ -120,7 +121,7 @@ void announceFanSettings() {
         kelvo::ExternalControl::objectPath, kelvo::ExternalControl::interfaceName,
         kelvo::ExternalControl::fanSettingsChangedNotificationName);
     if (!bus.isConnected() || !bus.send(message)) {
-        std::fprintf(stderr, "kelvoctl: stored; a running Kelvo applies it when it next starts\n");
+        say(stderr, "kelvoctl: stored; a running Kelvo applies it when it next starts\n");
         return;
     }
     bus.call(QDBusMessage::createMethodCall(
@@ -154,10 +155,10 @@ int listFans(const std::string& sysfsRoot) {
     const kelvo::FanChoices stored = kelvo::fan_settings::readChoices(settings);
     const auto fans = knownFans(sysfsRoot, stored);
     if (fans.empty()) {
-        std::printf("No fans found.\n");
+        say(stdout, "No fans found.\n");
         return 0;
     }
-    std::printf("%-56s %-16s %8s  %-8s %s\n", "IDENTITY", "LABEL", "RPM", "STOP", "CHOICE");
+    say(stdout, "%-56s %-16s %8s  %-8s %s\n", "IDENTITY", "LABEL", "RPM", "STOP", "CHOICE");
     for (const auto& fan : fans) {
         kelvo::FanState state;
         state.name = fan.identity;
@@ -172,9 +173,9 @@ int listFans(const std::string& sysfsRoot) {
                            : !effective.stopWhenCool ? "default"
                            : *effective.stopWhenCool ? "on"
                                                      : "off";
-        std::printf("%-56s %-16s %8s  %-8s %s%s\n", fan.identity.c_str(),
-                    fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), stop, choice.c_str(),
-                    chosen || choice == "auto" ? "" : " (pump default)");
+        say(stdout, "%-56s %-16s %8s  %-8s %s%s\n", fan.identity.c_str(),
+            fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), stop, choice.c_str(),
+            chosen || choice == "auto" ? "" : " (pump default)");
     }
     return 0;
 }
@@ -188,8 +189,8 @@ std::optional<KnownFan> findFan(const std::string& sysfsRoot, const kelvo::FanCh
     if (fan != fans.end()) return *fan;
     std::string names;
     for (const auto& f : fans) names += (names.empty() ? "" : ", ") + f.identity;
-    std::fprintf(stderr, "kelvoctl: unknown fan '%s'; the fans are: %s\n", id.c_str(),
-                 names.empty() ? "(none found)" : names.c_str());
+    say(stderr, "kelvoctl: unknown fan '%s'; the fans are: %s\n", id.c_str(),
+        names.empty() ? "(none found)" : names.c_str());
     return std::nullopt;
 }
 
@@ -202,36 +203,35 @@ int calibrateFan(const std::string& sysfsRoot, const QString& identity,
     if (!findFan(sysfsRoot, kelvo::fan_settings::readChoices(settings), id)) return kUsageError;
     auto bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
-        std::fprintf(stderr, "kelvoctl: no session bus, so no running Kelvo can be asked: %s\n",
-                     bus.lastError().message().toUtf8().constData());
+        say(stderr, "kelvoctl: no session bus, so no running Kelvo can be asked: %s\n",
+            bus.lastError().message().toUtf8().constData());
         return 1;
     }
     kelvo::kelvoctl::CalibrationWatch watch(databasePath.toStdString(), id);
     if (!watch.open()) {
-        std::fprintf(stderr, "kelvoctl: %s\n", watch.error().c_str());
+        say(stderr, "kelvoctl: %s\n", watch.error().c_str());
         return 1;
     }
     kelvo::fan_settings::writeCalibrationRequest(
         settings, {QUuid::createUuid().toString(QUuid::WithoutBraces), id});
     if (settings.status() != QSettings::NoError) {
-        std::fprintf(stderr, "kelvoctl: could not write %s\n",
-                     settings.fileName().toUtf8().constData());
+        say(stderr, "kelvoctl: could not write %s\n", settings.fileName().toUtf8().constData());
         return 1;
     }
     auto message = QDBusMessage::createSignal(
         kelvo::ExternalControl::objectPath, kelvo::ExternalControl::interfaceName,
         kelvo::ExternalControl::fanSettingsChangedNotificationName);
     if (!bus.send(message)) {
-        std::fprintf(stderr, "kelvoctl: could not send the request: %s\n",
-                     bus.lastError().message().toUtf8().constData());
+        say(stderr, "kelvoctl: could not send the request: %s\n",
+            bus.lastError().message().toUtf8().constData());
         return 1;
     }
     return watch.follow(
         [](const std::string& line) {
-            std::printf("%s\n", line.c_str());
+            say(stdout, "%s\n", line.c_str());
             std::fflush(stdout);
         },
-        [](const std::string& line) { std::fprintf(stderr, "kelvoctl: %s\n", line.c_str()); });
+        [](const std::string& line) { say(stderr, "kelvoctl: %s\n", line.c_str()); });
 }
 
 int setFan(const std::string& sysfsRoot, const QString& identity, const QStringList& words) {
@@ -246,26 +246,24 @@ int setFan(const std::string& sysfsRoot, const QString& identity, const QStringL
     const auto choice = kelvo::parseFanChoice(words.join(QLatin1Char(' ')).toStdString(),
                                               kelvo::effectiveFanChoice(state, stored));
     if (!choice) {
-        std::fprintf(stderr, "kelvoctl: unknown choice '%s'; the choices are: %s\n",
-                     words.join(QLatin1Char(' ')).toUtf8().constData(), kelvo::fanChoiceWords());
+        say(stderr, "kelvoctl: unknown choice '%s'; the choices are: %s\n",
+            words.join(QLatin1Char(' ')).toUtf8().constData(), kelvo::fanChoiceWords());
         return kUsageError;
     }
     if (choice->stopWhenCool == true && !kelvo::fanStopWanted(state, *choice)) {
-        std::fprintf(stderr, "kelvoctl: refused: %s is a pump, and a pump never stops\n",
-                     id.c_str());
+        say(stderr, "kelvoctl: refused: %s is a pump, and a pump never stops\n", id.c_str());
         return 1;
     }
     stored[id] = *choice;
     kelvo::fan_settings::writeChoices(settings, stored);
     if (settings.status() != QSettings::NoError) {
-        std::fprintf(stderr, "kelvoctl: could not write %s\n",
-                     settings.fileName().toUtf8().constData());
+        say(stderr, "kelvoctl: could not write %s\n", settings.fileName().toUtf8().constData());
         return 1;
     }
-    std::printf("%s: %s\n", id.c_str(), kelvo::formatFanChoice(*choice).c_str());
+    say(stdout, "%s: %s\n", id.c_str(), kelvo::formatFanChoice(*choice).c_str());
     const std::string blocker = kelvo::fanStopBlocker(state, *choice);
     if (choice->stopWhenCool == true && !blocker.empty())
-        std::printf("(no stop while %s)\n", blocker.c_str());
+        say(stdout, "(no stop while %s)\n", blocker.c_str());
     announceFanSettings();
     return 0;
 }
@@ -288,37 +286,35 @@ int limits(const std::string& sysfsRoot, const QStringList& words) {
     if (words.isEmpty()) {
         const auto current = kelvo::fan_settings::readLimits(settings, critical);
         for (auto kind : kLimitKinds)
-            std::printf("%-12s %5.1f °C  (%s; accepted %.0f-%.0f °C)\n", limitWord(kind),
-                        kelvo::userLimit(current, kind), kelvo::userLimitName(kind),
-                        kelvo::kLowestUserLimitC, kelvo::highestUserLimitC(kind, critical));
+            say(stdout, "%-12s %5.1f °C  (%s; accepted %.0f-%.0f °C)\n", limitWord(kind),
+                kelvo::userLimit(current, kind), kelvo::userLimitName(kind),
+                kelvo::kLowestUserLimitC, kelvo::highestUserLimitC(kind, critical));
         return 0;
     }
     const auto kind = std::find_if(std::begin(kLimitKinds), std::end(kLimitKinds),
                                    [&](auto k) { return words[0] == QLatin1String(limitWord(k)); });
     if (kind == std::end(kLimitKinds)) {
-        std::fprintf(stderr,
-                     "kelvoctl: unknown limit '%s'; the limits are: cpu, gpu, performance\n",
-                     words[0].toUtf8().constData());
+        say(stderr, "kelvoctl: unknown limit '%s'; the limits are: cpu, gpu, performance\n",
+            words[0].toUtf8().constData());
         return kUsageError;
     }
     bool ok = false;
     const double value = words.size() == 2 ? words[1].toDouble(&ok) : 0;
     if (!ok) {
-        std::fprintf(stderr, "kelvoctl: limits %s takes one temperature in °C\n", limitWord(*kind));
+        say(stderr, "kelvoctl: limits %s takes one temperature in °C\n", limitWord(*kind));
         return kUsageError;
     }
     const std::string refusal = kelvo::userLimitRefusal(*kind, value, critical);
     if (!refusal.empty()) {
-        std::fprintf(stderr, "kelvoctl: refused: %s\n", refusal.c_str());
+        say(stderr, "kelvoctl: refused: %s\n", refusal.c_str());
         return 1;
     }
     kelvo::fan_settings::writeLimit(settings, *kind, value);
     if (settings.status() != QSettings::NoError) {
-        std::fprintf(stderr, "kelvoctl: could not write %s\n",
-                     settings.fileName().toUtf8().constData());
+        say(stderr, "kelvoctl: could not write %s\n", settings.fileName().toUtf8().constData());
         return 1;
     }
-    std::printf("%s: %g °C\n", kelvo::userLimitName(*kind), value);
+    say(stdout, "%s: %g °C\n", kelvo::userLimitName(*kind), value);
     announceFanSettings();
     return 0;
 }
@@ -373,8 +369,7 @@ int main(int argc, char** argv) {
     if (args.size() != 2) return usage();
     if (args[0] == QLatin1String("helper")) {
         if (args[1] != QLatin1String("status")) {
-            std::fprintf(stderr, "kelvoctl: unknown helper command '%s'\n",
-                         args[1].toUtf8().constData());
+            say(stderr, "kelvoctl: unknown helper command '%s'\n", args[1].toUtf8().constData());
             return usage();
         }
         return helperStatus(kelvo::LaunchPaths::fromArguments(all));
@@ -383,8 +378,8 @@ int main(int argc, char** argv) {
     const QString& value = args[1];
     if (command == QLatin1String("mode")) {
         if (!kelvo::controlModeFromRaw(value.toStdString())) {
-            std::fprintf(stderr, "kelvoctl: unknown mode '%s'; the modes are: %s\n",
-                         value.toUtf8().constData(), modeList().toUtf8().constData());
+            say(stderr, "kelvoctl: unknown mode '%s'; the modes are: %s\n",
+                value.toUtf8().constData(), modeList().toUtf8().constData());
             return kUsageError;
         }
         return send(kelvo::ExternalControl::setModeNotificationName,
@@ -392,14 +387,14 @@ int main(int argc, char** argv) {
     }
     if (command == QLatin1String("cooldown")) {
         if (value != QLatin1String("on") && value != QLatin1String("off")) {
-            std::fprintf(stderr, "kelvoctl: cooldown takes 'on' or 'off', not '%s'\n",
-                         value.toUtf8().constData());
+            say(stderr, "kelvoctl: cooldown takes 'on' or 'off', not '%s'\n",
+                value.toUtf8().constData());
             return kUsageError;
         }
         return send(kelvo::ExternalControl::setCooldownNotificationName,
                     {{QString::fromLatin1(kelvo::ExternalControl::enabledKey),
                       value == QLatin1String("on")}});
     }
-    std::fprintf(stderr, "kelvoctl: unknown command '%s'\n", command.toUtf8().constData());
+    say(stderr, "kelvoctl: unknown command '%s'\n", command.toUtf8().constData());
     return usage();
 }

@@ -4,6 +4,10 @@
 // (ticks counted by kelvo itself, and the longest gap between its once-a-tick log lines as they
 // arrived here) and resident memory before, between and after the rounds.
 // What it cannot show: a remote scraper's network, or Prometheus' own cost; loopback only.
+//
+// `kelvo_scrape_load --slow-clients 0,2,200` measures instead how long one scrape takes beside
+// N slow clients: half of them connect and send nothing, half send a request's first bytes and
+// then one more byte a second, never finishing it. Three scrapes per N, each given 30 s.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -91,9 +95,69 @@ struct LineWatch {
     bool watching = false;
 };
 
+// N connections that never finish a request, the trickling half fed by a thread of its own.
+class SlowClients {
+public:
+    SlowClients(int port, int count) {
+        for (int i = 0; i < count; ++i) {
+            const int fd = kelvo::test_support::openIdleConnection(port);
+            if (fd < 0) continue;
+            (i % 2 ? trickling_ : idle_).push_back(fd);
+        }
+        for (int fd : trickling_)
+            if (::send(fd, "GET /metrics HTTP/1.1\r\n", 23, MSG_NOSIGNAL) < 0) continue;
+        feeder_ = std::thread([this] {
+            while (!stop_) {
+                for (int fd : trickling_)
+                    if (::send(fd, "X", 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) continue;
+                for (int i = 0; i < 10 && !stop_; ++i)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            }
+        });
+    }
+    ~SlowClients() {
+        stop_ = true;
+        feeder_.join();
+        for (int fd : idle_) ::close(fd);
+        for (int fd : trickling_) ::close(fd);
+    }
+    std::size_t opened() const { return idle_.size() + trickling_.size(); }
+
+private:
+    std::vector<int> idle_;
+    std::vector<int> trickling_;
+    std::atomic<bool> stop_ = false;
+    std::thread feeder_;
+};
+
+int slowClientScrapes(int port, const std::string& counts) {
+    std::istringstream list(counts);
+    for (std::string item; std::getline(list, item, ',');) {
+        const int count = std::stoi(item);
+        SlowClients slow(port, count);
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        std::printf("%d slow clients (%zu connected):", count, slow.opened());
+        for (int i = 0; i < 3; ++i) {
+            const auto start = Clock::now();
+            const int status = httpGet(port, "/metrics", 30).status;
+            const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+            if (status == 200)
+                std::printf(" %.3f s", seconds);
+            else
+                std::printf(" no answer after %.1f s", seconds);
+            std::fflush(stdout);
+        }
+        std::printf("\n");
+    }
+    return 0;
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    std::string slowCounts;
+    for (int i = 1; i + 1 < argc; ++i)
+        if (std::string(argv[i]) == "--slow-clients") slowCounts = argv[i + 1];
     char homeTemplate[] = "/tmp/kelvo-scrape-XXXXXX";
     const std::string home = ::mkdtemp(homeTemplate);
     const int port = kelvo::test_support::freeLoopbackPort();
@@ -125,6 +189,16 @@ int main() {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     std::this_thread::sleep_for(std::chrono::seconds(5));  // past start-up
+    if (!slowCounts.empty()) {
+        slowClientScrapes(port, slowCounts);
+        ::kill(kelvo.pid, SIGTERM);
+        ::waitpid(kelvo.pid, nullptr, 0);
+        reader.join();
+        std::string cleanup = "rm -rf '" + home + "'";
+        if (std::system(cleanup.c_str()) != 0)
+            std::fprintf(stderr, "cannot remove %s\n", home.c_str());
+        return 0;
+    }
 
     // Idle first: what kelvo costs with one scrape a second, as Prometheus would.
     const double idleCpu0 = cpuSeconds(kelvo.pid);

@@ -18,7 +18,9 @@ struct HttpResponse {
     std::string body;
 };
 
-inline HttpResponse httpGet(int port, const std::string& path, int timeoutSeconds = 10) {
+// Sends `request` as it is (any method, any target) and reads the answer until the server
+// closes the connection.
+inline HttpResponse httpExchange(int port, const std::string& request, int timeoutSeconds = 10) {
     HttpResponse response;
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return response;
@@ -33,7 +35,6 @@ inline HttpResponse httpGet(int port, const std::string& path, int timeoutSecond
         ::close(fd);
         return response;
     }
-    const std::string request = "GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
     if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
         static_cast<ssize_t>(request.size())) {
         ::close(fd);
@@ -49,6 +50,26 @@ inline HttpResponse httpGet(int port, const std::string& path, int timeoutSecond
     response.headers = raw.substr(0, end);
     response.body = raw.substr(end + 4);
     return response;
+}
+
+inline HttpResponse httpGet(int port, const std::string& path, int timeoutSeconds = 10) {
+    return httpExchange(port, "GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n",
+                        timeoutSeconds);
+}
+
+// A loopback connection to `port` that has sent nothing; -1 when none could be opened.
+inline int openIdleConnection(int port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 // A port nothing listens on now (the system's pick for a socket bound to port 0).

@@ -60,6 +60,8 @@ public:
 
     bool startHelper() {
         std::filesystem::create_directories(dir_ / "helper");
+        // The helper refuses a runtime directory others may write, whatever umask the run has.
+        std::filesystem::permissions(dir_ / "helper", std::filesystem::perms(0755));
         helper_ = std::make_unique<HelperDaemon>(sim_->mountPoint().string(), dir_ / "helper");
         return helper_->start();
     }

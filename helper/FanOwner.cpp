@@ -79,22 +79,26 @@ void FanOwner::retryPending() {
         if (fan->restore(entry, &error)) {
             log_("restored " + entry.identity + " to " + fan->describe(entry));
         } else {
-            log_("cannot restore " + entry.identity + " yet: " + error);
+            // Retried every second: the same failure is logged once, not every time.
+            if (std::string& last = retryErrors_[entry.identity]; last != error) {
+                log_("cannot restore " + entry.identity + " yet: " + error);
+                last = error;
+            }
             stillPending.push_back(entry);
             if (const auto stuck = unrestored_.find(entry.identity); stuck != unrestored_.end())
                 stuck->second.error = error;
         }
     }
     pending_ = std::move(stillPending);
-    forgetUnrestoredNotPending();
+    // What is said about fans that are back (or gone) is over.
+    std::erase_if(unrestored_, [&](const auto& entry) { return !isPending(entry.first); });
+    std::erase_if(retryErrors_, [&](const auto& entry) { return !isPending(entry.first); });
     saveJournalOrLog();
 }
 
-void FanOwner::forgetUnrestoredNotPending() {
-    std::erase_if(unrestored_, [&](const auto& entry) {
-        return std::none_of(pending_.begin(), pending_.end(),
-                            [&](const JournalEntry& e) { return e.identity == entry.first; });
-    });
+bool FanOwner::isPending(const std::string& identity) const {
+    return std::any_of(pending_.begin(), pending_.end(),
+                       [&](const JournalEntry& e) { return e.identity == identity; });
 }
 
 std::vector<std::pair<std::string, std::string>> FanOwner::unrestored(ClientId client) const {
@@ -162,6 +166,7 @@ bool FanOwner::adoptPending(const std::string& identity, JournalEntry* original)
     *original = *earlier;
     pending_.erase(earlier);
     unrestored_.erase(identity);
+    retryErrors_.erase(identity);
     return true;
 }
 
@@ -236,6 +241,7 @@ void FanOwner::giveBack(HeldFans::iterator held, const std::string& reason) {
         log_("cannot release " + held->first + " (" + reason + "): " + error + "; will retry");
         pending_.push_back(held->second.original);
         unrestored_[held->first] = Unrestored{held->second.client, error};
+        retryErrors_[held->first] = error;
     }
     held_.erase(held);
 }

@@ -118,8 +118,9 @@ private:
         ClientId client = 0;
         std::string error;
     };
-    std::map<std::string, Unrestored> unrestored_;  // by identity
-    void forgetUnrestoredNotPending();
+    std::map<std::string, Unrestored> unrestored_;    // by identity
+    std::map<std::string, std::string> retryErrors_;  // the last retry failure logged, by identity
+    bool isPending(const std::string& identity) const;
 };
 
 }  // namespace kelvo::helperd

@@ -14,6 +14,11 @@ public:
         bool ok = true;
         // Someone outside the helper changed the fan's mode: a fan already held is theirs now.
         bool changedFromOutside = false;
+        // The fan is gone (its device went away and did not come back under another path):
+        // there is nothing left to write or to give back.
+        bool gone = false;
+        // Worth a line in the helper's log even though the write worked.
+        std::string note;
         std::string error;
     };
 

@@ -79,12 +79,34 @@ void FanOwner::retryPending() {
         if (fan->restore(entry, &error)) {
             log_("restored " + entry.identity + " to " + fan->describe(entry));
         } else {
-            log_("cannot restore " + entry.identity + " yet: " + error);
+            // Retried every second: the same failure is logged once, not every time.
+            if (std::string& last = retryErrors_[entry.identity]; last != error) {
+                log_("cannot restore " + entry.identity + " yet: " + error);
+                last = error;
+            }
             stillPending.push_back(entry);
+            if (const auto stuck = unrestored_.find(entry.identity); stuck != unrestored_.end())
+                stuck->second.error = error;
         }
     }
     pending_ = std::move(stillPending);
+    // What is said about fans that are back (or gone) is over.
+    std::erase_if(unrestored_, [&](const auto& entry) { return !isPending(entry.first); });
+    std::erase_if(retryErrors_, [&](const auto& entry) { return !isPending(entry.first); });
     saveJournalOrLog();
+}
+
+bool FanOwner::isPending(const std::string& identity) const {
+    return std::any_of(pending_.begin(), pending_.end(),
+                       [&](const JournalEntry& e) { return e.identity == identity; });
+}
+
+std::vector<std::pair<std::string, std::string>> FanOwner::unrestored(ClientId client) const {
+    std::vector<std::pair<std::string, std::string>> fans;
+    for (const auto& [identity, stuck] : unrestored_) {
+        if (stuck.client == client) fans.emplace_back(identity, stuck.error);
+    }
+    return fans;
 }
 
 std::optional<ClientId> FanOwner::holder(const std::string& identity) const {
@@ -143,6 +165,8 @@ bool FanOwner::adoptPending(const std::string& identity, JournalEntry* original)
     if (earlier == pending_.end()) return false;
     *original = *earlier;
     pending_.erase(earlier);
+    unrestored_.erase(identity);
+    retryErrors_.erase(identity);
     return true;
 }
 
@@ -183,9 +207,19 @@ ArbiterOutcome FanOwner::takeFirst(const FanKind& kind, ClientId client,
 
 ArbiterOutcome FanOwner::writeHeld(HeldFans::iterator held, int pwm) {
     const FanDevice::Write written = held->second.device->write(pwm);
+    if (!written.note.empty()) log_(written.note);
     if (written.ok) {
         held->second.pwm = pwm;
         return ArbiterOutcome::success();
+    }
+    if (written.gone) {
+        // Nothing to write to and nothing to give back: the hold ends now, not after the client
+        // has retried into a fallback.
+        log_("client " + std::to_string(held->second.client) + " lost " + held->first + ": " +
+             written.error);
+        held_.erase(held);
+        saveJournalOrLog();
+        return ArbiterOutcome::failure(codes::unknownFan, written.error);
     }
     if (!written.changedFromOutside) return ArbiterOutcome::failure(codes::io, written.error);
     // Someone else (the firmware after a resume, a driver reload, another program) switched the
@@ -206,13 +240,24 @@ void FanOwner::giveBack(HeldFans::iterator held, const std::string& reason) {
     } else {
         log_("cannot release " + held->first + " (" + reason + "): " + error + "; will retry");
         pending_.push_back(held->second.original);
+        unrestored_[held->first] = Unrestored{held->second.client, error};
+        retryErrors_[held->first] = error;
     }
     held_.erase(held);
 }
 
 ArbiterOutcome FanOwner::release(ClientId client, const std::string& identity) {
     const auto found = held_.find(identity);
-    if (found == held_.end()) return ArbiterOutcome::success();
+    if (found == held_.end()) {
+        // Let go of already, but not back yet: saying "released" would be untrue.
+        const auto stuck = unrestored_.find(identity);
+        if (stuck == unrestored_.end() || stuck->second.client != client) {
+            return ArbiterOutcome::success();
+        }
+        return ArbiterOutcome::failure(codes::io, "cannot restore " + identity + " yet (" +
+                                                      stuck->second.error +
+                                                      "); the helper keeps retrying");
+    }
     if (found->second.client != client) return heldByAnother(identity);
     const std::size_t pendingBefore = pending_.size();
     giveBack(found, "released by client " + std::to_string(client));

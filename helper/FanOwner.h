@@ -58,6 +58,9 @@ public:
     // helper's mode for good).
     void retryPending();
     bool hasPending() const { return !pending_.empty(); }
+    // The fans `client` let go of whose restore has not worked yet, with why: they are not back
+    // with their owner, whatever the client was told before.
+    std::vector<std::pair<std::string, std::string>> unrestored(ClientId client) const;
 
     std::optional<ClientId> holder(const std::string& identity) const;
     // The device `client` holds by that identity; null when it holds none.
@@ -110,6 +113,14 @@ private:
     HeldFans held_;
     // Journaled fans whose original mode could not be written back yet.
     std::vector<JournalEntry> pending_;
+    // Of those, the ones a client let go of in this run: which client, and the last error.
+    struct Unrestored {
+        ClientId client = 0;
+        std::string error;
+    };
+    std::map<std::string, Unrestored> unrestored_;    // by identity
+    std::map<std::string, std::string> retryErrors_;  // the last retry failure logged, by identity
+    bool isPending(const std::string& identity) const;
 };
 
 }  // namespace kelvo::helperd

@@ -225,6 +225,14 @@ hp::Reply HelperRequestHandler::release(const ClientInfo& client, const hp::Requ
 hp::Reply HelperRequestHandler::releaseAll(const ClientInfo& client) {
     forgetSleepHold(client.id, nullptr);
     releaseFans(client.id, "released by " + client.describe());
+    // A fan whose restore failed is not back with the firmware: the client must not say it is.
+    if (const auto stuck = owner_.unrestored(client.id); !stuck.empty()) {
+        std::string fans;
+        for (const auto& [identity, error] : stuck)
+            fans += (fans.empty() ? "" : ", ") + identity + " (" + error + ")";
+        return hp::Reply::failure(hp::codes::io,
+                                  "cannot restore " + fans + " yet; the helper keeps retrying");
+    }
     return hp::Reply::success(hp::encodeLeaseInfo({0, hp::kLeaseExpiryMs}));
 }
 

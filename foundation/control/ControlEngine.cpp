@@ -15,6 +15,8 @@ namespace {
 constexpr int kTakebacksTolerated = 3;
 constexpr double kTakebackWindowS = 300;
 constexpr double kReleaseTimeoutSeconds = 2.0;
+// Fan readings kept through failed reads are shown as current for at most this many ticks.
+constexpr double kStaleFanReadingTicks = 3;
 }  // namespace
 
 ControlEngine::ControlEngine(std::shared_ptr<TelemetryProvider> telemetry,
@@ -125,13 +127,18 @@ GPUClockWindowAnalysisConfig ControlEngine::gpuAnalysisConfig() const {
 void ControlEngine::releaseFans(const char* why) {
     auto result = writer_.run([](FanController& c) { return c.releaseToAutomatic(); },
                               kReleaseTimeoutSeconds);
-    if (result.outcome != FanWriter::Outcome::completed || !result.result.ok) {
+    FanResult released = result.outcome == FanWriter::Outcome::completed
+                             ? result.result
+                             : FanResult::failure("the fan back-end did not answer in time");
+    if (!released.ok) {
         writer_.drain();
-        auto retry = fans_->releaseToAutomatic();
-        if (!retry.ok)
-            record("Failed to release fans to automatic control (" + retry.error + ")", true);
+        released = fans_->releaseToAutomatic();
     }
-    if (why) record(std::string("Fans released to automatic control (") + why + ")");
+    // Only what the back-end confirms is said to be back with the firmware.
+    if (!released.ok)
+        record("Fans could not be given back to automatic control (" + released.error + ")", true);
+    else if (why)
+        record(std::string("Fans released to automatic control (") + why + ")");
     authority_ = fallback_ ? ControlAuthorityState::unavailable : ControlAuthorityState::system;
 }
 
@@ -206,6 +213,8 @@ void ControlEngine::readFans(TelemetrySample& sample) {
     noticeLostFans();
     noticeReclaimedFans(sample.timestamp);
     if (read.ok) {
+        fansReadAt_ = sample.timestamp;
+        fanReadingsStale_ = false;
         lastFans_ = std::move(read.fans);
         noticeFansComingAndGoing();
         noticeStalledFans(sample.timestamp);
@@ -223,6 +232,7 @@ void ControlEngine::readFans(TelemetrySample& sample) {
         fanTelemetryDegraded_ = true;
         record("Fan telemetry degraded (" + read.error + "); keeping last known readings", true);
     }
+    if (!read.ok) markOldFanReadings(sample.timestamp);
     sample.fanCurrentRPM.clear();
     sample.fanTargetRPM.clear();
     sample.fanMaxRPM.clear();
@@ -235,6 +245,23 @@ void ControlEngine::readFans(TelemetrySample& sample) {
         sample.fanMinRPM.push_back(fan.minRPM);
         sample.fanNames.push_back(fan.name);
     }
+}
+
+void ControlEngine::markOldFanReadings(Timestamp now) {
+    // A missed read or two keeps the picture steady; beyond that the speeds are history, and a
+    // stopped fan must not go on looking as if it turned.
+    if (fanReadingsStale_ || !fansReadAt_ ||
+        now - *fansReadAt_ <= kStaleFanReadingTicks * config_.tickSeconds) {
+        return;
+    }
+    fanReadingsStale_ = true;
+    for (auto& fan : lastFans_) fan.currentRPM = kUnreadableRPM;
+    char text[160];
+    std::snprintf(text, sizeof text,
+                  "Fan readings too old (no answer from the fan back-end for %.0f s); "
+                  "speeds shown as absent",
+                  now - *fansReadAt_);
+    record(text, true);
 }
 
 std::vector<double> ControlEngine::targetsFor(double duty) const {

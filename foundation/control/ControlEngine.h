@@ -100,6 +100,8 @@ public:
 
 private:
     void readFans(TelemetrySample& sample);
+    // After failed reads: readings kept from the last answer turn absent once they are old.
+    void markOldFanReadings(Timestamp now);
     void noticeReclaimedFans(Timestamp now);
     void noticeStalledFans(Timestamp now);
     // Replaces the targets of fans that may stand still now with kFanStopRPM.
@@ -166,6 +168,10 @@ private:
     bool leaseRetakePending_ = false;
     bool gpuTemperatureSeen_ = false;
     bool fanTelemetryDegraded_ = false;
+    // When the back-end last answered a fan read; kept readings older than a few ticks are
+    // no longer shown as current.
+    std::optional<Timestamp> fansReadAt_;
+    bool fanReadingsStale_ = false;
     bool fallback_ = false;
     std::string fallbackReason_;
     Timestamp lastFallbackProbe_ = 0;

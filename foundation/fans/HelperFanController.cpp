@@ -93,7 +93,9 @@ FanReadResult HelperFanController::readFans() {
     for (const hp::FanInfo& fan : inventory->fans) {
         FanState state;
         state.name = fan.identity;
-        state.currentRPM = fan.rpm.value_or(kUnreadableRPM);
+        // Not value_or(): on an optional<int> it would squeeze NaN into an int (0), and a GPU
+        // fan, which has no rpm at all, would read as standing still.
+        state.currentRPM = fan.rpm ? static_cast<double>(*fan.rpm) : kUnreadableRPM;
         const auto held = held_.find(fan.identity);
         state.targetRPM = held != held_.end() ? held->second : 0;
         // Asked to stand still, and it does.
@@ -177,11 +179,17 @@ FanResult HelperFanController::releaseToAutomatic() {
     }
     const HelperCallResult call = client_.call(hp::Request::of(hp::Op::releaseAll));
     dropHeldIfReconnected();
-    if (!call.ok()) return failureFrom(call);
+    if (call.failure != HelperCallResult::Failure::none) return failureFrom(call);
     for (const auto& [identity, target] : held_) curves_.released(identity);
     held_.clear();
     // Given back on purpose: whatever was lost before no longer matters to the caller.
     lostBehindOurBack_.clear();
+    if (!call.reply.ok) {
+        // The helper let go of the fans but could not put every one back: it keeps trying,
+        // and until it succeeds they are not the firmware's.
+        return FanResult::failure("fans could not be given back (" + call.reply.message +
+                                  "); the helper will retry");
+    }
     return FanResult::success();
 }
 

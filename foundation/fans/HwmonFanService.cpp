@@ -117,7 +117,10 @@ std::vector<HwmonFan> HwmonFanService::discover() const {
 }
 
 std::optional<double> HwmonFanService::readRPM(const HwmonFan& fan) const {
-    if (auto value = readInteger(fan.inputPath())) return static_cast<double>(*value);
+    // A negative count is a driver fault, not a speed: absent, like text that is no number.
+    if (auto value = readInteger(fan.inputPath()); value && *value >= 0) {
+        return static_cast<double>(*value);
+    }
     return std::nullopt;
 }
 

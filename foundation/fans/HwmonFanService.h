@@ -23,7 +23,7 @@ struct HwmonFan {
     int channel = 0;
     bool controllable = false;  // pwmN and pwmN_enable exist
 
-    std::optional<double> currentRPM;  // fanN_input
+    std::optional<double> currentRPM;  // fanN_input; none when unreadable or negative
     double minRPM = 0;                 // fanN_min, 0 when absent
     double maxRPM = 0;                 // fanN_max, 0 when absent
     std::optional<double> targetRPM;   // fanN_target

@@ -159,6 +159,53 @@ void ControlEngine::noticeLostFans() {
            true);
 }
 
+void ControlEngine::noticeFanLimits() {
+    std::map<std::string, std::string> now;
+    for (const auto& fan : lastFans_) {
+        std::string text;
+        if (!fan.heldBackWhy.empty()) {
+            text = "Fan left to the firmware (" + fan.name + "): " + fan.heldBackWhy;
+        } else if (fan.floorPercent > 0) {
+            char percent[32];
+            std::snprintf(percent, sizeof percent, "%.0f", fan.floorPercent);
+            text = "Fan " + fan.name + " runs at no less than " + percent +
+                   " %: the helper's configuration sets that floor";
+        }
+        if (text.empty()) continue;
+        if (const auto shown = limitsShown_.find(fan.name);
+            shown == limitsShown_.end() || shown->second != text)
+            record(text, !fan.heldBackWhy.empty());
+        now[fan.name] = std::move(text);
+    }
+    limitsShown_ = std::move(now);
+}
+
+void ControlEngine::noticeRefusedFans() {
+    for (const FanRefusal& refusal : fans_->takeFanRefusals()) {
+        if (!leftToFirmware_.insert(refusal.fan).second) continue;
+        stopGate_.forget(refusal.fan);
+        record("Fan handed back to the firmware (" + refusal.fan + "): its target was refused (" +
+                   refusal.why + "); the other fans stay under Kelvo",
+               true);
+    }
+}
+
+void ControlEngine::setFanChoices(FanChoices choices) {
+    std::set<std::string> problems;
+    for (const auto& [fan, choice] : choices) {
+        if (choice.problem.empty()) continue;
+        const std::string key = fan + ": " + choice.problem;
+        problems.insert(key);
+        if (choiceProblemsShown_.contains(key)) continue;
+        if (fan == kEveryOtherFan)
+            record(choice.problem, true);
+        else
+            record("Fan choice for " + fan + " " + choice.problem, true);
+    }
+    choiceProblemsShown_ = std::move(problems);
+    fanChoices_ = std::move(choices);
+}
+
 void ControlEngine::noticeReclaimedFans(Timestamp now) {
     for (const std::string& name : fans_->takeFansReclaimedFromUs()) {
         if (leftToFirmware_.contains(name)) continue;
@@ -208,6 +255,7 @@ void ControlEngine::readFans(TelemetrySample& sample) {
     if (read.ok) {
         lastFans_ = std::move(read.fans);
         noticeFansComingAndGoing();
+        noticeFanLimits();
         noticeStalledFans(sample.timestamp);
         const std::string unreadable = unreadableSpeeds(lastFans_);
         if (!unreadable.empty() && !fanTelemetryDegraded_) {
@@ -240,7 +288,7 @@ void ControlEngine::readFans(TelemetrySample& sample) {
 std::vector<double> ControlEngine::targetsFor(double duty) const {
     std::vector<double> targets;
     for (const auto& fan : lastFans_) {
-        if (leftToFirmware_.contains(fan.name)) {
+        if (leftToFirmware_.contains(fan.name) || !fan.heldBackWhy.empty()) {
             targets.push_back(0);
             continue;
         }
@@ -263,6 +311,7 @@ bool ControlEngine::applyTargets(const std::vector<double>& targets) {
     auto result = writer_.run([targets](FanController& c) { return c.setTargets(targets); },
                               config_.tickSeconds);
     if (result.outcome == FanWriter::Outcome::completed) {
+        noticeRefusedFans();
         consecutiveTimeouts_ = 0;
         writeTimeoutReported_ = false;
         if (!result.result.ok) {

@@ -27,7 +27,9 @@ class FanSettingsModel : public QObject {
     // "fixed"), fixedPercent, minimumPercent, text (as kelvoctl shows it), pump; stopWhenCool,
     // stopAvailable, stopNote (why the switch is off limits, or what stands in its way), stopped
     // (Kelvo holds it still now); calibrating, calibrationProgress (0-1),
-    // calibrationText (progress or the last result), calibrationNote (what calibrating does).
+    // calibrationText (progress or the last result), calibrationNote (what calibrating does);
+    // problem (why a stored choice that cannot be read is not followed), floorPercent (the
+    // helper's floor, 0 when none), heldBack (why the back-end will not drive the fan).
     Q_PROPERTY(QVariantList fans READ fans NOTIFY fansChanged)
     Q_PROPERTY(double cpuQuietLimit READ cpuQuietLimit NOTIFY limitsChanged)
     Q_PROPERTY(double gpuQuietLimit READ gpuQuietLimit NOTIFY limitsChanged)

@@ -37,7 +37,7 @@ FanSettingsModel::FanSettingsModel(QSettings* settings, std::string sysRoot, App
       critical_(readDieCriticalTemperatures(sysRoot_)) {
     readLabels();
     choices_ = fan_settings::readChoices(*settings_);
-    limits_ = fan_settings::readLimits(*settings_, critical_);
+    limits_ = readStoredLimits();
     // A request left from before this start is old news: only later ones are acted on.
     handledRequest_ = fan_settings::readCalibrationRequest(*settings_);
     rebuild();
@@ -255,7 +255,7 @@ void FanSettingsModel::reload() {
     settings_->sync();
     readLabels();
     choices_ = fan_settings::readChoices(*settings_);
-    const UserLimits limits = fan_settings::readLimits(*settings_, critical_);
+    const UserLimits limits = readStoredLimits();
     if (!(limits == limits_)) {
         limits_ = limits;
         emit limitsChanged();
@@ -263,6 +263,31 @@ void FanSettingsModel::reload() {
     rebuild();
     applyToEngine();
     takeCalibrationRequest();
+}
+
+void FanSettingsModel::setReport(Report report) {
+    report_ = std::move(report);
+    if (!report_) return;
+    for (const std::string& problem : limitProblems_) report_(problem);
+}
+
+UserLimits FanSettingsModel::readStoredLimits() {
+    std::vector<std::string> problems;
+    const UserLimits limits = fan_settings::readLimits(*settings_, critical_, &problems);
+    if (problems == limitProblems_) return limits;
+    // Said once per value that cannot be used, not on every re-read of the same file.
+    for (const std::string& problem : problems) {
+        const bool said = std::find(limitProblems_.begin(), limitProblems_.end(), problem) !=
+                          limitProblems_.end();
+        if (!said && report_) report_(problem);
+    }
+    limitProblems_ = problems;
+    QString message;
+    for (const std::string& problem : problems)
+        message += (message.isEmpty() ? QString() : QStringLiteral("\n")) +
+                   QString::fromStdString(problem);
+    if (!message.isEmpty()) setLimitMessage(message);
+    return limits;
 }
 
 void FanSettingsModel::updateFromSnapshot(const ControlSnapshot& snapshot) {

@@ -65,6 +65,10 @@ public:
     // Asks the engine to calibrate the fan; the engine's events say how it goes.
     Q_INVOKABLE bool calibrate(const QString& identity);
     void setCalibrate(Calibrate calibrate) { calibrate_ = std::move(calibrate); }
+    // Told once about each stored limit that cannot be used (those found before it was set,
+    // at once); the pane's limit message says it too.
+    using Report = std::function<void(const std::string& message)>;
+    void setReport(Report report);
     // What calibrating does, for the pane and kelvoctl.
     static QString calibrationNote();
     // which: "cpu", "gpu" or "performance". False, with limitMessage saying why, when refused.
@@ -91,6 +95,7 @@ private:
     bool store(const std::string& identity, const FanChoice& choice);
     FanState stateOf(const std::string& identity) const;
     void takeCalibrationRequest();
+    UserLimits readStoredLimits();
 
     QSettings* settings_;
     std::string sysRoot_;
@@ -105,6 +110,8 @@ private:
     std::set<std::string> stopped_;
     std::map<std::string, FanCalibrationStatus> calibrations_;
     Calibrate calibrate_;
+    Report report_;
+    std::vector<std::string> limitProblems_;  // as last read
     std::optional<fan_settings::CalibrationRequest> handledRequest_;
     QVariantList fans_;
     QString limitMessage_;

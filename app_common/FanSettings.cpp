@@ -4,6 +4,7 @@
 #include <QJsonObject>
 #include <QJsonParseError>
 #include <QStringList>
+#include <cstdio>
 
 namespace kelvo::fan_settings {
 
@@ -91,14 +92,32 @@ void writeChoices(QSettings& settings, const FanChoices& choices) {
     settings.sync();
 }
 
-UserLimits readLimits(QSettings& settings, const DieCriticalTemperatures& critical) {
+UserLimits readLimits(QSettings& settings, const DieCriticalTemperatures& critical,
+                      std::vector<std::string>* problems) {
     UserLimits limits;
     for (auto kind :
          {UserLimitKind::cpuQuiet, UserLimitKind::gpuQuiet, UserLimitKind::performanceTarget}) {
+        const QVariant stored = settings.value(limitKey(kind));
+        if (!stored.isValid()) continue;
         bool ok = false;
-        const double value = settings.value(limitKey(kind)).toDouble(&ok);
-        if (ok && userLimitRefusal(kind, value, critical).empty())
+        const double value = stored.toDouble(&ok);
+        std::string refusal;
+        if (!ok)
+            refusal = "not a number";
+        else
+            refusal = userLimitRefusal(kind, value, critical);
+        if (refusal.empty()) {
             setUserLimit(limits, kind, value);
+            continue;
+        }
+        if (problems) {
+            char fallback[32];
+            std::snprintf(fallback, sizeof fallback, "%.0f", userLimit(limits, kind));
+            problems->push_back(std::string("The stored ") + userLimitName(kind) + " '" +
+                                stored.toString().toStdString() + "' (" + limitKey(kind) +
+                                ") cannot be used (" + refusal + "): " + fallback +
+                                " °C is used until it is set again (the Fans pane or kelvoctl)");
+        }
     }
     return limits;
 }

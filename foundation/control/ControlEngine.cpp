@@ -60,6 +60,7 @@ void ControlEngine::applyMode(ControlMode mode) {
     }
     // A new mode is the user's fresh start: fans left to the firmware are tried again.
     leftToFirmware_.clear();
+    refused_.clear();
     stalledTicks_.clear();
     takebacks_.clear();
     record("Control mode changed to " + std::string(displayName(mode)));
@@ -180,13 +181,33 @@ void ControlEngine::noticeFanLimits() {
     limitsShown_ = std::move(now);
 }
 
-void ControlEngine::noticeRefusedFans() {
+bool ControlEngine::refusalHolds(const std::string& fan) const {
+    const auto found = refused_.find(fan);
+    return found != refused_.end() &&
+           lastTick_.value_or(0) - found->second.at < config_.fallbackRetrySeconds;
+}
+
+void ControlEngine::noticeRefusedFans(const std::vector<double>& targets) {
+    const Timestamp now = lastTick_.value_or(0);
+    std::set<std::string> refusedNow;
     for (const FanRefusal& refusal : fans_->takeFanRefusals()) {
-        if (!leftToFirmware_.insert(refusal.fan).second) continue;
+        refusedNow.insert(refusal.fan);
         stopGate_.forget(refusal.fan);
+        auto [entry, fresh] = refused_.try_emplace(refusal.fan);
+        entry->second.at = now;
+        // A retry refused for the same reason is not news.
+        if (!fresh && entry->second.why == refusal.why) continue;
+        entry->second.why = refusal.why;
         record("Fan handed back to the firmware (" + refusal.fan + "): its target was refused (" +
                    refusal.why + "); the other fans stay under Kelvo",
                true);
+    }
+    // A refused fan asked for again and not refused this time is Kelvo's again.
+    for (std::size_t i = 0; i < lastFans_.size() && i < targets.size(); ++i) {
+        const std::string& name = lastFans_[i].name;
+        if (targets[i] == 0 || refusedNow.contains(name) || !refused_.contains(name)) continue;
+        refused_.erase(name);
+        record("Fan " + name + " accepts Kelvo's targets again: Kelvo controls it again");
     }
 }
 
@@ -242,6 +263,7 @@ void ControlEngine::noticeFansComingAndGoing() {
             record("Fan removed: " + name + " (its device went away)", true);
             stalledTicks_.erase(name);
             takebacks_.erase(name);
+            refused_.erase(name);
             stopGate_.forget(name);
         }
     }
@@ -288,7 +310,8 @@ void ControlEngine::readFans(TelemetrySample& sample) {
 std::vector<double> ControlEngine::targetsFor(double duty) const {
     std::vector<double> targets;
     for (const auto& fan : lastFans_) {
-        if (leftToFirmware_.contains(fan.name) || !fan.heldBackWhy.empty()) {
+        if (leftToFirmware_.contains(fan.name) || !fan.heldBackWhy.empty() ||
+            refusalHolds(fan.name)) {
             targets.push_back(0);
             continue;
         }
@@ -311,7 +334,7 @@ bool ControlEngine::applyTargets(const std::vector<double>& targets) {
     auto result = writer_.run([targets](FanController& c) { return c.setTargets(targets); },
                               config_.tickSeconds);
     if (result.outcome == FanWriter::Outcome::completed) {
-        noticeRefusedFans();
+        noticeRefusedFans(targets);
         consecutiveTimeouts_ = 0;
         writeTimeoutReported_ = false;
         if (!result.result.ok) {

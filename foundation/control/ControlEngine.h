@@ -111,8 +111,11 @@ private:
     void noticeLostFans();
     // The back-end's floors and forbidden fans, said once each as they appear.
     void noticeFanLimits();
-    // Fans whose targets the back-end refused one by one: each left to the firmware.
-    void noticeRefusedFans();
+    // Fans whose targets the back-end refused one by one: each left to the firmware, tried again
+    // after the fallback retry period; `targets` is what this round asked for.
+    void noticeRefusedFans(const std::vector<double>& targets);
+    // A refused fan still waiting for its next try.
+    bool refusalHolds(const std::string& fan) const;
     std::vector<double> targetsFor(double duty) const;
     std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
     bool applyTargets(const std::vector<double>& targets);
@@ -158,6 +161,11 @@ private:
     // Fans Kelvo no longer drives until the user picks a mode again: a stalled rotor, or a mode
     // someone else set. They get target 0 (the firmware's curve).
     std::set<std::string> leftToFirmware_;
+    struct Refusal {
+        Timestamp at = 0;
+        std::string why;
+    };
+    std::map<std::string, Refusal> refused_;  // by fan: its target was refused (the last time)
     std::map<std::string, int> stalledTicks_;
     FanStopGate stopGate_;
     // Calibrations asked for through Kelvo, with the last quarter of progress reported.

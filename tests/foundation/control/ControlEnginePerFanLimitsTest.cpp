@@ -121,9 +121,40 @@ TEST(ControlEnginePerFanLimits, ARefusedTargetReturnsThatFanAloneToTheFirmware) 
     EXPECT_EQ(rig.eventsNaming("Fan handed back to the firmware (plain)"), 1);
     EXPECT_EQ(rig.eventsNaming("held by another client"), 1);
     EXPECT_EQ(rig.eventsNaming("fallback"), 0);
-    // A mode picked again is a fresh start: the fan is tried again.
+    // Tried again after the retry period; refused again for the same reason, it is not news.
+    {
+        std::lock_guard lock(rig.fans->mutex);
+        rig.fans->refuseNext = true;
+    }
+    int tried = 0;
+    for (int t = 20; t < 60; ++t) {
+        const ControlSnapshot snap = rig.engine->tick(100 + t);
+        ASSERT_TRUE(snap.decision);
+        if (snap.decision->targetRPM.at(0) > 0) ++tried;
+    }
+    EXPECT_EQ(tried, 1);
+    EXPECT_EQ(rig.eventsNaming("held by another client"), 1);
+    // Accepted at the next try: Kelvo's again, said once.
+    int driven = 0;
+    for (int t = 60; t < 100; ++t) {
+        const ControlSnapshot snap = rig.engine->tick(100 + t);
+        ASSERT_TRUE(snap.decision);
+        if (snap.decision->targetRPM.at(0) > 0) ++driven;
+    }
+    EXPECT_GE(driven, 20);
+    EXPECT_EQ(rig.eventsNaming("plain accepts Kelvo's targets again"), 1);
+}
+
+TEST(ControlEnginePerFanLimits, AModePickedAgainTriesARefusedFanAtOnce) {
+    Rig rig;
+    {
+        std::lock_guard lock(rig.fans->mutex);
+        rig.fans->refuseNext = true;
+    }
+    rig.engine->tick(100);
+    ASSERT_EQ(rig.engine->tick(101).decision->targetRPM.at(0), 0);
     rig.engine->applyMode(ControlMode::performance);
-    const ControlSnapshot snap = rig.engine->tick(200);
+    const ControlSnapshot snap = rig.engine->tick(102);
     ASSERT_TRUE(snap.decision);
     EXPECT_GT(snap.decision->targetRPM.at(0), 0);
 }

@@ -175,7 +175,7 @@ void ControlEngine::noticeFanLimits() {
         if (text.empty()) continue;
         if (const auto shown = limitsShown_.find(fan.name);
             shown == limitsShown_.end() || shown->second != text)
-            record(text, !fan.heldBackWhy.empty());
+            record(text);  // the helper's configuration, as its owner set it: not a failure
         now[fan.name] = std::move(text);
     }
     limitsShown_ = std::move(now);

@@ -86,6 +86,9 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
             });
         },
         this);
+    fanSettings_->setReport([this](const std::string& message) {
+        recordThroughLoop(RuntimeEvent::make(message, true));
+    });
     // A calibration the user asked for (the pane, or kelvoctl through the settings): the engine
     // records what it does and how it goes.
     fanSettings_->setCalibrate([this](const std::string& identity) {

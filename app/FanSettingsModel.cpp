@@ -37,7 +37,7 @@ FanSettingsModel::FanSettingsModel(QSettings* settings, std::string sysRoot, App
       critical_(readDieCriticalTemperatures(sysRoot_)) {
     readLabels();
     choices_ = fan_settings::readChoices(*settings_);
-    limits_ = fan_settings::readLimits(*settings_, critical_);
+    limits_ = readStoredLimits();
     // A request left from before this start is old news: only later ones are acted on.
     handledRequest_ = fan_settings::readCalibrationRequest(*settings_);
     rebuild();
@@ -75,9 +75,20 @@ FanChoices FanSettingsModel::engineChoices() const {
         fan.name = identity;
         fan.label = label;
         if (!isPumpChannel(label, driverOfIdentity(identity))) continue;
-        if (!result.contains(identity)) result[identity] = effectiveFanChoice(fan, {});
-        // The engine may not see the label (the helper's list has none): a pump never stops.
-        result[identity].stopWhenCool = false;
+        // The engine may not see the label (the helper's list has none), so a pump's choice is
+        // settled here: an entry that names no kind keeps its fixed 100, and it never stops.
+        const auto own = choices_.find(identity);
+        FanChoice choice = effectiveFanChoice(fan, choices_);
+        choice.problem = own != choices_.end() ? own->second.problem : std::string();
+        if (choice.problem.empty() && choice.stopWhenCool == true) {
+            FanChoice kept = choice;
+            kept.stopWhenCool.reset();
+            choice.problem = "asks a pump to stop when cool ('" + formatFanChoice(own->second) +
+                             "'), and a pump never stops: it runs as '" + formatFanChoice(kept) +
+                             "' (kelvoctl fan " + identity + " stop off clears it)";
+        }
+        choice.stopWhenCool = false;
+        result[identity] = choice;
     }
     return result;
 }
@@ -103,6 +114,11 @@ void FanSettingsModel::rebuild() {
         entry.insert(QStringLiteral("fixedPercent"), choice.fixedPercent);
         entry.insert(QStringLiteral("minimumPercent"), choice.minimumPercent);
         entry.insert(QStringLiteral("text"), QString::fromStdString(formatFanChoice(choice)));
+        // Why the stored choice is not followed (it cannot be read), and what the back-end sets
+        // for the fan beside the user's choice (a floor, or no control at all).
+        entry.insert(QStringLiteral("problem"), QString::fromStdString(choice.problem));
+        entry.insert(QStringLiteral("floorPercent"), state.floorPercent);
+        entry.insert(QStringLiteral("heldBack"), QString::fromStdString(state.heldBackWhy));
         const bool pump = isPumpChannel(state.label, driverOfIdentity(name));
         entry.insert(QStringLiteral("pump"), pump);
         const bool knownToStop = state.canStop || state.firmwareStops;
@@ -164,6 +180,9 @@ bool FanSettingsModel::store(const std::string& identity, const FanChoice& choic
     if (std::find(names_.begin(), names_.end(), identity) == names_.end()) return false;
     choices_[identity] = choice;
     fan_settings::writeChoices(*settings_, choices_);
+    // As written: entries that could not be read are now the firmware's, and a value that could
+    // not be read at all is replaced.
+    choices_ = fan_settings::readChoices(*settings_);
     rebuild();
     applyToEngine();
     return true;
@@ -236,7 +255,7 @@ void FanSettingsModel::reload() {
     settings_->sync();
     readLabels();
     choices_ = fan_settings::readChoices(*settings_);
-    const UserLimits limits = fan_settings::readLimits(*settings_, critical_);
+    const UserLimits limits = readStoredLimits();
     if (!(limits == limits_)) {
         limits_ = limits;
         emit limitsChanged();
@@ -244,6 +263,31 @@ void FanSettingsModel::reload() {
     rebuild();
     applyToEngine();
     takeCalibrationRequest();
+}
+
+void FanSettingsModel::setReport(Report report) {
+    report_ = std::move(report);
+    if (!report_) return;
+    for (const std::string& problem : limitProblems_) report_(problem);
+}
+
+UserLimits FanSettingsModel::readStoredLimits() {
+    std::vector<std::string> problems;
+    const UserLimits limits = fan_settings::readLimits(*settings_, critical_, &problems);
+    if (problems == limitProblems_) return limits;
+    // Said once per value that cannot be used, not on every re-read of the same file.
+    for (const std::string& problem : problems) {
+        const bool said = std::find(limitProblems_.begin(), limitProblems_.end(), problem) !=
+                          limitProblems_.end();
+        if (!said && report_) report_(problem);
+    }
+    limitProblems_ = problems;
+    QString message;
+    for (const std::string& problem : problems)
+        message += (message.isEmpty() ? QString() : QStringLiteral("\n")) +
+                   QString::fromStdString(problem);
+    if (!message.isEmpty()) setLimitMessage(message);
+    return limits;
 }
 
 void FanSettingsModel::updateFromSnapshot(const ControlSnapshot& snapshot) {

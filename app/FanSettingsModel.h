@@ -27,7 +27,9 @@ class FanSettingsModel : public QObject {
     // "fixed"), fixedPercent, minimumPercent, text (as kelvoctl shows it), pump; stopWhenCool,
     // stopAvailable, stopNote (why the switch is off limits, or what stands in its way), stopped
     // (Kelvo holds it still now); calibrating, calibrationProgress (0-1),
-    // calibrationText (progress or the last result), calibrationNote (what calibrating does).
+    // calibrationText (progress or the last result), calibrationNote (what calibrating does);
+    // problem (why a stored choice that cannot be read is not followed), floorPercent (the
+    // helper's floor, 0 when none), heldBack (why the back-end will not drive the fan).
     Q_PROPERTY(QVariantList fans READ fans NOTIFY fansChanged)
     Q_PROPERTY(double cpuQuietLimit READ cpuQuietLimit NOTIFY limitsChanged)
     Q_PROPERTY(double gpuQuietLimit READ gpuQuietLimit NOTIFY limitsChanged)
@@ -63,6 +65,10 @@ public:
     // Asks the engine to calibrate the fan; the engine's events say how it goes.
     Q_INVOKABLE bool calibrate(const QString& identity);
     void setCalibrate(Calibrate calibrate) { calibrate_ = std::move(calibrate); }
+    // Told once about each stored limit that cannot be used (those found before it was set,
+    // at once); the pane's limit message says it too.
+    using Report = std::function<void(const std::string& message)>;
+    void setReport(Report report);
     // What calibrating does, for the pane and kelvoctl.
     static QString calibrationNote();
     // which: "cpu", "gpu" or "performance". False, with limitMessage saying why, when refused.
@@ -89,6 +95,7 @@ private:
     bool store(const std::string& identity, const FanChoice& choice);
     FanState stateOf(const std::string& identity) const;
     void takeCalibrationRequest();
+    UserLimits readStoredLimits();
 
     QSettings* settings_;
     std::string sysRoot_;
@@ -103,6 +110,8 @@ private:
     std::set<std::string> stopped_;
     std::map<std::string, FanCalibrationStatus> calibrations_;
     Calibrate calibrate_;
+    Report report_;
+    std::vector<std::string> limitProblems_;  // as last read
     std::optional<fan_settings::CalibrationRequest> handledRequest_;
     QVariantList fans_;
     QString limitMessage_;

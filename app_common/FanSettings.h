@@ -5,6 +5,7 @@
 #include <QString>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "foundation/control/UserLimits.h"
 #include "foundation/core/FanChoices.h"
@@ -29,11 +30,18 @@ struct CalibrationRequest {
 std::optional<CalibrationRequest> readCalibrationRequest(QSettings& settings);
 void writeCalibrationRequest(QSettings& settings, const CalibrationRequest& request);
 
-// Entries that do not parse are skipped: a hand-edited file must not stop Kelvo.
+// Every entry that can be read, as stored; an entry that cannot is the firmware's with its
+// `problem` set, and a value that cannot be read at all is one kEveryOtherFan entry for the
+// firmware saying why. A hand-edited file must not stop Kelvo, nor make it drive a fan the user
+// may have meant to leave alone.
 FanChoices readChoices(QSettings& settings);
+// Entries with a problem are written as the firmware's (what they mean now), and the
+// kEveryOtherFan stand-in not at all.
 void writeChoices(QSettings& settings, const FanChoices& choices);
-// Stored values outside the accepted range are ignored in favour of the defaults.
-UserLimits readLimits(QSettings& settings, const DieCriticalTemperatures& critical);
+// Stored values outside the accepted range, or not numbers, are ignored in favour of the
+// defaults; `problems` gets one line for the user about each.
+UserLimits readLimits(QSettings& settings, const DieCriticalTemperatures& critical,
+                      std::vector<std::string>* problems = nullptr);
 void writeLimit(QSettings& settings, UserLimitKind kind, double valueC);
 
 const char* limitKey(UserLimitKind kind);

@@ -62,6 +62,7 @@ void ControlEngine::applyMode(ControlMode mode) {
     }
     // A new mode is the user's fresh start: fans left to the firmware are tried again.
     leftToFirmware_.clear();
+    refused_.clear();
     stalledTicks_.clear();
     takebacks_.clear();
     record("Control mode changed to " + std::string(displayName(mode)));
@@ -166,6 +167,73 @@ void ControlEngine::noticeLostFans() {
            true);
 }
 
+void ControlEngine::noticeFanLimits() {
+    std::map<std::string, std::string> now;
+    for (const auto& fan : lastFans_) {
+        std::string text;
+        if (!fan.heldBackWhy.empty()) {
+            text = "Fan left to the firmware (" + fan.name + "): " + fan.heldBackWhy;
+        } else if (fan.floorPercent > 0) {
+            char percent[32];
+            std::snprintf(percent, sizeof percent, "%.0f", fan.floorPercent);
+            text = "Fan " + fan.name + " runs at no less than " + percent +
+                   " %: the helper's configuration sets that floor";
+        }
+        if (text.empty()) continue;
+        if (const auto shown = limitsShown_.find(fan.name);
+            shown == limitsShown_.end() || shown->second != text)
+            record(text);  // the helper's configuration, as its owner set it: not a failure
+        now[fan.name] = std::move(text);
+    }
+    limitsShown_ = std::move(now);
+}
+
+bool ControlEngine::refusalHolds(const std::string& fan) const {
+    const auto found = refused_.find(fan);
+    return found != refused_.end() &&
+           lastTick_.value_or(0) - found->second.at < config_.fallbackRetrySeconds;
+}
+
+void ControlEngine::noticeRefusedFans(const std::vector<double>& targets) {
+    const Timestamp now = lastTick_.value_or(0);
+    std::set<std::string> refusedNow;
+    for (const FanRefusal& refusal : fans_->takeFanRefusals()) {
+        refusedNow.insert(refusal.fan);
+        stopGate_.forget(refusal.fan);
+        auto [entry, fresh] = refused_.try_emplace(refusal.fan);
+        entry->second.at = now;
+        // A retry refused for the same reason is not news.
+        if (!fresh && entry->second.why == refusal.why) continue;
+        entry->second.why = refusal.why;
+        record("Fan handed back to the firmware (" + refusal.fan + "): its target was refused (" +
+                   refusal.why + "); the other fans stay under Kelvo",
+               true);
+    }
+    // A refused fan asked for again and not refused this time is Kelvo's again.
+    for (std::size_t i = 0; i < lastFans_.size() && i < targets.size(); ++i) {
+        const std::string& name = lastFans_[i].name;
+        if (targets[i] == 0 || refusedNow.contains(name) || !refused_.contains(name)) continue;
+        refused_.erase(name);
+        record("Fan " + name + " accepts Kelvo's targets again: Kelvo controls it again");
+    }
+}
+
+void ControlEngine::setFanChoices(FanChoices choices) {
+    std::set<std::string> problems;
+    for (const auto& [fan, choice] : choices) {
+        if (choice.problem.empty()) continue;
+        const std::string key = fan + ": " + choice.problem;
+        problems.insert(key);
+        if (choiceProblemsShown_.contains(key)) continue;
+        if (fan == kEveryOtherFan)
+            record(choice.problem, true);
+        else
+            record("Fan choice for " + fan + " " + choice.problem, true);
+    }
+    choiceProblemsShown_ = std::move(problems);
+    fanChoices_ = std::move(choices);
+}
+
 void ControlEngine::noticeReclaimedFans(Timestamp now) {
     for (const std::string& name : fans_->takeFansReclaimedFromUs()) {
         if (leftToFirmware_.contains(name)) continue;
@@ -202,6 +270,7 @@ void ControlEngine::noticeFansComingAndGoing() {
             record("Fan removed: " + name + " (its device went away)", true);
             stalledTicks_.erase(name);
             takebacks_.erase(name);
+            refused_.erase(name);
             stopGate_.forget(name);
         }
     }
@@ -217,6 +286,7 @@ void ControlEngine::readFans(TelemetrySample& sample) {
         fanReadingsStale_ = false;
         lastFans_ = std::move(read.fans);
         noticeFansComingAndGoing();
+        noticeFanLimits();
         noticeStalledFans(sample.timestamp);
         const std::string unreadable = unreadableSpeeds(lastFans_);
         if (!unreadable.empty() && !fanTelemetryDegraded_) {
@@ -267,7 +337,8 @@ void ControlEngine::markOldFanReadings(Timestamp now) {
 std::vector<double> ControlEngine::targetsFor(double duty) const {
     std::vector<double> targets;
     for (const auto& fan : lastFans_) {
-        if (leftToFirmware_.contains(fan.name)) {
+        if (leftToFirmware_.contains(fan.name) || !fan.heldBackWhy.empty() ||
+            refusalHolds(fan.name)) {
             targets.push_back(0);
             continue;
         }
@@ -290,6 +361,7 @@ bool ControlEngine::applyTargets(const std::vector<double>& targets) {
     auto result = writer_.run([targets](FanController& c) { return c.setTargets(targets); },
                               config_.tickSeconds);
     if (result.outcome == FanWriter::Outcome::completed) {
+        noticeRefusedFans(targets);
         consecutiveTimeouts_ = 0;
         writeTimeoutReported_ = false;
         if (!result.result.ok) {

@@ -71,7 +71,8 @@ public:
     // the firmware's and nothing is written.
     void setSleeping(bool sleeping);
     // Which fans Kelvo drives and how; takes effect on the next tick.
-    void setFanChoices(FanChoices choices) { fanChoices_ = std::move(choices); }
+    // A choice that could not be read is the firmware's, with one event per distinct problem.
+    void setFanChoices(FanChoices choices);
     // Asks the back-end to calibrate one fan (full speed down to its lowest, and to a stop where
     // it stops); an event says what happens, or why it cannot. Progress follows as events.
     bool requestFanCalibration(const std::string& identity);
@@ -110,6 +111,13 @@ private:
     bool calibrating(const std::string& fan) const;
     void noticeFansComingAndGoing();
     void noticeLostFans();
+    // The back-end's floors and forbidden fans, said once each as they appear.
+    void noticeFanLimits();
+    // Fans whose targets the back-end refused one by one: each left to the firmware, tried again
+    // after the fallback retry period; `targets` is what this round asked for.
+    void noticeRefusedFans(const std::vector<double>& targets);
+    // A refused fan still waiting for its next try.
+    bool refusalHolds(const std::string& fan) const;
     std::vector<double> targetsFor(double duty) const;
     std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
     bool applyTargets(const std::vector<double>& targets);
@@ -150,9 +158,16 @@ private:
 
     std::vector<FanState> lastFans_;
     FanChoices fanChoices_;
+    std::set<std::string> choiceProblemsShown_;       // "fan: problem", as last reported
+    std::map<std::string, std::string> limitsShown_;  // fan -> its floor or hold-back, as said
     // Fans Kelvo no longer drives until the user picks a mode again: a stalled rotor, or a mode
     // someone else set. They get target 0 (the firmware's curve).
     std::set<std::string> leftToFirmware_;
+    struct Refusal {
+        Timestamp at = 0;
+        std::string why;
+    };
+    std::map<std::string, Refusal> refused_;  // by fan: its target was refused (the last time)
     std::map<std::string, int> stalledTicks_;
     FanStopGate stopGate_;
     // Calibrations asked for through Kelvo, with the last quarter of progress reported.

@@ -75,8 +75,9 @@ void ControlEngine::applyFanStops(std::vector<double>& targets, double duty,
             continue;
         }
         // A fan never seen standing still would only run at its lowest speed: no stop for it.
+        // A floor keeps it turning.
         const bool mayStop = fanMayStop(fan, effectiveFanChoice(fan, fanChoices_)) &&
-                             (fan.canStop || fan.firmwareStops);
+                             (fan.canStop || fan.firmwareStops) && !(fan.floorPercent > 0);
         FanStopGate::Change change = FanStopGate::Change::none;
         if (stopGate_.decide(fan.name, mayStop, duty, dies, sample.timestamp, &change))
             targets[i] = kFanStopRPM;

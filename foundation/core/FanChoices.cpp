@@ -39,44 +39,57 @@ const char* fanChoiceWords() {
     return "auto, firmware, fixed N, min N, stop on|off (N a percentage from 0 to 100)";
 }
 
-std::optional<FanChoice> parseFanChoice(const std::string& text, FanChoice base) {
+std::optional<FanChoice> parseFanChoice(const std::string& text, FanChoice base, std::string* why) {
+    const auto refuse = [&](std::string reason) -> std::optional<FanChoice> {
+        if (why) *why = std::move(reason);
+        return std::nullopt;
+    };
     std::istringstream in(text);
     std::vector<std::string> words;
     for (std::string word; in >> word;) words.push_back(word);
-    if (words.empty()) return std::nullopt;
+    if (words.empty()) return refuse("it is empty");
     FanChoice choice = base;
+    choice.problem.clear();  // what is said now is read afresh
     std::size_t i = 0;
-    bool any = false;
     while (i < words.size()) {
         const std::string& word = words[i];
         if (word == "auto" || word == "firmware") {
             choice.kind = word == "auto" ? FanChoiceKind::automatic : FanChoiceKind::firmware;
+            choice.kindGiven = true;
             ++i;
-        } else if ((word == "fixed" || word == "min") && i + 1 < words.size()) {
+        } else if (word == "fixed" || word == "min") {
+            if (i + 1 >= words.size()) return refuse("'" + word + "' needs a percentage");
             auto value = percent(words[i + 1]);
-            if (!value) return std::nullopt;
+            if (!value)
+                return refuse("'" + words[i + 1] + "' after '" + word +
+                              "' is not a percentage from 0 to 100");
             if (word == "fixed") {
                 choice.kind = FanChoiceKind::fixed;
+                choice.kindGiven = true;
                 choice.fixedPercent = *value;
             } else {
                 choice.minimumPercent = *value;
             }
             i += 2;
-        } else if (word == "stop" && i + 1 < words.size() &&
-                   (words[i + 1] == "on" || words[i + 1] == "off")) {
+        } else if (word == "stop") {
+            if (i + 1 >= words.size() || (words[i + 1] != "on" && words[i + 1] != "off"))
+                return refuse("'stop' needs on or off");
             choice.stopWhenCool = words[i + 1] == "on";
             i += 2;
         } else {
-            return std::nullopt;
+            return refuse("unknown word '" + word + "'");
         }
-        any = true;
     }
-    if (!any) return std::nullopt;
     return choice;
 }
 
 std::string formatFanChoice(const FanChoice& choice) {
     std::string text;
+    if (!choice.kindGiven) {
+        text = "min " + number(choice.minimumPercent);
+        if (choice.stopWhenCool) text += *choice.stopWhenCool ? " stop on" : " stop off";
+        return text;
+    }
     switch (choice.kind) {
         case FanChoiceKind::automatic: text = "auto"; break;
         case FanChoiceKind::firmware: text = "firmware"; break;
@@ -98,10 +111,23 @@ std::string driverOfIdentity(const std::string& identity) {
 }
 
 FanChoice effectiveFanChoice(const FanState& fan, const FanChoices& choices) {
-    if (auto it = choices.find(fan.name); it != choices.end()) return it->second;
-    if (isPumpChannel(fan.label, driverOfIdentity(fan.name)))
-        return FanChoice{FanChoiceKind::fixed, 100, 0, std::nullopt};
-    return {};
+    const bool pump = isPumpChannel(fan.label, driverOfIdentity(fan.name));
+    FanChoice fallback;
+    if (pump) {
+        fallback.kind = FanChoiceKind::fixed;
+        fallback.fixedPercent = 100;
+    }
+    auto it = choices.find(fan.name);
+    if (it == choices.end()) it = choices.find(kEveryOtherFan);
+    if (it == choices.end()) return fallback;
+    FanChoice choice = it->second;
+    if (!choice.kindGiven) {
+        // "min 20" alone on a pump is its fixed 100 with a minimum, as kelvoctl stores it.
+        choice.kind = fallback.kind;
+        choice.fixedPercent = fallback.fixedPercent;
+        choice.kindGiven = true;
+    }
+    return choice;
 }
 
 namespace {

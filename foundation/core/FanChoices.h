@@ -20,18 +20,31 @@ struct FanChoice {
     // Whether auto control may stop the fan while every die is cool; none until the user says,
     // which means "where the firmware's own curve stops it".
     std::optional<bool> stopWhenCool;
+    // False for a stored entry that names no kind ("min 20", "stop off"): it keeps the fan's
+    // default kind, which for a pump is a fixed 100.
+    bool kindGiven = true;
+    // What was wrong with the stored entry, for the user; empty when nothing was. An entry that
+    // cannot be read is the firmware's until it is fixed.
+    std::string problem = {};
     bool operator==(const FanChoice&) const = default;
 };
 
 using FanChoices = std::map<std::string, FanChoice>;
+
+// The key of the choice for every fan without an entry of its own: present only when the whole
+// stored value could not be read, never stored.
+inline constexpr const char* kEveryOtherFan = "*";
 
 // The choice words, for messages: "auto, firmware, fixed N, min N, stop on|off".
 const char* fanChoiceWords();
 
 // "auto", "firmware", "fixed N", "min N" (N a percentage 0-100) or "stop on|off" applied to
 // `base`: "min" and "stop" keep the kind, the others keep the minimum and the stop choice.
-// Stored forms such as "auto min 20 stop on" are accepted too. Nothing for anything else.
-std::optional<FanChoice> parseFanChoice(const std::string& text, FanChoice base = {});
+// Stored forms such as "auto min 20 stop on" are accepted too. Nothing for anything else, with
+// what was wrong in `why` when given.
+std::optional<FanChoice> parseFanChoice(const std::string& text, FanChoice base = {},
+                                        std::string* why = nullptr);
+// An entry that names no kind is written as "min N" (and " stop ..."), as it was stored.
 // "auto", "firmware" or "fixed 60", followed by " min 20" when a minimum is set and by
 // " stop on" / " stop off" once the user has said.
 std::string formatFanChoice(const FanChoice& choice);
@@ -41,7 +54,8 @@ bool isPumpChannel(const std::string& label, const std::string& driver);
 // The driver part of an hwmon identity ("nct6798@/sys/...#fan1" → "nct6798").
 std::string driverOfIdentity(const std::string& identity);
 
-// The user's choice for the fan, else a pump's fixed 100, else auto.
+// The user's choice for the fan (kEveryOtherFan's when it has none), else a pump's fixed 100,
+// else auto. An entry that names no kind takes the fan's default kind.
 FanChoice effectiveFanChoice(const FanState& fan, const FanChoices& choices);
 
 // Whether the user's stop choice (or, unsaid, the firmware's habit) lets the fan stop; a pump

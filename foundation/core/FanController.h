@@ -25,6 +25,20 @@ struct FanState {
     bool firmwareStops = false;
     // Kelvo asked it to stand still and it does (a commanded stop is never a stall).
     bool stopCommanded = false;
+    // The lowest duty the back-end lets Kelvo set on this fan, 0-100 (a floor in the helper's
+    // configuration); 0 when there is none. Kelvo's writes are raised to it, never refused.
+    double floorPercent = 0;
+    // Why the back-end will not drive this fan at all (the helper's configuration forbids it);
+    // empty when it may. Such a fan stays with the firmware.
+    std::string heldBackWhy = {};
+};
+
+// A fan the back-end could not drive this round although the others went through: it is left
+// with the firmware, and `why` says what refused it.
+struct FanRefusal {
+    std::string fan;
+    std::string why;
+    bool operator==(const FanRefusal&) const = default;
 };
 
 // A target that asks a fan to stand still while Kelvo keeps holding it (fan stop). A back-end
@@ -82,6 +96,9 @@ public:
     // The fans Kelvo held whose mode someone else changed since the last call (the firmware after
     // a resume or a driver reload, another program). The back-end has stopped holding them.
     virtual std::vector<std::string> takeFansReclaimedFromUs() { return {}; }
+    // The fans whose targets were refused one by one since the last call (the others were set):
+    // each is the firmware's until Kelvo is asked to try again.
+    virtual std::vector<FanRefusal> takeFanRefusals() { return {}; }
 };
 
 // Back-ends that drive real fans by duty cycle learn each fan's RPM-to-duty curve and keep it in

@@ -238,6 +238,10 @@ int FanCurveLearner::dutyFor(const std::string& identity, double targetRPM,
     return duty;
 }
 
+void FanCurveLearner::wrote(const std::string& identity, int duty) {
+    if (const auto it = fans_.find(identity); it != fans_.end()) it->second.written = duty;
+}
+
 void FanCurveLearner::maybeSave(const std::string& identity, FanLearning& fan,
                                 Clock::time_point now, bool immediately) {
     if (!fan.dirty || !store_.save || fan.knowledge.empty()) return;

@@ -61,6 +61,9 @@ public:
     // (the injected clock).
     int dutyFor(const std::string& identity, double targetRPM, std::optional<double> measuredRPM,
                 double minRPM, double maxRPM);
+    // The duty actually written was `duty`, not dutyFor()'s (a floor raised it): what is
+    // measured next is learned against it.
+    void wrote(const std::string& identity, int duty);
     // A fan Kelvo does not hold, read while the firmware drives it: `duty` is what pwmN reads.
     void observeFirmware(const std::string& identity, std::optional<int> duty,
                          std::optional<double> measuredRPM);

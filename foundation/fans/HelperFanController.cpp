@@ -55,6 +55,113 @@ std::vector<std::string> HelperFanController::takeFansReclaimedFromUs() {
     return std::exchange(reclaimed_, {});
 }
 
+std::vector<FanRefusal> HelperFanController::takeFanRefusals() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(refusals_, {});
+}
+
+void HelperFanController::learnHelperLimits() {
+    if (limitsConnection_ == client_.connectionNumber()) return;
+    // Another connection may be another helper, started with another configuration.
+    floors_.clear();
+    forbidden_.clear();
+    const HelperCallResult call = client_.call(hp::Request::of(hp::Op::config));
+    dropHeldIfReconnected();
+    if (call.failure != HelperCallResult::Failure::none) return;  // asked again next round
+    limitsConnection_ = client_.connectionNumber();
+    // A helper older than `config` answers bad_request: its refusals teach the same, fan by fan.
+    if (!call.reply.ok) return;
+    auto info = hp::decodeConfigInfo(call.reply.data);
+    if (!info.ok()) return;
+    const std::string source =
+        info.value->file.empty() ? std::string("the helper's configuration") : info.value->file;
+    for (const auto& [identity, pwm] : info.value->floors) floors_[identity] = pwm;
+    for (const auto& identity : info.value->forbidden)
+        forbidden_[identity] = "the helper's configuration (" + source + ") forbids it to Kelvo";
+}
+
+std::optional<int> HelperFanController::floorOf(const std::string& identity) const {
+    const auto found = floors_.find(identity);
+    if (found == floors_.end() || found->second <= 0) return std::nullopt;
+    return found->second;
+}
+
+std::string HelperFanController::forbiddenWhy(const std::string& identity) const {
+    const auto found = forbidden_.find(identity);
+    return found == forbidden_.end() ? std::string() : found->second;
+}
+
+namespace {
+// The floor a below_floor message names ("... is below the floor 153 that ..."), for a helper
+// whose configuration could not be asked for.
+std::optional<int> floorInMessage(const std::string& message) {
+    static const std::string marker = "below the floor ";
+    const auto at = message.find(marker);
+    if (at == std::string::npos) return std::nullopt;
+    int value = 0;
+    std::size_t i = at + marker.size();
+    const std::size_t start = i;
+    while (i < message.size() && message[i] >= '0' && message[i] <= '9' && value <= hp::kMaxPWM)
+        value = value * 10 + (message[i++] - '0');
+    if (i == start || value > hp::kMaxPWM) return std::nullopt;
+    return value;
+}
+}  // namespace
+
+FanStep HelperFanController::refused(const hp::Request& request, const hp::Reply& reply,
+                                     double target) {
+    const std::string& fan = request.fan;
+    if (reply.code == hp::codes::forbidden) {
+        // Not asked again: the helper's configuration holds until the helper restarts.
+        forbidden_[fan] = reply.message.empty() ? "the helper's configuration forbids it to Kelvo"
+                                                : reply.message;
+        return FanStep::done();
+    }
+    if (reply.code == hp::codes::belowFloor && request.pwm) {
+        limitsConnection_ = 0;
+        learnHelperLimits();
+        if (!floorOf(fan)) {
+            if (auto floor = floorInMessage(reply.message)) floors_[fan] = *floor;
+        }
+        const auto floor = floorOf(fan);
+        if (floor && *floor > *request.pwm) {
+            hp::Request raised = request;
+            raised.pwm = *floor;
+            const HelperCallResult again = client_.call(raised);
+            dropHeldIfReconnected();
+            if (again.failure != HelperCallResult::Failure::none)
+                return FanStep::endRound(failureFrom(again));
+            if (again.reply.ok) {
+                curves_.wrote(fan, *floor);
+                held_[fan] = target;
+                heldConnection_ = client_.connectionNumber();
+                return FanStep::done();
+            }
+            return giveBack(fan, again.reply);
+        }
+    }
+    return giveBack(fan, reply);
+}
+
+FanStep HelperFanController::giveBack(const std::string& fan, const hp::Reply& reply) {
+    // Anything else the helper refuses for this fan alone leaves it with the firmware; the other
+    // fans keep their targets.
+    refusals_.push_back({fan, reply.message.empty() ? reply.code : reply.message});
+    if (!held_.contains(fan)) return FanStep::done();
+    // Still held at its last duty, which can no longer be changed: given back now.
+    hp::Request release;
+    release.op = hp::Op::release;
+    release.fan = fan;
+    const HelperCallResult call = client_.call(release);
+    dropHeldIfReconnected();
+    if (call.failure != HelperCallResult::Failure::none)
+        return FanStep::endRound(failureFrom(call));
+    if (!call.reply.ok) return FanStep::failed(call.reply.message);
+    held_.erase(fan);
+    curves_.released(fan);
+    return FanStep::done();
+}
+
 std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
     const HelperCallResult call = client_.call(hp::Request::of(hp::Op::list));
     dropHeldIfReconnected();
@@ -62,6 +169,7 @@ std::optional<hp::Inventory> HelperFanController::list(FanResult* failure) {
         *failure = failureFrom(call);
         return std::nullopt;
     }
+    learnHelperLimits();
     auto inventory = hp::decodeInventory(call.reply.data);
     if (!inventory.ok()) {
         *failure = FanResult::failure("unreadable fan list from the helper: " + inventory.error);
@@ -111,6 +219,9 @@ FanReadResult HelperFanController::readFans() {
         state.maxRPM = learned.maxRPM.value_or(fan.maxRPM);
         state.canStop = learned.canStop;
         state.firmwareStops = learned.firmwareStops;
+        if (const auto floor = floorOf(fan.identity))
+            state.floorPercent = std::round(*floor * 1000.0 / hp::kMaxPWM) / 10;
+        state.heldBackWhy = forbiddenWhy(fan.identity);
         result.fans.push_back(std::move(state));
     }
     return result;
@@ -139,11 +250,19 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
             request.op = hp::Op::release;
         } else {
             if (!fan.controllable) return FanStep::done();
+            // The engine is told through readFans() and leaves it to the firmware.
+            if (!forbiddenWhy(fan.identity).empty()) return FanStep::done();
             request.op = hp::Op::setTarget;
             // Kelvo maps speeds to duty cycles itself, through the fan's learned curve.
             std::optional<double> measured;
             if (fan.rpm) measured = *fan.rpm;
-            request.pwm = curves_.dutyFor(fan.identity, target, measured, fan.minRPM, fan.maxRPM);
+            int duty = curves_.dutyFor(fan.identity, target, measured, fan.minRPM, fan.maxRPM);
+            // Under a floor the fan runs at the floor: asking for less would only be refused.
+            if (const auto floor = floorOf(fan.identity); floor && duty < *floor) {
+                duty = *floor;
+                curves_.wrote(fan.identity, duty);
+            }
+            request.pwm = duty;
         }
         const HelperCallResult call = client_.call(request);
         dropHeldIfReconnected();
@@ -157,8 +276,11 @@ FanResult HelperFanController::setTargets(const std::vector<double>& targetRPM) 
             reclaimed_.push_back(fan.identity);
             return FanStep::done();
         }
-        // The helper's per-fan errors name the fan already.
-        if (!call.reply.ok) return FanStep::failed(call.reply.message);
+        // The helper's per-fan errors name the fan already. A release it refuses leaves the fan
+        // in an unknown state: that fails the round, and every fan goes back to the firmware.
+        if (!call.reply.ok && request.op == hp::Op::release)
+            return FanStep::failed(call.reply.message);
+        if (!call.reply.ok) return refused(request, call.reply, target);
         if (request.op == hp::Op::release) {
             held_.erase(fan.identity);
             curves_.released(fan.identity);

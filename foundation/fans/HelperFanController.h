@@ -15,6 +15,7 @@
 
 #include "foundation/core/FanController.h"
 #include "foundation/fans/FanCurveLearner.h"
+#include "foundation/fans/FanTargets.h"
 #include "foundation/helper_protocol/HelperClient.h"
 
 namespace kelvo {
@@ -52,6 +53,7 @@ public:
     bool holdsControl() const override;
     std::vector<std::string> takeFansLostBehindOurBack() override;
     std::vector<std::string> takeFansReclaimedFromUs() override;
+    std::vector<FanRefusal> takeFanRefusals() override;
 
     std::optional<std::string> helperVersion() override;
 
@@ -78,6 +80,18 @@ private:
     void dropHeldIfReconnected();
     // The helper's fan list; also brings held_ in line with what the helper says is ours.
     std::optional<helper_protocol::Inventory> list(FanResult* failure);
+    // The floors and forbidden fans of the helper on this connection, asked once per connection
+    // (its configuration is read only when it starts); what its refusals taught is kept beside.
+    void learnHelperLimits();
+    std::optional<int> floorOf(const std::string& identity) const;
+    std::string forbiddenWhy(const std::string& identity) const;
+    // A per-fan refusal of a set_target: the fan is left out of this round and reported, the
+    // others go on. A below_floor refusal teaches the floor and is tried once more above it.
+    FanStep refused(const helper_protocol::Request& request, const helper_protocol::Reply& reply,
+                    double target);
+    // Reports the refusal and gives the fan back if it was held; a failed release fails the
+    // round.
+    FanStep giveBack(const std::string& fan, const helper_protocol::Reply& reply);
 
     std::string socketPath_;
     int connectTimeoutMs_;
@@ -87,7 +101,11 @@ private:
     std::vector<std::string> lostBehindOurBack_;
     std::vector<std::string> reclaimed_;  // held fans the helper let go: their mode was changed
     FanCurveLearner curves_;
-    std::uint64_t heldConnection_ = 0;  // HelperClient::connectionNumber() when taken
+    std::uint64_t heldConnection_ = 0;              // HelperClient::connectionNumber() when taken
+    std::uint64_t limitsConnection_ = 0;            // the connection the limits were asked on
+    std::map<std::string, int> floors_;             // identity -> lowest duty cycle
+    std::map<std::string, std::string> forbidden_;  // identity -> why
+    std::vector<FanRefusal> refusals_;
 };
 
 }  // namespace kelvo

@@ -43,6 +43,16 @@ std::vector<std::string> HybridFanController::takeFansReclaimedFromUs() {
     return fans;
 }
 
+std::vector<FanRefusal> HybridFanController::takeFanRefusals() {
+    // A fan the helper refuses is not written directly instead: the refusal is the helper's
+    // configuration or the fan's own state, which a direct write would not change.
+    std::vector<FanRefusal> refusals = helper_->takeFanRefusals();
+    if (local_) {
+        for (auto& refusal : local_->takeFanRefusals()) refusals.push_back(std::move(refusal));
+    }
+    return refusals;
+}
+
 bool HybridFanController::holdsControl() const {
     return helper_->holdsControl() || (local_ && local_->holdsControl());
 }

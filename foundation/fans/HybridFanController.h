@@ -33,6 +33,7 @@ public:
     bool holdsControl() const override;
     std::vector<std::string> takeFansLostBehindOurBack() override;
     std::vector<std::string> takeFansReclaimedFromUs() override;
+    std::vector<FanRefusal> takeFanRefusals() override;
 
     std::optional<std::string> helperVersion() override;
     void attachCurveStore(FanCurveStore store) override;

@@ -285,12 +285,18 @@ TEST_F(SimhwFaultThroughTheHelper, TakebackIsReportedAndTheFanTakenAgain) {
         << "a takeback is not a broken fan path";
 }
 
-TEST_F(SimhwFaultThroughTheHelper, EioFallsBackAndTheHelperGivesEveryFanBack) {
+// The helper refuses the write to one fan: that fan alone goes back to the firmware, the other
+// stays Kelvo's, and nothing falls back.
+TEST_F(SimhwFaultThroughTheHelper, EioOnOneFanGivesThatFanAloneBack) {
     ASSERT_EQ(rig.sim().fault("eio sys/class/hwmon/hwmon2/pwm2"), 0);
-    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Entered monitor+alert fallback (")))
+    ASSERT_TRUE(rig.saw(QStringLiteral("kelvo: failure: Fan handed back to the firmware (") +
+                        QLatin1String(kSimFan2)))
         << rig.transcript() << rig.helper()->log();
-    EXPECT_TRUE(pollUntil([&] { return rig.everyFanOnFirmware(); }, 30s))
+    EXPECT_TRUE(pollUntil([&] { return rig.chipFile("pwm2_enable") == "2"; }, 30s))
         << rig.transcript() << rig.helper()->log();
+    EXPECT_EQ(rig.chipFile("pwm1_enable"), "1") << "the other fan is still Kelvo's";
+    EXPECT_EQ(rig.kelvo().transcript().find("monitor+alert fallback"), std::string::npos)
+        << rig.transcript();
 }
 
 }  // namespace

@@ -58,11 +58,21 @@ public:
         return sim_->start(extra);
     }
 
-    bool startHelper() {
+    // `configuration`: the text of a helper configuration file to start it with, if any.
+    bool startHelper(const std::string& configuration = {}) {
         std::filesystem::create_directories(dir_ / "helper");
         // The helper refuses a runtime directory others may write, whatever umask the run has.
         std::filesystem::permissions(dir_ / "helper", std::filesystem::perms(0755));
-        helper_ = std::make_unique<HelperDaemon>(sim_->mountPoint().string(), dir_ / "helper");
+        std::vector<std::string> arguments;
+        if (!configuration.empty()) {
+            const auto path = dir_ / "helperd.conf";
+            std::ofstream(path) << configuration;
+            std::filesystem::permissions(
+                path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+            arguments = {"--config", path.string()};
+        }
+        helper_ =
+            std::make_unique<HelperDaemon>(sim_->mountPoint().string(), dir_ / "helper", arguments);
         return helper_->start();
     }
 

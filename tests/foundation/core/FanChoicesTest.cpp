@@ -183,3 +183,47 @@ TEST(FanChoices, APumpDriverCountsAsAPumpWhateverItsLabel) {
     const FanState f = fan("aquapump@/sys/devices/x#fan1", 0, 0);
     EXPECT_EQ(effectiveFanChoice(f, {}).kind, FanChoiceKind::fixed);
 }
+
+TEST(FanChoices, ARefusedChoiceSaysWhatIsWrong) {
+    std::string why;
+    EXPECT_FALSE(parseFanChoice("fixed 150", {}, &why));
+    EXPECT_NE(why.find("'150'"), std::string::npos) << why;
+    EXPECT_NE(why.find("0 to 100"), std::string::npos) << why;
+    EXPECT_FALSE(parseFanChoice("turbo", {}, &why));
+    EXPECT_NE(why.find("'turbo'"), std::string::npos) << why;
+    EXPECT_FALSE(parseFanChoice("stop maybe", {}, &why));
+    EXPECT_NE(why.find("on or off"), std::string::npos) << why;
+    EXPECT_FALSE(parseFanChoice("  ", {}, &why));
+    EXPECT_FALSE(why.empty());
+}
+
+// A stored entry that names no kind keeps the fan's default one; on a pump that is full speed.
+TEST(FanChoices, AnEntryWithoutAKindKeepsTheFansDefaultKind) {
+    FanChoice kindless;
+    kindless.kindGiven = false;
+    const auto minimum = parseFanChoice("min 20", kindless);
+    ASSERT_TRUE(minimum);
+    EXPECT_FALSE(minimum->kindGiven);
+    EXPECT_EQ(formatFanChoice(*minimum), "min 20");
+    EXPECT_EQ(parseFanChoice(formatFanChoice(*minimum), kindless), minimum);
+    const FanState pump = fan("nct6798@/sys/devices/platform/nct6775.656#fan2", 800, 3000, "Pump");
+    const FanState plain = fan("nct6798@/sys/devices/platform/nct6775.656#fan1", 800, 3000);
+    const FanChoice onPump = effectiveFanChoice(pump, {{pump.name, *minimum}});
+    EXPECT_EQ(formatFanChoice(onPump), "fixed 100 min 20");
+    EXPECT_DOUBLE_EQ(fanTargetRPM(pump, onPump, 0.0), 3000);
+    EXPECT_EQ(formatFanChoice(effectiveFanChoice(plain, {{plain.name, *minimum}})), "auto min 20");
+    // Said with a kind, it is that kind.
+    EXPECT_TRUE(parseFanChoice("auto min 20", kindless)->kindGiven);
+}
+
+// The stand-in for a value that could not be read covers every fan without an entry.
+TEST(FanChoices, TheChoiceForEveryOtherFanCoversFansWithoutAnEntry) {
+    FanChoice firmware = *parseFanChoice("firmware");
+    firmware.problem = "cannot be read";
+    const FanChoices choices{{kEveryOtherFan, firmware}, {"a", *parseFanChoice("fixed 30")}};
+    EXPECT_EQ(effectiveFanChoice(fan("a", 0, 0), choices).kind, FanChoiceKind::fixed);
+    EXPECT_EQ(effectiveFanChoice(fan("b", 0, 0), choices).kind, FanChoiceKind::firmware);
+    EXPECT_EQ(effectiveFanChoice(fan("b", 0, 0, "Pump"), choices).kind, FanChoiceKind::firmware);
+    // A choice said afresh carries no old problem.
+    EXPECT_TRUE(parseFanChoice("auto", firmware)->problem.empty());
+}

@@ -21,12 +21,16 @@ SleepWatcher::SleepWatcher(Callbacks callbacks, std::chrono::milliseconds sleepN
 }
 
 void SleepWatcher::subscribe() {
-    QDBusConnection bus = QDBusConnection::systemBus();
+    subscribe(QDBusConnection::systemBus());
+}
+
+void SleepWatcher::subscribe(QDBusConnection bus) {
     if (!bus.isConnected()) {
         if (callbacks_.unavailable) callbacks_.unavailable(bus.lastError().message());
         return;
     }
-    // Only logind's own name: a signal from anyone else on the bus is not a sleep.
+    // Only logind's own name: QtDBus follows the name's owner and drops the signal from any
+    // other sender, even one addressed to Kelvo alone, which the bus itself does not filter.
     const bool subscribed = bus.connect(
         QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
         QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"), this,

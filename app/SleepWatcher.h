@@ -8,6 +8,7 @@
 // never came, and Kelvo takes the fans back.
 #pragma once
 
+#include <QDBusConnection>
 #include <QObject>
 #include <chrono>
 #include <functional>
@@ -39,6 +40,8 @@ public:
 
     // Follows logind's PrepareForSleep; `unavailable` when there is no system bus.
     void subscribe();
+    // The same on `bus` (a private bus in tests).
+    void subscribe(QDBusConnection bus);
     bool sleeping() const { return sleeping_; }
 
 public slots:

@@ -10,6 +10,7 @@
 #include <QVariantMap>
 #include <cstdio>
 #include <cstring>
+#include <set>
 
 #include "app_common/AppBuildInfo.h"
 #include "app_common/FanSettings.h"
@@ -143,6 +144,7 @@ std::vector<KnownFan> knownFans(const std::string& sysfsRoot, const kelvo::FanCh
         fans.push_back({fan.identity, fan.label, fan.currentRPM});
     for (const auto& [identity, choice] : stored) {
         (void)choice;
+        if (identity == kelvo::kEveryOtherFan) continue;  // a stand-in, not a fan
         if (std::none_of(fans.begin(), fans.end(),
                          [&](const KnownFan& f) { return f.identity == identity; }))
             fans.push_back({identity, {}, std::nullopt});
@@ -175,7 +177,19 @@ int listFans(const std::string& sysfsRoot) {
                                                      : "off";
         say(stdout, "%-56s %-16s %8s  %-8s %s%s\n", fan.identity.c_str(),
             fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), stop, choice.c_str(),
-            chosen || choice == "auto" ? "" : " (pump default)");
+            !effective.problem.empty()   ? " (stored choice unreadable)"
+            : chosen || choice == "auto" ? ""
+                                         : " (pump default)");
+    }
+    // Why a fan is with the firmware although the user chose otherwise, once per problem.
+    std::set<std::string> said;
+    for (const auto& [identity, choice] : stored) {
+        if (choice.problem.empty() || !said.insert(choice.problem).second) continue;
+        if (identity == kelvo::kEveryOtherFan)
+            say(stderr, "kelvoctl: %s\n", choice.problem.c_str());
+        else
+            say(stderr, "kelvoctl: %s: the stored choice %s\n", identity.c_str(),
+                choice.problem.c_str());
     }
     return 0;
 }

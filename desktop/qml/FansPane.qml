@@ -54,6 +54,25 @@ Card {
                     color: fansPalette.windowText
                 }
             }
+            // Why the fan is not Kelvo's as chosen: a stored choice that cannot be read, a
+            // helper that refuses the fan, or a floor the helper holds it above.
+            Text {
+                objectName: "fans-status-" + fanRow.index
+                readonly property string problem: fanRow.fan.problem || ""
+                readonly property string heldBack: fanRow.fan.heldBack || ""
+                readonly property int floorPercent: fanRow.fan.floorPercent || 0
+                visible: text.length > 0
+                function sentence(words) { return words.endsWith(".") ? words : words + "." }
+                text: problem.length > 0 ? sentence("Stored choice: " + problem)
+                    : heldBack.length > 0 ? sentence("With the firmware: " + heldBack)
+                    : floorPercent > 0 ? "The helper keeps this fan at no less than "
+                                         + floorPercent + " %."
+                    : ""
+                color: fansPalette.windowText
+                font.pixelSize: 12
+                wrapMode: Text.WordWrap
+                Layout.fillWidth: true
+            }
             RowLayout {
                 spacing: 8
                 SegmentedControl {

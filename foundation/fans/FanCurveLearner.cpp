@@ -201,6 +201,12 @@ int FanCurveLearner::dutyFor(const std::string& identity, double targetRPM,
     const int duty = [&] {
         if (auto calibrating = calibrationDuty(identity, fan, targetRPM, measuredRPM, minRPM, now))
             return *calibrating;
+        if (fan.kick && measuredRPM && *measuredRPM > 0) {
+            // The kick has done its work, whatever is asked next: its duty starts this fan.
+            fan.knowledge.noteStarted(fan.kick->duty);
+            fan.dirty = true;
+            fan.kick.reset();
+        }
         if (isFanStopTarget(targetRPM)) {
             fan.kick.reset();
             fan.kickTried = false;
@@ -209,12 +215,7 @@ int FanCurveLearner::dutyFor(const std::string& identity, double targetRPM,
         }
         const int mapped = mappedDuty(fan, targetRPM, minRPM, maxRPM);
         if (measuredRPM && *measuredRPM > 0) {
-            // Turning: a kick has done its work, and the next rest may be kicked again.
-            if (fan.kick) {
-                fan.knowledge.noteStarted(fan.kick->duty);
-                fan.dirty = true;
-                fan.kick.reset();
-            }
+            // Turning: the next rest may be kicked again.
             fan.kickTried = false;
         } else if (measuredRPM && !fan.kick && !fan.kickTried) {
             // At rest with a speed asked for: a start duty until it turns. One kick per rest,

@@ -150,5 +150,30 @@ TEST_F(FansPane, AnOutOfRangeLimitShowsItsRefusalAndAGoodOneReachesTheEngine) {
     EXPECT_TRUE(waitFor([&] { return engineLimits().performanceTargetC == 66; }));
 }
 
+// A stored choice that cannot be read is said on its row, and the fan is with the firmware.
+TEST_F(FansPane, AStoredChoiceThatCannotBeReadIsSaidOnItsRow) {
+    openWithFans();
+    fans()->setPaneOpen(true);
+    const qsizetype index = simulatedFanIndex();
+    ASSERT_GE(index, 0);
+    const QString n = QString::number(index);
+    const QString identity = fans()->fans()[index].toMap().value("identity").toString();
+    EXPECT_FALSE(item("fans-status-" + n)->isVisible());
+    settings->setValue(fan_settings::choicesKey,
+                       QStringLiteral("{\"%1\":\"fixed 150\"}").arg(identity));
+    settings->sync();
+    fans()->reload();
+    EXPECT_TRUE(waitFor([&] { return item("fans-status-" + n)->isVisible(); }));
+    const QString said = item("fans-status-" + n)->property("text").toString();
+    EXPECT_TRUE(said.startsWith("Stored choice: cannot be read ('fixed 150'"))
+        << said.toStdString();
+    EXPECT_TRUE(said.endsWith(".")) << said.toStdString();
+    EXPECT_GT(item("fans-status-" + n)->height(), 0);
+    EXPECT_EQ(fans()->fans()[index].toMap().value("choice").toString(), "firmware");
+    // Set again from the pane: readable, and the row says nothing more.
+    click("fans-choice-" + n + "-auto");
+    EXPECT_TRUE(waitFor([&] { return !item("fans-status-" + n)->isVisible(); }));
+}
+
 }  // namespace
 }  // namespace kelvo::testing

@@ -189,3 +189,30 @@ TEST_F(KelvoctlFans, LimitsAreShownSetAndRefusedOutOfRange) {
     EXPECT_EQ(r.exitCode, 2);
     EXPECT_EQ(r.err.count(QLatin1Char('\n')), 1) << r.err.toStdString();
 }
+
+// Stored choices that cannot be read: each fan shows the firmware it is left with and why,
+// and the whole-value stand-in is not listed as a fan.
+TEST_F(KelvoctlFans, ChoicesThatCannotBeReadAreSaidAndNoStandInIsListed) {
+    {
+        QSettings settings = stored();
+        settings.setValue(QString::fromLatin1(fan_settings::choicesKey),
+                          QStringLiteral("{\"%1\":\"fixed 150\"}").arg(kFan1));
+    }
+    Result r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_TRUE(lineFor(r.out, kFan1).join(' ').contains(QStringLiteral("firmware (stored choice")))
+        << r.out.toStdString();
+    EXPECT_TRUE(r.err.contains(kFan1 + QStringLiteral(": the stored choice cannot be read")))
+        << r.err.toStdString();
+
+    {
+        QSettings settings = stored();
+        settings.setValue(QString::fromLatin1(fan_settings::choicesKey),
+                          QStringLiteral("{\"%1\":\"auto\"").arg(kFan1));
+    }
+    r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_TRUE(lineFor(r.out, QStringLiteral("*")).isEmpty()) << r.out.toStdString();
+    EXPECT_TRUE(lineFor(r.out, kFan1).contains(QStringLiteral("firmware"))) << r.out.toStdString();
+    EXPECT_TRUE(r.err.contains(QStringLiteral("cannot be read"))) << r.err.toStdString();
+}

@@ -11,13 +11,13 @@
 #include "foundation/core/EventRing.h"
 #include "foundation/fans/HelperFanController.h"
 #include "foundation/telemetry/SystemTelemetryProvider.h"
+#include "tests/helper/HelperNvmlFixture.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace kelvo {
 namespace {
 
 using namespace std::chrono_literals;
-using test_support::buildHelperBoard;
 using test_support::FakeSysfs;
 using test_support::HelperDaemon;
 using test_support::kChip;
@@ -30,23 +30,8 @@ namespace hp = helper_protocol;
 constexpr auto kDeadline = 15000ms;
 constexpr const char* kGpuFan0 = "nvidia@00000000:65:00.0#fan0";
 
-class HelperGiveBack : public ::testing::Test {
+class HelperGiveBack : public test_support::HelperWithFakeNvml {
 protected:
-    void SetUp() override {
-        buildHelperBoard(sys);
-        runtime = test_support::makeTempDir("kelvo-helper-giveback");
-        driverLog = runtime / "nvml.log";
-        daemon = std::make_unique<HelperDaemon>(
-            sys.root().string(), runtime,
-            std::vector<std::string>{"--nvml-library", KELVO_FAKE_NVML_LIBRARY});
-        daemon->setEnvironment("KELVO_FAKE_NVML_LOG", driverLog.string());
-        ASSERT_TRUE(daemon->start()) << daemon->log();
-    }
-    void TearDown() override {
-        daemon.reset();
-        std::error_code ec;
-        std::filesystem::remove_all(runtime, ec);
-    }
     std::string chipFile(const char* name) const {
         return sys.read(std::string(kChip) + name).value_or("<missing>");
     }
@@ -70,11 +55,6 @@ protected:
             if (fan.identity == identity) return fan;
         return std::nullopt;
     }
-
-    FakeSysfs sys;
-    std::filesystem::path runtime;
-    std::filesystem::path driverLog;
-    std::unique_ptr<HelperDaemon> daemon;
 };
 
 TEST_F(HelperGiveBack, NvidiaAndHwmonFansHeldWhenTheHelperIsKilledGoBackAtItsNextStart) {

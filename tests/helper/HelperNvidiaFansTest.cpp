@@ -3,13 +3,13 @@
 // client goes away.
 #include <gtest/gtest.h>
 
+#include "tests/helper/HelperNvmlFixture.h"
 #include "tests/helper/HelperTestSupport.h"
 
 namespace kelvo {
 namespace {
 
 using namespace std::chrono_literals;
-using test_support::buildHelperBoard;
 using test_support::FakeSysfs;
 using test_support::HelperDaemon;
 using test_support::RawConnection;
@@ -21,23 +21,8 @@ constexpr auto kDeadline = 15000ms;
 constexpr const char* kGpuFan0 = "nvidia@00000000:65:00.0#fan0";
 constexpr const char* kGpuFan1 = "nvidia@00000000:65:00.0#fan1";
 
-class HelperNvidiaFans : public ::testing::Test {
+class HelperNvidiaFans : public test_support::HelperWithFakeNvml {
 protected:
-    void SetUp() override {
-        buildHelperBoard(sys);
-        runtime = test_support::makeTempDir("kelvo-helper-nvml");
-        driverLog = runtime / "nvml.log";
-        daemon = std::make_unique<HelperDaemon>(
-            sys.root().string(), runtime,
-            std::vector<std::string>{"--nvml-library", KELVO_FAKE_NVML_LIBRARY});
-        daemon->setEnvironment("KELVO_FAKE_NVML_LOG", driverLog.string());
-        ASSERT_TRUE(daemon->start()) << daemon->log();
-    }
-    void TearDown() override {
-        daemon.reset();
-        std::error_code ec;
-        std::filesystem::remove_all(runtime, ec);
-    }
     std::optional<hp::Inventory> list(RawConnection& connection) {
         if (!connection.sendRequest(hp::Request::of(hp::Op::list))) return std::nullopt;
         const auto reply = connection.reply(kDeadline);
@@ -51,11 +36,6 @@ protected:
             if (fan.identity == identity) return &fan;
         return nullptr;
     }
-
-    FakeSysfs sys;
-    std::filesystem::path runtime;
-    std::filesystem::path driverLog;
-    std::unique_ptr<HelperDaemon> daemon;
 };
 
 TEST_F(HelperNvidiaFans, AreListedTakenAndHandedBackToTheDriverWhenTheClientGoes) {

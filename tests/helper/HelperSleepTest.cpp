@@ -221,6 +221,13 @@ protected:
                    kDeadline)
             .has_value();
     }
+    // The helper on `bus`, once its sleep match is in place.
+    void startFollowing(const PrivateBus& bus) {
+        daemon = std::make_unique<HelperDaemon>(sys.root().string(), runtime);
+        daemon->setEnvironment("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
+        ASSERT_TRUE(daemon->start()) << daemon->log();
+        ASSERT_TRUE(subscribed()) << daemon->log();
+    }
     // Waits for `condition` while renewing the lease of `client`, as a live client does.
     bool waitRenewing(HelperClient& client, const std::function<bool()>& condition) {
         auto lastRenew = test_support::SteadyClock::now();
@@ -247,10 +254,7 @@ TEST_F(HelperSleepTest, SleepGivesFansBackAndResumeRetakesThemAtTheClientsDuty) 
     FakeLogind logind(bus.address());
     ASSERT_TRUE(logind.ownsName());
 
-    daemon = std::make_unique<HelperDaemon>(sys.root().string(), runtime);
-    daemon->setEnvironment("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
-    ASSERT_TRUE(daemon->start()) << daemon->log();
-    ASSERT_TRUE(subscribed()) << daemon->log();
+    ASSERT_NO_FATAL_FAILURE(startFollowing(bus));
     HelperClient client(daemon->socketPath());
     ASSERT_TRUE(client.call(hp::Request::targetPWM(kFan1, 200)).ok());
     ASSERT_TRUE(client.call(hp::Request::targetPWM(kFan2, 150)).ok());
@@ -289,10 +293,7 @@ TEST_F(HelperSleepTest, AClientGoneDuringSleepIsNotRetaken) {
     ASSERT_TRUE(bus.waitReady());
     FakeLogind logind(bus.address());
     ASSERT_TRUE(logind.ownsName());
-    daemon = std::make_unique<HelperDaemon>(sys.root().string(), runtime);
-    daemon->setEnvironment("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
-    ASSERT_TRUE(daemon->start()) << daemon->log();
-    ASSERT_TRUE(subscribed()) << daemon->log();
+    ASSERT_NO_FATAL_FAILURE(startFollowing(bus));
     {
         HelperClient client(daemon->socketPath());
         ASSERT_TRUE(client.call(hp::Request::targetPWM(kFan1, 200)).ok());
@@ -333,10 +334,7 @@ TEST_F(HelperSleepTest, ASleepSignalSentToTheHelperByAnotherPeerChangesNoFan) {
     ASSERT_TRUE(bus.waitReady());
     FakeLogind logind(bus.address());
     ASSERT_TRUE(logind.ownsName());
-    daemon = std::make_unique<HelperDaemon>(sys.root().string(), runtime);
-    daemon->setEnvironment("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
-    ASSERT_TRUE(daemon->start()) << daemon->log();
-    ASSERT_TRUE(subscribed()) << daemon->log();
+    ASSERT_NO_FATAL_FAILURE(startFollowing(bus));
     HelperClient client(daemon->socketPath());
     ASSERT_TRUE(client.call(hp::Request::targetPWM(kFan1, 200)).ok());
 
@@ -365,10 +363,7 @@ TEST_F(HelperSleepTest, ARestartedLogindIsObeyedAndItsOldNameIsNot) {
     ASSERT_TRUE(bus.waitReady());
     auto logind = std::make_unique<FakeLogind>(bus.address());
     ASSERT_TRUE(logind->ownsName());
-    daemon = std::make_unique<HelperDaemon>(sys.root().string(), runtime);
-    daemon->setEnvironment("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
-    ASSERT_TRUE(daemon->start()) << daemon->log();
-    ASSERT_TRUE(subscribed()) << daemon->log();
+    ASSERT_NO_FATAL_FAILURE(startFollowing(bus));
     HelperClient client(daemon->socketPath());
     ASSERT_TRUE(client.call(hp::Request::targetPWM(kFan1, 200)).ok());
 
@@ -401,10 +396,7 @@ TEST_F(HelperSleepTest, AFloodOfForgedSleepSignalsReleasesNothing) {
     ASSERT_TRUE(bus.waitReady());
     FakeLogind logind(bus.address());
     ASSERT_TRUE(logind.ownsName());
-    daemon = std::make_unique<HelperDaemon>(sys.root().string(), runtime);
-    daemon->setEnvironment("DBUS_SYSTEM_BUS_ADDRESS", bus.address());
-    ASSERT_TRUE(daemon->start()) << daemon->log();
-    ASSERT_TRUE(subscribed()) << daemon->log();
+    ASSERT_NO_FATAL_FAILURE(startFollowing(bus));
     HelperClient client(daemon->socketPath());
     ASSERT_TRUE(client.call(hp::Request::targetPWM(kFan1, 200)).ok());
 

@@ -183,6 +183,7 @@ void FixedViewportTrendHostItem::stopDisplayLink(bool release) {
 }
 
 void FixedViewportTrendHostItem::queueTick(bool force) {
+    if (force) inputsChanged_ = true;
     if (!window() || tickQueued_) return;
     const double t = mediaClock_();
     if (!force && lastTickEnqueueAt_ > 0 && t - lastTickEnqueueAt_ < kMinimumTickInterval) return;
@@ -226,10 +227,12 @@ void FixedViewportTrendHostItem::tick() {
     refreshWindowVisibility(now);
     if (viewCanDraw()) {
         advanceFrame(now);
-        if (renderer_.frameInFlight())
-            redrawPending_ = true;
-        else
-            requestFrame();
+        if (inputsChanged_ || currentFrameContent() != lastRequestedContent_) {
+            if (renderer_.frameInFlight())
+                redrawPending_ = true;
+            else
+                requestFrame();
+        }
     }
     if (!shouldRunDisplayLink(now)) {
         if (displayLinkRunning_) stopDisplayLink(false);
@@ -238,8 +241,28 @@ void FixedViewportTrendHostItem::tick() {
     }
 }
 
+FixedViewportTrendHostItem::FrameContent FixedViewportTrendHostItem::currentFrameContent() const {
+    const double scale = backingScale();
+    const auto device = [scale](double points) { return std::llround(points * scale); };
+    FrameContent content;
+    content.shift = device(renderer_.shiftPixels());
+    // A scrolling label moves with the chart, so its place is kept relative to the shift: it
+    // asks for no frame of its own as it crosses a pixel at another moment than the plot does.
+    const auto add = [&](const FixedViewportTrendLabelSprite& sprite, double scrolledBy) {
+        content.labels.push_back({sprite.text, device(sprite.frame.x() + scrolledBy),
+                                  device(sprite.frame.y()),
+                                  static_cast<int>(std::lround(sprite.opacity * 255.0f))});
+    };
+    const double laidOutAt = lastXAxisLabelShiftPixels_.value_or(renderer_.shiftPixels());
+    for (const auto& sprite : scrollingLabelSpritesScratch_) add(sprite, laidOutAt);
+    if (liveLabelSprite_) add(*liveLabelSprite_, 0);
+    return content;
+}
+
 void FixedViewportTrendHostItem::requestFrame() {
     redrawPending_ = false;
+    inputsChanged_ = false;
+    lastRequestedContent_ = currentFrameContent();
     ++requestedFrameCount_;
     QQuickItem::update();
 }

@@ -87,6 +87,23 @@ public:
     // Frames asked of the scene graph so far.
     quint64 requestedFrameCount() const { return requestedFrameCount_; }
 
+    // What a frame would show, rounded to device pixels. A display-link tick asks for a frame
+    // only when this differs from the last frame's: on a slow window the chart moves a pixel
+    // every few ticks, and a frame in between would look the same at the cost of a full one.
+    struct FrameLabel {
+        std::string text;
+        long long x = 0;
+        long long y = 0;
+        int alpha = 0;  // of 255
+        bool operator==(const FrameLabel&) const = default;
+    };
+    struct FrameContent {
+        long long shift = 0;
+        std::vector<FrameLabel> labels;
+        bool operator==(const FrameContent&) const = default;
+    };
+    FrameContent currentFrameContent() const;
+
 signals:
     void displayLinkRunningChanged();
 
@@ -139,6 +156,9 @@ private:
     double labelAscent_ = 0;
     bool redrawPending_ = false;
     quint64 requestedFrameCount_ = 0;
+    // What the last frame asked for shows, in device pixels, and whether an input changed since.
+    std::optional<FrameContent> lastRequestedContent_;
+    bool inputsChanged_ = true;
     QPointer<QQuickWindow> attachedWindow_;
     QMetaObject::Connection frameSwappedConnection_;
     WallClock wallClock_;

@@ -1,8 +1,11 @@
 // kelvo_dashboard_probe: runs the dashboard window on the simulated machine and reports what it
 // costs: time to the first frame, CPU use and frames while visible and while hidden, and the
-// resident memory after each span. Needs a display (xvfb-run works).
+// resident memory after each span, and how far the chart's content moved between consecutive
+// chart frames (in device pixels: more than one is a visible jump). Needs a display (xvfb-run
+// works); QT_SCALE_FACTOR=2 gives the 2x figures.
 //
 //   kelvo_dashboard_probe [--visible-seconds N] [--hidden-seconds N] [--settle-seconds N]
+//                         [--trend-window oneMinute|fiveMinutes]
 #include <sys/resource.h>
 
 #include <QApplication>
@@ -13,14 +16,18 @@
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <optional>
 
 #include "app/AppRuntime.h"
+#include "dashboard/TrendSectionModel.h"
 #include "desktop/AppLifecycleController.h"
 #include "desktop/DashboardView.h"
 #include "desktop/DashboardViewModel.h"
 #include "live/LiveDashboardStore.h"
+#include "trend_render/FixedViewportTrendHostItem.h"
 
 namespace {
 
@@ -56,6 +63,26 @@ struct Span {
     quint64 frames;
     quint64 viewUpdates;
     long residentKiB;
+    double largestChartStep;  // device pixels between consecutive chart frames
+    quint64 chartFrames;
+};
+
+// Read on the render thread while the GUI thread waits for the sync, so the item is still.
+struct ChartSteps {
+    std::atomic<quint64> chartFrames{0};
+    std::atomic<double> largest{0};
+    quint64 lastRequest = 0;
+    std::optional<double> lastShift;
+    void sync(kelvo::FixedViewportTrendHostItem* host, double scale) {
+        if (!host || host->requestedFrameCount() == lastRequest) return;
+        lastRequest = host->requestedFrameCount();
+        const double shift = host->renderer().shiftPixels() * scale;
+        // A new snapshot starts the shift again from its own domain: not a step.
+        if (lastShift && shift >= *lastShift)
+            largest = std::max(largest.load(), shift - *lastShift);
+        lastShift = shift;
+        ++chartFrames;
+    }
 };
 
 }  // namespace
@@ -69,10 +96,15 @@ int main(int argc, char** argv) {
     const double visibleSeconds = argument(arguments, QStringLiteral("--visible-seconds"), 60);
     const double hiddenSeconds = argument(arguments, QStringLiteral("--hidden-seconds"), 60);
     const double settleSeconds = argument(arguments, QStringLiteral("--settle-seconds"), 5);
+    const qsizetype windowAt = arguments.indexOf(QStringLiteral("--trend-window"));
+    const QString trendWindow =
+        windowAt >= 0 && windowAt + 1 < arguments.size() ? arguments[windowAt + 1] : QString();
 
     QTemporaryDir home;
     qputenv("XDG_DATA_HOME", home.filePath(QStringLiteral("data")).toUtf8());
     QSettings settings(home.filePath(QStringLiteral("settings.ini")), QSettings::IniFormat);
+    if (!trendWindow.isEmpty())
+        settings.setValue(QLatin1String(kelvo::TrendSectionModel::kTrendWindowKey), trendWindow);
     kelvo::AppRuntimeOptions options;
     options.arguments = {QStringLiteral("--harness-simulated-fans")};
     options.settings = &settings;
@@ -94,6 +126,12 @@ int main(int argc, char** argv) {
     }
     std::printf("first dashboard frame: %lld ms after launch\n",
                 static_cast<long long>(launch.elapsed()));
+    auto* chart = window->findChild<kelvo::FixedViewportTrendHostItem*>();
+    ChartSteps steps;
+    const double scale = window->effectiveDevicePixelRatio();
+    QObject::connect(
+        window, &QQuickWindow::afterSynchronizing, window,
+        [&steps, chart, scale] { steps.sync(chart, scale); }, Qt::DirectConnection);
 
     // Let the chart catch up with its reveal before measuring.
     runFor(settleSeconds);
@@ -101,19 +139,28 @@ int main(int argc, char** argv) {
         const double cpu = cpuSeconds();
         const quint64 frames0 = frames.load();
         const quint64 updates0 = window->viewModel()->refreshCount();
+        const quint64 chartFrames0 = steps.chartFrames.load();
+        steps.largest = 0;
         runFor(seconds);
-        return Span{(cpuSeconds() - cpu) / seconds, frames.load() - frames0,
-                    window->viewModel()->refreshCount() - updates0, residentKiB()};
+        return Span{(cpuSeconds() - cpu) / seconds,
+                    frames.load() - frames0,
+                    window->viewModel()->refreshCount() - updates0,
+                    residentKiB(),
+                    steps.largest.load(),
+                    steps.chartFrames.load() - chartFrames0};
     };
     const Span visible = measure(visibleSeconds);
     window->close();
     const Span hidden = measure(hiddenSeconds);
     const auto print = [](const char* name, double seconds, const Span& span) {
         std::printf(
-            "%s for %.0f s: CPU %.1f ms per second, %llu frames, %llu view updates, "
-            "resident %ld KiB at the end\n",
+            "%s for %.0f s: CPU %.1f ms per second, %llu frames (%.1f a second), %llu chart "
+            "frames, largest chart step %.2f device px, %llu view updates, resident %ld KiB at "
+            "the end\n",
             name, seconds, span.cpuPerSecond * 1000, static_cast<unsigned long long>(span.frames),
-            static_cast<unsigned long long>(span.viewUpdates), span.residentKiB);
+            span.frames / seconds, static_cast<unsigned long long>(span.chartFrames),
+            span.largestChartStep, static_cast<unsigned long long>(span.viewUpdates),
+            span.residentKiB);
     };
     print("visible", visibleSeconds, visible);
     print("hidden", hiddenSeconds, hidden);

@@ -89,15 +89,31 @@ protected:
     std::atomic<quint64> syncedRequests{0};
 };
 
-TEST_F(HostWindow, AnAnimatingChartRequestsFramesThroughItsFrameSource) {
+TEST_F(HostWindow, AnAnimatingChartAsksForAFrameOnlyWhenItsContentMovesAPixel) {
     useFakeWallClock();
     showWindow();
-    // The fake wall clock stands still: the display never catches up.
+    // The fake wall clock stands still: the display has not caught up, and the frame source
+    // keeps ticking, but nothing on the chart moves.
     give(test::snapshotEndingAt(clocks.wall), clocks.wall);
     EXPECT_TRUE(host->displayLinkRunning());
-    // Frames keep coming: a chart that stops animating never gets there.
-    EXPECT_TRUE(framesArrive(6));
+    ASSERT_TRUE(test::waitFor([this] {
+        return syncedRequests == host->requestedFrameCount() && !host->renderer().frameInFlight();
+    }));
+    const quint64 still = host->requestedFrameCount();
+    test::processFor(300);
     EXPECT_TRUE(host->displayLinkRunning());
+    EXPECT_EQ(host->requestedFrameCount(), still);
+
+    // A 60 s window over a 360 px plot moves 6 px a second: each third of a second is two
+    // pixels, and a frame comes for each.
+    for (int step = 1; step <= 2; ++step) {
+        const double shiftBefore = host->renderer().shiftPixels();
+        const quint64 before = host->requestedFrameCount();
+        clocks.wall += 1.0 / 3.0;
+        ASSERT_TRUE(test::waitFor([&] { return host->requestedFrameCount() > before; })) << step;
+        EXPECT_GT(host->renderer().shiftPixels() - shiftBefore, 1.0) << step;
+        EXPECT_TRUE(framesArrive(1)) << step;
+    }
 }
 
 TEST_F(HostWindow, ATickWhileAFrameIsInFlightAsksForNoFrame) {
@@ -121,7 +137,9 @@ TEST_F(HostWindow, AHiddenWindowGetsNoFrames) {
     useFakeWallClock();
     showWindow();
     give(test::snapshotEndingAt(clocks.wall), clocks.wall);
-    ASSERT_TRUE(test::waitFor([this] { return frames > 3; }));
+    ASSERT_TRUE(test::waitFor([this] {
+        return syncedRequests == host->requestedFrameCount() && !host->renderer().frameInFlight();
+    }));
     window->hide();
     ASSERT_TRUE(frameSourceStopped());
     const quint64 requested = host->requestedFrameCount();

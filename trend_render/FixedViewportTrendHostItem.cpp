@@ -84,7 +84,7 @@ void FixedViewportTrendHostItem::update(const FixedViewportTrendSnapshot& snapsh
     renderer_.setLiveRevealProgress(
         currentLiveRevealProgress(currentDisplayUpperBound(now, false)));
     syncScrollingXAxisLabels();
-    const double shift = currentShiftPixels();
+    const double shift = wholeDevicePixels(currentShiftPixels());
     renderer_.setShiftPixels(shift);
     updateXAxisLabels(shift);
     lastXAxisLabelUpdateAt_ = mediaClock_();
@@ -122,6 +122,13 @@ double FixedViewportTrendHostItem::currentShiftPixels(std::optional<Timestamp> u
     const Timestamp bound = upper ? *upper : currentDisplayUpperBound(wallClock_(), false);
     return (bound - domainEndDate(*snapshot_)) / snapshot_->viewportDomain.visibleWindowSeconds *
            plotFrame_.width();
+}
+
+double FixedViewportTrendHostItem::wholeDevicePixels(double shiftPixels) const {
+    // Drawn on whole device pixels, the content moves exactly one pixel from frame to frame;
+    // a shift in between would only blur the step the next frame makes anyway.
+    const double scale = backingScale();
+    return std::round(shiftPixels * scale) / scale;
 }
 
 double FixedViewportTrendHostItem::currentLiveRevealProgress(std::optional<Timestamp> upper) {
@@ -212,7 +219,7 @@ void FixedViewportTrendHostItem::refreshWindowVisibility(Timestamp now) {
 
 void FixedViewportTrendHostItem::advanceFrame(Timestamp now) {
     const Timestamp upper = currentDisplayUpperBound(now, true);
-    const double shift = currentShiftPixels(upper);
+    const double shift = wholeDevicePixels(currentShiftPixels(upper));
     renderer_.setShiftPixels(shift);
     renderer_.setLiveRevealProgress(currentLiveRevealProgress(upper));
     updateXAxisLabelsIfNeeded(now, shift, false);
@@ -515,7 +522,8 @@ void FixedViewportTrendHostItem::geometryChange(const QRectF& newGeometry,
     QQuickItem::geometryChange(newGeometry, oldGeometry);
     const Timestamp now = wallClock_();
     refreshWindowVisibility(now);
-    const double shift = currentShiftPixels(currentDisplayUpperBound(now, false));
+    const double shift =
+        wholeDevicePixels(currentShiftPixels(currentDisplayUpperBound(now, false)));
     updateXAxisLabels(shift);
     lastXAxisLabelUpdateAt_ = mediaClock_();
     lastXAxisLabelShiftPixels_ = shift;

@@ -51,6 +51,7 @@ public:
     Timestamp currentDisplayUpperBound(Timestamp now, bool advance);
     Timestamp liveAnimationUpperBound(const FixedViewportTrendSnapshot& snapshot) const;
     double currentShiftPixels(std::optional<Timestamp> displayUpperBound = std::nullopt);
+    double wholeDevicePixels(double shiftPixels) const;
     double currentLiveRevealProgress(std::optional<Timestamp> displayUpperBound = std::nullopt);
     bool shouldRunDisplayLink(Timestamp now);
     void queueTick(bool force);

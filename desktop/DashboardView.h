@@ -31,6 +31,8 @@ public:
     double fittingContentHeight() const;
 
 private:
+    void useCheapRendering();
+
     DashboardViewModel* viewModel_;
     TrendSectionModel* trendModel_;
 };

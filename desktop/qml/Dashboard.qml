@@ -5,12 +5,11 @@ import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
 
-Rectangle {
+Item {
     id: root
     objectName: "surface-root"
     Accessible.name: "Kelvo Root Surface"
     Accessible.role: Accessible.Pane
-    color: palette.window
     implicitWidth: minimumContentWidth
     implicitHeight: stack.implicitHeight + 2 * layout.windowGutter
 
@@ -25,6 +24,15 @@ Rectangle {
             + Math.max(trendCard.minimumRowWidth, captureCard.minimumRowWidth)))
 
     SystemPalette { id: palette; colorGroup: SystemPalette.Active }
+
+    // The window's clear paints the background: an item filling the window would paint every
+    // pixel a second time on each frame.
+    Binding {
+        target: root.Window.window
+        when: root.Window.window !== null
+        property: "color"
+        value: palette.window
+    }
 
     // The series' colours; the live metrics card warns in GPU Temp's red and an active capture
     // takes the Watts orange.

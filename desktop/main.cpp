@@ -1,8 +1,9 @@
 // kelvo: runs the thermal-control runtime with its tray item and dashboard window. With
 // "--headless" it runs without any window and logs one line per card update; SIGINT/SIGTERM give
-// the fans back and exit cleanly either way.
+// the fans back and exit cleanly either way. `kelvo --help` lists every flag
+// (app_common/KelvoCommandLine); a flag it does not know is an error (exit 2).
 // "--autostart on|off" adds or removes the desktop's autostart entry and exits.
-// "--report-first-frame" prints how long the launch took to the dashboard's first frame.
+// "--mode M" starts in mode M and keeps it as the user's choice.
 // "--capture [--capture-notes TEXT]" records a beta capture from launch: the first SIGINT stops
 // it, finalizes, exports and packages it, and prints the bundle's path as the last line.
 #include <sys/socket.h>
@@ -18,8 +19,10 @@
 #include <memory>
 
 #include "app/AppRuntime.h"
+#include "app/ControlModeStore.h"
 #include "app/HeadlessLog.h"
 #include "app/MetricsExporter.h"
+#include "app_common/KelvoCommandLine.h"
 #include "capture/CaptureCoordinator.h"
 #include "desktop/AutostartEntry.h"
 #include "desktop/DashboardView.h"
@@ -70,18 +73,8 @@ bool displayAvailable() {
            nonEmptyEnvironment("QT_QPA_PLATFORM");
 }
 
-bool wantsHeadless(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i)
-        if (QLatin1String(argv[i]) == QLatin1String("--headless")) return true;
-    return false;
-}
-
 int applyAutostart(const QStringList& arguments) {
     const QString choice = argumentValue(arguments, QStringLiteral("--autostart"));
-    if (choice != QLatin1String("on") && choice != QLatin1String("off")) {
-        printLine(stderr, QStringLiteral("kelvo: --autostart takes \"on\" or \"off\""));
-        return 2;
-    }
     const bool enable = choice == QLatin1String("on");
     if (!kelvo::setAutostartEnabled(enable, QCoreApplication::applicationFilePath())) {
         printLine(stderr, QStringLiteral("kelvo: cannot change ") + kelvo::autostartEntryPath());
@@ -97,7 +90,22 @@ int applyAutostart(const QStringList& arguments) {
 int main(int argc, char** argv) {
     QElapsedTimer launchClock;
     launchClock.start();
-    const bool headless = wantsHeadless(argc, argv);
+    // Read before anything else: --help, --version and a mistyped flag answer without a display,
+    // and a mistyped flag never starts Kelvo on the real fans.
+    const kelvo::KelvoCommandLine commandLine = kelvo::KelvoCommandLine::parse(argc, argv);
+    switch (commandLine.outcome) {
+        case kelvo::KelvoCommandLine::Outcome::help:
+        case kelvo::KelvoCommandLine::Outcome::version:
+            std::fputs(commandLine.text.toUtf8().constData(), stdout);
+            std::fputs(commandLine.text.endsWith(QLatin1Char('\n')) ? "" : "\n", stdout);
+            return 0;
+        case kelvo::KelvoCommandLine::Outcome::error:
+            printLine(stderr, QStringLiteral("kelvo: ") + commandLine.text);
+            std::fputs(kelvo::KelvoCommandLine::helpText().toUtf8().constData(), stderr);
+            return 2;
+        case kelvo::KelvoCommandLine::Outcome::run: break;
+    }
+    const bool headless = commandLine.headless;
     if (!headless && !displayAvailable()) {
         std::fprintf(stderr,
                      "kelvo: no display found (neither X11 nor Wayland: DISPLAY and "
@@ -115,16 +123,24 @@ int main(int argc, char** argv) {
     QCoreApplication::setApplicationName(QStringLiteral("Kelvo"));
     QCoreApplication::setApplicationVersion(QStringLiteral(KELVO_VERSION_STRING));
 
-    const QStringList arguments = QCoreApplication::arguments();
+    const QStringList arguments = commandLine.arguments;
     if (arguments.contains(QStringLiteral("--autostart"))) return applyAutostart(arguments);
     QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
     // A second windowed launch shows the running Kelvo's dashboard and leaves.
     if (!headless &&
         kelvo::ReopenBridge::claimOrForward() == kelvo::ReopenBridge::Claim::alreadyRunning) {
         printLine(stdout, QStringLiteral("kelvo: already running; its dashboard is shown"));
-        return 0;
+        if (commandLine.mode)
+            printLine(stderr,
+                      QStringLiteral("kelvo: --mode was not applied: choose the mode in the "
+                                     "running Kelvo's window, or with `kelvoctl mode` "
+                                     "when it runs with --allow-external-control"));
+        return commandLine.mode ? 1 : 0;
     }
     if (!headless) kelvo::KelvoApp::willFinishLaunching(settings);
+    // The runtime starts in the stored mode: storing the asked-for one first makes it the mode of
+    // the very first tick, and the user's choice from then on, as choosing it in the window is.
+    if (commandLine.mode) kelvo::ControlModeStore(&settings).select(*commandLine.mode);
     const bool captureMode = arguments.contains(QStringLiteral("--capture"));
     if (!installSignalHandlers()) {
         std::perror("kelvo: cannot install signal handlers");

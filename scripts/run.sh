@@ -20,4 +20,4 @@ if compgen -G "/sys/class/hwmon/hwmon*/pwm[0-9]_enable" >/dev/null; then
   exec ./build/default/desktop/kelvo "${window[@]}"
 fi
 echo "run: no controllable fans found; using the simulated machine"
-exec ./build/default/desktop/kelvo "${window[@]}" --harness-simulated-fans
+exec ./build/default/desktop/kelvo "${window[@]}" --simulated-fans

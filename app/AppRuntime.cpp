@@ -126,7 +126,8 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
         }
     }
     // 12. External control.
-    if (acceptsExternalModeControl_) installExternalModeObserver();
+    // Listened to also when not accepted: kelvoctl is then told why nothing happened.
+    installExternalModeObserver();
     // 12b. Sleep and resume, from logind on the system bus.
     SleepWatcher::Callbacks sleep;
     sleep.changed = [this](bool sleeping) {
@@ -197,7 +198,6 @@ void AppRuntime::installExternalModeObserver() {
 }
 
 void AppRuntime::queueExternalMode(ControlMode mode) {
-    if (!acceptsExternalModeControl_) return;
     externalRequests_->queueMode(mode);
 }
 
@@ -206,15 +206,42 @@ void AppRuntime::queueExternalCooldown(bool enabled) {
 }
 
 void AppRuntime::applyExternalRequests(const ExternalRequestQueue::Batch& batch) {
+    const QString modeRequest =
+        batch.mode ? QStringLiteral("mode ") + QString::fromUtf8(rawValue(*batch.mode).data())
+                   : QString();
+    const QString cooldownRequest =
+        batch.cooldown ? QStringLiteral("cooldown ") +
+                             (*batch.cooldown ? QStringLiteral("on") : QStringLiteral("off"))
+                       : QString();
+    if (!acceptsExternalModeControl_) {
+        const QString why = QStringLiteral(
+            "Kelvo takes no mode or cooldown requests from other programs: it was started "
+            "without --allow-external-control. Choose in Kelvo's window, or start it with that "
+            "flag.");
+        for (const QString& request : {modeRequest, cooldownRequest})
+            if (!request.isEmpty()) externalBridge_->answer(request, false, why);
+        return;
+    }
     // Only a change is applied: a repeated request writes no setting and records no event.
-    if (batch.mode && *batch.mode != mode()) {
-        ++externalRequestsApplied_;
-        setMode(*batch.mode);
+    if (batch.mode) {
+        const QString name = QString::fromUtf8(displayName(*batch.mode).data());
+        if (*batch.mode != mode()) {
+            ++externalRequestsApplied_;
+            setMode(*batch.mode);
+            externalBridge_->answer(modeRequest, true,
+                                    QStringLiteral("Kelvo switched to %1.").arg(name));
+        } else {
+            externalBridge_->answer(modeRequest, true,
+                                    QStringLiteral("Kelvo was already in %1.").arg(name));
+        }
     }
     if (batch.cooldown) {
         ++externalRequestsApplied_;
         loopCall(*controlLoop_,
                  [enabled = *batch.cooldown](ControlEngine& e) { e.setCooldownEnabled(enabled); });
+        externalBridge_->answer(cooldownRequest, true,
+                                *batch.cooldown ? QStringLiteral("Kelvo started a cooldown.")
+                                                : QStringLiteral("Kelvo ended the cooldown."));
     }
 }
 

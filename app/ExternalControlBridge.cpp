@@ -77,6 +77,17 @@ std::optional<ExternalPayload> ExternalControlBridge::payloadFrom(const QDBusMes
     return payload;
 }
 
+void ExternalControlBridge::answer(const QString& request, bool applied, const QString& message) {
+    auto bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) return;
+    auto signal = QDBusMessage::createSignal(
+        QString::fromLatin1(ExternalControl::objectPath),
+        QString::fromLatin1(ExternalControl::interfaceName),
+        QString::fromLatin1(ExternalControl::requestAnsweredNotificationName));
+    signal << request << applied << message;
+    bus.send(signal);
+}
+
 void ExternalControlBridge::onSetMode(const QDBusMessage& message) {
     auto payload = payloadFrom(message);
     if (!payload) return;

@@ -21,6 +21,8 @@ public:
     // Subscribes to FanSettingsChanged only; false when there is no session bus.
     bool installFanSettingsWatch();
     bool isInstalled() const { return installed_; }
+    // Broadcasts Kelvo's answer to a request ("mode quiet", "cooldown on") for kelvoctl to show.
+    void answer(const QString& request, bool applied, const QString& message);
 
     // Exposed for tests: the conversion of one D-Bus message's arguments.
     static std::optional<ExternalPayload> payloadFrom(const QDBusMessage& message);

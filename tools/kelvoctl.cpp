@@ -4,13 +4,17 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDir>
+#include <QEventLoop>
 #include <QSettings>
 #include <QStringList>
+#include <QTimer>
 #include <QUuid>
 #include <QVariantMap>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <set>
+#include <utility>
 
 #include "app_common/AppBuildInfo.h"
 #include "app_common/FanSettings.h"
@@ -32,6 +36,8 @@ namespace {
 using kelvo::kelvoctl::say;
 
 constexpr int kUsageError = 2;
+// Kelvo answers a request some 50 ms after it arrives; a busy machine gets far longer.
+constexpr int kAnswerWaitMs = 5000;
 
 QString modeList() {
     QStringList names;
@@ -50,7 +56,8 @@ int usage() {
         "on|off>\n"
         "       kelvoctl [--sysfs-root PATH] [--database PATH] fan IDENTITY calibrate\n"
         "       kelvoctl [--sysfs-root PATH] limits [<cpu|gpu|performance> N]\n"
-        "Kelvo only accepts mode and cooldown when it was started with --allow-external-control;\n"
+        "mode and cooldown wait for the running Kelvo's answer and say what it did (exit 0) or\n"
+        "why not (exit 1): it takes them only when started with --allow-external-control;\n"
         "fan choices and limits are stored in Kelvo's settings and a running Kelvo re-reads "
         "them.\n"
         "'stop on' lets auto control stop the fan while every temperature is well under its "
@@ -62,13 +69,40 @@ int usage() {
     return kUsageError;
 }
 
-int send(const char* signal, const QVariantMap& payload) {
+// Kelvo's answer to one request, caught from the bus.
+class AnswerCatcher : public QObject {
+    Q_OBJECT
+public:
+    explicit AnswerCatcher(QString request) : request_(std::move(request)) {}
+    std::optional<std::pair<bool, QString>> answer;
+    QEventLoop loop;
+public slots:
+    void onAnswer(const QString& request, bool applied, const QString& message) {
+        if (request != request_ || answer) return;
+        answer = std::make_pair(applied, message.left(kMaxAnswerLength));
+        loop.quit();
+    }
+
+private:
+    // Anyone on the bus may send one: a long one is cut, not shown whole.
+    static constexpr qsizetype kMaxAnswerLength = 400;
+    QString request_;
+};
+
+// Sends the request and waits for Kelvo's answer: 0 when Kelvo applied it, 1 when it refused or
+// none answered, each said in a line.
+int send(const char* signal, const QVariantMap& payload, const QString& request) {
     auto bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
         say(stderr, "kelvoctl: no session bus: %s\n",
             bus.lastError().message().toUtf8().constData());
         return 1;
     }
+    AnswerCatcher catcher(request);
+    bus.connect(QString(), QString::fromLatin1(kelvo::ExternalControl::objectPath),
+                QString::fromLatin1(kelvo::ExternalControl::interfaceName),
+                QString::fromLatin1(kelvo::ExternalControl::requestAnsweredNotificationName),
+                &catcher, SLOT(onAnswer(QString, bool, QString)));
     auto message = QDBusMessage::createSignal(kelvo::ExternalControl::objectPath,
                                               kelvo::ExternalControl::interfaceName, signal);
     message << payload;
@@ -77,11 +111,18 @@ int send(const char* signal, const QVariantMap& payload) {
             bus.lastError().message().toUtf8().constData());
         return 1;
     }
-    // A round trip to the bus guarantees the signal has left this process before it exits.
-    bus.call(QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
-    return 0;
+    QTimer::singleShot(kAnswerWaitMs, &catcher.loop, &QEventLoop::quit);
+    if (!catcher.answer) catcher.loop.exec();
+    if (!catcher.answer) {
+        say(stderr,
+            "kelvoctl: no Kelvo answered within %d s on this session bus: is it running, in "
+            "this desktop session?\n",
+            kAnswerWaitMs / 1000);
+        return 1;
+    }
+    const auto& [applied, text] = *catcher.answer;
+    say(applied ? stdout : stderr, "kelvoctl: %s\n", text.toUtf8().constData());
+    return applied ? 0 : 1;
 }
 
 // Without the helper, say what this machine would offer it, so the user knows whether
@@ -397,7 +438,8 @@ int main(int argc, char** argv) {
             return kUsageError;
         }
         return send(kelvo::ExternalControl::setModeNotificationName,
-                    {{QString::fromLatin1(kelvo::ExternalControl::modeKey), value}});
+                    {{QString::fromLatin1(kelvo::ExternalControl::modeKey), value}},
+                    QStringLiteral("mode ") + value);
     }
     if (command == QLatin1String("cooldown")) {
         if (value != QLatin1String("on") && value != QLatin1String("off")) {
@@ -407,8 +449,11 @@ int main(int argc, char** argv) {
         }
         return send(kelvo::ExternalControl::setCooldownNotificationName,
                     {{QString::fromLatin1(kelvo::ExternalControl::enabledKey),
-                      value == QLatin1String("on")}});
+                      value == QLatin1String("on")}},
+                    QStringLiteral("cooldown ") + value);
     }
     say(stderr, "kelvoctl: unknown command '%s'\n", command.toUtf8().constData());
     return usage();
 }
+
+#include "kelvoctl.moc"

@@ -21,6 +21,9 @@ struct ExternalControl {
     static constexpr const char* setCooldownNotificationName = "SetCooldown";
     // kelvoctl wrote the user's fan choices or limits: re-read them. No payload.
     static constexpr const char* fanSettingsChangedNotificationName = "FanSettingsChanged";
+    // Kelvo's answer to mode and cooldown requests, once per coalesced burst: (s request, for
+    // instance "mode quiet" or "cooldown on"; b applied; s what Kelvo did or why it did not).
+    static constexpr const char* requestAnsweredNotificationName = "RequestAnswered";
     static constexpr const char* interfaceName = "org.kelvo.ExternalControl";
     static constexpr const char* objectPath = "/org/kelvo/ExternalControl";
     static constexpr const char* modeKey = "mode";

@@ -47,13 +47,15 @@ public slots:
 struct CtlResult {
     int exitCode;
     QString stderrText;
+    QString stdoutText;
 };
 
 CtlResult kelvoctl(const QStringList& args) {
     QProcess ctl;
     ctl.start(QStringLiteral(KELVOCTL_BIN), args);
     ctl.waitForFinished(10000);
-    return {ctl.exitCode(), QString::fromUtf8(ctl.readAllStandardError())};
+    return {ctl.exitCode(), QString::fromUtf8(ctl.readAllStandardError()),
+            QString::fromUtf8(ctl.readAllStandardOutput())};
 }
 
 QString databasePath(const QTemporaryDir& home) {
@@ -173,8 +175,13 @@ TEST(ExternalControl, KelvoctlSwitchesModeAndCooldownWhenAllowed) {
     QTemporaryDir home;
     KelvoProcess kelvo(home);
     ASSERT_NO_FATAL_FAILURE(startAcceptingExternalControl(kelvo));
-    EXPECT_EQ(kelvoctl({QStringLiteral("mode"), QStringLiteral("quiet")}).exitCode, 0);
+    const CtlResult switched = kelvoctl({QStringLiteral("mode"), QStringLiteral("quiet")});
+    EXPECT_EQ(switched.exitCode, 0) << switched.stderrText.toStdString();
+    EXPECT_EQ(switched.stdoutText, QStringLiteral("kelvoctl: Kelvo switched to Quiet.\n"));
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=quiet status=controlling")));
+    const CtlResult again = kelvoctl({QStringLiteral("mode"), QStringLiteral("quiet")});
+    EXPECT_EQ(again.exitCode, 0) << again.stderrText.toStdString();
+    EXPECT_EQ(again.stdoutText, QStringLiteral("kelvoctl: Kelvo was already in Quiet.\n"));
     EXPECT_EQ(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("on")}).exitCode, 0);
     // The request is a signal on the bus: wait until the loop has recorded the cooldown.
     EXPECT_TRUE(waitFor(
@@ -250,13 +257,27 @@ TEST(ExternalControl, KelvoctlFanChoicesReachARunningKelvo) {
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
 }
 
+TEST(ExternalControl, KelvoctlSaysSoWhenNoKelvoAnswers) {
+    const CtlResult unanswered = kelvoctl({QStringLiteral("mode"), QStringLiteral("quiet")});
+    EXPECT_EQ(unanswered.exitCode, 1);
+    EXPECT_TRUE(unanswered.stderrText.contains(QStringLiteral("no Kelvo answered")))
+        << unanswered.stderrText.toStdString();
+}
+
 TEST(ExternalControl, RequestsAreIgnoredWithoutTheLaunchFlag) {
     QTemporaryDir home;
     KelvoProcess kelvo(home);
     kelvo.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans")});
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
-    EXPECT_EQ(kelvoctl({QStringLiteral("mode"), QStringLiteral("performance")}).exitCode, 0);
-    EXPECT_EQ(kelvoctl({QStringLiteral("cooldown"), QStringLiteral("on")}).exitCode, 0);
+    // kelvoctl waits for Kelvo's answer and says why nothing happened.
+    for (const QStringList& request :
+         {QStringList{QStringLiteral("mode"), QStringLiteral("performance")},
+          QStringList{QStringLiteral("cooldown"), QStringLiteral("on")}}) {
+        const CtlResult refused = kelvoctl(request);
+        EXPECT_EQ(refused.exitCode, 1) << refused.stderrText.toStdString();
+        EXPECT_TRUE(refused.stderrText.contains(QStringLiteral("--allow-external-control")))
+            << refused.stderrText.toStdString();
+    }
     processFor(2500);
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("mode=systemAuto status=monitoring")));
     EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);

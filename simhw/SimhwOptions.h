@@ -23,4 +23,16 @@ inline constexpr const char* kSimhwUsage =
     "usage: kelvo-simhw --machine FILE [--trace FILE | --follow-host-load] [--log CSV] "
     "[--seed N] MOUNTPOINT";
 
+inline constexpr const char* kSimhwHelp =
+    "Serves one simulated machine's sysfs and procfs under the empty directory MOUNTPOINT, in\n"
+    "real time, for `kelvo --sysfs-root`, kelvo-helperd, fancontrol or thinkfan.\n"
+    "  --machine FILE        the machine (JSON, like those in bench/machines)\n"
+    "  --trace FILE          the load to play (JSON); without it the machine idles\n"
+    "  --follow-host-load    load the machine as much as this machine's CPU is loaded\n"
+    "  --log CSV             one row a second: temperatures, duties, speeds, power\n"
+    "  --seed N              the sensor noise's seed (default 1)\n"
+    "  -h, --help            this help\n"
+    "  --version             the version\n"
+    "See kelvo-simhw(1).\n";
+
 }  // namespace kelvo::simhw

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "foundation/sim/MachineFile.h"
 #include "foundation/sim/TraceFile.h"
@@ -60,6 +61,14 @@ std::string checkMountPoint(const fs::path& dir) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && (std::string_view(argv[1]) == "--help" || std::string_view(argv[1]) == "-h")) {
+        std::printf("%s\n%s", simhw::kSimhwUsage, simhw::kSimhwHelp);
+        return 0;
+    }
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::printf("kelvo-simhw %s\n", KELVO_VERSION_STRING);
+        return 0;
+    }
     std::string error;
     const auto options = simhw::parseSimhwOptions(argc, argv, &error);
     if (!options) {

@@ -167,8 +167,8 @@ int sign(QStringList words) {
 
 }  // namespace
 
-void printUpdateUsage() {
-    say(stderr,
+void printUpdateUsage(std::FILE* stream) {
+    say(stream,
         "usage: kelvoctl update check [--feed URL]\n"
         "       kelvoctl update keygen SECRET_KEY_FILE\n"
         "       kelvoctl update sign --key SECRET_KEY_FILE --version BUILD --url URL\n"

@@ -2,12 +2,14 @@
 // its appcast item.
 #pragma once
 
+#include <cstdio>
+
 #include <QStringList>
 
 namespace kelvo::kelvoctl {
 
 // The words after "update"; returns the process exit status.
 int runUpdateCommand(const QStringList& words);
-void printUpdateUsage();
+void printUpdateUsage(std::FILE* stream = stderr);
 
 }  // namespace kelvo::kelvoctl

@@ -46,8 +46,10 @@ QString modeList() {
     return names.join(QStringLiteral(", "));
 }
 
-int usage() {
-    say(stderr,
+// The usage on standard error, for a command that makes no sense (exit 2), or on standard output
+// when asked for with --help (exit 0).
+int usage(std::FILE* stream = stderr) {
+    say(stream,
         "usage: kelvoctl mode <%s>\n"
         "       kelvoctl cooldown <on|off>\n"
         "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
@@ -65,8 +67,8 @@ int usage() {
         "'calibrate' asks a running Kelvo to run the fan from full speed down to its lowest "
         "speed\nand to a stop, and follows it for up to 3 minutes.\n",
         modeList().replace(QStringLiteral(", "), QStringLiteral("|")).toUtf8().constData());
-    kelvo::kelvoctl::printUpdateUsage();
-    return kUsageError;
+    kelvo::kelvoctl::printUpdateUsage(stream);
+    return stream == stderr ? kUsageError : 0;
 }
 
 // Kelvo's answer to one request, caught from the bus.
@@ -409,6 +411,12 @@ QString databasePath(const QStringList& args) {
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     const QStringList all = QCoreApplication::arguments().mid(1);
+    if (all == QStringList{QStringLiteral("--help")} || all == QStringList{QStringLiteral("-h")})
+        return usage(stdout);
+    if (all == QStringList{QStringLiteral("--version")}) {
+        say(stdout, "kelvoctl %s (build %s)\n", KELVO_VERSION_STRING, KELVO_BUILD_NUMBER_STRING);
+        return 0;
+    }
     if (!all.isEmpty() && all.front() == QLatin1String("update"))
         return kelvo::kelvoctl::runUpdateCommand(all.mid(1));
     const QStringList args = commandWords(all);

@@ -1,6 +1,6 @@
 // The real `kelvo` binary's command line: --help and --version answer without a display, a
 // mistyped flag is an error with the usage that starts nothing, and --mode starts Kelvo in that
-// mode and keeps it as the choice.
+// mode and keeps it as the choice. Every other program answers --help and --version too.
 #include <gtest/gtest.h>
 
 #include <QFile>
@@ -18,8 +18,8 @@ struct Answer {
     QString err;
 };
 
-// Runs kelvo to its end with no display at all, in a private home.
-Answer runKelvo(const QTemporaryDir& home, const QStringList& args) {
+// Runs a program to its end with no display at all, in a private home.
+Answer runProgram(const QString& program, const QTemporaryDir& home, const QStringList& args) {
     QProcess kelvo;
     auto env = QProcessEnvironment::systemEnvironment();
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
@@ -27,7 +27,7 @@ Answer runKelvo(const QTemporaryDir& home, const QStringList& args) {
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
     env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
     kelvo.setProcessEnvironment(env);
-    kelvo.start(QStringLiteral(KELVO_BIN), args);
+    kelvo.start(program, args);
     if (!kelvo.waitForFinished(20000)) {
         kelvo.kill();
         kelvo.waitForFinished(5000);
@@ -36,6 +36,10 @@ Answer runKelvo(const QTemporaryDir& home, const QStringList& args) {
     return {kelvo.exitStatus() == QProcess::NormalExit ? kelvo.exitCode() : -1,
             QString::fromUtf8(kelvo.readAllStandardOutput()),
             QString::fromUtf8(kelvo.readAllStandardError())};
+}
+
+Answer runKelvo(const QTemporaryDir& home, const QStringList& args) {
+    return runProgram(QStringLiteral(KELVO_BIN), home, args);
 }
 
 TEST(KelvoCommandLineE2E, HelpAndVersionAnswerWithoutADisplay) {
@@ -88,6 +92,26 @@ TEST(KelvoCommandLineE2E, ModeStartsKelvoInThatModeAndKeepsItAsTheChoice) {
     again.start({QStringLiteral("--headless"), QStringLiteral("--harness-simulated-fans")});
     ASSERT_TRUE(again.waitForLine(QStringLiteral(" mode=quiet status="))) << again.transcript();
     EXPECT_EQ(again.stopWith(SIGTERM), 0);
+}
+
+TEST(KelvoCommandLineE2E, EveryProgramAnswersHelpAndVersionAndRefusesAFlagItDoesNotKnow) {
+    QTemporaryDir home;
+    for (const auto& [program, name] :
+         {std::pair{KELVOCTL_BIN, "kelvoctl"}, std::pair{KELVO_HELPERD_BIN, "kelvo-helperd"},
+          std::pair{KELVO_SIMHW_BIN, "kelvo-simhw"}}) {
+        const QString path = QString::fromLatin1(program);
+        const Answer help = runProgram(path, home, {QStringLiteral("--help")});
+        EXPECT_EQ(help.exitCode, 0) << name << ": " << help.err.toStdString();
+        EXPECT_TRUE(help.out.startsWith(QStringLiteral("usage: ") + QString::fromLatin1(name)))
+            << name << ": " << help.out.toStdString();
+        const Answer version = runProgram(path, home, {QStringLiteral("--version")});
+        EXPECT_EQ(version.exitCode, 0) << name;
+        EXPECT_TRUE(version.out.contains(QStringLiteral(KELVO_VERSION_STRING)))
+            << name << ": " << version.out.toStdString();
+        const Answer bogus = runProgram(path, home, {QStringLiteral("--bogus")});
+        EXPECT_EQ(bogus.exitCode, 2) << name;
+        EXPECT_TRUE(bogus.err.contains(QStringLiteral("usage: "))) << name;
+    }
 }
 
 }  // namespace

@@ -69,7 +69,8 @@ private:
     prometheus::Family<prometheus::Gauge>* mode_ = nullptr;
     prometheus::Family<prometheus::Gauge>* status_ = nullptr;
     prometheus::Family<prometheus::Gauge>* throttleWarning_ = nullptr;
-    prometheus::Family<prometheus::Gauge>* benefit_ = nullptr;
+    prometheus::Family<prometheus::Gauge>* benefitSeconds_ = nullptr;
+    prometheus::Family<prometheus::Gauge>* benefitEvents_ = nullptr;
     prometheus::Family<prometheus::Counter>* ticks_ = nullptr;
     prometheus::Family<prometheus::Counter>* authoritySeconds_ = nullptr;
     prometheus::Family<prometheus::Histogram>* tickDuration_ = nullptr;

@@ -79,6 +79,13 @@ std::string MetricsHttpServer::respond(std::string_view head, const Render& rend
     // The path as sent, byte for byte: no decoding, no case folding, no dot segments, so that
     // exactly one spelling of it is the metrics.
     const std::string_view path = target.substr(0, target.find('?'));
+    // A person who opens the address in a browser is told where the metrics are.
+    if (path == "/")
+        return answer(200, "OK", "text/html; charset=utf-8",
+                      "<!DOCTYPE html><html><head><title>Kelvo metrics</title></head><body>"
+                      "<p>Kelvo's Prometheus metrics are at <a href=\"/metrics\">/metrics</a>."
+                      "</p></body></html>\n",
+                      !isHead);
     if (path != "/metrics") return plain(404, "Not Found", !isHead);
     return answer(200, "OK", "text/plain; version=0.0.4; charset=utf-8", render(), !isHead);
 }

@@ -74,11 +74,20 @@ TEST(MetricsExporter, AScrapeHoldsTheSnapshotInBaseUnitsWithFanIdentities) {
     EXPECT_TRUE(has(body, R"(kelvo_control_mode{kelvo_control_mode="systemAuto"} 0)")) << body;
     EXPECT_TRUE(has(body, R"(kelvo_control_status{kelvo_control_status="controlling"} 1)"));
     EXPECT_TRUE(has(body, "kelvo_throttle_warning 1")) << body;
-    EXPECT_TRUE(has(body, R"(kelvo_benefit_last_24h{register="interventions"} 3)")) << body;
+    EXPECT_TRUE(has(body, R"(kelvo_benefit_events_last_24h{register="interventions"} 3)")) << body;
+    EXPECT_TRUE(has(body, R"(kelvo_benefit_seconds_last_24h{register="kelvo_authority"} 120)"))
+        << body;
+    // Seconds and counts are two families: a sum over one of them means something.
+    EXPECT_EQ(body.find("kelvo_benefit_last_24h"), std::string::npos) << body;
+    EXPECT_TRUE(has(body, R"(kelvo_build_info{build=")" KELVO_BUILD_NUMBER_STRING
+                          R"(",version=")" KELVO_VERSION_STRING R"("} 1)"))
+        << body;
     EXPECT_TRUE(has(body, "kelvo_control_ticks_total 2")) << body;
     EXPECT_TRUE(has(body, "kelvo_fan_authority_seconds_total 1")) << body;
     EXPECT_TRUE(has(body, "kelvo_control_tick_duration_seconds_count 2")) << body;
     EXPECT_TRUE(has(body, R"(kelvo_control_tick_duration_seconds_bucket{le="0.0025"} 0)"));
+    // A healthy tick takes tens of microseconds: the lowest buckets tell them apart.
+    EXPECT_TRUE(has(body, R"(kelvo_control_tick_duration_seconds_bucket{le="1e-05"} 0)")) << body;
     EXPECT_TRUE(has(body, R"(kelvo_control_tick_duration_seconds_bucket{le="0.005"} 2)"));
 }
 
@@ -129,8 +138,47 @@ TEST(MetricsExporter, AnyOtherPathIsNotFound) {
     int port = 0;
     auto exporter = startOnFreePort(port);
     ASSERT_TRUE(exporter);
-    for (const char* path : {"/", "/metrics/x", "/metricsx", "/index.html", "/../etc/passwd"})
+    for (const char* path : {"/metrics/x", "/metricsx", "/index.html", "/../etc/passwd"})
         EXPECT_EQ(httpGet(port, path).status, 404) << path;
+}
+
+TEST(MetricsExporter, TheRootPointsAPersonToTheMetrics) {
+    int port = 0;
+    auto exporter = startOnFreePort(port);
+    ASSERT_TRUE(exporter);
+    const auto root = httpGet(port, "/");
+    EXPECT_EQ(root.status, 200);
+    EXPECT_NE(root.headers.find("Content-Type: text/html"), std::string::npos) << root.headers;
+    EXPECT_NE(root.body.find(R"(<a href="/metrics">)"), std::string::npos) << root.body;
+}
+
+TEST(MetricsExporter, AnIpv6LoopbackAddressIsServed) {
+    const int port = freeLoopbackPort();
+    QString error;
+    auto exporter = MetricsExporter::start(
+        *parseMetricsListenAddress(QStringLiteral("[::1]:%1").arg(port), &error), &error);
+    if (!exporter && error.contains(QStringLiteral("Cannot assign requested address")))
+        GTEST_SKIP() << "this machine has no IPv6 loopback: " << error.toStdString();
+    ASSERT_TRUE(exporter) << error.toStdString();
+    exporter->update(twoFanSnapshot(), {});
+    const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    timeval timeout{10, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(static_cast<uint16_t>(port));
+    address.sin6_addr = in6addr_loopback;
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const std::string request = "GET /metrics HTTP/1.1\r\nHost: [::1]\r\n\r\n";
+    ASSERT_EQ(::send(fd, request.data(), request.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(request.size()));
+    std::string raw;
+    char buffer[8192];
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) raw.append(buffer, n);
+    ::close(fd);
+    EXPECT_TRUE(raw.starts_with("HTTP/1.1 200")) << raw.substr(0, 200);
+    EXPECT_NE(raw.find(R"(kelvo_temperature_celsius{die="cpu"} 71.5)"), std::string::npos);
 }
 
 TEST(MetricsExporter, AnAddressThatCannotBeHadIsOneLineOfError) {

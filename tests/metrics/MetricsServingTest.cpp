@@ -55,7 +55,7 @@ TEST(MetricsServing, OnlyTheExactPathAnswersGetAndHead) {
     }
     for (const char* target :
          {"/METRICS", "//metrics", "/x/../metrics", "/%6detrics", "/metrics%00", "/metrics/",
-          "/metrics/.", "/./metrics", "/Metrics", "/metrics%2f", "metrics", "/"}) {
+          "/metrics/.", "/./metrics", "/Metrics", "/metrics%2f", "metrics", "/index.html"}) {
         EXPECT_EQ(httpExchange(port, request("GET", target)).status, 404) << target;
         const auto head = httpExchange(port, request("HEAD", target));
         EXPECT_EQ(head.status, 404) << target;

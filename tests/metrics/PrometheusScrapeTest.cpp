@@ -162,6 +162,39 @@ TEST(PrometheusScrape, APrometheusServerSeesEveryFanAndTheModeOfTwoInstances) {
     }
     EXPECT_GE(checked, 9);
 
+    // The mode timeline shows each instance's mode by name: its query gives the mode's index,
+    // which the panel's value mappings name.
+    QString modeExpr;
+    QJsonObject modeNames;
+    for (const auto& panel : dashboard[QStringLiteral("panels")].toArray()) {
+        const QJsonObject object = panel.toObject();
+        if (object[QStringLiteral("title")].toString() != QLatin1String("Control mode")) continue;
+        modeExpr = object[QStringLiteral("targets")]
+                       .toArray()[0]
+                       .toObject()[QStringLiteral("expr")]
+                       .toString()
+                       .replace(QStringLiteral("$instance"), QStringLiteral(".*"));
+        modeNames = object[QStringLiteral("fieldConfig")]
+                        .toObject()[QStringLiteral("defaults")]
+                        .toObject()[QStringLiteral("mappings")]
+                        .toArray()[0]
+                        .toObject()[QStringLiteral("options")]
+                        .toObject();
+    }
+    ASSERT_FALSE(modeExpr.isEmpty());
+    std::map<int, std::string> shownModeByPort;
+    for (const auto& series : query(serverPort, modeExpr)) {
+        const QJsonObject object = series.toObject();
+        const QString instance =
+            object[QStringLiteral("metric")].toObject()[QStringLiteral("instance")].toString();
+        const QString index = object[QStringLiteral("value")].toArray()[1].toString();
+        shownModeByPort[instance.section(QLatin1Char(':'), -1).toInt()] =
+            modeNames[index].toObject()[QStringLiteral("text")].toString().toStdString();
+    }
+    EXPECT_EQ(shownModeByPort, (std::map<int, std::string>{{instances[0]->port, "System"},
+                                                           {instances[1]->port, "Quiet"}}))
+        << modeExpr.toStdString();
+
     prometheusProcess.terminate();
     prometheusProcess.waitForFinished(15000);
     for (auto& instance : instances) EXPECT_EQ(instance->process->stopWith(SIGTERM), 0);

@@ -80,6 +80,10 @@ public:
     const std::shared_ptr<FanController>& fanController() const { return fanController_; }
     bool acceptsExternalModeControl() const { return acceptsExternalModeControl_; }
     bool hasExternalObservers() const { return externalBridge_ != nullptr; }
+    // Mode and cooldown requests arrive here, also when they are not accepted (they are answered).
+    ExternalControlBridge* externalRequestBridge() const { return externalBridge_; }
+    // The watch for kelvoctl's FanSettingsChanged, always installed.
+    ExternalControlBridge* fanSettingsWatch() const { return fanSettingsWatch_; }
     std::optional<Uuid> subscriptionID() const { return subscriptionID_; }
     const QString& buildIdentitySummary() const { return buildIdentitySummary_; }
     bool startupFinished() const { return startupFinished_; }

@@ -199,14 +199,26 @@ TEST_F(RuntimeFixture, WindowVisibilityDrivesLiveStoreBuffering) {
     EXPECT_EQ(live->trendRevision(), revision + 1);  // the buffer was flushed exactly once
 }
 
-TEST_F(RuntimeFixture, WithoutTheLaunchFlagThereIsNoExternalObserver) {
+// Requests are heard either way, so that kelvoctl can be told why nothing happened; only the
+// launch flag lets them change the mode.
+TEST_F(RuntimeFixture, WithoutTheLaunchFlagARequestIsHeardButNotApplied) {
     AppRuntime runtime(options());
+    ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
     EXPECT_FALSE(runtime.acceptsExternalModeControl());
-    EXPECT_FALSE(runtime.hasExternalObservers());
+    ASSERT_NE(runtime.externalRequestBridge(), nullptr);
+    emit runtime.externalRequestBridge()->modeRequested(ControlMode::performance);
+    kelvo::testing::processFor(500);
+    EXPECT_EQ(runtime.mode(), ControlMode::systemAuto);
+    runtime.shutdown();
+
     AppRuntime allowed(options(
         {QStringLiteral("--harness-simulated-fans"), QStringLiteral("--allow-external-control")}));
+    ASSERT_TRUE(waitFor([&] { return allowed.startupFinished(); }));
     EXPECT_TRUE(allowed.acceptsExternalModeControl());
-    EXPECT_TRUE(allowed.hasExternalObservers());
+    ASSERT_NE(allowed.externalRequestBridge(), nullptr);
+    emit allowed.externalRequestBridge()->modeRequested(ControlMode::performance);
+    EXPECT_TRUE(waitFor([&] { return allowed.mode() == ControlMode::performance; }));
+    allowed.shutdown();
 }
 
 TEST_F(RuntimeFixture, StartupRunsInOrderAndFillsTheLiveStore) {

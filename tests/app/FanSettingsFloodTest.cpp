@@ -52,8 +52,7 @@ TEST_F(FanSettingsFlood, AFloodIsOneEventAndTheLastChangeApplies) {
     AppRuntime runtime(options);
     ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
     // The watch on the session bus, whether or not this test has one.
-    ExternalControlBridge* bridge = nullptr;
-    for (auto* candidate : runtime.findChildren<ExternalControlBridge*>()) bridge = candidate;
+    ExternalControlBridge* bridge = runtime.fanSettingsWatch();
     ASSERT_NE(bridge, nullptr);
 
     fan_settings::writeLimit(*settings, UserLimitKind::cpuQuiet, 70);
@@ -81,8 +80,7 @@ TEST_F(FanSettingsFlood, ALoneNoticeIsReadAndRecordedOnce) {
     options.loopConfig.tickSeconds = 0.25;
     AppRuntime runtime(options);
     ASSERT_TRUE(waitFor([&] { return runtime.startupFinished(); }));
-    ExternalControlBridge* bridge = nullptr;
-    for (auto* candidate : runtime.findChildren<ExternalControlBridge*>()) bridge = candidate;
+    ExternalControlBridge* bridge = runtime.fanSettingsWatch();
     ASSERT_NE(bridge, nullptr);
     fan_settings::writeLimit(*settings, UserLimitKind::cpuQuiet, 72);
     deliver(bridge, 1);

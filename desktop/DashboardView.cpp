@@ -1,5 +1,8 @@
 #include "desktop/DashboardView.h"
 
+#include <QEvent>
+#include <QGuiApplication>
+#include <QPalette>
 #include <QQmlContext>
 #include <QQuickGraphicsConfiguration>
 #include <QQuickItem>
@@ -19,6 +22,7 @@ DashboardView::DashboardView(AppRuntime* runtime, QObject* capture, QSettings* s
       trendModel_(makeRuntimeTrendModel(runtime, settings, this)) {
     FixedViewportTrendView::registerQmlTypes();
     useCheapRendering();
+    followPaletteBackground();
     setTitle(QStringLiteral("Kelvo"));
     setResizeMode(QQuickView::SizeRootObjectToView);
     QQmlContext* context = rootContext();
@@ -55,6 +59,17 @@ void DashboardView::useCheapRendering() {
     setFormat(surface);
     // Applies to the text items created after it: set before the QML loads.
     QQuickWindow::setTextRenderType(QQuickWindow::NativeTextRendering);
+}
+
+// The window's clear paints the dashboard's background (an item filling the window would paint
+// every pixel twice a frame), in the colour the QML's SystemPalette gives the window.
+void DashboardView::followPaletteBackground() {
+    setColor(QGuiApplication::palette().color(QPalette::Active, QPalette::Window));
+}
+
+bool DashboardView::event(QEvent* event) {
+    if (event->type() == QEvent::ApplicationPaletteChange) followPaletteBackground();
+    return QQuickView::event(event);
 }
 
 void DashboardView::setAppCommands(QObject* commands) {

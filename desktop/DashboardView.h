@@ -30,8 +30,12 @@ public:
     // The laid-out content's natural height (0 before the QML loaded).
     double fittingContentHeight() const;
 
+protected:
+    bool event(QEvent* event) override;
+
 private:
     void useCheapRendering();
+    void followPaletteBackground();
 
     DashboardViewModel* viewModel_;
     TrendSectionModel* trendModel_;

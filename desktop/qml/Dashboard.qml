@@ -25,14 +25,8 @@ Item {
 
     SystemPalette { id: palette; colorGroup: SystemPalette.Active }
 
-    // The window's clear paints the background: an item filling the window would paint every
-    // pixel a second time on each frame.
-    Binding {
-        target: root.Window.window
-        when: root.Window.window !== null
-        property: "color"
-        value: palette.window
-    }
+    // No background item: the window's clear paints it (DashboardView follows the palette), and
+    // an item filling the window would paint every pixel a second time on each frame.
 
     // The series' colours; the live metrics card warns in GPU Temp's red and an active capture
     // takes the Watts orange.

@@ -5,6 +5,7 @@
 
 #include "app/BuildIdentity.h"
 #include "app/FanBackendSelection.h"
+#include "app/MachineExplanation.h"
 #include "app/SleepWatcher.h"
 #include "app_common/LoopCall.h"
 #include "foundation/store/FanCurveStoreLink.h"
@@ -179,6 +180,14 @@ void AppRuntime::reportSettingsProblems() {
     eventRing_->append(RuntimeEvent::make("Settings file " + settings_->fileName().toStdString() +
                                               " could not be read (" + what + "); using defaults",
                                           true));
+}
+
+void AppRuntime::explainMachineOnce(const ControlSnapshot& snapshot) {
+    if (ticksBeforeExplaining_ <= 0 || --ticksBeforeExplaining_ > 0) return;
+    const auto sentence = explainMachine(snapshot);
+    if (!sentence) return;
+    eventRing_->append(RuntimeEvent::make(*sentence, false));
+    emit machineExplained(QString::fromStdString(*sentence));
 }
 
 void AppRuntime::applyVisibility(DashboardWindowVisibility visibility) {
@@ -386,6 +395,7 @@ QCoro::Task<> AppRuntime::handleSnapshot(std::shared_ptr<const ControlSnapshot> 
         capture_->updateProfilingClock(snapshot.sample.timestamp);
     }
     fanSettings_->updateFromSnapshot(snapshot);
+    explainMachineOnce(snapshot);
     const auto events = eventRing_->recent(kEventReadLimit);
     if (!live_->shouldRefresh(snapshot.sample.timestamp)) {
         handleAlertsThrough(events);

@@ -100,6 +100,9 @@ signals:
     void startupCompleted();
     // After every snapshot has been handled on the main thread (the headless log listens).
     void snapshotHandled(const kelvo::ControlSnapshot& snapshot);
+    // Once, a few ticks after the start, when the machine offers Kelvo no fan (the sentence is
+    // also in the event list).
+    void machineExplained(const QString& sentence);
 
 public:
     // How long requests from other processes gather before the newest is applied: well under
@@ -130,6 +133,7 @@ private:
     void installExternalModeObserver();
     void applyVisibility(DashboardWindowVisibility visibility);
     void reportSettingsProblems();
+    void explainMachineOnce(const ControlSnapshot& snapshot);
 
     AppRuntimeOptions options_;
     std::unique_ptr<QSettings> ownedSettings_;
@@ -158,6 +162,9 @@ private:
     QString buildIdentitySummary_ =
         QStringLiteral("app unknown (unknown), backend unknown, helper unknown");
     bool startupFinished_ = false;
+    int ticksBeforeExplaining_ = kTicksBeforeExplainingMachine;
+    // Sensors may give their first reading a tick or two late.
+    static constexpr int kTicksBeforeExplainingMachine = 5;
     bool shutDown_ = false;
 };
 

@@ -6,6 +6,7 @@
 #include <QScreen>
 #include <QTimer>
 #include <array>
+#include <cstdio>
 
 #include "app/AppRuntime.h"
 #include "app_common/Legacy.h"
@@ -97,7 +98,14 @@ void AppLifecycleController::setAppCommands(QObject* commands) {
 
 void AppLifecycleController::showDashboardWindow() {
     pendingShowRequest_ = true;
-    if (!ensureDashboardWindow()) return;
+    DashboardView* window = ensureDashboardWindow();
+    if (!window) return;
+    // A window whose QML did not load would never show: each request says why instead.
+    if (!window->loadProblem().isEmpty()) {
+        pendingShowRequest_ = false;
+        reportDashboardProblem(window->loadProblem());
+        return;
+    }
     // The placement step shows the window when it finishes.
     if (!hasAppliedInitialWindowPlacement_) return;
     pendingShowRequest_ = false;
@@ -127,13 +135,27 @@ DashboardView* AppLifecycleController::ensureDashboardWindow() {
     if (!runtime_) return nullptr;
     CaptureSeam* capture = runtime_->capture();
     ownedWindow_ = std::make_unique<DashboardView>(
-        runtime_, capture ? capture->viewModel() : nullptr, defaults_);
+        runtime_, capture ? capture->viewModel() : nullptr, defaults_,
+        dashboardSource_.isEmpty() ? DashboardView::defaultSource() : dashboardSource_);
     if (appCommands_) ownedWindow_->setAppCommands(appCommands_);
     DashboardView* window = ownedWindow_.get();
     window->setIcon(kelvoApplicationIcon());
     // The chrome accessor hands the window back to us and applies the first placement.
     WindowChromeAccessor::attach(window, dashboard_layout::minimumContentWidth, this);
     return window;
+}
+
+// The control loop runs on without its window: the user hears why from a notification each time
+// they ask for the window, and once in the event list and on standard error.
+void AppLifecycleController::reportDashboardProblem(const QString& problem) {
+    if (!runtime_) return;
+    if (runtime_->notifications())
+        runtime_->notifications()->post(QStringLiteral("Kelvo's window cannot open"), problem);
+    if (!dashboardLoadProblem_.isEmpty()) return;
+    dashboardLoadProblem_ = problem;
+    runtime_->eventRing().append(RuntimeEvent::make(problem.toStdString(), true));
+    std::fprintf(stderr, "kelvo: %s Kelvo keeps controlling the fans.\n",
+                 problem.toLocal8Bit().constData());
 }
 
 void AppLifecycleController::attachDashboardWindow(QQuickWindow* window) {
@@ -146,6 +168,7 @@ void AppLifecycleController::attachDashboardWindow(QQuickWindow* window) {
     dashboardWindow_ = qobject_cast<DashboardView*>(window);
     hasAppliedInitialWindowPlacement_ = false;
     isApplyingInitialWindowPlacement_ = false;
+    frameFitted_ = false;
     if (!dashboardWindow_) return;
     window->installEventFilter(this);
     updateWindowVisibility(window);
@@ -185,6 +208,20 @@ void AppLifecycleController::applyInitialWindowPlacement(QQuickWindow* window,
     }
     QTimer::singleShot(
         0, this, [this, guard = QPointer<QQuickWindow>(window)] { finishInitialPlacement(guard); });
+}
+
+// The first placement happens before the window is shown, when no window manager has framed it
+// yet: the title bar and borders it adds afterwards can push the frame past the work area (off
+// the top of the screen, under a panel). Once the frame is known, it is brought back inside.
+void AppLifecycleController::fitFrameOnScreen(QQuickWindow* window) {
+    if (frameFitted_ || window != dashboardWindow_.data() || !window->isExposed()) return;
+    const QMargins margins = frameMargins(window);
+    if (margins.isNull()) return;  // no decorations (yet): nothing can stick out
+    frameFitted_ = true;
+    const QRectF frame = window->frameGeometry();
+    const QRectF fitted = constrainedDashboardFrame(
+        frame.size(), frame.topLeft(), availableGeometries(), primaryAvailableGeometry());
+    if (fitted.toAlignedRect() != frame.toAlignedRect()) setFrameGeometry(window, fitted, margins);
 }
 
 void AppLifecycleController::finishInitialPlacement(QPointer<QQuickWindow> window) {
@@ -253,6 +290,11 @@ bool AppLifecycleController::eventFilter(QObject* watched, QEvent* event) {
                 updateWindowVisibility(window);
             break;
         case QEvent::Expose:
+            if (!frameFitted_)
+                QTimer::singleShot(0, this, [this, guard = QPointer<QQuickWindow>(window)] {
+                    if (guard) fitFrameOnScreen(guard);
+                });
+            [[fallthrough]];
         case QEvent::Show:
         case QEvent::Hide:
         case QEvent::FocusIn:

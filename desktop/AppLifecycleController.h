@@ -7,6 +7,7 @@
 #include <QPointer>
 #include <QSettings>
 #include <QSystemTrayIcon>
+#include <QUrl>
 #include <memory>
 
 #include "app/AppPresentationStore.h"
@@ -48,6 +49,10 @@ public:
                                      double fittingContentHeight);
 
     DashboardView* dashboardWindow() const { return dashboardWindow_.data(); }
+    // The dashboard's QML, before the window is made (tests load a broken one).
+    void setDashboardSource(const QUrl& source) { dashboardSource_ = source; }
+    // Why the dashboard window cannot open (its QML did not load); empty while it can.
+    const QString& dashboardLoadProblem() const { return dashboardLoadProblem_; }
     QSystemTrayIcon* statusItem() const { return statusItem_; }
     bool pendingShowRequest() const { return pendingShowRequest_; }
     bool hasAppliedInitialWindowPlacement() const { return hasAppliedInitialWindowPlacement_; }
@@ -61,8 +66,10 @@ protected:
 
 private:
     DashboardView* ensureDashboardWindow();
+    void reportDashboardProblem(const QString& problem);
     void finishInitialPlacement(QPointer<QQuickWindow> window);
     void bringWindowForward();
+    void fitFrameOnScreen(QQuickWindow* window);
     void persistDashboardWindowPlacement(QQuickWindow* window);
     void updateWindowVisibility(QQuickWindow* window);
     void setVisibility(DashboardWindowVisibility visibility);
@@ -72,12 +79,15 @@ private:
     QPointer<AppRuntime> runtime_;
     QPointer<AppPresentationStore> presentation_;
     QPointer<DashboardView> dashboardWindow_;
+    QUrl dashboardSource_;  // empty: the dashboard's own
+    QString dashboardLoadProblem_;
     std::unique_ptr<DashboardView> ownedWindow_;
     QSystemTrayIcon* statusItem_ = nullptr;
     QPointer<QObject> appCommands_;
     bool pendingShowRequest_ = false;
     bool hasAppliedInitialWindowPlacement_ = false;
     bool isApplyingInitialWindowPlacement_ = false;
+    bool frameFitted_ = false;
 };
 
 }  // namespace kelvo

@@ -6,6 +6,7 @@
 #include <QQmlContext>
 #include <QQuickGraphicsConfiguration>
 #include <QQuickItem>
+#include <QRegularExpression>
 #include <QSurfaceFormat>
 
 #include "app/AppRuntime.h"
@@ -17,7 +18,8 @@
 
 namespace kelvo {
 
-DashboardView::DashboardView(AppRuntime* runtime, QObject* capture, QSettings* settings)
+DashboardView::DashboardView(AppRuntime* runtime, QObject* capture, QSettings* settings,
+                             const QUrl& source)
     : viewModel_(new DashboardViewModel(runtime, this)),
       trendModel_(makeRuntimeTrendModel(runtime, settings, this)) {
     FixedViewportTrendView::registerQmlTypes();
@@ -33,7 +35,8 @@ DashboardView::DashboardView(AppRuntime* runtime, QObject* capture, QSettings* s
     context->setContextProperty(QStringLiteral("capture"), capture);
     context->setContextProperty(QStringLiteral("layout"), dashboard_layout::dashboardLayoutMap());
     context->setContextProperty(QStringLiteral("appCommands"), nullptr);
-    setSource(QUrl(QStringLiteral("qrc:/kelvo/dashboard/Dashboard.qml")));
+    setSource(source);
+    if (status() == QQuickView::Error) loadProblem_ = describeLoadErrors(errors());
     resize(kInitialWidth, kInitialHeight);
     // The view sizes its root only when the two differ; a root that was never sized follows its
     // own implicit height, so content that grew after the window was sized to it would run past
@@ -65,6 +68,24 @@ void DashboardView::useCheapRendering() {
 // every pixel twice a frame), in the colour the QML's SystemPalette gives the window.
 void DashboardView::followPaletteBackground() {
     setColor(QGuiApplication::palette().color(QPalette::Active, QPalette::Window));
+}
+
+QString DashboardView::describeLoadErrors(const QList<QQmlError>& errors) {
+    if (errors.isEmpty()) return QStringLiteral("The dashboard window cannot open.");
+    const QString first = errors.first().description();
+    QString sentence = QStringLiteral("The dashboard window cannot open: %1").arg(first);
+    // Debian ships QML module A.B as qml6-module-a-b; a package that lacks one in its
+    // dependencies, or a module removed by hand, is the usual cause.
+    static const QRegularExpression missing(QStringLiteral(
+        R"re(module "([A-Za-z0-9_.]+)" is not installed|([A-Za-z0-9_.]+) not found)re"));
+    const QRegularExpressionMatch match = missing.match(first);
+    if (match.hasMatch()) {
+        const QString module = match.captured(1).isEmpty() ? match.captured(2) : match.captured(1);
+        sentence += QStringLiteral(". Install it with: sudo apt install qml6-module-%1")
+                        .arg(module.toLower().replace(QLatin1Char('.'), QLatin1Char('-')));
+    }
+    if (!sentence.endsWith(QLatin1Char('.'))) sentence += QLatin1Char('.');
+    return sentence;
 }
 
 bool DashboardView::event(QEvent* event) {

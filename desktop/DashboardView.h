@@ -2,8 +2,11 @@
 // view model and the trend section in its context. Titled "Kelvo", 900×700 when created.
 #pragma once
 
+#include <QList>
+#include <QQmlError>
 #include <QQuickView>
 #include <QSettings>
+#include <QUrl>
 
 namespace kelvo {
 
@@ -17,9 +20,21 @@ public:
     static constexpr int kInitialWidth = 900;
     static constexpr int kInitialHeight = 700;
 
+    static QUrl defaultSource() {
+        return QUrl(QStringLiteral("qrc:/kelvo/dashboard/Dashboard.qml"));
+    }
+
     // `capture` is the object the capture card binds to; it may be null (a runtime built without
     // a capture coordinator): the capture card then stays empty.
-    DashboardView(AppRuntime* runtime, QObject* capture, QSettings* settings);
+    DashboardView(AppRuntime* runtime, QObject* capture, QSettings* settings,
+                  const QUrl& source = defaultSource());
+
+    // Why the dashboard's QML could not be loaded, in a sentence a user can act on; empty when
+    // it loaded.
+    const QString& loadProblem() const { return loadProblem_; }
+    // That sentence for the engine's errors: the first one, and for a QML module that is not
+    // installed, the Debian package that brings it.
+    static QString describeLoadErrors(const QList<QQmlError>& errors);
 
     // Application commands the top bar offers (an object with an invokable openSettings()), or
     // null when there are none.
@@ -39,6 +54,7 @@ private:
 
     DashboardViewModel* viewModel_;
     TrendSectionModel* trendModel_;
+    QString loadProblem_;
 };
 
 }  // namespace kelvo

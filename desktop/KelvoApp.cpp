@@ -5,6 +5,7 @@
 
 #include "app/AppRuntime.h"
 #include "desktop/AppCommands.h"
+#include "desktop/CoolingMenu.h"
 #include "desktop/KelvoIcon.h"
 #include "desktop/ReopenBridge.h"
 
@@ -18,7 +19,9 @@ void KelvoApp::willFinishLaunching(QSettings& defaults) {
 
 KelvoApp::KelvoApp(AppRuntime& runtime, QSettings& defaults, UpdaterConfiguration updates,
                    std::function<void()> quit, QObject* parent)
-    : QObject(parent), lifecycle_(std::make_unique<AppLifecycleController>(&defaults)) {
+    : QObject(parent),
+      runtime_(&runtime),
+      lifecycle_(std::make_unique<AppLifecycleController>(&defaults)) {
     AppLifecycleController* lifecycle = lifecycle_.get();
     updates_ = std::make_unique<AppUpdaterController>(
         std::move(updates), TrayMenuActions{[lifecycle] { lifecycle->showDashboardWindow(); },
@@ -41,6 +44,15 @@ KelvoApp::KelvoApp(AppRuntime& runtime, QSettings& defaults, UpdaterConfiguratio
     lifecycle_->configure(&runtime);
 }
 
+// After "Fans…": how Kelvo cools is the next thing a user reaches for from the tray.
+void KelvoApp::addCoolingMenu(QMenu* tray) {
+    if (!tray || !runtime_) return;
+    auto* cooling = new CoolingMenu(runtime_, tray);
+    const QList<QAction*> entries = tray->actions();
+    QAction* before = entries.size() > 2 ? entries.at(2) : nullptr;
+    tray->insertMenu(before, cooling);
+}
+
 KelvoApp::~KelvoApp() {
     // The window goes before the updater whose commands it shows.
     lifecycle_.reset();
@@ -49,6 +61,7 @@ KelvoApp::~KelvoApp() {
 
 void KelvoApp::didFinishLaunching() {
     lifecycle_->installStatusItem();
+    addCoolingMenu(updates_->trayMenu());
     lifecycle_->setStatusItemMenu(updates_->trayMenu());
     lifecycle_->setAppCommands(commands_);
     lifecycle_->showDashboardWindow();

@@ -37,6 +37,9 @@ public:
     AppUpdaterController& updates() { return *updates_; }
 
 private:
+    void addCoolingMenu(QMenu* tray);
+
+    AppRuntime* runtime_;
     std::unique_ptr<AppLifecycleController> lifecycle_;
     std::unique_ptr<AppUpdaterController> updates_;
     AppCommands* commands_ = nullptr;

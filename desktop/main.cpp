@@ -172,6 +172,12 @@ int main(int argc, char** argv) {
                                       QString::fromStdString(event.message));
         };
     kelvo::AppRuntime runtime(std::move(options));
+    // The window shows it among the events; without one, standard error is where users look.
+    if (headless)
+        QObject::connect(&runtime, &kelvo::AppRuntime::machineExplained, &runtime,
+                         [](const QString& sentence) {
+                             printLine(stderr, QStringLiteral("kelvo: ") + sentence);
+                         });
 
     std::function<void(int)> finish;
     std::unique_ptr<kelvo::KelvoApp> desktop;

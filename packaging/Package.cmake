@@ -25,10 +25,15 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 
 # Library dependencies come from dpkg-shlibdeps. What it cannot see: the QML modules the
-# dashboard loads at run time, and a tool to create the kelvo group in postinst.
+# dashboard loads at run time (QtQuick imports QtQml.WorkerScript, the controls their
+# templates), and a tool to create the kelvo group in postinst. The clean-root test
+# (tests/packaging/clean-root.sh) installs the package where only these bring anything.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS
-    "qml6-module-qtquick, qml6-module-qtquick-controls, qml6-module-qtquick-layouts, systemd | adduser")
+set(KELVO_QML_MODULES
+    qml6-module-qtquick qml6-module-qtquick-window qml6-module-qtqml-workerscript
+    qml6-module-qtquick-controls qml6-module-qtquick-templates qml6-module-qtquick-layouts)
+list(JOIN KELVO_QML_MODULES ", " CPACK_DEBIAN_PACKAGE_DEPENDS)
+string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS ", systemd | adduser")
 # kelvo-simhw mounts through fusermount3 when it does not run as root.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "fuse3")
 

@@ -9,9 +9,17 @@ export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
 export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}"
 build=build/package
 
+# Debian's hardening flags on every binary, since kelvo-helperd runs as root: stack protector,
+# fortified libc calls, full RELRO with BIND_NOW (Debian's compiler builds PIE by default).
+# Debug info is left out: the package is stripped.
+flags() { DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get "$1" | sed 's/\(^\| \)-g\( \|$\)/\1/'; }
+link="$(flags LDFLAGS)"
+
 # The package manager updates a packaged Kelvo: the build gets no update feed and no signing key,
 # so the in-app updater never rewrites files that dpkg owns.
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+      -DCMAKE_C_FLAGS="$(flags CPPFLAGS) $(flags CFLAGS)" -DCMAKE_CXX_FLAGS="$(flags CPPFLAGS) $(flags CXXFLAGS)" \
+      -DCMAKE_EXE_LINKER_FLAGS="$link" -DCMAKE_SHARED_LINKER_FLAGS="$link" \
       -DKELVO_BUILD_TESTS=OFF -DKELVO_BUILD_BENCH=OFF \
       -DKELVO_UPDATE_FEED_URL= -DKELVO_UPDATE_PUBLIC_KEY=
 cmake --build "$build" -j "$(nproc)"

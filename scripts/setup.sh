@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Installs every Debian package Kelvo needs to build, run and test. Idempotent and
-# non-interactive: packages already present are left alone.
+# Installs the Debian packages Kelvo needs to build and run, and to build its tests and
+# benchmarks: libraries, compilers of the build, Qt's QML modules, Mesa. None of them is a
+# service that starts or listens. What only the tests run is in scripts/setup-tests.sh.
+# Idempotent and non-interactive: packages already present are left alone.
 set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/apt-packages.sh
 
 PACKAGES=(
   build-essential cmake ninja-build pkg-config ccache clang-format git
@@ -11,29 +15,10 @@ PACKAGES=(
   qml6-module-qttest qt6-qpa-plugins libqt6test6 libqt6opengl6-dev qcoro-qt6-dev
   libsqlite3-dev libarchive-dev libsodium-dev libsensors-dev libvulkan-dev libshaderc-dev
   glslang-dev spirv-tools
-  mesa-vulkan-drivers libgl1-mesa-dri libglx-mesa0 libgl-dev xvfb xauth fonts-dejavu-core
-  dbus libgtest-dev libgmock-dev libbenchmark-dev procps
-  clang libclang-rt-14-dev systemd util-linux
-  libfuse3-dev fuse3 nlohmann-json3-dev fancontrol thinkfan lm-sensors
-  prometheus-cpp-dev prometheus
-  lintian dpkg-dev man-db libsystemd-dev
+  mesa-vulkan-drivers libgl1-mesa-dri libglx-mesa0 libgl-dev fonts-dejavu-core
+  dbus libgtest-dev libgmock-dev libbenchmark-dev procps util-linux
+  libfuse3-dev fuse3 nlohmann-json3-dev prometheus-cpp-dev libsystemd-dev
 )
 
-missing=()
-for pkg in "${PACKAGES[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed"; then
-    missing+=("$pkg")
-  fi
-done
-
-if [ "${#missing[@]}" -eq 0 ]; then
-  echo "setup: all ${#PACKAGES[@]} packages present"
-  exit 0
-fi
-
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-echo "setup: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+install_missing "${PACKAGES[@]}"
+[ "${#NEWLY[@]}" -gt 0 ] || echo "setup: all ${#PACKAGES[@]} packages present"

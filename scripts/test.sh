@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds everything in Release and runs every test.
+# Installs what is missing (scripts/setup-tests.sh), builds everything in Release and runs every
+# test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-./scripts/setup.sh
+./scripts/setup-tests.sh
 export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
 # Paths relative to the checkout, so clones and worktrees elsewhere share cache hits.
 export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}"

@@ -45,4 +45,13 @@ std::optional<SimhwOptions> parseSimhwOptions(int argc, char** argv, std::string
     return options;
 }
 
+std::string resolveShippedFile(const std::string& value, const std::filesystem::path& shippedDir) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    if (value.find('/') != std::string::npos || fs::exists(value, ec)) return value;
+    for (const fs::path& candidate : {shippedDir / value, shippedDir / (value + ".json")})
+        if (fs::is_regular_file(candidate, ec)) return candidate.string();
+    return value;
+}
+
 }  // namespace kelvo::simhw

@@ -75,11 +75,14 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "kelvo-simhw: %s\n%s\n", error.c_str(), simhw::kSimhwUsage);
         return 2;
     }
-    const auto machine = sim::readMachineFile(options->machineFile, &error);
+    const fs::path shipped = KELVO_SIMHW_SHIPPED_DIR;
+    const auto machine = sim::readMachineFile(
+        simhw::resolveShippedFile(options->machineFile, shipped / "machines"), &error);
     if (!machine) return fail(error);
     std::vector<simhw::LoadPoint> levels;
     if (!options->traceFile.empty()) {
-        const auto trace = sim::readTraceFile(options->traceFile, &error);
+        const auto trace = sim::readTraceFile(
+            simhw::resolveShippedFile(options->traceFile, shipped / "traces"), &error);
         if (!trace) return fail(error);
         for (const auto& segment : trace->segments)
             for (int i = 0; i < segment.seconds; ++i) levels.push_back({segment.cpu, segment.gpu});

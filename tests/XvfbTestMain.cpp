@@ -68,6 +68,8 @@ bool startXvfb() {
     ::close(fds[0]);
     if (display.empty()) return false;
     ::setenv("DISPLAY", (":" + display).c_str(), 1);
+    // Tests that start a window manager or a panel do so only on a display of their own.
+    ::setenv("KELVO_TEST_PRIVATE_DISPLAY", "1", 1);
     std::atexit(stopXvfb);
     return true;
 }

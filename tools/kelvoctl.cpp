@@ -5,6 +5,7 @@
 #include <QDBusMessage>
 #include <QDir>
 #include <QEventLoop>
+#include <QFileInfo>
 #include <QSettings>
 #include <QStringList>
 #include <QTimer>
@@ -146,9 +147,15 @@ int helperStatus(const kelvo::LaunchPaths& paths) {
     }
     say(stderr, "kelvoctl: %s\n", result.error.c_str());
     if (!kelvo::HelperClient::reachable(paths.helperSocket, 250)) {
-        say(stderr,
-            "Install and enable kelvo-helperd to let Kelvo control the fans (docs/helper.md, "
-            "\"Installing the privileged helper\").\n");
+        // Installed by the package, the helper only waits for systemd to start it.
+        if (QFileInfo(QStringLiteral(KELVO_INSTALLED_HELPERD)).isExecutable())
+            say(stderr,
+                "kelvo-helperd is installed but not running. Start it, and at every boot, with:\n"
+                "  sudo systemctl enable --now kelvo-helperd\n");
+        else
+            say(stderr,
+                "Install and enable kelvo-helperd to let Kelvo control the fans (docs/helper.md, "
+                "\"Installing the privileged helper\").\n");
         describeLocalFans(paths.sysfsRoot);
     } else if (result.error.starts_with("not allowed")) {
         say(stderr,

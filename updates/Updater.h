@@ -40,6 +40,8 @@ public:
     ~Updater() override;
 
     const UpdaterConfiguration& configuration() const { return configuration_; }
+    // A distribution's package has none: updates come from its package manager.
+    bool hasFeed() const { return !configuration_.feedUrl.isEmpty(); }
 
     bool automaticallyChecksForUpdates() const { return automaticallyChecks_; }
     void setAutomaticallyChecksForUpdates(bool enabled);

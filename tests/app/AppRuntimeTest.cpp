@@ -304,6 +304,32 @@ TEST_F(RuntimeFixture, CaptureModeSelectionPersistsWithoutSwitchingTheLoop) {
     EXPECT_EQ(runtime.live()->status(), ControlStatus::monitoring);
 }
 
+TEST_F(RuntimeFixture, AMachineWithNothingUnderHwmonIsExplainedOnce) {
+    ASSERT_TRUE(QDir().mkpath(home.filePath(QStringLiteral("empty/sys/class/hwmon"))));
+    AppRuntime runtime(
+        options({QStringLiteral("--sysfs-root"), home.filePath(QStringLiteral("empty")),
+                 QStringLiteral("--helper-socket"), home.filePath(QStringLiteral("none.sock"))}));
+    QStringList said;
+    QObject::connect(&runtime, &AppRuntime::machineExplained,
+                     [&said](const QString& sentence) { said << sentence; });
+    int ticks = 0;
+    QObject::connect(&runtime, &AppRuntime::snapshotHandled, [&ticks] { ++ticks; });
+    ASSERT_TRUE(waitFor([&] { return ticks >= 12; }));
+    ASSERT_EQ(said.size(), 1);
+    EXPECT_TRUE(said.first().contains(QStringLiteral("no temperature sensor and no fan")));
+    EXPECT_TRUE(ringHas(runtime, said.first().toStdString()));
+}
+
+TEST_F(RuntimeFixture, TheSimulatedMachineNeedsNoExplanation) {
+    AppRuntime runtime(options());
+    int explained = 0;
+    QObject::connect(&runtime, &AppRuntime::machineExplained, [&explained] { ++explained; });
+    int ticks = 0;
+    QObject::connect(&runtime, &AppRuntime::snapshotHandled, [&ticks] { ++ticks; });
+    ASSERT_TRUE(waitFor([&] { return ticks >= 12; }));
+    EXPECT_EQ(explained, 0);
+}
+
 TEST_F(RuntimeFixture, CorruptDatabaseIsReportedAndControlGoesOn) {
     QDir().mkpath(home.filePath(QStringLiteral("data/Kelvo")));
     QFile garbage(home.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite")));

@@ -1,7 +1,9 @@
+#include <QFile>
 #include <QGuiApplication>
 #include <QScreen>
 #include <QSignalSpy>
 #include <QSystemTrayIcon>
+#include <QTemporaryDir>
 #include <cmath>
 
 #include "DesktopTestSupport.h"
@@ -37,6 +39,62 @@ TEST_F(DashboardWindow, OpensOneWindowTitledKelvoWithTheContentsMinimumWidth) {
     DashboardView* first = window();
     controller->showDashboardWindow();
     EXPECT_EQ(window(), first);
+}
+
+// A QML module the package failed to bring: the window cannot load, and the user is told why
+// and what to install, while the loop keeps running.
+TEST_F(DashboardWindow, AMissingQmlModuleIsReportedWithThePackageThatBringsIt) {
+    QTemporaryDir qml;
+    ASSERT_TRUE(qml.isValid());
+    const QString broken = qml.filePath(QStringLiteral("Broken.qml"));
+    {
+        QFile file(broken);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("import QtQuick\nimport QtQml.NotThere\nItem {}\n");
+    }
+    startRuntime();
+    QStringList notified;
+    runtime->notifications()->setObserver([&notified](const QString& title, const QString& body) {
+        notified << title + " | " + body;
+    });
+    controller = std::make_unique<AppLifecycleController>(settings.get());
+    controller->configure(runtime.get());
+    controller->setDashboardSource(QUrl::fromLocalFile(broken));
+    controller->showDashboardWindow();
+    const QString expected = QStringLiteral(
+        "The dashboard window cannot open: module \"QtQml.NotThere\" is not installed. Install it "
+        "with: sudo apt install qml6-module-qtqml-notthere.");
+    EXPECT_EQ(controller->dashboardLoadProblem(), expected);
+    const auto anyWindowShown = [] {
+        for (const QWindow* shown : QGuiApplication::topLevelWindows())
+            if (shown->isVisible()) return true;
+        return false;
+    };
+    EXPECT_FALSE(anyWindowShown());
+    EXPECT_FALSE(controller->pendingShowRequest());
+    ASSERT_EQ(notified.size(), 1);
+    EXPECT_EQ(notified.first(), QStringLiteral("Kelvo's window cannot open | ") + expected);
+    const auto failures = [&] {
+        int count = 0;
+        for (const RuntimeEvent& event : runtime->eventRing().recent(200))
+            if (event.isFailure && event.message == expected.toStdString()) ++count;
+        return count;
+    };
+    EXPECT_EQ(failures(), 1);
+    // Asking again tells again, without a second entry in the event list.
+    controller->showDashboardWindow();
+    EXPECT_EQ(notified.size(), 2);
+    EXPECT_EQ(failures(), 1);
+    EXPECT_FALSE(anyWindowShown());
+}
+
+TEST(DashboardLoadErrors, AnyOtherErrorIsGivenAsItStands) {
+    QQmlError error;
+    error.setDescription(QStringLiteral("Expected token `}'"));
+    EXPECT_EQ(DashboardView::describeLoadErrors({error}),
+              QStringLiteral("The dashboard window cannot open: Expected token `}'."));
+    EXPECT_EQ(DashboardView::describeLoadErrors({}),
+              QStringLiteral("The dashboard window cannot open."));
 }
 
 TEST_F(DashboardWindow, TheTrayItemSaysKelvoAndShowsAnImage) {

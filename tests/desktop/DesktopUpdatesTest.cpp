@@ -61,7 +61,7 @@ protected:
 
 }  // namespace
 
-TEST_F(DesktopUpdates, TheTrayMenuOffersFiveCommandsInOrder) {
+TEST_F(DesktopUpdates, TheTrayMenuOffersItsCommandsInOrder) {
     launch();
     QMenu* menu = app->lifecycle().statusItem()->contextMenu();
     ASSERT_NE(menu, nullptr);
@@ -69,8 +69,41 @@ TEST_F(DesktopUpdates, TheTrayMenuOffersFiveCommandsInOrder) {
     for (QAction* action : menu->actions())
         if (!action->isSeparator()) texts << action->text();
     EXPECT_EQ(texts, (QStringList{QStringLiteral("Show Dashboard"), QStringLiteral("Fans…"),
-                                  QStringLiteral("Check for Updates…"), QStringLiteral("Settings…"),
-                                  QStringLiteral("Quit Kelvo")}));
+                                  QStringLiteral("Cooling"), QStringLiteral("Check for Updates…"),
+                                  QStringLiteral("Settings…"), QStringLiteral("Quit Kelvo")}));
+}
+
+TEST_F(DesktopUpdates, TheCoolingMenuNamesEveryModeChecksTheCurrentOneAndSwitches) {
+    launch();
+    QMenu* menu = app->lifecycle().statusItem()->contextMenu();
+    ASSERT_NE(menu, nullptr);
+    QMenu* cooling = nullptr;
+    for (QAction* action : menu->actions())
+        if (action->text() == QStringLiteral("Cooling")) cooling = action->menu();
+    ASSERT_NE(cooling, nullptr);
+    QStringList names;
+    for (QAction* entry : cooling->actions()) {
+        names << entry->text();
+        EXPECT_TRUE(entry->isCheckable());
+        EXPECT_TRUE(entry->toolTip().endsWith(QLatin1Char('.')) ||
+                    entry->toolTip().endsWith(QStringLiteral(").")))
+            << entry->toolTip().toStdString();
+    }
+    EXPECT_EQ(names, (QStringList{QStringLiteral("System"), QStringLiteral("Quiet"),
+                                  QStringLiteral("Quiet Hybrid"), QStringLiteral("Performance")}));
+    const auto checked = [cooling] {
+        QStringList on;
+        for (QAction* entry : cooling->actions())
+            if (entry->isChecked()) on << entry->text();
+        return on;
+    };
+    EXPECT_EQ(checked(), QStringList{QStringLiteral("System")});
+    cooling->actions().at(3)->trigger();
+    EXPECT_EQ(runtime->mode(), ControlMode::performance);
+    EXPECT_EQ(checked(), QStringList{QStringLiteral("Performance")});
+    // A change made elsewhere (the window, kelvoctl) moves the check.
+    runtime->setMode(ControlMode::quiet);
+    EXPECT_EQ(checked(), QStringList{QStringLiteral("Quiet")});
 }
 
 TEST_F(DesktopUpdates, ShowDashboardFromTheMenuBringsBackAClosedWindow) {

@@ -3,6 +3,7 @@
 // mode and keeps it as the choice. Every other program answers --help and --version too.
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QSettings>
@@ -112,6 +113,23 @@ TEST(KelvoCommandLineE2E, EveryProgramAnswersHelpAndVersionAndRefusesAFlagItDoes
         EXPECT_EQ(bogus.exitCode, 2) << name;
         EXPECT_TRUE(bogus.err.contains(QStringLiteral("usage: "))) << name;
     }
+}
+
+// A machine with nothing under /sys/class/hwmon (a VM, a container): without a window the user
+// reads why nothing happens on standard error, with what to try.
+TEST(KelvoCommandLineE2E, AnEmptyMachineIsExplainedOnStandardError) {
+    QTemporaryDir home;
+    ASSERT_TRUE(QDir().mkpath(home.filePath(QStringLiteral("sys/class/hwmon"))));
+    KelvoProcess kelvo(home);
+    kelvo.process.setReadChannel(QProcess::StandardError);
+    kelvo.start({QStringLiteral("--headless"), QStringLiteral("--sysfs-root"), home.path(),
+                 QStringLiteral("--helper-socket"), home.filePath(QStringLiteral("none.sock"))});
+    EXPECT_TRUE(kelvo.waitForLine(
+        QStringLiteral("^kelvo: This machine shows Kelvo no temperature sensor and no fan .*"
+                       "kelvo --simulated-fans\\.$"),
+        60000))
+        << kelvo.transcript();
+    EXPECT_EQ(kelvo.stopWith(SIGTERM), 0);
 }
 
 }  // namespace

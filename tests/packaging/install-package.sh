@@ -122,6 +122,14 @@ dpkg -i "$deb"
 install_end=$(now_ms)
 version="$(dpkg-query -W -f='${Version}' kelvo)"
 
+echo "== kelvoctl before the helper runs"
+rc=0
+/usr/bin/kelvoctl helper status --helper-socket /run/kelvo/helper.sock --sysfs-root "$tree" \
+  >"$scratch/status.txt" 2>&1 || rc=$?
+cat "$scratch/status.txt"
+{ [ "$rc" -eq 1 ] && grep -qF 'sudo systemctl enable --now kelvo-helperd' "$scratch/status.txt"; } ||
+  fail "kelvoctl helper status, helper installed but not running: exit $rc, no systemctl hint"
+
 echo "== the installed helper on the fake sysfs tree"
 # /run/kelvo as the unit has it: on the private /run, so the purge below must remove it.
 /usr/sbin/kelvo-helperd --sysfs-root "$tree" --runtime-dir /run/kelvo --allowed-group kelvo \

@@ -118,6 +118,30 @@ TEST_F(UpdaterSettingsViewTest, ChangesAreWrittenToTheUpdater) {
               604800);
 }
 
+TEST_F(UpdaterSettingsViewTest, WithoutAFeedEveryControlIsDisabledAndTheNoticeSaysWhy) {
+    auto configuration = rig.configuration(QUrl(), rig.installFile("installed"));
+    Updater updater(configuration);
+    UpdaterSettingsView view(updater);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    EXPECT_FALSE(view.checkNowButton()->isEnabled());
+    EXPECT_FALSE(view.automaticCheckToggle()->isEnabled());
+    EXPECT_FALSE(view.frequencyPicker()->isEnabled());
+    EXPECT_FALSE(view.automaticDownloadToggle()->isEnabled());
+    ASSERT_TRUE(view.noFeedNotice()->isVisible());
+    EXPECT_TRUE(view.noFeedNotice()->text().contains(QStringLiteral("no update feed")));
+    EXPECT_TRUE(view.noFeedNotice()->text().contains(QStringLiteral("package manager")));
+}
+
+TEST_F(UpdaterSettingsViewTest, WithAFeedTheNoticeIsHiddenAndCheckNowIsOffered) {
+    auto updater = makeUpdater();
+    UpdaterSettingsView view(*updater);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    EXPECT_FALSE(view.noFeedNotice()->isVisible());
+    EXPECT_TRUE(view.checkNowButton()->isEnabled());
+}
+
 TEST_F(UpdaterSettingsViewTest, CheckNowStartsACheck) {
     auto updater = makeUpdater();
     UpdaterSettingsView view(*updater);

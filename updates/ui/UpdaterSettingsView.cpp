@@ -37,12 +37,19 @@ void UpdaterSettingsView::buildLayout() {
     small.setPointSizeF(small.pointSizeF() * 0.9);
     footnote_->setFont(small);
 
+    noFeedNotice_ = new QLabel(QStringLiteral(
+        "This build of Kelvo has no update feed: new versions come from your package manager "
+        "(sudo apt update && sudo apt upgrade)."));
+    noFeedNotice_->setWordWrap(true);
+    noFeedNotice_->setVisible(!updater_.hasFeed());
+
     auto* section = new QGroupBox(QStringLiteral("Updates"));
     auto* form = new QFormLayout(section);
     form->addRow(checkToggle_);
     form->addRow(QStringLiteral("Check frequency"), frequencyPicker_);
     form->addRow(downloadToggle_);
     form->addRow(checkNowButton_);
+    form->addRow(noFeedNotice_);
     form->addRow(footnote_);
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(kPadding, kPadding, kPadding, kPadding);
@@ -69,8 +76,12 @@ void UpdaterSettingsView::connectControls() {
 }
 
 void UpdaterSettingsView::refreshEnabledState() {
-    frequencyPicker_->setEnabled(automaticallyChecks_);
-    downloadToggle_->setEnabled(automaticallyChecks_ && updater_.allowsAutomaticUpdates());
+    // Without a feed a check can only fail: nothing is offered, and the notice says why.
+    const bool feed = updater_.hasFeed();
+    checkToggle_->setEnabled(feed);
+    checkNowButton_->setEnabled(feed);
+    frequencyPicker_->setEnabled(feed && automaticallyChecks_);
+    downloadToggle_->setEnabled(feed && automaticallyChecks_ && updater_.allowsAutomaticUpdates());
 }
 
 }  // namespace kelvo

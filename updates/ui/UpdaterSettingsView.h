@@ -30,6 +30,9 @@ public:
     QCheckBox* automaticDownloadToggle() const { return downloadToggle_; }
     QPushButton* checkNowButton() const { return checkNowButton_; }
     QLabel* footnote() const { return footnote_; }
+    // Shown only in a build without an update feed (a distribution package), with the reason
+    // every update control is disabled.
+    QLabel* noFeedNotice() const { return noFeedNotice_; }
 
 private:
     void buildLayout();
@@ -45,6 +48,7 @@ private:
     QCheckBox* downloadToggle_ = nullptr;
     QPushButton* checkNowButton_ = nullptr;
     QLabel* footnote_ = nullptr;
+    QLabel* noFeedNotice_ = nullptr;
 };
 
 }  // namespace kelvo

@@ -1,5 +1,7 @@
 #include "desktop/DashboardView.h"
 
+#include <cmath>
+
 #include <QEvent>
 #include <QGuiApplication>
 #include <QPalette>
@@ -10,6 +12,7 @@
 #include <QSurfaceFormat>
 
 #include "app/AppRuntime.h"
+#include "dashboard/SystemColors.h"
 #include "dashboard/TrendSectionModel.h"
 #include "desktop/DashboardLayout.h"
 #include "desktop/DashboardViewModel.h"
@@ -67,7 +70,35 @@ void DashboardView::useCheapRendering() {
 // The window's clear paints the dashboard's background (an item filling the window would paint
 // every pixel twice a frame), in the colour the QML's SystemPalette gives the window.
 void DashboardView::followPaletteBackground() {
-    setColor(QGuiApplication::palette().color(QPalette::Active, QPalette::Window));
+    const QPalette palette = QGuiApplication::palette();
+    setColor(palette.color(QPalette::Active, QPalette::Window));
+    rootContext()->setContextProperty(QStringLiteral("secondaryTextColor"),
+                                      secondaryTextColor(palette));
+    // The grey a status tint has when there is no status; text in it reads as secondary text.
+    rootContext()->setContextProperty(QStringLiteral("neutralTint"), SystemColor::secondary);
+}
+
+QColor DashboardView::secondaryTextColor(const QPalette& palette) {
+    const QColor text = palette.color(QPalette::Active, QPalette::WindowText);
+    const QColor back = palette.color(QPalette::Active, QPalette::Window);
+    constexpr double kTowardBackground = 0.4;
+    const auto mix = [](double a, double b) { return a + (b - a) * kTowardBackground; };
+    return QColor::fromRgbF(static_cast<float>(mix(text.redF(), back.redF())),
+                            static_cast<float>(mix(text.greenF(), back.greenF())),
+                            static_cast<float>(mix(text.blueF(), back.blueF())));
+}
+
+double DashboardView::contrastRatio(const QColor& a, const QColor& b) {
+    const auto channel = [](double c) {
+        return c <= 0.03928 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
+    };
+    const auto luminance = [&](const QColor& c) {
+        return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) +
+               0.0722 * channel(c.blueF());
+    };
+    const double la = luminance(a);
+    const double lb = luminance(b);
+    return (std::max(la, lb) + 0.05) / (std::min(la, lb) + 0.05);
 }
 
 QString DashboardView::describeLoadErrors(const QList<QQmlError>& errors) {

@@ -2,7 +2,9 @@
 // view model and the trend section in its context. Titled "Kelvo", 900×700 when created.
 #pragma once
 
+#include <QColor>
 #include <QList>
+#include <QPalette>
 #include <QQmlError>
 #include <QQuickView>
 #include <QSettings>
@@ -35,6 +37,11 @@ public:
     // That sentence for the engine's errors: the first one, and for a QML module that is not
     // installed, the Debian package that brings it.
     static QString describeLoadErrors(const QList<QQmlError>& errors);
+    // Small secondary labels (metric names, the build, a toggle that is off): the window's text
+    // blended 40 % toward its background, above 4.5:1 on light and dark palettes alike.
+    static QColor secondaryTextColor(const QPalette& palette);
+    // WCAG's contrast ratio of two opaque colours, from 1 to 21.
+    static double contrastRatio(const QColor& a, const QColor& b);
 
     // Application commands the top bar offers (an object with an invokable openSettings()), or
     // null when there are none.

@@ -76,15 +76,8 @@ QString durationText(double seconds) {
     return QStringLiteral("%1 h %2 min").arg(minutes / 60).arg(minutes % 60);
 }
 
-QString benefitText(const RuntimeBenefitSummary& b) {
-    return QStringLiteral(
-               "Last %1: Kelvo in charge %2 in %3 interventions; %4 without throttle "
-               "warnings; %5 throttle events, %6 fallbacks")
-        .arg(QString::fromStdString(b.windowDisplayName), durationText(b.kelvoAuthoritySeconds))
-        .arg(b.interventionCount)
-        .arg(durationText(b.throttleWarningAvoidedSeconds))
-        .arg(b.throttleWarningEventCount)
-        .arg(b.fallbackEventCount);
+QString counted(int count, const char* one, const char* many) {
+    return QStringLiteral("%1 %2").arg(count).arg(QLatin1String(count == 1 ? one : many));
 }
 
 QString eventLine(const RuntimeEvent& event) {
@@ -189,6 +182,16 @@ QVariantMap DashboardViewModel::buildCard() const {
         {QStringLiteral("buildVersionLabel"), live_->buildVersionLabel()},
         {QStringLiteral("buildVersionDetail"), live_->buildVersionDetail()},
     };
+}
+
+QString DashboardViewModel::benefitText(const RuntimeBenefitSummary& b) {
+    return QStringLiteral(
+               "Last %1: Kelvo in charge %2 in %3; %4 without throttle warnings; %5, %6.")
+        .arg(QString::fromStdString(b.windowDisplayName), durationText(b.kelvoAuthoritySeconds),
+             counted(b.interventionCount, "intervention", "interventions"),
+             durationText(b.throttleWarningAvoidedSeconds),
+             counted(b.throttleWarningEventCount, "throttle event", "throttle events"),
+             counted(b.fallbackEventCount, "fallback", "fallbacks"));
 }
 
 QVariantMap DashboardViewModel::buildAdvanced() const {

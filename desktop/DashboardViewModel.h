@@ -8,6 +8,7 @@
 #include <QString>
 #include <QVariantMap>
 
+#include "foundation/control/RuntimeBenefitRegisters.h"
 #include "foundation/core/Types.h"
 
 namespace kelvo {
@@ -48,6 +49,10 @@ public:
 
     // Rebuilds the strings now when the dashboard can be seen.
     void refresh();
+
+    // The benefit line of the live card: "Last 24 Hours: Kelvo in charge 12 min in 1
+    // intervention; ...", each count with its noun in the right number.
+    static QString benefitText(const RuntimeBenefitSummary& summary);
 
 signals:
     void publicModeChanged();

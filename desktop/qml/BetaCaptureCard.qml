@@ -48,7 +48,8 @@ Card {
         Text {
             objectName: "capture-elapsed"
             text: capture ? capture.profilingElapsed : ""
-            color: captureCard.accent
+            color: capture && capture.captureActivityTint === "orange" ? captureCard.activeColor
+                                                                       : secondaryTextColor
             font.pixelSize: 14
         }
     }
@@ -83,7 +84,7 @@ Card {
         Layout.fillWidth: true
         wrapMode: Text.WrapAtWordBoundaryOrAnywhere
         text: capture ? capture.adaptivePredictorLabel : ""
-        color: palette.mid
+        color: secondaryTextColor
         font.pixelSize: 12
         HoverHandler { id: predictorHover }
         ToolTip.visible: predictorHover.hovered && capture && capture.adaptivePredictorDetail.length > 0

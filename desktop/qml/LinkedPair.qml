@@ -19,7 +19,7 @@ Row {
         Text {
             anchors.centerIn: parent
             text: "↔"
-            color: palette.mid
+            color: secondaryTextColor
             font.pixelSize: 12
         }
     }

@@ -42,7 +42,7 @@ Card {
                     width: parent.width
                     elide: Text.ElideRight
                     text: modelData[0]
-                    color: palette.mid
+                    color: secondaryTextColor
                     font.pixelSize: 11
                 }
                 Text {
@@ -92,7 +92,7 @@ Card {
             Accessible.name: "Build Version"
             Accessible.description: live.buildVersionDetail
             text: live.buildVersionLabel
-            color: palette.mid
+            color: secondaryTextColor
             font.pixelSize: 11
             HoverHandler { id: buildHover }
             ToolTip.visible: buildHover.hovered && live.buildVersionDetail.length > 0

@@ -32,7 +32,9 @@ Rectangle {
             objectName: "trend-peak-performance-value"
             anchors.horizontalCenter: parent.horizontalCenter
             text: trend.peakPerformanceValueText
-            color: trend.peakPerformanceTint
+            // No figure yet: its dash is secondary text, legible on either palette.
+            color: Qt.colorEqual(trend.peakPerformanceTint, neutralTint) ? secondaryTextColor
+                                                                         : trend.peakPerformanceTint
             font.bold: true
             font.pixelSize: layout.trendPerformanceValueFontSize * layout.trendPerformanceFontScale
         }

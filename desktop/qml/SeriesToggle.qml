@@ -43,7 +43,7 @@ AbstractButton {
             anchors.verticalCenter: parent.verticalCenter
             width: Math.max(implicitWidth, toggle.labelWidth)
             text: toggle.label
-            color: toggle.on ? palette.windowText : palette.mid
+            color: toggle.on ? palette.windowText : secondaryTextColor
             font.pixelSize: 13
         }
     }

@@ -31,6 +31,25 @@ TEST(DashboardPublicMode, SystemAutoIsSystemEveryOtherModeIsEnhanced) {
     EXPECT_EQ(rawValue(DashboardPublicMode::enhanced), QStringLiteral("enhanced"));
 }
 
+TEST(DashboardBenefitText, EachCountHasItsNounInTheRightNumber) {
+    RuntimeBenefitSummary one;
+    one.kelvoAuthoritySeconds = 720;
+    one.interventionCount = 1;
+    one.throttleWarningAvoidedSeconds = 660;
+    one.throttleWarningEventCount = 1;
+    one.fallbackEventCount = 1;
+    EXPECT_EQ(DashboardViewModel::benefitText(one),
+              QStringLiteral("Last 24 Hours: Kelvo in charge 12 min in 1 intervention; 11 min "
+                             "without throttle warnings; 1 throttle event, 1 fallback."));
+    RuntimeBenefitSummary many = one;
+    many.interventionCount = 2;
+    many.throttleWarningEventCount = 0;
+    many.fallbackEventCount = 3;
+    EXPECT_EQ(DashboardViewModel::benefitText(many),
+              QStringLiteral("Last 24 Hours: Kelvo in charge 12 min in 2 interventions; 11 min "
+                             "without throttle warnings; 0 throttle events, 3 fallbacks."));
+}
+
 TEST(DashboardLayout, MinimumWidthHoldsTheTopBarsControlsAndSlack) {
     EXPECT_EQ(dashboard_layout::minimumContentWidth, 20 + 286 + 12 + 318 + 28 + 20);
     const QVariantMap map = dashboard_layout::dashboardLayoutMap();

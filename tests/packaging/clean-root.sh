@@ -8,11 +8,7 @@
 # Usage: clean-root.sh SOURCE_DIR. Needs root (chroot, mounts) and the package mirror; exits 77
 # (skipped) where it cannot run. Nothing outside its scratch directory changes.
 set -euo pipefail
-
-skip() {
-  echo "SKIP: $*"
-  exit 77
-}
+source "$(dirname "$0")/common.sh"
 
 source_dir="$(cd "$1" && pwd)"
 [ "$(id -u)" -eq 0 ] || skip "not root: chroot and mounts need root"
@@ -35,21 +31,10 @@ scratch="$(mktemp -d /var/tmp/kelvo-clean-root.XXXXXX)"
 root="$scratch/root"
 xvfb_pid=""
 kelvo_pid=""
-failures=0
-
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
 
 cleanup() {
   local rc=$?
-  for pid in "$kelvo_pid" "$xvfb_pid"; do
-    if [ -n "$pid" ] && kill -0 "$pid" 2>/dev/null; then
-      kill -TERM "$pid" 2>/dev/null || true
-      wait "$pid" 2>/dev/null || true
-    fi
-  done
+  stop_processes "$kelvo_pid" "$xvfb_pid"
   # Every mount was made in a namespace of its own that ended with its process: nothing under
   # the root is mounted here, so removing it cannot reach the machine's /dev or /proc.
   if findmnt -rno TARGET | grep -q "^$scratch/"; then
@@ -60,19 +45,6 @@ cleanup() {
   exit "$rc"
 }
 trap cleanup EXIT
-
-now_ms() { echo $(($(date +%s%N) / 1000000)); }
-
-# Waits up to $1 seconds for the command that follows to succeed.
-wait_for() {
-  local limit=$1
-  shift
-  local deadline=$(($(now_ms) + limit * 1000))
-  until "$@"; do
-    [ "$(now_ms)" -lt "$deadline" ] || return 1
-    sleep 0.1
-  done
-}
 
 # Runs a command in the root, as a user's machine has it: /proc, /dev, an empty /run, and the X
 # server's socket; the mounts end with the command. The command replaces the process that
@@ -97,18 +69,12 @@ version="$(dpkg-deb -f "$deb" Version)"
 
 echo "== a minimal Debian 12 root from ${sources[*]}"
 start=$(now_ms)
-made=0
-for attempt in 1 2; do
+make_root() {
   rm -rf "$root"
-  if mmdebstrap --variant=apt --mode=root --format=directory "${aptopts[@]}" bookworm "$root" \
-    "${sources[@]}" >"$scratch/mmdebstrap.log" 2>&1; then
-    made=1
-    break
-  fi
-  echo "mmdebstrap failed (attempt $attempt):"
-  tail -5 "$scratch/mmdebstrap.log"
-done
-[ "$made" -eq 1 ] || { echo "FAIL: could not make the root"; exit 1; }
+  mmdebstrap --variant=apt --mode=root --format=directory "${aptopts[@]}" bookworm "$root" \
+    "${sources[@]}"
+}
+twice "$scratch/mmdebstrap.log" make_root || { echo "FAIL: could not make the root"; exit 1; }
 echo "root made in $(($(now_ms) - start)) ms: $(du -sh "$root" | cut -f1)"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 mkdir -p "$root/tmp/.X11-unix"
@@ -116,17 +82,10 @@ cp "$deb" "$root/tmp/kelvo.deb"
 
 echo "== apt-get install ./kelvo.deb (no recommends)"
 start=$(now_ms)
-installed=0
-for attempt in 1 2; do
-  if in_root apt-get update -qq >"$scratch/apt.log" 2>&1 &&
-    in_root apt-get install -y -q --no-install-recommends /tmp/kelvo.deb >>"$scratch/apt.log" 2>&1; then
-    installed=1
-    break
-  fi
-  echo "apt-get failed (attempt $attempt):"
-  tail -20 "$scratch/apt.log"
-done
-[ "$installed" -eq 1 ] || { echo "FAIL: the package did not install"; exit 1; }
+install_package() {
+  in_root apt-get update -qq && in_root apt-get install -y -q --no-install-recommends /tmp/kelvo.deb
+}
+twice "$scratch/apt.log" install_package || { echo "FAIL: the package did not install"; exit 1; }
 echo "installed in $(($(now_ms) - start)) ms: $(du -sh "$root" | cut -f1)"
 grep -E '^(Setting up|Adding)' "$scratch/apt.log" | grep -E 'kelvo|qml6|group' || true
 

@@ -6,11 +6,7 @@
 # tmpfs for the whole run, so nothing the helper creates there outlives it.
 # Usage: install-package.sh SOURCE_DIR. Exits 77 (skipped) where it cannot run.
 set -euo pipefail
-
-skip() {
-  echo "SKIP: $*"
-  exit 77
-}
+source "$(dirname "$0")/common.sh"
 
 source_dir="$(cd "$1" && pwd)"
 [ "$(id -u)" -eq 0 ] || skip "not root: dpkg -i and dpkg --purge need root"
@@ -35,12 +31,6 @@ mount -t tmpfs -o mode=0755 kelvo-test-run /run
 scratch="$(mktemp -d)"
 helper_pid=""
 kelvo_pid=""
-failures=0
-
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
 
 installed() {
   local state
@@ -50,12 +40,7 @@ installed() {
 
 cleanup() {
   local rc=$?
-  for pid in "$helper_pid" "$kelvo_pid"; do
-    if [ -n "$pid" ] && kill -0 "$pid" 2>/dev/null; then
-      kill -TERM "$pid" 2>/dev/null || true
-      wait "$pid" 2>/dev/null || true
-    fi
-  done
+  stop_processes "$helper_pid" "$kelvo_pid"
   if installed; then
     echo "cleanup: purging kelvo"
     dpkg --purge kelvo || true
@@ -64,19 +49,6 @@ cleanup() {
   exit "$rc"
 }
 trap cleanup EXIT
-
-now_ms() { echo $(($(date +%s%N) / 1000000)); }
-
-# Waits up to $1 seconds for the command that follows to succeed.
-wait_for() {
-  local limit=$1
-  shift
-  local deadline=$(($(now_ms) + limit * 1000))
-  until "$@"; do
-    [ "$(now_ms)" -lt "$deadline" ] || return 1
-    sleep 0.05
-  done
-}
 
 # Files named like Kelvo's, outside the checkout: compared before installing and after purging.
 kelvo_named() {

@@ -28,134 +28,140 @@ Card {
 
     // A count-based model: the entries change every tick (the speeds), and recreating the rows
     // each time would take the focus from a field being edited.
-    Repeater {
-        model: fanSettings ? fanSettings.fans.length : 0
-        ColumnLayout {
-            id: fanRow
-            required property int index
-            readonly property var fan: fanSettings.fans[index] || ({})
-            objectName: "fans-row-" + index
-            Layout.fillWidth: true
-            spacing: 4
-            RowLayout {
-                Layout.fillWidth: true
-                Text {
-                    objectName: "fans-title-" + fanRow.index
-                    text: fanRow.fan.title || ""
-                    font.bold: true
-                    elide: Text.ElideMiddle
+    // Inside a positioner: a Repeater straight inside the card's layout lets Qt 6.4's layout read
+    // a delegate that a change of the count has just freed.
+    Column {
+        Layout.fillWidth: true
+        spacing: pane.spacing
+        Repeater {
+            model: fanSettings ? fanSettings.fans.length : 0
+            ColumnLayout {
+                id: fanRow
+                required property int index
+                readonly property var fan: fanSettings.fans[index] || ({})
+                objectName: "fans-row-" + index
+                width: parent.width
+                spacing: 4
+                RowLayout {
                     Layout.fillWidth: true
-                    color: fansPalette.windowText
-                }
-                Text {
-                    objectName: "fans-rpm-" + fanRow.index
-                    text: fanRow.fan.stopped ? "stopped"
-                        : fanRow.fan.rpm >= 0 ? Math.round(fanRow.fan.rpm) + " rpm" : "— rpm"
-                    color: fansPalette.windowText
-                }
-            }
-            // Why the fan is not Kelvo's as chosen: a stored choice that cannot be read, a
-            // helper that refuses the fan, or a floor the helper holds it above.
-            Text {
-                objectName: "fans-status-" + fanRow.index
-                readonly property string problem: fanRow.fan.problem || ""
-                readonly property string heldBack: fanRow.fan.heldBack || ""
-                readonly property int floorPercent: fanRow.fan.floorPercent || 0
-                visible: text.length > 0
-                function sentence(words) { return words.endsWith(".") ? words : words + "." }
-                text: problem.length > 0 ? sentence("Stored choice: " + problem)
-                    : heldBack.length > 0 ? sentence("With the firmware: " + heldBack)
-                    : floorPercent > 0 ? "The helper keeps this fan at no less than "
-                                         + floorPercent + " %."
-                    : ""
-                color: fansPalette.windowText
-                font.pixelSize: 12
-                wrapMode: Text.WordWrap
-                Layout.fillWidth: true
-            }
-            RowLayout {
-                spacing: 8
-                SegmentedControl {
-                    objectName: "fans-choice-" + fanRow.index
-                    Accessible.name: "Fan Choice"
-                    Layout.preferredWidth: 270
-                    optionPrefix: "fans-choice-" + fanRow.index + "-"
-                    options: [{ value: "auto", title: "Auto" },
-                              { value: "firmware", title: "Firmware" },
-                              { value: "fixed", title: "Fixed" }]
-                    selected: fanRow.fan.choice || "auto"
-                    onChosen: value => fanSettings.setChoice(fanRow.fan.identity, value,
-                                                             fixedBox.value)
-                }
-                Label { text: "Fixed %" }
-                SpinBox {
-                    id: fixedBox
-                    objectName: "fans-fixed-" + fanRow.index
-                    from: 0
-                    to: 100
-                    editable: true
-                    value: fanRow.fan.choice === "fixed" ? fanRow.fan.fixedPercent : 60
-                    onValueModified: fanSettings.setChoice(fanRow.fan.identity, "fixed", value)
-                }
-                Label { text: "Minimum %" }
-                SpinBox {
-                    objectName: "fans-min-" + fanRow.index
-                    from: 0
-                    to: 100
-                    editable: true
-                    value: fanRow.fan.minimumPercent || 0
-                    onValueModified: fanSettings.setMinimum(fanRow.fan.identity, value)
-                }
-            }
-            RowLayout {
-                spacing: 8
-                Layout.fillWidth: true
-                Switch {
-                    objectName: "fans-stop-" + fanRow.index
-                    Accessible.name: "Stop When Cool"
-                    text: "Stop when cool"
-                    enabled: fanRow.fan.stopAvailable === true
-                    checked: fanRow.fan.stopWhenCool === true
-                    onToggled: {
-                        if (!fanSettings.setStopWhenCool(fanRow.fan.identity, checked))
-                            checked = Qt.binding(() => fanRow.fan.stopWhenCool === true)
+                    Text {
+                        objectName: "fans-title-" + fanRow.index
+                        text: fanRow.fan.title || ""
+                        font.bold: true
+                        elide: Text.ElideMiddle
+                        Layout.fillWidth: true
+                        color: fansPalette.windowText
+                    }
+                    Text {
+                        objectName: "fans-rpm-" + fanRow.index
+                        text: fanRow.fan.stopped ? "stopped"
+                            : fanRow.fan.rpm >= 0 ? Math.round(fanRow.fan.rpm) + " rpm" : "— rpm"
+                        color: fansPalette.windowText
                     }
                 }
+                // Why the fan is not Kelvo's as chosen: a stored choice that cannot be read, a
+                // helper that refuses the fan, or a floor the helper holds it above.
                 Text {
-                    objectName: "fans-stop-note-" + fanRow.index
+                    objectName: "fans-status-" + fanRow.index
+                    readonly property string problem: fanRow.fan.problem || ""
+                    readonly property string heldBack: fanRow.fan.heldBack || ""
+                    readonly property int floorPercent: fanRow.fan.floorPercent || 0
                     visible: text.length > 0
-                    text: fanRow.fan.stopNote || ""
+                    function sentence(words) { return words.endsWith(".") ? words : words + "." }
+                    text: problem.length > 0 ? sentence("Stored choice: " + problem)
+                        : heldBack.length > 0 ? sentence("With the firmware: " + heldBack)
+                        : floorPercent > 0 ? "The helper keeps this fan at no less than "
+                                             + floorPercent + " %."
+                        : ""
                     color: fansPalette.windowText
                     font.pixelSize: 12
                     wrapMode: Text.WordWrap
                     Layout.fillWidth: true
                 }
-            }
-            RowLayout {
-                spacing: 8
-                Layout.fillWidth: true
-                Button {
-                    objectName: "fans-calibrate-" + fanRow.index
-                    Accessible.name: "Calibrate Fan"
-                    text: "Calibrate"
-                    enabled: fanRow.fan.calibrating !== true
-                    onClicked: fanSettings.calibrate(fanRow.fan.identity)
+                RowLayout {
+                    spacing: 8
+                    SegmentedControl {
+                        objectName: "fans-choice-" + fanRow.index
+                        Accessible.name: "Fan Choice"
+                        Layout.preferredWidth: 270
+                        optionPrefix: "fans-choice-" + fanRow.index + "-"
+                        options: [{ value: "auto", title: "Auto" },
+                                  { value: "firmware", title: "Firmware" },
+                                  { value: "fixed", title: "Fixed" }]
+                        selected: fanRow.fan.choice || "auto"
+                        onChosen: value => fanSettings.setChoice(fanRow.fan.identity, value,
+                                                                 fixedBox.value)
+                    }
+                    Label { text: "Fixed %" }
+                    SpinBox {
+                        id: fixedBox
+                        objectName: "fans-fixed-" + fanRow.index
+                        from: 0
+                        to: 100
+                        editable: true
+                        value: fanRow.fan.choice === "fixed" ? fanRow.fan.fixedPercent : 60
+                        onValueModified: fanSettings.setChoice(fanRow.fan.identity, "fixed", value)
+                    }
+                    Label { text: "Minimum %" }
+                    SpinBox {
+                        objectName: "fans-min-" + fanRow.index
+                        from: 0
+                        to: 100
+                        editable: true
+                        value: fanRow.fan.minimumPercent || 0
+                        onValueModified: fanSettings.setMinimum(fanRow.fan.identity, value)
+                    }
                 }
-                ProgressBar {
-                    objectName: "fans-calibration-progress-" + fanRow.index
-                    visible: fanRow.fan.calibrating === true
-                    from: 0
-                    to: 1
-                    value: fanRow.fan.calibrationProgress || 0
-                    Layout.preferredWidth: 120
-                }
-                Text {
-                    objectName: "fans-calibration-text-" + fanRow.index
-                    text: fanRow.fan.calibrationText || fanRow.fan.calibrationNote || ""
-                    color: fansPalette.windowText
-                    font.pixelSize: 12
-                    wrapMode: Text.WordWrap
+                RowLayout {
+                    spacing: 8
                     Layout.fillWidth: true
+                    Switch {
+                        objectName: "fans-stop-" + fanRow.index
+                        Accessible.name: "Stop When Cool"
+                        text: "Stop when cool"
+                        enabled: fanRow.fan.stopAvailable === true
+                        checked: fanRow.fan.stopWhenCool === true
+                        onToggled: {
+                            if (!fanSettings.setStopWhenCool(fanRow.fan.identity, checked))
+                                checked = Qt.binding(() => fanRow.fan.stopWhenCool === true)
+                        }
+                    }
+                    Text {
+                        objectName: "fans-stop-note-" + fanRow.index
+                        visible: text.length > 0
+                        text: fanRow.fan.stopNote || ""
+                        color: fansPalette.windowText
+                        font.pixelSize: 12
+                        wrapMode: Text.WordWrap
+                        Layout.fillWidth: true
+                    }
+                }
+                RowLayout {
+                    spacing: 8
+                    Layout.fillWidth: true
+                    Button {
+                        objectName: "fans-calibrate-" + fanRow.index
+                        Accessible.name: "Calibrate Fan"
+                        text: "Calibrate"
+                        enabled: fanRow.fan.calibrating !== true
+                        onClicked: fanSettings.calibrate(fanRow.fan.identity)
+                    }
+                    ProgressBar {
+                        objectName: "fans-calibration-progress-" + fanRow.index
+                        visible: fanRow.fan.calibrating === true
+                        from: 0
+                        to: 1
+                        value: fanRow.fan.calibrationProgress || 0
+                        Layout.preferredWidth: 120
+                    }
+                    Text {
+                        objectName: "fans-calibration-text-" + fanRow.index
+                        text: fanRow.fan.calibrationText || fanRow.fan.calibrationNote || ""
+                        color: fansPalette.windowText
+                        font.pixelSize: 12
+                        wrapMode: Text.WordWrap
+                        Layout.fillWidth: true
+                    }
                 }
             }
         }

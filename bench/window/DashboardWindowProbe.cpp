@@ -12,10 +12,17 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QMutex>
+#include <QOpenGLContext>
+#include <QOpenGLFunctions>
 #include <QQuickWindow>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTimer>
+#if QT_CONFIG(vulkan)
+#include <QVulkanFunctions>
+#include <QVulkanInstance>
+#endif
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -85,6 +92,45 @@ struct ChartSteps {
     }
 };
 
+// The graphics API and the device that draws the window, read once on the render thread, so a
+// table row says whether a GPU or a software rasteriser produced it.
+struct RendererName {
+    QMutex mutex;
+    QString text;
+    void read(QQuickWindow* window) {
+        QString name;
+        QSGRendererInterface* rif = window->rendererInterface();
+        if (rif->graphicsApi() == QSGRendererInterface::OpenGL) {
+            if (QOpenGLContext* context = QOpenGLContext::currentContext()) {
+                QOpenGLFunctions* gl = context->functions();
+                name = QStringLiteral("OpenGL, %1 (%2)")
+                           .arg(QString::fromLatin1(
+                                    reinterpret_cast<const char*>(gl->glGetString(GL_RENDERER))),
+                                QString::fromLatin1(
+                                    reinterpret_cast<const char*>(gl->glGetString(GL_VENDOR))));
+            }
+#if QT_CONFIG(vulkan)
+        } else if (rif->graphicsApi() == QSGRendererInterface::Vulkan) {
+            auto* device = static_cast<VkPhysicalDevice*>(
+                rif->getResource(window, QSGRendererInterface::PhysicalDeviceResource));
+            QVulkanInstance* instance = window->vulkanInstance();
+            if (device && instance) {
+                VkPhysicalDeviceProperties properties{};
+                instance->functions()->vkGetPhysicalDeviceProperties(*device, &properties);
+                name = QStringLiteral("Vulkan, %1").arg(QString::fromUtf8(properties.deviceName));
+            }
+#endif
+        }
+        if (name.isEmpty()) name = QStringLiteral("graphics API %1").arg(int(rif->graphicsApi()));
+        const QMutexLocker lock(&mutex);
+        if (text.isEmpty()) text = name;
+    }
+    QString get() {
+        const QMutexLocker lock(&mutex);
+        return text;
+    }
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -116,6 +162,13 @@ int main(int argc, char** argv) {
     if (!window) return 1;
 
     std::atomic<quint64> frames{0};
+    RendererName renderer;
+    QObject::connect(
+        window, &QQuickWindow::beforeRenderPassRecording, window,
+        [&renderer, window] {
+            if (renderer.get().isEmpty()) renderer.read(window);
+        },
+        Qt::DirectConnection);
     QObject::connect(
         window, &QQuickWindow::frameSwapped, window, [&frames] { ++frames; }, Qt::DirectConnection);
     {
@@ -126,6 +179,7 @@ int main(int argc, char** argv) {
     }
     std::printf("first dashboard frame: %lld ms after launch\n",
                 static_cast<long long>(launch.elapsed()));
+    std::printf("renderer: %s\n", qPrintable(renderer.get()));
     auto* chart = window->findChild<kelvo::FixedViewportTrendHostItem*>();
     ChartSteps steps;
     const double scale = window->effectiveDevicePixelRatio();

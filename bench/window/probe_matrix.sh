@@ -1,45 +1,72 @@
 #!/bin/bash
 # The dashboard probe on every trend window (1 min, 5 min), screen size (1366x768, 1920x1080)
-# and scale (1x, 2x), under Xvfb with Mesa's software renderer. Given several probe binaries
-# (a build before and after a change), runs them in turn on each case, so that both see the
-# same machine at the same moment; prints one table row per case and binary. Each case also
+# and scale (1x, 2x), under Xvfb. Given several probe binaries (a build before and after a
+# change), runs them in turn on each case, so that both see the same machine at the same moment;
+# prints one table row per case and binary, with the renderer that drew it. Each case also
 # launches once with empty caches, as a user's first launch does (Mesa compiles its shaders then).
 #
-#   bench/window/probe_matrix.sh [--visible-seconds N] [PROBE...]
-#   (default PROBE: build/release/bench/kelvo_dashboard_probe)
+#   bench/window/probe_matrix.sh [--visible-seconds N] [--settle-seconds N] [--hidden-seconds N]
+#       [--windows "fiveMinutes oneMinute"] [--sizes "1366x768 1920x1080"] [--scales "1 2"]
+#       [--display-command CMD] [--no-header] [PROBE...]
+#   (default PROBE: build/release/bench/kelvo_dashboard_probe; default CMD: xvfb-run, called as
+#   CMD WIDTHxHEIGHT PROGRAM ARGS...)
 set -euo pipefail
-visible=15
-if [[ "${1:-}" == --visible-seconds ]]; then visible=$2; shift 2; fi
+visible=15 settle=5 hidden=5 header=1 display=
+windows="fiveMinutes oneMinute" sizes="1366x768 1920x1080" scales="1 2"
+while [[ "${1:-}" == --* ]]; do
+    case $1 in
+    --visible-seconds) visible=$2 ;;
+    --settle-seconds) settle=$2 ;;
+    --hidden-seconds) hidden=$2 ;;
+    --windows) windows=$2 ;;
+    --sizes) sizes=$2 ;;
+    --scales) scales=$2 ;;
+    --display-command) display=$2 ;;
+    --no-header) header=0; shift; continue ;;
+    *) echo "unknown option $1" >&2; exit 2 ;;
+    esac
+    shift 2
+done
 probes=("$@")
 [[ ${#probes[@]} -gt 0 ]] || probes=(build/release/bench/kelvo_dashboard_probe)
 
-echo "| window | screen | scale | probe | first frame (ms) | first frame, fresh caches (ms) | visible CPU (% of a core) | frames/s | largest chart step (device px) | hidden CPU (% of a core) |"
-echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
-for window in fiveMinutes oneMinute; do
-    for size in 1366x768 1920x1080; do
-        for scale in 1 2; do
+on_display() {
+    local size=$1
+    shift
+    if [[ -n $display ]]; then "$display" "$size" "$@"; else
+        xvfb-run -a -s "-screen 0 ${size}x24" "$@"; fi
+}
+
+if [[ $header == 1 ]]; then
+    echo "| window | screen | scale | probe | renderer | first frame (ms) | first frame, fresh caches (ms) | visible CPU (% of a core) | frames/s | largest chart step (device px) | hidden CPU (% of a core) |"
+    echo "| --- | --- | --- | --- | --- | --- | --- | --- | --- | --- | --- |"
+fi
+for window in $windows; do
+    for size in $sizes; do
+        for scale in $scales; do
             for probe in "${probes[@]}"; do
                 # Mesa keeps compiled shaders and Qt compiled QML under XDG_CACHE_HOME.
                 caches=$(mktemp -d)
-                fresh=$(XDG_CACHE_HOME=$caches QT_SCALE_FACTOR=$scale \
-                    xvfb-run -a -s "-screen 0 ${size}x24" timeout 60 "$probe" \
-                    --visible-seconds 0.1 --hidden-seconds 0.1 --settle-seconds 0 \
-                    --trend-window "$window" 2>/dev/null || true)
+                fresh=$(XDG_CACHE_HOME=$caches QT_SCALE_FACTOR=$scale on_display "$size" \
+                    timeout 60 "$probe" --visible-seconds 0.1 --hidden-seconds 0.1 \
+                    --settle-seconds 0 --trend-window "$window" 2>/dev/null || true)
                 rm -rf "$caches"
-                out=$(QT_SCALE_FACTOR=$scale xvfb-run -a -s "-screen 0 ${size}x24" \
-                    timeout 180 "$probe" --visible-seconds "$visible" --hidden-seconds 5 \
-                    --settle-seconds 5 --trend-window "$window" 2>/dev/null || true)
+                out=$(QT_SCALE_FACTOR=$scale on_display "$size" timeout 180 "$probe" \
+                    --visible-seconds "$visible" --hidden-seconds "$hidden" \
+                    --settle-seconds "$settle" --trend-window "$window" 2>/dev/null || true)
                 python3 - "$window" "$size" "$scale" "$probe" "$out" "$fresh" <<'PY'
 import re, sys
 window, size, scale, probe, out, fresh = sys.argv[1:]
 first = re.search(r"first dashboard frame: (\d+) ms", out)
 cold = re.search(r"first dashboard frame: (\d+) ms", fresh)
+renderer = re.search(r"renderer: (.*)", out)
 shown = re.search(r"visible for [\d.]+ s: CPU ([\d.]+) ms per second, \d+ frames \(([\d.]+) a second\), \d+ chart frames, largest chart step ([\d.]+)", out)
 hidden = re.search(r"hidden for [\d.]+ s: CPU ([\d.]+) ms per second", out)
 if not (first and shown and hidden):
-    print(f"| {window} | {size} | {scale}x | {probe} | the probe did not finish | | | | | |")
+    print(f"| {window} | {size} | {scale}x | {probe} | | the probe did not finish | | | | | |")
 else:
-    print(f"| {window} | {size} | {scale}x | {probe} | {first[1]} | {cold[1] if cold else '-'} "
+    print(f"| {window} | {size} | {scale}x | {probe} | {renderer[1] if renderer else '-'} "
+          f"| {first[1]} | {cold[1] if cold else '-'} "
           f"| {float(shown[1]) / 10:.1f} "
           f"| {shown[2]} | {shown[3]} | {float(hidden[1]) / 10:.2f} |")
 PY

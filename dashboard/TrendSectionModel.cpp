@@ -1,8 +1,13 @@
 #include "dashboard/TrendSectionModel.h"
 
+#include <QVariantList>
+#include <cmath>
+#include <limits>
+
 #include "dashboard/PeakPerformanceHelp.h"
 #include "dashboard/PeakPerformanceTint.h"
 #include "dashboard/PeakPerformanceValueText.h"
+#include "dashboard/TrendReadout.h"
 
 namespace kelvo {
 
@@ -122,6 +127,24 @@ void TrendSectionModel::setShowFanSeries(bool on) {
 void TrendSectionModel::setShowPowerSeries(bool on) {
     setToggle(&TrendSeriesToggles::power, kPowerSeriesKey, on,
               &TrendSectionModel::showPowerSeriesChanged);
+}
+
+QVariantMap TrendSectionModel::readoutAt(double time) const {
+    if (!store_) return {};
+    const auto readout = trendReadout(store_->sampleHistory(), time, toggles_);
+    if (!readout) return {};
+    QVariantList rows;
+    for (const auto& row : readout->rows)
+        rows.append(QVariantMap{{QStringLiteral("series"), QString::fromStdString(row.series)},
+                                {QStringLiteral("value"), QString::fromStdString(row.value)}});
+    return {{QStringLiteral("time"), QString::fromStdString(readout->timeText)},
+            {QStringLiteral("sampleTime"), readout->sampleTime},
+            {QStringLiteral("rows"), rows}};
+}
+
+double TrendSectionModel::newestSampleTime() const {
+    if (!store_ || store_->sampleHistory().empty()) return std::numeric_limits<double>::quiet_NaN();
+    return store_->sampleHistory().back().timestamp;
 }
 
 }  // namespace kelvo

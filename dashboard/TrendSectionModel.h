@@ -8,6 +8,7 @@
 #include <QPointer>
 #include <QSettings>
 #include <QString>
+#include <QVariantMap>
 #include <functional>
 
 #include "dashboard/PinnedLiveTrendSection.h"
@@ -75,6 +76,13 @@ public:
     // The whole current section (maxima, newest sample time, analyses).
     const TrendSectionComputationValue& section() const { return *memo_.cachedValue(); }
     const TrendSectionMemoizer& memo() const { return memo_; }
+
+    // The values of the shown series at `time` (seconds since the epoch), in their own units:
+    // {"time": "14:05:09", "sampleTime": seconds, "rows": [{"series", "value"}, ...]}, or an
+    // empty map when no sample lies near that time.
+    Q_INVOKABLE QVariantMap readoutAt(double time) const;
+    // The newest sample's time (seconds since the epoch), or NaN without samples.
+    Q_INVOKABLE double newestSampleTime() const;
 
 public slots:
     // Rebuilds the key from the store, the mode, the toggles and the window; recomputes when

@@ -60,7 +60,11 @@ QString fanSpeeds(const TelemetrySample& sample) {
         anySpeed = true;
         parts << (isReadableRPM(rpm) ? QString::number(rpm, 'f', 0) : QStringLiteral("—"));
     }
-    return parts.join(QStringLiteral(" / ")) + (anySpeed ? QStringLiteral(" RPM") : QString());
+    const QString speeds =
+        parts.join(QStringLiteral(", ")) + (anySpeed ? QStringLiteral(" RPM") : QString());
+    // The count first, so that two speeds cannot read as a speed and its maximum.
+    if (parts.size() == 1) return speeds;
+    return QStringLiteral("%1 fans: %2").arg(parts.size()).arg(speeds);
 }
 
 // A target as people read it: an RPM, "stopped" (Kelvo holds it still) or the firmware's.

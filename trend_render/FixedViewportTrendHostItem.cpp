@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <limits>
 
 #include "foundation/chart/FixedViewportXAxisLabelLayout.h"
 #include "foundation/chart/TrendAnalysis.h"
@@ -122,6 +123,24 @@ double FixedViewportTrendHostItem::currentShiftPixels(std::optional<Timestamp> u
     const Timestamp bound = upper ? *upper : currentDisplayUpperBound(wallClock_(), false);
     return (bound - domainEndDate(*snapshot_)) / snapshot_->viewportDomain.visibleWindowSeconds *
            plotFrame_.width();
+}
+
+double FixedViewportTrendHostItem::timeAtX(double x) const {
+    if (!snapshot_ || snapshot_->viewportDomain.visibleWindowSeconds <= 0 ||
+        plotFrame_.width() <= 0)
+        return std::numeric_limits<double>::quiet_NaN();
+    const auto& domain = snapshot_->viewportDomain;
+    return domain.visibleLowerBound() + (x - plotFrame_.left() + renderer_.shiftPixels()) /
+                                            plotFrame_.width() * domain.visibleWindowSeconds;
+}
+
+double FixedViewportTrendHostItem::xAtTime(Timestamp time) const {
+    if (!snapshot_ || snapshot_->viewportDomain.visibleWindowSeconds <= 0)
+        return std::numeric_limits<double>::quiet_NaN();
+    const auto& domain = snapshot_->viewportDomain;
+    return plotFrame_.left() +
+           (time - domain.visibleLowerBound()) / domain.visibleWindowSeconds * plotFrame_.width() -
+           renderer_.shiftPixels();
 }
 
 double FixedViewportTrendHostItem::wholeDevicePixels(double shiftPixels) const {
@@ -360,6 +379,7 @@ void FixedViewportTrendHostItem::updateXAxisLabels(double shiftPixels) {
                                            {plotFrame_.left(), plotFrame_.right()},
                                            width(),
                                            live,
+                                           state.text == *cachedLiveXAxisLabelText_,
                                            std::nullopt};
         if (FixedViewportXAxisLabelLayout::reachesPastLeftEdge(input)) {
             if (!state.leftFadeStartTime) state.leftFadeStartTime = t;

@@ -67,6 +67,11 @@ public:
     // The palette changed: labels are measured and rasterised again.
     void viewDidChangeEffectiveAppearance();
 
+    // The time drawn at x (view points) in the frame last asked for, and back; NaN without a
+    // snapshot. The pointer's readout reads the chart through these.
+    double timeAtX(double x) const;
+    double xAtTime(Timestamp time) const;
+
     // For tests and benchmarks: the clocks every algorithm reads.
     void setClocks(WallClock wall, MediaClock media);
 

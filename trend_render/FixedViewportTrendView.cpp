@@ -59,4 +59,12 @@ void FixedViewportTrendView::geometryChange(const QRectF& newGeometry, const QRe
     host_->setSize(newGeometry.size());
 }
 
+double FixedViewportTrendView::timeAt(double x) const {
+    return host_->timeAtX(x);
+}
+
+double FixedViewportTrendView::xAt(double time) const {
+    return host_->xAtTime(time);
+}
+
 }  // namespace kelvo

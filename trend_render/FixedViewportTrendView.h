@@ -36,6 +36,11 @@ public:
 
     FixedViewportTrendHostItem* host() const { return host_; }
 
+    // The time (seconds since the epoch) the chart shows at x, in this item's coordinates, and
+    // the x where it shows a time; NaN before the first snapshot.
+    Q_INVOKABLE double timeAt(double x) const;
+    Q_INVOKABLE double xAt(double time) const;
+
     // Registers the QML types under "Kelvo.TrendRender" 1.0.
     static void registerQmlTypes();
 

@@ -8,9 +8,11 @@
 namespace kelvo {
 
 namespace {
-constexpr double kSecondaryLabelAlpha = 0.55;
+// The time labels read like the window's other secondary text (at least 4.5:1 on both palettes).
+constexpr double kSecondaryLabelAlpha = 0.6;
 constexpr double kSeparatorAlpha = 0.15;
-constexpr double kVerticalGridAlpha = 0.35;
+// Of the label colour: the dashed minute lines stay quieter than the labels under them.
+constexpr double kVerticalGridAlpha = 0.32;
 
 QColor withAlpha(QColor color, double alpha) {
     color.setAlphaF(static_cast<float>(alpha));

@@ -78,7 +78,19 @@ Card {
         Layout.fillWidth: true
         Layout.preferredHeight: 260
         model: trend
-        plotFrame: Qt.rect(44, 12, Math.max(0, width - 100), Math.max(0, height - 44))
+        // Room on the left for the °C and per cent axis, on the right for the watts.
+        plotFrame: Qt.rect(44, 22, Math.max(0, width - 96), Math.max(0, height - 54))
+
+        TrendChartOverlay {
+            chart: chart
+            plot: chart.plotFrame
+            seriesColors: ({ "GPU Clock": trendCard.gpuClockColor,
+                             "GPU Temp": trendCard.gpuTempColor,
+                             "CPU Clock": trendCard.cpuClockColor,
+                             "CPU Temp": trendCard.cpuTempColor,
+                             "Fan Speed": trendCard.fanColor,
+                             "Watts": trendCard.powerColor })
+        }
     }
 
     RowLayout {

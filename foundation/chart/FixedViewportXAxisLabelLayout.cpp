@@ -21,6 +21,7 @@ std::optional<ScrollingLabelPlacement> scrollingLabelPlacement(
     if (x + half > input.plotFrame.maxX) return std::nullopt;
     if (input.liveLabel && x + half + kLiveLabelGapPoints > input.liveLabel->minX)
         return std::nullopt;
+    if (input.sameTextAsLiveLabel) return std::nullopt;
     const double fade = std::clamp(input.retirementFadeProgress.value_or(0.0), 0.0, 1.0);
     if (fade >= 1.0) return std::nullopt;
     return ScrollingLabelPlacement{x, static_cast<float>(1.0 - fade)};

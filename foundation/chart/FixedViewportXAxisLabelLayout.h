@@ -5,8 +5,9 @@
 // edge; testing the tick rather than the label's frame keeps a label that was clamped inside
 // the plot steady until its time really leaves the chart. It is not drawn when its frame lies
 // wholly outside the viewport or past the plot's right edge, when it would come closer than
-// 6 points to the live (rightmost) label, or once its fade has finished; while it fades its
-// opacity is 1 − the fade progress.
+// 6 points to the live (rightmost) label, when it says the same as the live label (on the
+// 5-minute window both read the current minute: "18:24 … 18:24"), or once its fade has
+// finished; while it fades its opacity is 1 − the fade progress.
 #pragma once
 
 #include <optional>
@@ -32,6 +33,7 @@ struct ScrollingLabelPlacementInput {
     HorizontalExtent plotFrame;
     double viewportWidth = 0;
     std::optional<HorizontalExtent> liveLabel;
+    bool sameTextAsLiveLabel = false;
     // Absent while the label is inside the plot; 0 to 1 while it fades out on the left.
     std::optional<double> retirementFadeProgress;
 };

@@ -7,6 +7,7 @@
 
 #include "DesktopTestSupport.h"
 #include "tools/screenshots/ScreenshotPalettes.h"
+#include "trend_render/TrendChartAppearance.h"
 
 namespace kelvo::testing {
 namespace {
@@ -79,6 +80,21 @@ TEST_F(DashboardContrast, SecondaryLabelsAreReadableOnBothPalettes) {
         EXPECT_LT(DashboardView::contrastRatio(colour, palette.color(QPalette::Window)),
                   DashboardView::contrastRatio(palette.color(QPalette::WindowText),
                                                palette.color(QPalette::Window)));
+    }
+}
+
+TEST_F(DashboardContrast, TheChartsTimeLabelsAreReadableOnBothPalettes) {
+    // The renderer draws them itself, in a translucent text colour over the window.
+    for (const QPalette& palette : {QPalette(), darkDesktopPalette()}) {
+        const QColor label = TrendChartAppearance::fromPalette(palette).labelColor;
+        const QColor back = palette.color(QPalette::Window);
+        const double a = label.alphaF();
+        const QColor shown =
+            QColor::fromRgbF(static_cast<float>(label.redF() * a + back.redF() * (1 - a)),
+                             static_cast<float>(label.greenF() * a + back.greenF() * (1 - a)),
+                             static_cast<float>(label.blueF() * a + back.blueF() * (1 - a)));
+        EXPECT_GE(DashboardView::contrastRatio(shown, back), kMinimumContrast)
+            << shown.name().toStdString();
     }
 }
 

@@ -219,7 +219,7 @@ TEST_F(DashboardControls, AFanKelvoHoldsStillReadsStoppedNeverMinusOne) {
     EXPECT_FALSE(fans[0].contains("-1")) << fans[0].toStdString();
     EXPECT_TRUE(fans[1].contains("target 1500 RPM")) << fans[1].toStdString();
     EXPECT_EQ(window()->viewModel()->card().value("fans").toString(),
-              QStringLiteral("stopped / 1500 RPM"));
+              QStringLiteral("2 fans: stopped, 1500 RPM"));
 }
 
 TEST_F(DashboardControls, TheLiveMetricsCardShowsTheLatestSample) {

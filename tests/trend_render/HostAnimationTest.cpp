@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QQuickWindow>
+#include <cmath>
 #include <memory>
 
 #include "TrendTestSupport.h"
@@ -260,6 +261,39 @@ TEST_F(HostAnimation, TheLiveLabelShowsTheBoundToTheSecondFlushWithThePlotsRight
     EXPECT_EQ(live->text, FixedViewportTrendAxisLabels::text(1'700'000'000, 60));
     EXPECT_DOUBLE_EQ(live->frame.right(), plot.right());
     EXPECT_FLOAT_EQ(live->opacity, 1.0f);
+}
+
+TEST_F(HostAnimation, OnTheFiveMinuteWindowTheCurrentMinuteIsNotLabelledTwice) {
+    // 20 s into a minute: the newest tick (the minute itself) reads what the live label reads.
+    const Timestamp r = 1'700'000'040.0 + 20;
+    clocks.wall = r;
+    const Timestamp minute = 1'700'000'040.0;
+    const std::string now = FixedViewportTrendAxisLabels::text(minute, 300);
+    const std::string before = FixedViewportTrendAxisLabels::text(minute - 60, 300);
+    ASSERT_NE(now, before);
+    give(snapshotEndingAt(r, 300), r, {{minute - 60, before, 130, 130}, {minute, now, 200, 200}});
+    ASSERT_TRUE(host->liveLabelSprite().has_value());
+    EXPECT_EQ(host->liveLabelSprite()->text, now);
+    std::vector<std::string> texts;
+    for (const auto& sprite : host->scrollingLabelSprites()) texts.push_back(sprite.text);
+    EXPECT_EQ(texts, std::vector<std::string>{before});
+}
+
+TEST_F(HostAnimation, ThePointersTimeAndTheChartsXAreInverseAndFollowTheShift) {
+    const Timestamp r = 1'700'000'000.0;
+    clocks.wall = r;
+    EXPECT_TRUE(std::isnan(host->timeAtX(100)));
+    give(snapshotEndingAt(r), r);
+    // No shift yet: the plot's right edge shows the visible upper bound (r − 1 s of reveal).
+    EXPECT_NEAR(host->timeAtX(plot.right()), r - 1, 1e-5);
+    EXPECT_NEAR(host->timeAtX(plot.left()), r - 61, 1e-5);
+    EXPECT_NEAR(host->xAtTime(host->timeAtX(123.5)), 123.5, 1e-4);
+    // Half a second later the content has moved 3 px left: the same x shows a later time.
+    clocks.wall += 0.5;
+    host->advanceFrame(clocks.wall);
+    ASSERT_NEAR(host->renderer().shiftPixels(), 3, 1e-9);
+    EXPECT_NEAR(host->timeAtX(plot.right()), r - 0.5, 1e-5);
+    EXPECT_NEAR(host->xAtTime(r - 31), plot.left() + 180 - 3, 1e-4);
 }
 
 TEST_F(HostAnimation, ResetClearsLabelsAndRestartsTheBoundForTheCurrentSnapshot) {

@@ -51,6 +51,15 @@ TEST(FixedViewportXAxisLabelLayout, ALabelNeverComesCloserThanSixPointsToTheLive
     EXPECT_TRUE(scrollingLabelPlacement(input).has_value());
 }
 
+TEST(FixedViewportXAxisLabelLayout, ALabelThatSaysWhatTheLiveLabelSaysIsNotShownTwice) {
+    // On the 5-minute window the newest minute's tick and the live label both read "18:24".
+    auto input = labelAt(200, 200);
+    input.sameTextAsLiveLabel = true;
+    EXPECT_FALSE(scrollingLabelPlacement(input).has_value());
+    input.sameTextAsLiveLabel = false;
+    EXPECT_TRUE(scrollingLabelPlacement(input).has_value());
+}
+
 TEST(FixedViewportXAxisLabelLayout, LabelsPastThePlotsRightEdgeOrOutsideTheViewportAreNotShown) {
     auto input = labelAt(370, 370);
     input.liveLabel.reset();

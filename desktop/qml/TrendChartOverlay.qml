@@ -128,7 +128,9 @@ Item {
 
     Rectangle {
         objectName: "trend-cursor"
-        visible: !isNaN(overlay.cursorX)
+        // A line alone over a stretch without samples says nothing; the keyboard's cursor stays
+        // visible so that it can be moved there and back.
+        visible: !isNaN(overlay.cursorX) && (overlay.hasReadout || overlay.activeFocus)
         x: Math.round(overlay.cursorX)
         y: overlay.plot.y
         width: 1

@@ -136,6 +136,14 @@ TEST_F(TrendChartReading, ThePointerReadsEveryShownSeriesInItsOwnUnit) {
     EXPECT_TRUE(waitFor([&] { return readoutRows().size() == 4; }));
     EXPECT_TRUE(readoutRows().first().startsWith("CPU Clock="));
 
+    // Over a stretch without samples (the left of a fresh 5-minute chart) there is nothing to
+    // read: neither box nor a lone line.
+    QTest::mouseMove(window(), inWindow(QPointF(plot().left() + 5, plot().center().y())));
+    EXPECT_TRUE(waitFor([&] { return !readout->isVisible(); }));
+    EXPECT_FALSE(cursor->isVisible());
+    QTest::mouseMove(window(), inWindow(at));
+    EXPECT_TRUE(waitFor([&] { return readout->isVisible() && cursor->isVisible(); }));
+
     // Off the plot, the readout goes.
     QTest::mouseMove(window(), inWindow(QPointF(plot().left() - 30, plot().center().y())));
     EXPECT_TRUE(waitFor([&] { return !readout->isVisible(); }));

@@ -5,6 +5,7 @@
 //
 //   kelvo_dashboard_screenshots --out DIR --tag NAME [--warmup-seconds N]
 #include <QApplication>
+#include <QCursor>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
@@ -72,6 +73,10 @@ int main(int argc, char** argv) {
     qputenv("XDG_CONFIG_HOME", home.filePath(QStringLiteral("config")).toUtf8());
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
+    // The pointer away from the chart (at the top of the window): a readout under it would make
+    // every run's pictures differ.
+    if (const QScreen* screen = QGuiApplication::primaryScreen())
+        QCursor::setPos(screen->geometry().bottomRight());
     const QStringList arguments = QCoreApplication::arguments();
     const QString out = argument(arguments, QStringLiteral("--out"), QString());
     const QString tag = argument(arguments, QStringLiteral("--tag"), QStringLiteral("screen"));

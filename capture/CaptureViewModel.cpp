@@ -2,6 +2,8 @@
 
 #include <QDateTime>
 
+#include "capture/ProfilingWorkflowSource.h"
+
 namespace kelvo {
 
 namespace {
@@ -84,6 +86,10 @@ void CaptureViewModel::setOperatorNotes(const QString& notes) {
 
 QString CaptureViewModel::profilingScenarioRaw() const {
     return QString::fromUtf8(rawValue(profilingScenario_).data());
+}
+
+QString CaptureViewModel::profilingScenarioLabel() const {
+    return scenarioLabel(profilingScenario_);
 }
 
 void CaptureViewModel::setProfilingScenario(ProfilingScenario scenario) {

@@ -21,6 +21,9 @@ class CaptureViewModel : public QObject {
     Q_PROPERTY(
         QString operatorNotes READ operatorNotes WRITE setOperatorNotes NOTIFY operatorNotesChanged)
     Q_PROPERTY(QString profilingScenario READ profilingScenarioRaw NOTIFY profilingScenarioChanged)
+    // The scenario as people read it ("Real Workflow Capture").
+    Q_PROPERTY(
+        QString profilingScenarioLabel READ profilingScenarioLabel NOTIFY profilingScenarioChanged)
     Q_PROPERTY(int profilingDurationMinutes READ profilingDurationMinutes WRITE
                    setProfilingDurationMinutes NOTIFY profilingDurationMinutesChanged)
     Q_PROPERTY(bool profilingIsRunning READ profilingIsRunning NOTIFY profilingIsRunningChanged)
@@ -71,6 +74,7 @@ public:
     // What it shows.
     ProfilingScenario profilingScenario() const { return profilingScenario_; }
     QString profilingScenarioRaw() const;
+    QString profilingScenarioLabel() const;
     bool profilingIsRunning() const { return profilingIsRunning_; }
     std::optional<std::int64_t> profilingRunID() const { return profilingRunID_; }
     std::optional<Timestamp> profilingStartedAt() const { return profilingStartedAt_; }

@@ -6,6 +6,7 @@
 #include "app/AppPresentationStore.h"
 #include "app/AppRuntime.h"
 #include "desktop/AccessibilitySlug.h"
+#include "desktop/CoolingMenu.h"
 #include "foundation/core/FanController.h"
 #include "live/LiveDashboardStore.h"
 
@@ -129,6 +130,14 @@ void DashboardViewModel::setPublicMode(const QString& raw) {
         runtime_->setMode(controlModeFor(DashboardPublicMode::system));
     else if (raw == rawValue(DashboardPublicMode::enhanced))
         runtime_->setMode(controlModeFor(DashboardPublicMode::enhanced));
+}
+
+QString DashboardViewModel::publicModeHelp(const QString& raw) const {
+    if (raw == QLatin1String("system")) return CoolingMenu::describe(ControlMode::systemAuto);
+    return QStringLiteral(
+        "Kelvo's Quiet Hybrid mode: the fans as slow as the temperature limits allow, started "
+        "ahead of a sustained load once Kelvo has learned this machine's loads. The tray's "
+        "Cooling menu offers Quiet and Performance too.");
 }
 
 QString DashboardViewModel::slug(const QString& label) const {

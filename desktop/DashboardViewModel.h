@@ -39,6 +39,8 @@ public:
     // Sets the runtime's mode: "system" → systemAuto, "enhanced" → quietHybrid.
     Q_INVOKABLE void setPublicMode(const QString& raw);
     Q_INVOKABLE QString slug(const QString& label) const;
+    // What choosing "system" or "enhanced" in the cooling preference does, in a sentence.
+    Q_INVOKABLE QString publicModeHelp(const QString& raw) const;
 
     QString selectedSurface() const;
     void setSelectedSurface(const QString& raw);

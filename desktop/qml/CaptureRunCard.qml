@@ -8,8 +8,10 @@ Card {
     DetailList {
         title: "Workflow"
         lines: capture ? [capture.currentWorkflowLabel,
-                          "Scenario: " + capture.profilingScenario,
-                          "Plan: " + (capture.profilingPlanIsRunning ? capture.profilingPlanProgress : "idle")]
+                          "Scenario: " + capture.profilingScenarioLabel,
+                          capture.profilingPlanIsRunning
+                              ? "Scripted plan: " + capture.profilingPlanProgress
+                              : "No scripted plan is running."]
                        : []
     }
 }

@@ -107,8 +107,10 @@ Item {
                     Layout.minimumWidth: layout.utilityModeSliderWidth
                     Layout.maximumWidth: layout.utilityModeSliderWidth
                     optionPrefix: "dashboard-public-mode-"
-                    options: [{ value: "system", title: "System" },
-                              { value: "enhanced", title: "Kelvo" }]
+                    options: [{ value: "system", title: "System",
+                                help: dashboard.publicModeHelp("system") },
+                              { value: "enhanced", title: "Kelvo",
+                                help: dashboard.publicModeHelp("enhanced") }]
                     selected: dashboard.publicMode
                     onChosen: value => dashboard.setPublicMode(value)
                 }

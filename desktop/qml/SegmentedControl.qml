@@ -6,7 +6,7 @@ import QtQuick.Layouts
 
 RowLayout {
     id: control
-    property var options: []   // [{ value, title }]
+    property var options: []   // [{ value, title, help (optional: the option's tooltip) }]
     property string selected
     property string optionPrefix
     signal chosen(string value)
@@ -29,6 +29,10 @@ RowLayout {
             Layout.fillWidth: true
             Layout.preferredWidth: 1
             Accessible.name: modelData.title
+            Accessible.description: modelData.help || ""
+            ToolTip.visible: hovered && (modelData.help || "").length > 0
+            ToolTip.text: modelData.help || ""
+            ToolTip.delay: 500
             Accessible.role: Accessible.RadioButton
             Accessible.checkable: true
             Accessible.checked: checked

@@ -191,6 +191,48 @@ TEST_F(DashboardControls, TheSurfacePickerSelectsTheAdvancedSurfaceWithItsDetail
     EXPECT_TRUE(item("surface-capture")->isVisible());
 }
 
+TEST_F(DashboardControls, TheCaptureSurfaceNamesTheScenarioAndThePlanInWords) {
+    openDashboard();
+    click("surface-selection-capture");
+    ASSERT_TRUE(waitFor([&] { return item("surface-capture")->isVisible(); }));
+    settle();
+    QStringList texts;
+    std::function<void(QQuickItem*)> visit = [&](QQuickItem* from) {
+        for (QQuickItem* child : from->childItems()) {
+            if (child->inherits("QQuickText") && child->isVisible())
+                texts << child->property("text").toString();
+            visit(child);
+        }
+    };
+    visit(item("surface-capture"));
+    EXPECT_TRUE(texts.contains("Scenario: Real Workflow Capture"))
+        << texts.join(" | ").toStdString();
+    EXPECT_TRUE(texts.contains("No scripted plan is running.")) << texts.join(" | ").toStdString();
+    for (const QString& text : texts) {
+        EXPECT_FALSE(text.contains("realWorkflow")) << text.toStdString();
+        EXPECT_FALSE(text.endsWith("idle")) << text.toStdString();
+    }
+}
+
+TEST_F(DashboardControls, TheCoolingPreferenceOptionsSayWhatTheyDo) {
+    openDashboard();
+    for (const QString value : {"system", "enhanced"}) {
+        QQuickItem* option = item("dashboard-public-mode-" + value);
+        ASSERT_NE(option, nullptr);
+        const QString help = window()->viewModel()->publicModeHelp(value);
+        EXPECT_GT(help.size(), 40) << value.toStdString();
+        EXPECT_EQ(QQmlProperty(option, "Accessible.description", qmlContext(option)).read(), help);
+    }
+    EXPECT_TRUE(window()->viewModel()->publicModeHelp("enhanced").contains("Quiet Hybrid"));
+    EXPECT_TRUE(window()->viewModel()->publicModeHelp("system").contains("firmware"));
+    QQuickItem* kelvo = item("dashboard-public-mode-enhanced");
+    QTest::mouseMove(window(),
+                     kelvo->mapToScene(QPointF(kelvo->width() / 2, kelvo->height() / 2)).toPoint());
+    EXPECT_TRUE(waitFor([&] {
+        return QQmlProperty(kelvo, "ToolTip.visible", qmlContext(kelvo)).read().toBool();
+    })) << "pointing at an option shows its sentence";
+}
+
 TEST_F(DashboardControls, AFanKelvoHoldsStillReadsStoppedNeverMinusOne) {
     openDashboard();
     click("surface-selection-advanced");

@@ -17,6 +17,22 @@ namespace {
 
 const QRectF kPlot{20, 20, 360, 210};
 
+// Counts the window events that make the chart ask for a frame whatever it shows.
+struct WindowEventCounter : QObject {
+    explicit WindowEventCounter(QObject* window) { window->installEventFilter(this); }
+    bool eventFilter(QObject*, QEvent* event) override {
+        switch (event->type()) {
+            case QEvent::Expose:
+            case QEvent::Show:
+            case QEvent::Hide:
+            case QEvent::WindowStateChange: ++count; break;
+            default: break;
+        }
+        return false;
+    }
+    int count = 0;
+};
+
 class HostWindow : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -96,13 +112,24 @@ TEST_F(HostWindow, AnAnimatingChartAsksForAFrameOnlyWhenItsContentMovesAPixel) {
     // keeps ticking, but nothing on the chart moves.
     give(test::snapshotEndingAt(clocks.wall), clocks.wall);
     EXPECT_TRUE(host->displayLinkRunning());
-    ASSERT_TRUE(test::waitFor([this] {
-        return syncedRequests == host->requestedFrameCount() && !host->renderer().frameInFlight();
-    }));
-    const quint64 still = host->requestedFrameCount();
-    test::processFor(300);
-    EXPECT_TRUE(host->displayLinkRunning());
-    EXPECT_EQ(host->requestedFrameCount(), still);
+    // An Expose or Show the X server sends late (a loaded machine) asks for a frame on purpose;
+    // the claim is about a stretch in which nothing at all happened to the window.
+    WindowEventCounter windowEvents(window.get());
+    bool quietStretch = false;
+    for (int attempt = 0; attempt < 5 && !quietStretch; ++attempt) {
+        ASSERT_TRUE(test::waitFor([this] {
+            return syncedRequests == host->requestedFrameCount() &&
+                   !host->renderer().frameInFlight() && !host->tickQueued();
+        }));
+        const quint64 still = host->requestedFrameCount();
+        const int eventsBefore = windowEvents.count;
+        test::processFor(300);
+        if (windowEvents.count != eventsBefore) continue;
+        quietStretch = true;
+        EXPECT_TRUE(host->displayLinkRunning());
+        EXPECT_EQ(host->requestedFrameCount(), still);
+    }
+    EXPECT_TRUE(quietStretch) << "the window kept receiving events";
 
     // A 60 s window over a 360 px plot moves 6 px a second: each third of a second is two
     // pixels, and a frame comes for each.

@@ -2,28 +2,22 @@
 
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 
 #include "dashboard/TrendVisibleSamples.h"
+#include "foundation/chart/TrendAnalysis.h"
 #include "foundation/core/FanController.h"
 
 namespace kelvo {
 
 namespace {
 
+// The axis's own format for a window short enough to show seconds.
+constexpr double kSecondsWindow = 60;
+
 std::string formatted(const std::optional<double>& value, const char* format) {
     if (!value || !std::isfinite(*value)) return "not read";
     char out[32];
     std::snprintf(out, sizeof out, format, *value);
-    return out;
-}
-
-std::string localTimeText(Timestamp time) {
-    const std::time_t seconds = static_cast<std::time_t>(std::floor(time));
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    char out[16];
-    std::strftime(out, sizeof out, "%H:%M:%S", &local);
     return out;
 }
 
@@ -65,7 +59,8 @@ std::optional<TrendReadout> trendReadout(std::span<const TelemetrySample> sample
     const auto index = nearestTrendSampleIndex(samples, time);
     if (!index) return std::nullopt;
     const TelemetrySample& sample = samples[*index];
-    TrendReadout readout{sample.timestamp, localTimeText(sample.timestamp), {}};
+    TrendReadout readout{
+        sample.timestamp, FixedViewportTrendAxisLabels::text(sample.timestamp, kSecondsWindow), {}};
     // The order of the chart's toggles.
     if (toggles.gpu) {
         readout.rows.push_back({"GPU Clock", formatted(sample.gpuClockMHz, "%.0f MHz")});

@@ -1,8 +1,6 @@
 #include "dashboard/TrendSectionModel.h"
 
 #include <QVariantList>
-#include <cmath>
-#include <limits>
 
 #include "dashboard/PeakPerformanceHelp.h"
 #include "dashboard/PeakPerformanceTint.h"
@@ -138,13 +136,7 @@ QVariantMap TrendSectionModel::readoutAt(double time) const {
         rows.append(QVariantMap{{QStringLiteral("series"), QString::fromStdString(row.series)},
                                 {QStringLiteral("value"), QString::fromStdString(row.value)}});
     return {{QStringLiteral("time"), QString::fromStdString(readout->timeText)},
-            {QStringLiteral("sampleTime"), readout->sampleTime},
             {QStringLiteral("rows"), rows}};
-}
-
-double TrendSectionModel::newestSampleTime() const {
-    if (!store_ || store_->sampleHistory().empty()) return std::numeric_limits<double>::quiet_NaN();
-    return store_->sampleHistory().back().timestamp;
 }
 
 }  // namespace kelvo

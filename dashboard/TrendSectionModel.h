@@ -78,11 +78,9 @@ public:
     const TrendSectionMemoizer& memo() const { return memo_; }
 
     // The values of the shown series at `time` (seconds since the epoch), in their own units:
-    // {"time": "14:05:09", "sampleTime": seconds, "rows": [{"series", "value"}, ...]}, or an
+    // {"time": "14:05:09", "rows": [{"series", "value"}, ...]}, or an
     // empty map when no sample lies near that time.
     Q_INVOKABLE QVariantMap readoutAt(double time) const;
-    // The newest sample's time (seconds since the epoch), or NaN without samples.
-    Q_INVOKABLE double newestSampleTime() const;
 
 public slots:
     // Rebuilds the key from the store, the mode, the toggles and the window; recomputes when

@@ -23,10 +23,10 @@ protected:
         // A few seconds of samples, so that the pointer finds some near the right edge.
         ASSERT_TRUE(waitFor(
             [&] {
-                const double newest = window()->trendModel()->newestSampleTime();
-                return chart->host()->snapshot().has_value() && !std::isnan(newest) &&
+                const auto newest = window()->trendModel()->section().latestSampleTimestamp;
+                return chart->host()->snapshot().has_value() && newest &&
                        !std::isnan(chart->timeAt(plot().left())) &&
-                       newest - chart->timeAt(plot().left()) > 3;
+                       *newest - chart->timeAt(plot().left()) > 3;
             },
             20000));
         settle();

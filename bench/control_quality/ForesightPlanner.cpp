@@ -6,6 +6,7 @@
 #include <optional>
 #include <tuple>
 
+#include "QuietestMix.h"
 #include "SoundLevel.h"
 #include "foundation/core/FanController.h"
 
@@ -28,11 +29,6 @@ constexpr int kLoweringBisections = 6;
 // Margin for deciding, after a lowered stretch, that the rest of the run cannot go over.
 constexpr double kSettledMarginC = 0.001;
 constexpr double kSettledRPM = 0.01;
-// The duty that keeps a fan whose minimum is 0 rpm on command, at a speed no one hears.
-constexpr double kStoppedFanDuty = 1e-6;
-// The plan's level for "the fans that can stop stand still": the search runs from it up to full
-// speed, so a stop is tried first wherever it keeps the limits.
-constexpr double kStopLevel = -1;
 // The whole search steps the plant at most this many seconds per second of trace.
 constexpr long kStepBudgetPerSecond = 2000;
 
@@ -53,20 +49,56 @@ struct Energy {
     }
 };
 
+// A second's plan: how much air each die's sink gets, as QuietestMix's levels (0 every fan at
+// its minimum, 1 every fan at full speed). The fans' speeds are the quietest mix that gives both.
+struct Levels {
+    double cpu = 0;
+    double gpu = 0;
+
+    double& operator[](sim::Die die) { return die == sim::Die::cpu ? cpu : gpu; }
+    double operator[](sim::Die die) const { return die == sim::Die::cpu ? cpu : gpu; }
+    bool operator==(const Levels&) const = default;
+};
+
+// Every fan at full speed.
+constexpr Levels kFull{1.0, 1.0};
+
+// Which levels a raise lifts: one die's, or both where one alone cannot hold it.
+enum class Lift { cpu, gpu, both };
+
+Lift liftFor(sim::Die die) {
+    return die == sim::Die::cpu ? Lift::cpu : Lift::gpu;
+}
+
+// The levels with those a raise lifts brought up to at least `level`.
+Levels lifted(Levels levels, Lift lift, double level) {
+    if (lift != Lift::gpu) levels.cpu = std::max(levels.cpu, level);
+    if (lift != Lift::cpu) levels.gpu = std::max(levels.gpu, level);
+    return levels;
+}
+
+double lowestOf(const Levels& levels, Lift lift) {
+    return lift == Lift::cpu   ? levels.cpu
+           : lift == Lift::gpu ? levels.gpu
+                               : std::min(levels.cpu, levels.gpu);
+}
+
 // What the lowering pass compares a changed run against, second by second.
 struct Reference {
     double cpuC = 0;
     double gpuC = 0;
     double sinkC = 0;
+    double gpuSinkC = 0;
     double cpuScale = 1;
     double gpuScale = 1;
-    double rpmSum = 0;
+    std::vector<double> rpm;
 };
 
-double rpmSum(const sim::PlantState& state) {
-    double sum = 0;
-    for (double rpm : state.fanCurrentRPM) sum += rpm;
-    return sum;
+bool sameSpeeds(const std::vector<double>& a, const std::vector<double>& b, double tolerance) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (std::abs(a[i] - b[i]) > tolerance) return false;
+    return true;
 }
 
 // Steps a copy of the machine's plant exactly as runController steps the real one.
@@ -74,25 +106,17 @@ class Replay {
 public:
     Replay(const MachineProfile& machine, const LoadTrace& trace, std::uint64_t seed,
            const MetricLimits& limits)
-        : plant_(machine.plant), start_(machine.plant, seed), limits_(limits) {
+        : plant_(machine.plant), start_(machine.plant, seed), limits_(limits), mix_(machine.plant) {
         for (int k = 0; k < trace.seconds(); ++k) loads_.push_back(trace.at(k));
     }
 
     int seconds() const { return static_cast<int>(loads_.size()); }
     const sim::ThermalPlant& start() const { return start_; }
 
-    // Second k: the duty set after second k-1 (second 0 runs on the firmware curve), the load,
+    // Second k: the levels set after second k-1 (second 0 runs on the firmware curve), the load,
     // then one second of the plant.
-    void play(sim::ThermalPlant& plant, int k, double duty) const {
-        if (k > 0) {
-            std::vector<double> targets;
-            targets.reserve(plant_.fans.size());
-            // Under 0: the fans that can stop stand still, the others run at their minimum.
-            for (const auto& fan : plant_.fans)
-                targets.push_back(duty < 0 ? (fan.canStop() ? kFanStopRPM : fan.minRPM)
-                                           : fan.minRPM + duty * (fan.maxRPM - fan.minRPM));
-            plant.setFanCommand(std::move(targets));
-        }
+    void play(sim::ThermalPlant& plant, int k, const Levels& levels) {
+        if (k > 0) plant.setFanCommand(mix_.speeds(levels.cpu, levels.gpu));
         const LoadLevel load = loads_[static_cast<std::size_t>(k)];
         plant.setLoad(load.cpu, load.gpu);
         plant.step(1.0);
@@ -104,8 +128,15 @@ public:
     }
     // How far over its limit the hotter die is (negative: under).
     double excess(const sim::PlantState& s) const {
-        return std::max(s.cpuTemperatureC - limits_.cpuLimitC,
-                        s.gpuTemperatureC - limits_.gpuLimitC);
+        return std::max(excess(s, sim::Die::cpu), excess(s, sim::Die::gpu));
+    }
+    double excess(const sim::PlantState& s, sim::Die die) const {
+        return die == sim::Die::cpu ? s.cpuTemperatureC - limits_.cpuLimitC
+                                    : s.gpuTemperatureC - limits_.gpuLimitC;
+    }
+    // The die furthest over its limit.
+    sim::Die hotter(const sim::PlantState& s) const {
+        return excess(s, sim::Die::cpu) >= excess(s, sim::Die::gpu) ? sim::Die::cpu : sim::Die::gpu;
     }
     Energy energy(const sim::PlantState& s) const {
         return {soundPower(plant_, s.fanCurrentRPM), fanSoundPower(plant_, s.fanCurrentRPM)};
@@ -119,15 +150,10 @@ public:
                 slewS = std::max(slewS, (fan.maxRPM - fan.minRPM) / plant_.fanSlewRPMPerS);
         return static_cast<int>(std::ceil(slewS + 6 * std::max(0.0, plant_.fanTimeConstantS))) + 1;
     }
-    // The quietest duty: 0, unless a fan's minimum is standing still; a command of 0 hands that fan
-    // back to the firmware curve, so the least duty that still holds it comes just above.
-    double floorDuty() const {
-        if (std::any_of(plant_.fans.begin(), plant_.fans.end(),
-                        [](const auto& fan) { return fan.canStop(); }))
-            return kStopLevel;
-        const bool anyStops = std::any_of(plant_.fans.begin(), plant_.fans.end(),
-                                          [](const auto& fan) { return fan.minRPM <= 0; });
-        return anyStops ? kStoppedFanDuty : 0.0;
+    // The quietest level: every fan at its minimum, or standing still where it can stop.
+    double floorLevel() const { return mix_.lowestLevel(); }
+    std::vector<double> duties(const Levels& levels) {
+        return mix_.duties(mix_.speeds(levels.cpu, levels.gpu));
     }
     // Whether the plant can start throttling under the quiet limits: then cooling less can cool
     // later, and a lowered stretch is checked to the end of the run.
@@ -139,6 +165,7 @@ private:
     sim::PlantConfig plant_;
     sim::ThermalPlant start_;
     MetricLimits limits_;
+    QuietestMix mix_;
     std::vector<LoadLevel> loads_;
 };
 
@@ -148,7 +175,9 @@ struct Raise {
     Energy cost;
 };
 
+// A stretch of seconds over which one die's level stays the same.
 struct Plateau {
+    sim::Die die = sim::Die::cpu;
     int first = 0;
     int last = 0;
     double heard = 0;
@@ -156,11 +185,11 @@ struct Plateau {
 
 class Planner {
 public:
-    explicit Planner(const Replay& replay)
+    explicit Planner(Replay& replay)
         : replay_(replay),
           n_(replay.seconds()),
-          floor_(replay.floorDuty()),
-          duty_(at(n_), floor_),
+          floor_(replay.floorLevel()),
+          duty_(at(n_), Levels{floor_, floor_}),
           unavoidable_(at(n_), false),
           after_(at(n_), replay.start()),
           energy_(at(n_)),
@@ -183,25 +212,28 @@ private:
     int replayFrom(int first);
     void repair(int first);
     std::optional<int> fix(int first, int target);
+    std::optional<Raise> cheapestRaise(int first, int target, Lift lift, sim::Die die);
     void raiseBlindly(int first, int target);
-    double excessWith(int from, int target, double level);
-    std::optional<double> lowestLevel(int from, int target, double ceiling);
+    double excessWith(int from, int target, Lift lift, sim::Die die, double level);
+    std::optional<double> lowestLevel(int from, int target, Lift lift, sim::Die die,
+                                      double ceiling);
     std::vector<Energy> currentTail(int target);
-    Energy addedEnergy(int from, int target, double level, const std::vector<Energy>& tail);
+    Energy addedEnergy(int from, int target, Lift lift, double level,
+                       const std::vector<Energy>& tail);
 
     void lowerPlateaus();
     std::vector<Plateau> plateaus() const;
     void lowerPlateau(const Plateau& plateau);
-    bool holdsLowered(int first, int last, double level);
+    bool holdsLowered(const Plateau& plateau, double level);
     bool settledUnder(int k, const sim::PlantState& state) const;
     void computeSlack();
 
     ForesightOutcome outcome() const;
 
-    const Replay& replay_;
+    Replay& replay_;
     int n_;
     double floor_;
-    std::vector<double> duty_;  // duty_[k]: what second k runs under; duty_[0] is the firmware's
+    std::vector<Levels> duty_;  // duty_[k]: what second k runs under; duty_[0] is the firmware's
     std::vector<bool> unavoidable_;
     std::vector<sim::ThermalPlant> after_;  // the plant after each second under duty_
     std::vector<Energy> energy_;
@@ -220,9 +252,9 @@ private:
 void Planner::markUnavoidable() {
     sim::ThermalPlant plant = replay_.start();
     for (int k = 0; k < n_; ++k) {
-        replay_.play(plant, k, 1.0);
+        replay_.play(plant, k, kFull);
         unavoidable_[at(k)] = replay_.over(plant.state());
-        if (unavoidable_[at(k)]) duty_[at(k)] = 1.0;
+        if (unavoidable_[at(k)]) duty_[at(k)] = kFull;
     }
     steps_ += n_;
 }
@@ -240,8 +272,10 @@ int Planner::replayFrom(int first) {
         after_[at(k)] = plant;
         energy_[at(k)] = replay_.energy(state);
         excess_[at(k)] = replay_.excess(state);
-        reference_[at(k)] = {state.cpuTemperatureC, state.gpuTemperatureC, state.sinkTemperatureC,
-                             state.cpuClockScale,   state.gpuClockScale,   rpmSum(state)};
+        reference_[at(k)] = {state.cpuTemperatureC,  state.gpuTemperatureC,
+                             state.sinkTemperatureC, state.gpuSinkTemperatureC,
+                             state.cpuClockScale,    state.gpuClockScale,
+                             state.fanCurrentRPM};
         if (violation == n_) {
             if (!avoidableOver(k)) continue;
             violation = k;
@@ -270,7 +304,7 @@ void Planner::repair(int first) {
             // Not even full fans from the start hold it (the plant throttles, and cooling less
             // earlier then runs cooler here): it stays over, on full fans.
             unavoidable_[at(runEnd_)] = true;
-            duty_[at(runEnd_)] = 1.0;
+            duty_[at(runEnd_)] = kFull;
             second = replayFrom(second);
         }
     }
@@ -281,15 +315,31 @@ void Planner::repair(int first) {
 void Planner::raiseBlindly(int first, int target) {
     const int from = std::max(1, first - *std::rbegin(kWindowsS));
     const bool full = std::all_of(duty_.begin() + from, duty_.begin() + target + 1,
-                                  [](double duty) { return duty >= 1.0; });
+                                  [](const Levels& l) { return l.cpu >= 1.0 && l.gpu >= 1.0; });
     if (full) unavoidable_[at(first)] = true;
-    std::fill(duty_.begin() + from, duty_.begin() + target + 1, 1.0);
+    std::fill(duty_.begin() + from, duty_.begin() + target + 1, kFull);
 }
 
-// Brings `target` under the limits by the cheapest raise found: every duty of a window ending at
-// `target` lifted to one level, the level as low as holds, the window reaching back from `first`
-// by one of a few lengths. Returns where the raise starts, or nothing when none holds `target`.
+// Brings `target` under the limits by the cheapest raise found: the level of the die furthest
+// over, lifted to one level over a window ending at `target`, as low as holds, the window reaching
+// back from `first` by one of a few lengths. Where that die's level alone cannot hold it (the
+// other sink's heat reaches it), both levels are lifted. Returns where the raise starts, or
+// nothing when none holds `target`.
 std::optional<int> Planner::fix(int first, int target) {
+    const sim::Die die = replay_.hotter(after_[at(target)].state());
+    std::optional<Raise> best = cheapestRaise(first, target, liftFor(die), die);
+    Lift lift = liftFor(die);
+    if (!best) {
+        best = cheapestRaise(first, target, Lift::both, die);
+        lift = Lift::both;
+    }
+    if (!best) return std::nullopt;
+    for (int k = best->from; k <= target; ++k)
+        duty_[at(k)] = lifted(duty_[at(k)], lift, best->level);
+    return best->from;
+}
+
+std::optional<Raise> Planner::cheapestRaise(int first, int target, Lift lift, sim::Die die) {
     const std::vector<Energy> tail = currentTail(target);
     std::optional<Raise> best;
     int lastFrom = -1;
@@ -299,41 +349,42 @@ std::optional<int> Planner::fix(int first, int target) {
         const int from = std::max(1, first - window);
         if (from == lastFrom) continue;
         lastFrom = from;
-        const auto level = lowestLevel(from, target, ceiling);
+        const auto level = lowestLevel(from, target, lift, die, ceiling);
         if (!level) continue;
         ceiling = *level;
-        const Energy cost = addedEnergy(from, target, *level, tail);
+        const Energy cost = addedEnergy(from, target, lift, *level, tail);
         if (!best || cost < best->cost) best = Raise{from, *level, cost};
     }
     if (!best) {
         // Only cooling from further back helps; full fans from the first second do.
-        const auto level = lowestLevel(1, target, 1.0);
+        const auto level = lowestLevel(1, target, lift, die, 1.0);
         if (!level) return std::nullopt;
         best = Raise{1, *level, {}};
     }
-    for (int k = best->from; k <= target; ++k) duty_[at(k)] = std::max(duty_[at(k)], best->level);
-    return best->from;
+    return best;
 }
 
-// The hotter die's excess at `target` with every duty in [from, target] raised to at least
+// The die's excess at `target` with the lifted levels in [from, target] raised to at least
 // `level`.
-double Planner::excessWith(int from, int target, double level) {
+double Planner::excessWith(int from, int target, Lift lift, sim::Die die, double level) {
     sim::ThermalPlant plant = before(from);
-    for (int k = from; k <= target; ++k) replay_.play(plant, k, std::max(duty_[at(k)], level));
+    for (int k = from; k <= target; ++k) replay_.play(plant, k, lifted(duty_[at(k)], lift, level));
     steps_ += target - from + 1;
-    return replay_.excess(plant.state());
+    return replay_.excess(plant.state(), die);
 }
 
-// The lowest level up to `ceiling` that brings `target` under the limits: regula falsi (Illinois)
-// between the current duties and the ceiling, aiming just under the limit and always keeping the
-// side that holds. Raising fans only cools, so the window's earlier seconds stay under.
-std::optional<double> Planner::lowestLevel(int from, int target, double ceiling) {
+// The lowest level up to `ceiling` that brings the die at `target` under its limit: regula falsi
+// (Illinois) between the current levels and the ceiling, aiming just under the limit and always
+// keeping the side that holds. More air only cools, so the window's earlier seconds stay under.
+std::optional<double> Planner::lowestLevel(int from, int target, Lift lift, sim::Die die,
+                                           double ceiling) {
     const double aim = -kExcessToleranceC / 2;
     double high = ceiling;
-    double highExcess = excessWith(from, target, high);
+    double highExcess = excessWith(from, target, lift, die, high);
     if (highExcess > 0) return std::nullopt;
-    double low = *std::min_element(duty_.begin() + from, duty_.begin() + target + 1);
-    double lowWeight = excess_[at(target)] - aim;
+    double low = HUGE_VAL;
+    for (int k = from; k <= target; ++k) low = std::min(low, lowestOf(duty_[at(k)], lift));
+    double lowWeight = replay_.excess(after_[at(target)].state(), die) - aim;
     double highWeight = highExcess - aim;
     int kept = 0;  // the side the last step kept: 1 high, -1 low
     for (int i = 0; i < kMaxLevelEvaluations && highExcess < -kExcessToleranceC &&
@@ -341,7 +392,7 @@ std::optional<double> Planner::lowestLevel(int from, int target, double ceiling)
          ++i) {
         double level = high - highWeight * (high - low) / (highWeight - lowWeight);
         if (!(level > low && level < high)) level = (low + high) / 2;
-        const double excess = excessWith(from, target, level);
+        const double excess = excessWith(from, target, lift, die, level);
         if (excess > 0) {
             low = level;
             lowWeight = excess - aim;
@@ -370,12 +421,13 @@ std::vector<Energy> Planner::currentTail(int target) {
     return tail;
 }
 
-Energy Planner::addedEnergy(int from, int target, double level, const std::vector<Energy>& tail) {
+Energy Planner::addedEnergy(int from, int target, Lift lift, double level,
+                            const std::vector<Energy>& tail) {
     sim::ThermalPlant plant = before(from);
     Energy added;
     const int end = target + static_cast<int>(tail.size());
     for (int k = from; k <= end; ++k) {
-        const double duty = k <= target ? std::max(duty_[at(k)], level) : duty_[at(k)];
+        const Levels duty = k <= target ? lifted(duty_[at(k)], lift, level) : duty_[at(k)];
         replay_.play(plant, k, duty);
         const Energy base = k <= target ? energy_[at(k)] : tail[at(k - target - 1)];
         added += replay_.energy(plant.state()) - base;
@@ -396,16 +448,19 @@ void Planner::lowerPlateaus() {
 
 std::vector<Plateau> Planner::plateaus() const {
     std::vector<Plateau> found;
-    for (int k = 1; k < n_;) {
-        int last = k;
-        while (last + 1 < n_ && duty_[at(last + 1)] == duty_[at(k)] && !unavoidable_[at(last + 1)])
-            ++last;
-        if (duty_[at(k)] > floor_ && !unavoidable_[at(k)]) {
-            double heard = 0;
-            for (int j = k; j <= last; ++j) heard += energy_[at(j)].heard;
-            found.push_back({k, last, heard});
+    for (sim::Die die : {sim::Die::cpu, sim::Die::gpu}) {
+        for (int k = 1; k < n_;) {
+            int last = k;
+            while (last + 1 < n_ && duty_[at(last + 1)][die] == duty_[at(k)][die] &&
+                   !unavoidable_[at(last + 1)])
+                ++last;
+            if (duty_[at(k)][die] > floor_ && !unavoidable_[at(k)]) {
+                double heard = 0;
+                for (int j = k; j <= last; ++j) heard += energy_[at(j)].heard;
+                found.push_back({die, k, last, heard});
+            }
+            k = last + 1;
         }
-        k = last + 1;
     }
     std::stable_sort(found.begin(), found.end(),
                      [](const Plateau& a, const Plateau& b) { return a.heard > b.heard; });
@@ -415,34 +470,37 @@ std::vector<Plateau> Planner::plateaus() const {
 // Bisects the stretch's level down, trying its higher neighbour's level first (where a stretch
 // usually turns out to be redundant).
 void Planner::lowerPlateau(const Plateau& plateau) {
-    const double level = duty_[at(plateau.first)];
+    const sim::Die die = plateau.die;
+    const double level = duty_[at(plateau.first)][die];
     for (int k = plateau.first; k <= plateau.last; ++k)
-        if (duty_[at(k)] != level) return;  // an earlier lowering merged it away
-    double neighbour = plateau.first > 1 ? duty_[at(plateau.first - 1)] : floor_;
-    if (plateau.last + 1 < n_) neighbour = std::max(neighbour, duty_[at(plateau.last + 1)]);
+        if (duty_[at(k)][die] != level) return;  // an earlier lowering merged it away
+    double neighbour = plateau.first > 1 ? duty_[at(plateau.first - 1)][die] : floor_;
+    if (plateau.last + 1 < n_) neighbour = std::max(neighbour, duty_[at(plateau.last + 1)][die]);
     double low = floor_;
     double high = level;
-    if (neighbour < level)
-        (holdsLowered(plateau.first, plateau.last, neighbour) ? high : low) = neighbour;
+    if (neighbour < level) (holdsLowered(plateau, neighbour) ? high : low) = neighbour;
     for (int i = 0; i < kLoweringBisections; ++i) {
         const double mid = (low + high) / 2;
-        (holdsLowered(plateau.first, plateau.last, mid) ? high : low) = mid;
+        (holdsLowered(plateau, mid) ? high : low) = mid;
     }
     if (!(high < level)) return;
-    std::fill(duty_.begin() + plateau.first, duty_.begin() + plateau.last + 1, high);
+    for (int k = plateau.first; k <= plateau.last; ++k) duty_[at(k)][die] = high;
     repair(plateau.first);
     computeSlack();
 }
 
-// Whether the plan with [first, last] at `level` keeps every avoidable second under.
-bool Planner::holdsLowered(int first, int last, double level) {
-    sim::ThermalPlant plant = before(first);
-    for (int k = first; k < n_; ++k) {
-        replay_.play(plant, k, k <= last ? level : duty_[at(k)]);
+// Whether the plan with the die's level at `level` over the stretch keeps every avoidable second
+// under.
+bool Planner::holdsLowered(const Plateau& plateau, double level) {
+    sim::ThermalPlant plant = before(plateau.first);
+    for (int k = plateau.first; k < n_; ++k) {
+        Levels levels = duty_[at(k)];
+        if (k <= plateau.last) levels[plateau.die] = level;
+        replay_.play(plant, k, levels);
         ++steps_;
         const sim::PlantState state = plant.state();
         if (!unavoidable_[at(k)] && replay_.over(state)) return false;
-        if (k > last + settleS_ && settledUnder(k, state)) return true;
+        if (k > plateau.last + settleS_ && settledUnder(k, state)) return true;
     }
     return true;
 }
@@ -454,9 +512,10 @@ bool Planner::settledUnder(int k, const sim::PlantState& state) const {
     if (replay_.throttlesUnderLimits()) return false;
     const Reference& ref = reference_[at(k)];
     if (state.cpuClockScale != ref.cpuScale || state.gpuClockScale != ref.gpuScale) return false;
-    if (std::abs(rpmSum(state) - ref.rpmSum) > kSettledRPM) return false;
-    const double gap = std::max({state.cpuTemperatureC - ref.cpuC, state.gpuTemperatureC - ref.gpuC,
-                                 state.sinkTemperatureC - ref.sinkC});
+    if (!sameSpeeds(state.fanCurrentRPM, ref.rpm, kSettledRPM)) return false;
+    const double gap =
+        std::max({state.cpuTemperatureC - ref.cpuC, state.gpuTemperatureC - ref.gpuC,
+                  state.sinkTemperatureC - ref.sinkC, state.gpuSinkTemperatureC - ref.gpuSinkC});
     return gap + kSettledMarginC < slackAfter_[at(k)];
 }
 
@@ -473,8 +532,9 @@ void Planner::computeSlack() {
 
 ForesightOutcome Planner::outcome() const {
     ForesightOutcome result;
-    result.plan.assign(duty_.begin() + 1, duty_.end());
-    result.plan.push_back(floor_);  // set after the last second: never heard
+    for (int k = 1; k < n_; ++k) result.plan.push_back(replay_.duties(duty_[at(k)]));
+    result.plan.push_back(
+        replay_.duties({floor_, floor_}));  // set after the last second: never heard
     sim::ThermalPlant plant = replay_.start();
     for (int k = 0; k < n_; ++k) {
         replay_.play(plant, k, duty_[at(k)]);
@@ -500,7 +560,7 @@ ForesightOutcome Planner::run() {
 
 ForesightOutcome planForesight(const MachineProfile& machine, const LoadTrace& trace,
                                const RunSettings& settings, const MetricLimits& limits) {
-    const Replay replay(machine, trace, settings.seed, limits);
+    Replay replay(machine, trace, settings.seed, limits);
     return Planner(replay).run();
 }
 

@@ -244,9 +244,106 @@ MachineProfile desktopUnequalFans() {
     return {"desktop-unequal-fans", p};
 }
 
+MachineProfile desktopCoolerGpuCase() {
+    sim::PlantConfig p;
+    p.logicalCpus = 16;
+    p.cpuIdlePowerW = 9;
+    p.cpuFullLoadPowerW = 125;
+    p.cpuMaxClockMHz = 5000;
+    p.cpuBaseClockMHz = 3000;
+    p.cpuLimitC = 95;
+    p.cpuHeatCapacityJPerK = 7;
+    p.cpuToSinkWPerK = 6;
+    p.gpuIdlePowerW = 12;
+    p.gpuFullLoadPowerW = 200;
+    p.gpuMaxClockMHz = 2500;
+    p.gpuBaseClockMHz = 1100;
+    p.gpuReferenceMaxClockMHz = 2500;
+    p.gpuLimitC = 88;
+    p.gpuHeatCapacityJPerK = 18;
+    p.gpuToSinkWPerK = 12;
+    // Two sinks: the tower cooler on the processor and the card's own fin stack. They share the
+    // case air, which carries a little heat from one to the other.
+    p.sinkHeatCapacityJPerK = 400;
+    p.sinkPassiveWPerK = 0.6;
+    p.sinkAirflowWPerK = 7;
+    p.gpuSinkHeatCapacityJPerK = 250;
+    p.gpuSinkPassiveWPerK = 0.5;
+    p.gpuSinkAirflowWPerK = 9;
+    p.sinkToSinkWPerK = 0.5;
+    p.airflowReferenceRPM = 1800;
+    p.platformPowerW = 20;
+    p.fanPowerAtMaxW = 3;
+    // The cooler's 120 mm fan blows through the processor's fins; the card's two 90 mm fans
+    // (one header) through its own, moving less air per turn and whining at speed; the 140 mm
+    // case fans are the quietest for their air and help both sinks a little by clearing the
+    // warm case air, the card's more, as it dumps its heat into the case.
+    sim::FanConfig cooler{"CPU cooler fan", 500, 1800, 31, 1800};
+    cooler.cpuCooling = 0.9;
+    cooler.gpuCooling = 0.05;
+    sim::FanConfig card{"Graphics card fans", 900, 3200, 44, 3200};
+    card.cpuCooling = 0.05;
+    card.gpuCooling = 0.5;
+    sim::FanConfig caseFans{"Case fans", 400, 1400, 27, 1400};
+    caseFans.cpuCooling = 0.25;
+    caseFans.gpuCooling = 0.35;
+    p.fans = {cooler, card, caseFans};
+    p.fanTimeConstantS = 2.0;
+    p.fanSlewRPMPerS = 1000;
+    p.firmwareMinUntilC = 50;
+    p.firmwareMaxAtC = 85;
+    return {"desktop-cooler-gpu-case", p};
+}
+
+MachineProfile laptopTwoBlowers() {
+    sim::PlantConfig p;
+    p.logicalCpus = 16;
+    p.cpuIdlePowerW = 4;
+    p.cpuFullLoadPowerW = 45;
+    p.cpuMaxClockMHz = 4800;
+    p.cpuBaseClockMHz = 2400;
+    p.cpuLimitC = 100;
+    p.cpuHeatCapacityJPerK = 2.5;
+    p.cpuToSinkWPerK = 2.5;
+    p.gpuIdlePowerW = 5;
+    p.gpuFullLoadPowerW = 80;
+    p.gpuMaxClockMHz = 2100;
+    p.gpuBaseClockMHz = 900;
+    p.gpuReferenceMaxClockMHz = 2100;
+    p.gpuLimitC = 87;
+    p.gpuHeatCapacityJPerK = 4;
+    p.gpuToSinkWPerK = 4.5;
+    // A fin stack per die at either rear corner, joined by a shared heat pipe.
+    p.sinkHeatCapacityJPerK = 60;
+    p.sinkPassiveWPerK = 0.2;
+    p.sinkAirflowWPerK = 2.2;
+    p.gpuSinkHeatCapacityJPerK = 80;
+    p.gpuSinkPassiveWPerK = 0.25;
+    p.gpuSinkAirflowWPerK = 3.2;
+    p.sinkToSinkWPerK = 1.5;
+    p.airflowReferenceRPM = 5400;
+    p.platformPowerW = 8;
+    p.fanPowerAtMaxW = 1.5;
+    // Each blower pulls through its own fin stack and, through the shared intake, a little
+    // across the other; the processor's is the smaller one and the louder for its air.
+    sim::FanConfig cpuBlower{"CPU blower", 2200, 6000, 42, 6000};
+    cpuBlower.cpuCooling = 0.9;
+    cpuBlower.gpuCooling = 0.15;
+    sim::FanConfig gpuBlower{"GPU blower", 2000, 5400, 40, 5400};
+    gpuBlower.cpuCooling = 0.15;
+    gpuBlower.gpuCooling = 0.9;
+    p.fans = {cpuBlower, gpuBlower};
+    p.fanTimeConstantS = 1.2;
+    p.fanSlewRPMPerS = 3000;
+    p.firmwareMinUntilC = 60;
+    p.firmwareMaxAtC = 90;
+    return {"laptop-two-blowers", p};
+}
+
 std::vector<MachineProfile> standardMachines() {
-    return {thinLaptop(),    hotThinLaptop(),    desktopLargeCooler(), simulatedDefault(),
-            thinLaptop45W(), desktopSilentGpu(), desktopFanStop(),     desktopUnequalFans()};
+    return {thinLaptop(),           hotThinLaptop(),    desktopLargeCooler(), simulatedDefault(),
+            thinLaptop45W(),        desktopSilentGpu(), desktopFanStop(),     desktopUnequalFans(),
+            desktopCoolerGpuCase(), laptopTwoBlowers()};
 }
 
 }  // namespace kelvo::quality

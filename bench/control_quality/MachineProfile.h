@@ -31,6 +31,11 @@ MachineProfile desktopSilentGpu();
 MachineProfile desktopFanStop();
 // Three fans with different ranges and sound: a cooler fan, a slow 200 mm fan, a loud 92 mm one.
 MachineProfile desktopUnequalFans();
+// A sink per die and fans that each cool mostly one: a tower cooler's fan, a graphics card's
+// fans and case fans.
+MachineProfile desktopCoolerGpuCase();
+// A gaming laptop: a blower and a fin stack for each die, joined by a shared heat pipe.
+MachineProfile laptopTwoBlowers();
 std::vector<MachineProfile> standardMachines();
 
 }  // namespace kelvo::quality

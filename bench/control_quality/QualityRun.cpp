@@ -128,7 +128,8 @@ public:
             if (!fan.controllable) continue;
             const auto index = static_cast<std::size_t>(fan.channel - 1);
             fans_.push_back(
-                {fan, index < plant.fans.size() ? plant.fans[index] : sim::FanConfig{}});
+                {fan, index < plant.fans.size() ? plant.fans[index] : sim::FanConfig{}, index});
+            stopped_.resize(std::max(stopped_.size(), index + 1), false);
         }
     }
 
@@ -137,17 +138,27 @@ public:
     // its minimum. A plan's duty is rounded up instead: the next step up keeps whatever the plan
     // promised about the temperatures, the one below may not. A fan at rest asked to turn gets
     // its start duty for that second, as those programs kick a stopped fan.
-    void write(double duty, bool roundUp = false) {
+    void write(double duty, bool roundUp = false) { write(std::vector<double>{duty}, roundUp); }
+
+    // One duty per fan (by channel), or a single one for every fan.
+    void write(const std::vector<double>& duties, bool roundUp = false) {
         for (const Fan& fan : fans_) {
+            const double duty = duties.size() == 1          ? duties.front()
+                                : fan.index < duties.size() ? duties[fan.index]
+                                                            : 1.0;
             const int from = std::clamp(fan.config.stopBelowDuty, 0, kMaxDuty - 1);
             const double steps = std::clamp(duty, 0.0, 1.0) * (kMaxDuty - from);
             // The tolerance keeps an exact step (0.2 * 255) from rounding up past itself.
             const auto rounded = roundUp ? std::ceil(steps - 1e-9) : std::round(steps);
             int pwm =
                 duty < 0 ? (fan.config.canStop() ? 0 : from) : from + static_cast<int>(rounded);
-            const bool atRest = sysfs::readDouble(fan.hwmon.inputPath()).value_or(1) <= 0;
+            // A fan told to stop may still be spinning down, but the chip holds it at rest all
+            // the same: it needs its start duty as much as one already still.
+            const bool atRest =
+                sysfs::readDouble(fan.hwmon.inputPath()).value_or(1) <= 0 || stopped_[fan.index];
             if (duty >= 0 && atRest && manual_)
                 pwm = std::max(pwm, fan.config.effectiveStartDuty());
+            stopped_[fan.index] = fan.config.canStop() && pwm < fan.config.stopBelowDuty;
             std::string error;
             if (!manual_ && !sysfs::writeInteger(fan.hwmon.pwmEnablePath(), 1, &error))
                 report(error);
@@ -165,8 +176,10 @@ private:
     struct Fan {
         HwmonFan hwmon;
         sim::FanConfig config;
+        std::size_t index = 0;  // the plant's fan: its channel less one
     };
     std::vector<Fan> fans_;
+    std::vector<bool> stopped_;  // by plant fan: the last duty written stopped it
     bool manual_ = false;
     bool reported_ = false;
 };
@@ -248,7 +261,7 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
         PwmWriter pwm(rig.root(), machine.plant);
         std::size_t second = 0;
         result = drive(rig, machine, trace, [&](Timestamp) {
-            pwm.write(second < plan.size() ? plan[second] : 1.0, true);
+            pwm.write(second < plan.size() ? plan[second] : std::vector<double>{1.0}, true);
             ++second;
         });
     } else if (!controller.makeBaseline) {

@@ -22,9 +22,10 @@ namespace kelvo::quality {
 
 struct RunSettings;
 
-// A whole run's fan duty (0..1 between each fan's minimum and maximum), one entry per second,
-// planned before the run from the machine and the whole trace.
-using DutyPlan = std::vector<double>;
+// A whole run's fan duties, planned before the run from the machine and the whole trace: one
+// entry per second, each either one duty per fan or a single duty for every fan. A duty is 0..1
+// between the fan's minimum and maximum; below 0 a fan that can stop stands still.
+using DutyPlan = std::vector<std::vector<double>>;
 
 struct ControllerSpec {
     std::string name;

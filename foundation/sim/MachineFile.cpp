@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cmath>
 #include <utility>
 
 #include "foundation/sim/JsonFile.h"
@@ -44,6 +45,10 @@ const std::array kPlantFields = std::to_array<PlantField>({
     {"sinkAirflowWPerK", &PlantConfig::sinkAirflowWPerK},
     {"airflowReferenceRPM", &PlantConfig::airflowReferenceRPM},
     {"airflowExponent", &PlantConfig::airflowExponent},
+    {"gpuSinkHeatCapacityJPerK", &PlantConfig::gpuSinkHeatCapacityJPerK},
+    {"gpuSinkPassiveWPerK", &PlantConfig::gpuSinkPassiveWPerK},
+    {"gpuSinkAirflowWPerK", &PlantConfig::gpuSinkAirflowWPerK},
+    {"sinkToSinkWPerK", &PlantConfig::sinkToSinkWPerK},
     {"platformPowerW", &PlantConfig::platformPowerW},
     {"fanPowerAtMaxW", &PlantConfig::fanPowerAtMaxW},
     {"fans", &PlantConfig::fans},
@@ -100,12 +105,52 @@ std::vector<FanConfig> readFans(const Json& value) {
             else if (key == "startDuty")
                 fan.startDuty =
                     static_cast<int>(detail::readInteger(member, fanKey(i, key), 0, 255));
+            else if (key == "cpuCooling")
+                fan.cpuCooling = detail::readDouble(member, fanKey(i, key));
+            else if (key == "gpuCooling")
+                fan.gpuCooling = detail::readDouble(member, fanKey(i, key));
             else
                 invalid("unknown key " + quotedKey(fanKey(i, key)));
         }
         fans.push_back(std::move(fan));
     }
     return fans;
+}
+
+// A coupling matrix is all or nothing: every fan says what it does for both dies, or none does
+// (one shared sink). Each die must be cooled by some fan, or its sink would only ever warm.
+void checkCoupling(const PlantConfig& plant) {
+    bool anyGiven = false;
+    for (std::size_t i = 0; i < plant.fans.size(); ++i) {
+        const FanConfig& fan = plant.fans[i];
+        for (auto [key, value] :
+             {std::pair{"cpuCooling", fan.cpuCooling}, std::pair{"gpuCooling", fan.gpuCooling}}) {
+            if (!std::isfinite(value) || (value < 0 && value != -1) || value > kMaxCouplingWeight)
+                invalid(quotedKey(fanKey(i, key)) + " must be a number from 0 to " +
+                        std::to_string(static_cast<int>(kMaxCouplingWeight)));
+        }
+        if ((fan.cpuCooling >= 0) != (fan.gpuCooling >= 0))
+            invalid(quotedKey(fanKey(i, fan.cpuCooling >= 0 ? "gpuCooling" : "cpuCooling")) +
+                    " is missing: a fan gives both couplings or neither");
+        anyGiven = anyGiven || fan.givesCooling();
+    }
+    if (!anyGiven) return;
+    double cpu = 0;
+    double gpu = 0;
+    for (std::size_t i = 0; i < plant.fans.size(); ++i) {
+        if (!plant.fans[i].givesCooling())
+            invalid(quotedKey(fanKey(i, "cpuCooling")) +
+                    " is missing: with a coupling matrix every fan gives its couplings");
+        cpu += plant.fans[i].cpuCooling;
+        gpu += plant.fans[i].gpuCooling;
+    }
+    if (cpu <= 0)
+        invalid("no fan cools the CPU: some " + quotedKey("cpuCooling") + " must be above 0");
+    if (gpu <= 0)
+        invalid("no fan cools the GPU: some " + quotedKey("gpuCooling") + " must be above 0");
+    if (!(plant.gpuSinkHeatCapacityJPerK > 0))
+        invalid(quotedKey("gpuSinkHeatCapacityJPerK") + " must be above 0");
+    if (plant.sinkToSinkWPerK < 0) invalid(quotedKey("sinkToSinkWPerK") + " must not be negative");
 }
 
 // What both reading and writing insist on, so that whatever is written reads back.
@@ -123,6 +168,7 @@ void check(const MachineDescription& machine) {
         }
     }
     if (plant.fans.empty()) invalid(quotedKey("fans") + " must list at least one fan");
+    checkCoupling(plant);
     for (std::size_t i = 0; i < plant.fans.size(); ++i) {
         const FanConfig& fan = plant.fans[i];
         detail::checkFinite(fan.minRPM, fanKey(i, "minRPM"));
@@ -189,14 +235,20 @@ std::string machineText(const MachineDescription& machine) {
                            [&](int PlantConfig::*member) { return Json(plant.*member); },
                            [&](std::vector<FanConfig> PlantConfig::*member) {
                                Json fans = Json::array();
-                               for (const FanConfig& fan : plant.*member)
-                                   fans.push_back({{"name", fan.name},
-                                                   {"minRPM", fan.minRPM},
-                                                   {"maxRPM", fan.maxRPM},
-                                                   {"soundRefDb", fan.soundRefDb},
-                                                   {"soundRefRPM", fan.soundRefRPM},
-                                                   {"stopBelowDuty", fan.stopBelowDuty},
-                                                   {"startDuty", fan.startDuty}});
+                               for (const FanConfig& fan : plant.*member) {
+                                   Json entry = {{"name", fan.name},
+                                                 {"minRPM", fan.minRPM},
+                                                 {"maxRPM", fan.maxRPM},
+                                                 {"soundRefDb", fan.soundRefDb},
+                                                 {"soundRefRPM", fan.soundRefRPM},
+                                                 {"stopBelowDuty", fan.stopBelowDuty},
+                                                 {"startDuty", fan.startDuty}};
+                                   if (fan.givesCooling()) {
+                                       entry["cpuCooling"] = fan.cpuCooling;
+                                       entry["gpuCooling"] = fan.gpuCooling;
+                                   }
+                                   fans.push_back(std::move(entry));
+                               }
                                return fans;
                            },
                        },

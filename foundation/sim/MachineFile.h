@@ -34,6 +34,8 @@ std::span<const PlantField> plantFields();
 
 inline constexpr std::size_t kMaxMachineFileBytes = 1 << 20;
 inline constexpr int kMaxLogicalCpus = 256;
+// A fan's coupling to a die's sink: 1 is a fan that blows all its air through that sink.
+inline constexpr double kMaxCouplingWeight = 10;
 
 // On failure: nullopt, and *error holds one line naming the file and what is wrong with it.
 std::optional<MachineDescription> readMachineFile(const std::filesystem::path& path,

@@ -45,9 +45,9 @@ ThermalPlant::ThermalPlant(PlantConfig config, std::uint64_t seed)
     // already plausible instead of a slow climb from ambient.
     const double cpuPower = config_.cpuIdlePowerW;
     const double gpuPower = config_.gpuIdlePowerW;
-    sinkTemp_ = config_.ambientC + (cpuPower + gpuPower) / sinkConductance();
+    settleSinks(cpuPower, gpuPower);
     cpuTemp_ = sinkTemp_ + cpuPower / config_.cpuToSinkWPerK;
-    gpuTemp_ = sinkTemp_ + gpuPower / config_.gpuToSinkWPerK;
+    gpuTemp_ = gpuSinkTemp_ + gpuPower / config_.gpuToSinkWPerK;
     updateFirmwareStops();
     for (std::size_t i = 0; i < fanRPM_.size(); ++i)
         if (firmwareStopped_[i]) fanRPM_[i] = 0;
@@ -88,16 +88,51 @@ bool ThermalPlant::holdsControl() const {
            std::any_of(command_.begin(), command_.end(), [](double c) { return c != 0; });
 }
 
-double ThermalPlant::airflowFraction() const {
-    if (fanRPM_.empty() || config_.airflowReferenceRPM <= 0) return 0;
-    double sum = 0;
-    for (double rpm : fanRPM_) sum += std::max(0.0, rpm);
-    return sum / static_cast<double>(fanRPM_.size()) / config_.airflowReferenceRPM;
+bool PlantConfig::splitsSinks() const {
+    return !fans.empty() && std::all_of(fans.begin(), fans.end(),
+                                        [](const FanConfig& f) { return f.givesCooling(); });
 }
 
-double ThermalPlant::sinkConductance() const {
-    return config_.sinkPassiveWPerK +
-           config_.sinkAirflowWPerK * std::pow(airflowFraction(), config_.airflowExponent);
+double coolingAirflow(const PlantConfig& config, Die die, const std::vector<double>& fanRPM) {
+    if (fanRPM.empty() || config.airflowReferenceRPM <= 0) return 0;
+    double sum = 0;
+    if (!config.splitsSinks()) {
+        for (double rpm : fanRPM) sum += std::max(0.0, rpm);
+        return sum / static_cast<double>(fanRPM.size()) / config.airflowReferenceRPM;
+    }
+    for (std::size_t i = 0; i < fanRPM.size() && i < config.fans.size(); ++i) {
+        const FanConfig& fan = config.fans[i];
+        sum += (die == Die::cpu ? fan.cpuCooling : fan.gpuCooling) * std::max(0.0, fanRPM[i]);
+    }
+    return sum / config.airflowReferenceRPM;
+}
+
+// Sink to ambient. On a shared sink both dies' calls give the one conductance.
+double ThermalPlant::sinkConductance(Die die) const {
+    const double airflow =
+        std::pow(coolingAirflow(config_, config_.splitsSinks() ? die : Die::cpu, fanRPM_),
+                 config_.airflowExponent);
+    if (die == Die::gpu && config_.splitsSinks())
+        return config_.gpuSinkPassiveWPerK + config_.gpuSinkAirflowWPerK * airflow;
+    return config_.sinkPassiveWPerK + config_.sinkAirflowWPerK * airflow;
+}
+
+// The sinks' steady temperatures with these dies' powers at the fans' present speeds: one sink,
+// or two trading heat (a 2x2 linear system).
+void ThermalPlant::settleSinks(double cpuPowerW, double gpuPowerW) {
+    const double ambient = config_.ambientC;
+    if (!config_.splitsSinks()) {
+        sinkTemp_ = ambient + (cpuPowerW + gpuPowerW) / sinkConductance(Die::cpu);
+        gpuSinkTemp_ = sinkTemp_;
+        return;
+    }
+    const double gc = sinkConductance(Die::cpu);
+    const double gg = sinkConductance(Die::gpu);
+    const double k = std::max(0.0, config_.sinkToSinkWPerK);
+    // (gc + k) dc - k dg = Pc ; -k dc + (gg + k) dg = Pg, with d the rise over ambient.
+    const double det = (gc + k) * (gg + k) - k * k;
+    sinkTemp_ = ambient + (cpuPowerW * (gg + k) + k * gpuPowerW) / det;
+    gpuSinkTemp_ = ambient + (gpuPowerW * (gc + k) + k * cpuPowerW) / det;
 }
 
 // Dynamic power goes with frequency times voltage squared; along a boost curve that is close to
@@ -174,12 +209,20 @@ void ThermalPlant::substep(double h) {
     const double gpuPower =
         dieDrivePowerW(config_.gpuIdlePowerW, config_.gpuFullLoadPowerW, gpuLoad_, gpuScale_);
     const double cpuToSink = config_.cpuToSinkWPerK * (cpuTemp_ - sinkTemp_);
-    const double gpuToSink = config_.gpuToSinkWPerK * (gpuTemp_ - sinkTemp_);
-    const double sinkToAir = sinkConductance() * (sinkTemp_ - config_.ambientC);
-
+    const double gpuToSink = config_.gpuToSinkWPerK * (gpuTemp_ - gpuSinkTemp_);
     cpuTemp_ += h * (cpuPower - cpuToSink) / config_.cpuHeatCapacityJPerK;
     gpuTemp_ += h * (gpuPower - gpuToSink) / config_.gpuHeatCapacityJPerK;
-    sinkTemp_ += h * (cpuToSink + gpuToSink - sinkToAir) / config_.sinkHeatCapacityJPerK;
+    if (config_.splitsSinks()) {
+        const double cpuSinkToAir = sinkConductance(Die::cpu) * (sinkTemp_ - config_.ambientC);
+        const double gpuSinkToAir = sinkConductance(Die::gpu) * (gpuSinkTemp_ - config_.ambientC);
+        const double across = std::max(0.0, config_.sinkToSinkWPerK) * (sinkTemp_ - gpuSinkTemp_);
+        sinkTemp_ += h * (cpuToSink - cpuSinkToAir - across) / config_.sinkHeatCapacityJPerK;
+        gpuSinkTemp_ += h * (gpuToSink - gpuSinkToAir + across) / config_.gpuSinkHeatCapacityJPerK;
+    } else {
+        const double sinkToAir = sinkConductance(Die::cpu) * (sinkTemp_ - config_.ambientC);
+        sinkTemp_ += h * (cpuToSink + gpuToSink - sinkToAir) / config_.sinkHeatCapacityJPerK;
+        gpuSinkTemp_ = sinkTemp_;
+    }
 
     auto droop = [&](double temp, double limit, double& scale) {
         if (temp > limit) {
@@ -198,6 +241,7 @@ void ThermalPlant::refreshOutputs() {
     s.cpuTemperatureC = cpuTemp_;
     s.gpuTemperatureC = gpuTemp_;
     s.sinkTemperatureC = sinkTemp_;
+    s.gpuSinkTemperatureC = gpuSinkTemp_;
     s.cpuClockScale = cpuScale_;
     s.gpuClockScale = gpuScale_;
 

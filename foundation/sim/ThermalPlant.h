@@ -28,8 +28,16 @@ struct FanConfig {
     // drives the fan by duty (kelvo-simhw) and to the firmware, which stops such fans when cool.
     int stopBelowDuty = 0;
     int startDuty = 0;
+    // What this fan's air does for each die's heatsink, as a weight on its speed (a row of the
+    // machine's coupling matrix): a CPU cooler's fan cools the CPU's sink, a graphics card's fans
+    // its own, a case fan a little of both. Negative: not given. A machine whose fans all give
+    // both has a sink per die; one whose fans give none has one shared sink cooled by the mean
+    // fan speed, as every fan weighing 1/n on it.
+    double cpuCooling = -1;
+    double gpuCooling = -1;
 
     bool canStop() const { return stopBelowDuty > 0; }
+    bool givesCooling() const { return cpuCooling >= 0 && gpuCooling >= 0; }
     int effectiveStartDuty() const { return startDuty > stopBelowDuty ? startDuty : stopBelowDuty; }
 
     bool operator==(const FanConfig&) const = default;
@@ -67,6 +75,14 @@ struct PlantConfig {
     double sinkAirflowWPerK = 3.7;
     double airflowReferenceRPM = 5400;
     double airflowExponent = 1.4;
+    // With a coupling matrix (every fan's cpuCooling and gpuCooling), the sink above is the CPU's
+    // and the GPU has one of its own; each sink's airflow term takes the weighted sum of the fans'
+    // speeds in place of their mean. The sinks trade heat through sinkToSinkWPerK (shared heat
+    // pipes in a laptop, the case air in a desktop).
+    double gpuSinkHeatCapacityJPerK = 150;
+    double gpuSinkPassiveWPerK = 0.2;
+    double gpuSinkAirflowWPerK = 3.0;
+    double sinkToSinkWPerK = 0;
 
     // Board, memory and drives: reported in the total, dissipated outside the modelled sink.
     double platformPowerW = 4;
@@ -100,13 +116,23 @@ struct PlantConfig {
     double pressureSeriousFromC = 90;
     double pressureCriticalFromC = 97;
 
+    // Whether the machine has a sink per die (every fan gives its coupling).
+    bool splitsSinks() const;
+
     bool operator==(const PlantConfig&) const = default;
 };
+
+enum class Die { cpu, gpu };
+
+// The airflow a die's sink sees from fans at these speeds, as a fraction of the reference speed:
+// the coupling-weighted sum, or the mean speed on a shared sink. Stopped fans add nothing.
+double coolingAirflow(const PlantConfig& config, Die die, const std::vector<double>& fanRPM);
 
 struct PlantState {
     double cpuTemperatureC = 0;
     double gpuTemperatureC = 0;
-    double sinkTemperatureC = 0;
+    double sinkTemperatureC = 0;     // the CPU's sink where each die has its own
+    double gpuSinkTemperatureC = 0;  // the same as sinkTemperatureC on a shared sink
     double cpuClockMHz = 0;
     double gpuClockMHz = 0;
     double gpuReferenceMaxClockMHz = 0;
@@ -164,14 +190,14 @@ public:
     const PlantConfig& config() const { return config_; }
 
 private:
-    double airflowFraction() const;
-    double sinkConductance() const;
+    double sinkConductance(Die die) const;
     double dieDrivePowerW(double idle, double full, double load, double scale) const;
     double firmwareRPM(std::size_t fan) const;
     double driveRPM(std::size_t fan) const;
     void updateFirmwareStops();
     void substep(double h);
     void refreshOutputs();
+    void settleSinks(double cpuPowerW, double gpuPowerW);
 
     PlantConfig config_;
     std::mt19937_64 rng_;
@@ -184,6 +210,7 @@ private:
     double cpuTemp_ = 0;
     double gpuTemp_ = 0;
     double sinkTemp_ = 0;
+    double gpuSinkTemp_ = 0;
     double cpuScale_ = 1;
     double gpuScale_ = 1;
     double elapsed_ = 0;

@@ -107,6 +107,30 @@ TEST(SimHardware, ManualDutyDrivesTheFanAndFirmwareModeFollowsTheCurve) {
     EXPECT_NEAR(std::stoi(read(hw, "sys/class/hwmon/hwmon2/fan1_input")), 4000, 40);
 }
 
+// A machine file's coupling matrix reaches the dies that sysfs shows: with fan 1 coupled to the
+// CPU's sink and fan 2 to the GPU's, the GPU's temperature follows pwm2, not pwm1.
+TEST(SimHardware, EachPwmCoolsTheDieItsFanIsCoupledTo) {
+    auto gpuAfter = [](const char* pwm1, const char* pwm2) {
+        sim::PlantConfig config = twoFans();
+        config.fans[0].cpuCooling = 1;
+        config.fans[0].gpuCooling = 0;
+        config.fans[1].cpuCooling = 0;
+        config.fans[1].gpuCooling = 1;
+        SimHardware hw("coupled", config);
+        for (const char* enable : {kEnable1, "sys/class/hwmon/hwmon2/pwm2_enable"})
+            EXPECT_EQ(write(hw, enable, "1"), 0);
+        EXPECT_EQ(write(hw, kPwm1, pwm1), 0);
+        EXPECT_EQ(write(hw, "sys/class/hwmon/hwmon2/pwm2", pwm2), 0);
+        for (int step = 0; step < 6000; ++step) hw.step(0.1, 0.03, 0.25);
+        return std::stoi(read(hw, "sys/class/hwmon/hwmon1/temp1_input"));
+    };
+    const int cardFanFast = gpuAfter("0", "255");
+    const int coolerFanFast = gpuAfter("255", "0");
+    const int bothSlow = gpuAfter("0", "0");
+    EXPECT_LT(cardFanFast, coolerFanFast - 10000);
+    EXPECT_EQ(coolerFanFast, bothSlow);
+}
+
 // Fan 1 stops below duty 51 and needs 77 to start from rest.
 sim::PlantConfig fanStop() {
     sim::PlantConfig config = twoFans();

@@ -54,7 +54,7 @@ ControllerSpec constantDuty(double duty) {
     ControllerSpec controller;
     controller.name = "duty " + std::to_string(duty);
     controller.plan = [duty](const MachineProfile&, const LoadTrace& trace, const RunSettings&) {
-        return DutyPlan(static_cast<std::size_t>(trace.seconds()), duty);
+        return DutyPlan(static_cast<std::size_t>(trace.seconds()), {duty});
     };
     return controller;
 }

@@ -25,7 +25,7 @@ ControllerSpec playing(DutyPlan plan) {
 }
 
 ControllerSpec constantDuty(double duty, int seconds) {
-    return playing(DutyPlan(static_cast<std::size_t>(seconds), duty));
+    return playing(DutyPlan(static_cast<std::size_t>(seconds), {duty}));
 }
 
 ControllerSpec foresight() {
@@ -53,6 +53,10 @@ double meanRpm(const sim::PlantState& state) {
     return sum / static_cast<double>(state.fanCurrentRPM.size());
 }
 
+double highest(const std::vector<double>& duties) {
+    return *std::max_element(duties.begin(), duties.end());
+}
+
 bool over(const sim::PlantState& state, const MetricLimits& limits = {}) {
     return state.cpuTemperatureC > limits.cpuLimitC || state.gpuTemperatureC > limits.gpuLimitC;
 }
@@ -63,7 +67,9 @@ TEST(ForesightPlanner, PredictsTheRunSecondForSecond) {
     const MachineProfile machine = simulatedDefault();
     const LoadTrace trace = shortGame();
     const ForesightOutcome outcome = planForesight(machine, trace, RunSettings{});
-    ASSERT_GT(*std::max_element(outcome.plan.begin(), outcome.plan.end()), 0.1);
+    double loudest = 0;
+    for (const auto& duties : outcome.plan) loudest = std::max(loudest, highest(duties));
+    ASSERT_GT(loudest, 0.1);
 
     const RunResult run = runController(machine, trace, playing(outcome.plan), RunSettings{});
     ASSERT_EQ(run.series.size(), outcome.predicted.size());
@@ -107,8 +113,8 @@ TEST(ForesightPlanner, LeavesTheFansAtTheirMinimumOrStoppedWhileIdle) {
         const double lowest = stops ? -1.0 : 0.0;
         const DutyPlan plan = foresightPlan(machine, trace, RunSettings{});
         ASSERT_EQ(plan.size(), 400u);
-        EXPECT_TRUE(std::all_of(plan.begin(), plan.end(), [&](double duty) {
-            return duty == lowest;
+        EXPECT_TRUE(std::all_of(plan.begin(), plan.end(), [&](const std::vector<double>& duties) {
+            return duties == std::vector<double>(machine.plant.fans.size(), lowest);
         })) << machine.name;
     }
 }
@@ -123,7 +129,7 @@ TEST(ForesightPlanner, RaisesTheFansBeforeAKnownStepLoad) {
         ASSERT_EQ(outcome.unavoidableOverS, 0);
         // plan[k] drives second k + 1: plan[kStepAt - 2] is the last idle second's duty. The dies
         // are cool then; only the load to come calls for the fans.
-        EXPECT_GT(outcome.plan[kStepAt - 2], 0.05) << load.cpu;
+        EXPECT_GT(highest(outcome.plan[kStepAt - 2]), 0.05) << load.cpu;
         EXPECT_LT(std::max(outcome.predicted[kStepAt - 1].cpuTemperatureC,
                            outcome.predicted[kStepAt - 1].gpuTemperatureC),
                   60.0)
@@ -178,7 +184,7 @@ TEST(ForesightPlanner, RunsFullFansWhereEvenFullFansCannotHoldTheLimit) {
     for (std::size_t k = 1; k < outcome.predicted.size(); ++k) {
         if (!over(outcome.predicted[k])) continue;
         ++overS;
-        EXPECT_EQ(outcome.plan[k - 1], 1.0) << k;
+        EXPECT_EQ(outcome.plan[k - 1], std::vector<double>(machine.plant.fans.size(), 1.0)) << k;
     }
     EXPECT_EQ(overS, outcome.unavoidableOverS);
     // No plan has fewer seconds over than full fans throughout.
@@ -187,4 +193,57 @@ TEST(ForesightPlanner, RunsFullFansWhereEvenFullFansCannotHoldTheLimit) {
     const RunResult planned = runController(machine, trace, foresight(), RunSettings{});
     EXPECT_EQ(planned.row.overLimitS, full.row.overLimitS);
     EXPECT_LT(planned.row.meanDb, full.row.meanDb);
+}
+
+// Where fans cool different dies and differ in loudness, planning each fan on its own is well
+// quieter than the quietest single duty for every fan that keeps the limits, and no standard
+// controller that keeps them is quieter.
+TEST(ForesightPlanner, PlansEachFanOnItsOwnWhereFansCoolDifferentDies) {
+    const MachineProfile machine = desktopCoolerGpuCase();
+    const LoadTrace trace = shortGame();
+    auto keeps = [&](double duty) {
+        return runController(machine, trace, constantDuty(duty, trace.seconds()), RunSettings{})
+                   .row.overLimitS == 0;
+    };
+    ASSERT_TRUE(keeps(1.0));
+    double low = 0;
+    double high = 1;
+    for (int i = 0; i < 12; ++i) {
+        const double mid = (low + high) / 2;
+        (keeps(mid) ? high : low) = mid;
+    }
+    const RunResult constant =
+        runController(machine, trace, constantDuty(high, trace.seconds()), RunSettings{});
+    const ForesightOutcome outcome = planForesight(machine, trace, RunSettings{});
+    const RunResult planned = runController(machine, trace, playing(outcome.plan), RunSettings{});
+    ASSERT_EQ(planned.row.overLimitS, 0);
+    EXPECT_LT(planned.row.meanDb, constant.row.meanDb - 2.0);
+    // The fans do not move together: some second has two of them a tenth of their range apart.
+    double widest = 0;
+    for (const auto& duties : outcome.plan)
+        widest =
+            std::max(widest, highest(duties) - *std::min_element(duties.begin(), duties.end()));
+    EXPECT_GT(widest, 0.1);
+    for (const auto& controller : standardControllers()) {
+        if (controller.name == "foresight") continue;
+        const RunResult run = runController(machine, trace, controller, RunSettings{});
+        if (run.row.overLimitS > 0) continue;
+        EXPECT_LE(planned.row.meanDb, run.row.meanDb) << controller.name;
+    }
+}
+
+// A plan that stops some fans and later restarts them keeps the limits when played through the
+// pwm files: a fan still spinning down from a stop gets its start duty, as one at rest does.
+TEST(ForesightPlanner, FansItStopsAndRestartsKeepTheLimitsThroughThePwmFiles) {
+    const MachineProfile machine = desktopFanStop();
+    const LoadTrace trace = TraceLibrary(1).compileJob();
+    const ForesightOutcome outcome = planForesight(machine, trace, RunSettings{});
+    ASSERT_EQ(outcome.unavoidableOverS, 0);
+    std::size_t restarts = 0;
+    for (std::size_t k = 1; k < outcome.plan.size(); ++k)
+        for (std::size_t fan = 0; fan < outcome.plan[k].size(); ++fan)
+            if (outcome.plan[k - 1][fan] < 0 && outcome.plan[k][fan] >= 0) ++restarts;
+    ASSERT_GT(restarts, 0u);
+    const RunResult run = runController(machine, trace, playing(outcome.plan), RunSettings{});
+    EXPECT_EQ(run.row.overLimitS, 0);
 }

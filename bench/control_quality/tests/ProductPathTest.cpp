@@ -40,7 +40,7 @@ ControllerSpec constantPlan(double duty) {
     ControllerSpec controller;
     controller.name = "constant";
     controller.plan = [duty](const MachineProfile&, const LoadTrace& trace, const RunSettings&) {
-        return DutyPlan(static_cast<std::size_t>(trace.seconds()), duty);
+        return DutyPlan(static_cast<std::size_t>(trace.seconds()), {duty});
     };
     return controller;
 }

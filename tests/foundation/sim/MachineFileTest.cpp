@@ -120,6 +120,36 @@ TEST_F(MachineFileTest, FanStopReadsAndWritesBack) {
     EXPECT_EQ(*back, *machine);
 }
 
+TEST_F(MachineFileTest, ACouplingMatrixReadsAndWritesBack) {
+    std::string error;
+    auto machine =
+        readMachineFile(file("coupled.json", R"({"name": "coupled", "sinkToSinkWPerK": 0.5,
+             "gpuSinkAirflowWPerK": 9,
+             "fans": [{"name": "cooler", "cpuCooling": 0.9, "gpuCooling": 0.05},
+                      {"name": "card", "cpuCooling": 0, "gpuCooling": 0.5}]})"),
+                        &error);
+    ASSERT_TRUE(machine) << error;
+    EXPECT_TRUE(machine->plant.splitsSinks());
+    EXPECT_EQ(machine->plant.fans[0].cpuCooling, 0.9);
+    EXPECT_EQ(machine->plant.fans[1].cpuCooling, 0);
+    EXPECT_EQ(machine->plant.fans[1].gpuCooling, 0.5);
+    EXPECT_EQ(machine->plant.gpuSinkAirflowWPerK, 9);
+    EXPECT_EQ(machine->plant.gpuSinkHeatCapacityJPerK, PlantConfig{}.gpuSinkHeatCapacityJPerK);
+    const fs::path written = dir_ / "written.json";
+    ASSERT_TRUE(writeMachineFile(written, *machine, &error)) << error;
+    auto back = readMachineFile(written, &error);
+    ASSERT_TRUE(back) << error;
+    EXPECT_EQ(*back, *machine);
+
+    // Without the matrix a file is written as before: no coupling keys at all.
+    MachineDescription shared{"shared", PlantConfig{}};
+    ASSERT_FALSE(shared.plant.splitsSinks());
+    ASSERT_TRUE(writeMachineFile(written, shared, &error)) << error;
+    std::ifstream in(written);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(text.find("Cooling"), std::string::npos);
+}
+
 struct Malformed {
     const char* what;
     const char* text;
@@ -168,6 +198,25 @@ TEST_F(MachineFileTest, MalformedFilesSayWhichFileAndWhatIsWrong) {
         {"fan sound level not a number",
          R"({"name": "m", "fans": [{"name": "f", "soundRefDb": "loud"}]})",
          R"("fans[0].soundRefDb" must be a number)"},
+        {"one coupling of a fan without the other",
+         R"({"name": "m", "fans": [{"name": "f", "cpuCooling": 0.5}]})",
+         R"("fans[0].gpuCooling" is missing)"},
+        {"a coupling matrix without one fan's row",
+         R"({"name": "m", "fans": [{"name": "a"}, {"name": "b", "cpuCooling": 1, "gpuCooling": 1}]})",
+         R"("fans[0].cpuCooling" is missing)"},
+        {"negative coupling",
+         R"({"name": "m", "fans": [{"name": "f", "cpuCooling": -0.5, "gpuCooling": 1}]})",
+         R"("fans[0].cpuCooling" must be a number from 0 to 10)"},
+        {"coupling beyond any fan",
+         R"({"name": "m", "fans": [{"name": "f", "cpuCooling": 1, "gpuCooling": 11}]})",
+         R"("fans[0].gpuCooling" must be a number from 0 to 10)"},
+        {"no fan cools the GPU",
+         R"({"name": "m", "fans": [{"name": "f", "cpuCooling": 1, "gpuCooling": 0}]})",
+         "no fan cools the GPU"},
+        {"a GPU sink without heat capacity",
+         R"({"name": "m", "gpuSinkHeatCapacityJPerK": 0,
+             "fans": [{"name": "f", "cpuCooling": 1, "gpuCooling": 1}]})",
+         R"("gpuSinkHeatCapacityJPerK" must be above 0)"},
         {"no CPUs", R"({"name": "m", "logicalCpus": 0})",
          R"("logicalCpus" must be an integer from 1 to 256)"},
         {"too many CPUs", R"({"name": "m", "logicalCpus": 257})",

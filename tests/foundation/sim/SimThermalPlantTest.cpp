@@ -342,4 +342,88 @@ TEST(SimThermalPlant, PressureBandsFollowTheHotterDie) {
 }
 
 }  // namespace
+// A desktop whose CPU cooler's fan cools only the CPU's sink and whose card's fan only the GPU's.
+PlantConfig twoSinks(double sinkToSink) {
+    PlantConfig config;
+    FanConfig cooler{"cooler", 500, 2000};
+    cooler.cpuCooling = 1;
+    cooler.gpuCooling = 0;
+    FanConfig card{"card", 500, 2000};
+    card.cpuCooling = 0;
+    card.gpuCooling = 1;
+    config.fans = {cooler, card};
+    config.airflowReferenceRPM = 2000;
+    config.sinkToSinkWPerK = sinkToSink;
+    return config;
+}
+
+TEST(SimThermalPlant, EachFanCoolsTheSinkItIsCoupledTo) {
+    ThermalPlant coolerFast(twoSinks(0));
+    ThermalPlant cardFast(twoSinks(0));
+    ASSERT_TRUE(coolerFast.config().splitsSinks());
+    for (ThermalPlant* plant : {&coolerFast, &cardFast}) plant->setLoad(1, 1);
+    coolerFast.setFanCommand({2000, 500});
+    cardFast.setFanCommand({500, 2000});
+    runFor(coolerFast, 600);
+    runFor(cardFast, 600);
+    const PlantState a = coolerFast.state();
+    const PlantState b = cardFast.state();
+    // The fast fan's die runs far cooler; the other die sees no difference without a path
+    // between the sinks.
+    EXPECT_LT(a.cpuTemperatureC, b.cpuTemperatureC - 10);
+    EXPECT_LT(b.gpuTemperatureC, a.gpuTemperatureC - 10);
+    ThermalPlant slow(twoSinks(0));
+    slow.setLoad(1, 1);
+    slow.setFanCommand({500, 500});
+    runFor(slow, 600);
+    EXPECT_NEAR(a.gpuTemperatureC, slow.state().gpuTemperatureC, 1e-9);
+    EXPECT_LT(a.cpuTemperatureC, slow.state().cpuTemperatureC - 10);
+    EXPECT_LT(a.sinkTemperatureC, a.gpuSinkTemperatureC);
+    EXPECT_GT(b.sinkTemperatureC, b.gpuSinkTemperatureC);
+}
+
+TEST(SimThermalPlant, SinksTradeHeatThroughTheirPath) {
+    // Only the CPU works and only the card's fan turns fast: with a path between the sinks the
+    // CPU's heat reaches the GPU's sink, and that fan cools the CPU through it.
+    auto settle = [](double sinkToSink) {
+        ThermalPlant plant(twoSinks(sinkToSink));
+        plant.setLoad(1, 0);
+        plant.setFanCommand({500, 2000});
+        runFor(plant, 900);
+        return plant.state();
+    };
+    const PlantState apart = settle(0);
+    const PlantState joined = settle(2);
+    EXPECT_GT(joined.gpuSinkTemperatureC, apart.gpuSinkTemperatureC + 1);
+    EXPECT_LT(joined.sinkTemperatureC, apart.sinkTemperatureC - 1);
+}
+
+TEST(SimThermalPlant, WithoutACouplingMatrixEveryFanCoolsOneSharedSink) {
+    PlantConfig config;
+    ASSERT_FALSE(config.splitsSinks());
+    const std::vector<double> rpm{1000, 3000};
+    EXPECT_DOUBLE_EQ(coolingAirflow(config, Die::cpu, rpm), 2000 / config.airflowReferenceRPM);
+    EXPECT_DOUBLE_EQ(coolingAirflow(config, Die::gpu, rpm), 2000 / config.airflowReferenceRPM);
+    ThermalPlant plant(config);
+    plant.setLoad(1, 1);
+    runFor(plant, 60);
+    EXPECT_EQ(plant.state().sinkTemperatureC, plant.state().gpuSinkTemperatureC);
+
+    // With one, each die's airflow is its own weighted sum; a stopped fan adds nothing.
+    const PlantConfig split = twoSinks(0);
+    EXPECT_DOUBLE_EQ(coolingAirflow(split, Die::cpu, {1000, 2000}), 0.5);
+    EXPECT_DOUBLE_EQ(coolingAirflow(split, Die::gpu, {1000, 2000}), 1.0);
+    EXPECT_DOUBLE_EQ(coolingAirflow(split, Die::gpu, {1000, kFanStopRPM}), 0.0);
+}
+
+TEST(SimThermalPlant, TwoSinksStartSettledAtIdle) {
+    ThermalPlant plant(twoSinks(0.5));
+    const PlantState start = plant.state();
+    plant.setFirmwareControl(true);
+    runFor(plant, 120);
+    EXPECT_NEAR(plant.state().sinkTemperatureC, start.sinkTemperatureC, 0.5);
+    EXPECT_NEAR(plant.state().gpuSinkTemperatureC, start.gpuSinkTemperatureC, 0.5);
+    EXPECT_GT(start.gpuSinkTemperatureC, plant.config().ambientC);
+}
+
 }  // namespace kelvo::sim

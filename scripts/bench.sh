@@ -25,7 +25,7 @@ build/release/bench/kelvo_bench --benchmark_out="$results/kelvo_bench.json" \
 echo
 echo "== Control quality (build/release/bench/control_quality/control_quality)"
 build/release/bench/control_quality/control_quality --csv "$results/control_quality.csv" \
-    --svg-dir "$results/control_quality_charts"
+    --fan-csv "$results/control_quality_fans.csv" --svg-dir "$results/control_quality_charts"
 
 if [[ $quick -eq 0 ]]; then
     echo

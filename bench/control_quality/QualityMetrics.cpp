@@ -42,6 +42,13 @@ void QualityMetrics::add(const sim::PlantState& state, LoadLevel load, double dt
     for (double fan : state.fanCurrentRPM) rpm += fan;
     if (!state.fanCurrentRPM.empty()) rpm /= static_cast<double>(state.fanCurrentRPM.size());
     countAudible(state.fanCurrentRPM);
+    for (std::size_t i = 0; i < fans_.size() && i < state.fanCurrentRPM.size(); ++i) {
+        fans_[i].rpmSum += std::max(0.0, state.fanCurrentRPM[i]) * dt;
+        // A fan at rest adds nothing to its own mean.
+        if (state.fanCurrentRPM[i] > 0)
+            fans_[i].powerSum +=
+                std::pow(10.0, fanLevelDb(plant_.fans[i], state.fanCurrentRPM[i]) / 10) * dt;
+    }
     rpm_.push_back(rpm);
     const double power = soundPower(plant_, state.fanCurrentRPM);
     soundPowerSum_ += power * dt;
@@ -135,6 +142,11 @@ QualityRow QualityMetrics::result() const {
     int worst = 0;
     for (const FanWatch& fan : fans_) worst = std::max(worst, fan.changes);
     row.audibleChangesPerHour = seconds_ > 0 ? worst * 3600.0 / seconds_ : 0.0;
+    for (std::size_t i = 0; i < fans_.size(); ++i) {
+        row.fanNames.push_back(plant_.fans[i].name);
+        row.fanMeanRPM.push_back(seconds_ > 0 ? fans_[i].rpmSum / seconds_ : 0.0);
+        row.fanMeanDb.push_back(seconds_ > 0 ? levelOfPower(fans_[i].powerSum / seconds_) : 0.0);
+    }
     row.sustainedLoad = sustained_;
     lightLoad(row);
     row.secondDb = secondDb_;

@@ -28,6 +28,12 @@ struct QualityRow {
     double rpmSD = 0;
     double meanDb = 0;  // energy mean of the fans' sound level, dB(A)
     double peakDb = 0;
+    // Each fan on its own, in the machine's order: its mean speed and the energy mean of its own
+    // level (the fan law, floored at the threshold of hearing), which show how a controller
+    // shares the work among the fans.
+    std::vector<std::string> fanNames;
+    std::vector<double> fanMeanRPM;
+    std::vector<double> fanMeanDb;
 
     // From the trace, the same for every controller on it (see MetricLimits).
     bool sustainedLoad = false;
@@ -72,6 +78,8 @@ private:
         std::deque<double> levels;  // the fan's level over the last window, newest last
         bool changing = false;
         int changes = 0;
+        double rpmSum = 0;    // speed times seconds
+        double powerSum = 0;  // its own sound power times seconds
     };
     void countAudible(const std::vector<double>& rpm);
     void watchLoad(LoadLevel load, double dt);

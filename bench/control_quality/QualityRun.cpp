@@ -246,7 +246,7 @@ SeriesPoint seriesPoint(const sim::PlantConfig& plant, const sim::PlantState& st
     for (double fan : state.fanCurrentRPM) rpm += fan;
     if (!state.fanCurrentRPM.empty()) rpm /= static_cast<double>(state.fanCurrentRPM.size());
     return {state.cpuTemperatureC, state.gpuTemperatureC, rpm,
-            soundLevelDb(plant, state.fanCurrentRPM)};
+            soundLevelDb(plant, state.fanCurrentRPM), state.fanCurrentRPM};
 }
 
 RunResult runController(const MachineProfile& machine, const LoadTrace& trace,

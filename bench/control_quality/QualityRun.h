@@ -41,7 +41,8 @@ struct SeriesPoint {
     double cpuC = 0;
     double gpuC = 0;
     double rpm = 0;
-    double db = 0;  // the fans' sound level
+    double db = 0;               // the fans' sound level
+    std::vector<double> fanRPM;  // each fan's speed, in the machine's order
 };
 
 // One second of a run as the charts and series files show it.

@@ -50,20 +50,34 @@ const char* ReportWriter::csvHeader() {
            "audible_changes_per_h,rpm_sd,mean_db,peak_db";
 }
 
+const char* ReportWriter::fanCsvHeader() {
+    return "machine,controller,trace,fan,name,mean_rpm,mean_db";
+}
+
+namespace {
+// Each fan's mean speed, in the machine's order: where one duty drives every fan they move
+// together; a controller that shares the work by what each fan cools shows it here.
+std::string fanSpeeds(const QualityRow& row) {
+    std::string text;
+    for (double rpm : row.fanMeanRPM) text += (text.empty() ? "" : " ") + format("%.0f", rpm);
+    return text;
+}
+}  // namespace
+
 void ReportWriter::printTable(std::ostream& out) const {
-    out << format("%-21s %-12s %-19s %7s %7s %8s %8s %8s %8s %8s %7s %7s %7s\n", "machine", "trace",
-                  "controller", "peak C", "p95 C", "over s", "throt s", "retain", "mean rpm",
-                  "chg/h", "rpm sd", "mean dB", "peak dB");
+    out << format("%-21s %-12s %-19s %7s %7s %8s %8s %8s %8s %8s %7s %7s %7s  %s\n", "machine",
+                  "trace", "controller", "peak C", "p95 C", "over s", "throt s", "retain",
+                  "mean rpm", "chg/h", "rpm sd", "mean dB", "peak dB", "each fan's mean rpm");
     std::string lastGroup;
     for (const auto& row : rows_) {
         std::string group = row.machine + row.trace;
         if (!lastGroup.empty() && group != lastGroup) out << '\n';
         lastGroup = group;
         out << format(
-            "%-21s %-12s %-19s %7.1f %7.1f %8.0f %8.0f %7.2f%% %8.0f %8.1f %7.0f %7.1f %7.1f\n",
+            "%-21s %-12s %-19s %7.1f %7.1f %8.0f %8.0f %7.2f%% %8.0f %8.1f %7.0f %7.1f %7.1f  %s\n",
             row.machine.c_str(), row.trace.c_str(), row.controller.c_str(), row.peakC, row.p95C,
             row.overLimitS, row.throttledS, row.retention * 100, row.meanRPM,
-            row.audibleChangesPerHour, row.rpmSD, row.meanDb, row.peakDb);
+            row.audibleChangesPerHour, row.rpmSD, row.meanDb, row.peakDb, fanSpeeds(row).c_str());
     }
 }
 
@@ -76,6 +90,25 @@ bool ReportWriter::writeCsv(const std::string& path) const {
                        row.machine.c_str(), row.controller.c_str(), row.trace.c_str(), row.peakC,
                        row.p95C, row.overLimitS, row.throttledS, row.retention, row.meanRPM,
                        row.audibleChangesPerHour, row.rpmSD, row.meanDb, row.peakDb);
+    }
+    return static_cast<bool>(file);
+}
+
+bool ReportWriter::writeFanCsv(const std::string& path) const {
+    std::ofstream file(path);
+    if (!file) return false;
+    file << fanCsvHeader() << '\n';
+    for (const auto& row : rows_) {
+        for (std::size_t i = 0; i < row.fanMeanRPM.size(); ++i) {
+            // A fan's name is the machine file's: quoted, its quotes doubled, as CSV has it.
+            std::string name = i < row.fanNames.size() ? row.fanNames[i] : std::string();
+            std::string quoted = "\"";
+            for (char c : name) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+            quoted += '"';
+            file << format("%s,%s,%s,%zu,%s,%.1f,%.3f\n", row.machine.c_str(),
+                           row.controller.c_str(), row.trace.c_str(), i + 1, quoted.c_str(),
+                           row.fanMeanRPM[i], i < row.fanMeanDb.size() ? row.fanMeanDb[i] : 0.0);
+        }
     }
     return static_cast<bool>(file);
 }

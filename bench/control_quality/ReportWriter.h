@@ -16,6 +16,8 @@ public:
 
     void printTable(std::ostream& out) const;
     bool writeCsv(const std::string& path) const;
+    // One row per machine × controller × trace × fan: the fan's mean speed and mean level.
+    bool writeFanCsv(const std::string& path) const;
     // Every target on every machine × trace the rows cover: the foresight floor, Kelvo's quiet
     // modes against it, against the firmware at light load and after a launch, and against what
     // users run otherwise, and performance's clock retention; one line per check with PASS or
@@ -24,6 +26,7 @@ public:
     bool printTargets(std::ostream& out) const;
 
     static const char* csvHeader();
+    static const char* fanCsvHeader();
 
 private:
     const QualityRow* find(const std::string& machine, const std::string& trace,

@@ -26,6 +26,22 @@ std::string number(double value) {
     return text;
 }
 
+// A machine file's fan name in SVG text.
+std::string escaped(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        if (c == '&')
+            out += "&amp;";
+        else if (c == '<')
+            out += "&lt;";
+        else if (c == '>')
+            out += "&gt;";
+        else
+            out += c;
+    }
+    return out;
+}
+
 }  // namespace
 
 double SvgChart::seconds() const {
@@ -35,20 +51,21 @@ double SvgChart::seconds() const {
 }
 
 std::string SvgChart::polyline(const std::vector<SeriesPoint>& series, const Panel& panel,
-                               bool sound, const std::string& colour) const {
+                               const Value& value, const std::string& colour,
+                               const std::string& dash) const {
     const double plotWidth = kWidth - kLeft - kRight;
     const std::size_t stride = std::max<std::size_t>(1, series.size() / kMaxPoints);
     std::string points;
     for (std::size_t i = 0; i < series.size(); i += stride) {
-        const double value = sound ? series[i].db : hottest(series[i]);
         const double x = kLeft + plotWidth * static_cast<double>(i) / seconds();
         const double y =
-            panel.top + panel.height * (1 - (value - panel.lo) / (panel.hi - panel.lo));
+            panel.top + panel.height * (1 - (value(series[i]) - panel.lo) / (panel.hi - panel.lo));
         points +=
             number(x) + "," + number(std::clamp(y, panel.top, panel.top + panel.height)) + " ";
     }
-    return "<polyline fill=\"none\" stroke=\"" + colour + "\" stroke-width=\"1.2\" points=\"" +
-           points + "\"/>\n";
+    const std::string dashes = dash.empty() ? "" : " stroke-dasharray=\"" + dash + "\"";
+    return "<polyline fill=\"none\" stroke=\"" + colour + "\" stroke-width=\"1.2\"" + dashes +
+           " points=\"" + points + "\"/>\n";
 }
 
 std::string SvgChart::axes(const Panel& panel, const std::string& label, double step) const {
@@ -81,6 +98,36 @@ std::string SvgChart::legend() const {
     return out;
 }
 
+// Each fan's speed as a share of its range (a stopped fan at 0), for the quiet mode and foresight
+// in their own colours, one dash pattern per fan.
+std::string SvgChart::fanPanel(const Panel& panel) const {
+    static const char* const kDashes[] = {"", "6 3", "2 3", "8 3 2 3"};
+    std::string out = axes(panel, "each fan, % of its range", 25);
+    double x = kLeft;
+    for (std::size_t fan = 0; fan < fans_.size(); ++fan) {
+        const std::string dash = kDashes[fan % std::size(kDashes)];
+        out += "<line x1=\"" + number(x) + "\" x2=\"" + number(x + 24) + "\" y1=\"" +
+               number(panel.top - 8) + "\" y2=\"" + number(panel.top - 8) +
+               "\" stroke=\"#333\" stroke-width=\"1.2\"" +
+               (dash.empty() ? std::string() : " stroke-dasharray=\"" + dash + "\"") +
+               "/><text x=\"" + number(x + 28) + "\" y=\"" + number(panel.top - 4) + "\">" +
+               escaped(fans_[fan].name) + "</text>\n";
+        x += 40 + 7.0 * static_cast<double>(fans_[fan].name.size());
+        const double lo = fans_[fan].minRPM;
+        const double span = std::max(1.0, fans_[fan].maxRPM - lo);
+        const Value share = [fan, lo, span](const SeriesPoint& p) {
+            if (fan >= p.fanRPM.size() || !(p.fanRPM[fan] > 0)) return 0.0;
+            return std::clamp((p.fanRPM[fan] - lo) / span, 0.0, 1.0) * 100;
+        };
+        for (std::size_t i = 0; i < lines_.size(); ++i) {
+            if (lines_[i].controller != "quiet" && lines_[i].controller != "foresight") continue;
+            out +=
+                polyline(lines_[i].series, panel, share, kColours[i % std::size(kColours)], dash);
+        }
+    }
+    return out;
+}
+
 std::string SvgChart::render() const {
     double tLo = 1e9, tHi = -1e9, dLo = 1e9, dHi = 0;
     for (const auto& line : lines_)
@@ -94,8 +141,11 @@ std::string SvgChart::render() const {
                 std::ceil(std::max(tHi, std::max(cpuLimitC_, gpuLimitC_) + 2) / 10) * 10};
     Panel sound{400, 260, std::floor(std::min(dLo, dHi - 10) / 5) * 5,
                 std::ceil((dHi + 1) / 5) * 5};
+    const bool perFan = fans_.size() > 1;
+    const double height = perFan ? 980 : 720;
     std::string svg =
-        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"1000\" height=\"720\" "
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"1000\" height=\"" + number(height) +
+        "\" "
         "font-family=\"sans-serif\" font-size=\"12\">\n<rect width=\"100%\" height=\"100%\" "
         "fill=\"white\"/>\n<text x=\"" +
         number(kLeft) + "\" y=\"22\" font-size=\"16\">" + title_ + "</text>\n";
@@ -116,11 +166,13 @@ std::string SvgChart::render() const {
         svg += limitLine(gpuLimitC_, "2 3", "GPU limit " + number(gpuLimitC_), 12);
     for (std::size_t i = 0; i < lines_.size(); ++i) {
         const std::string colour = kColours[i % std::size(kColours)];
-        svg += polyline(lines_[i].series, temps, false, colour);
-        svg += polyline(lines_[i].series, sound, true, colour);
+        svg += polyline(lines_[i].series, temps, hottest, colour);
+        svg += polyline(
+            lines_[i].series, sound, [](const SeriesPoint& p) { return p.db; }, colour);
     }
-    svg += "<text x=\"" + number(kLeft) +
-           "\" y=\"690\">time: " + std::to_string(static_cast<int>(seconds())) +
+    if (perFan) svg += fanPanel(Panel{720, 220, 0, 100});
+    svg += "<text x=\"" + number(kLeft) + "\" y=\"" + number(height - (perFan ? 12 : 30)) +
+           "\">time: " + std::to_string(static_cast<int>(seconds())) +
            " s (simulated)</text>\n</svg>\n";
     return svg;
 }

@@ -25,6 +25,7 @@ namespace {
 
 struct Options {
     std::string csvPath;
+    std::string fanCsvPath;
     std::string svgDir;
     std::string seriesDir;
     std::uint64_t seed = 1;
@@ -39,11 +40,12 @@ struct Options {
 void usage() {
     std::fprintf(
         stderr,
-        "usage: control_quality [--csv FILE] [--svg-dir DIR] [--series-dir DIR] [--seed N]\n"
-        "                       [--max-seconds N] [--trace NAME] [--machine NAME]\n"
+        "usage: control_quality [--csv FILE] [--fan-csv FILE] [--svg-dir DIR] [--series-dir DIR]\n"
+        "                       [--seed N] [--max-seconds N] [--trace NAME] [--machine NAME]\n"
         "                       [--machine-file FILE]... [--trace-file FILE]...\n"
         "       control_quality --write-builtins DIR [--seed N]\n"
         "\n"
+        "  --fan-csv FILE       write each fan's mean speed and level per row to FILE\n"
         "  --machine NAME       run only the built-in machine NAME\n"
         "  --machine-file FILE  run the machine described in FILE (repeatable); once any\n"
         "                       is given, built-in machines run only when named by --machine\n"
@@ -61,6 +63,8 @@ bool parse(int argc, char** argv, Options& options) {
         std::string value = argv[++i];
         if (arg == "--csv") {
             options.csvPath = value;
+        } else if (arg == "--fan-csv") {
+            options.fanCsvPath = value;
         } else if (arg == "--svg-dir") {
             options.svgDir = value;
         } else if (arg == "--series-dir") {
@@ -185,10 +189,17 @@ bool namesAreUnique(const std::vector<std::string>& names, const char* what) {
 // Every second of one run, for a closer look than the chart gives.
 void writeSeries(const std::string& path, const std::vector<SeriesPoint>& series) {
     std::ofstream file(path);
-    file << "second,cpu_c,gpu_c,mean_rpm,db\n";
-    for (std::size_t i = 0; i < series.size(); ++i)
+    const std::size_t fans = series.empty() ? 0 : series.front().fanRPM.size();
+    file << "second,cpu_c,gpu_c,mean_rpm,db";
+    for (std::size_t fan = 1; fan <= fans; ++fan) file << ",fan" << fan << "_rpm";
+    file << '\n';
+    for (std::size_t i = 0; i < series.size(); ++i) {
         file << i + 1 << ',' << series[i].cpuC << ',' << series[i].gpuC << ',' << series[i].rpm
-             << ',' << series[i].db << '\n';
+             << ',' << series[i].db;
+        for (std::size_t fan = 0; fan < fans; ++fan)
+            file << ',' << (fan < series[i].fanRPM.size() ? series[i].fanRPM[fan] : 0.0);
+        file << '\n';
+    }
     if (!file) std::fprintf(stderr, "cannot write %s\n", path.c_str());
 }
 
@@ -210,6 +221,7 @@ std::vector<QualityRow> runMachine(const MachineProfile& machine,
     std::vector<QualityRow> rows;
     for (const auto& trace : traces) {
         SvgChart chart(machine.name + " / " + trace.name(), 88, 85);
+        chart.setFans(machine.plant.fans);
         for (const auto& controller : controllers) {
             RunResult run = runController(machine, trace, controller, settings);
             rows.push_back(run.row);
@@ -270,6 +282,10 @@ int main(int argc, char** argv) {
     report.printTargets(std::cout);
     if (!options.csvPath.empty() && !report.writeCsv(options.csvPath)) {
         std::fprintf(stderr, "cannot write %s\n", options.csvPath.c_str());
+        return 1;
+    }
+    if (!options.fanCsvPath.empty() && !report.writeFanCsv(options.fanCsvPath)) {
+        std::fprintf(stderr, "cannot write %s\n", options.fanCsvPath.c_str());
         return 1;
     }
     return 0;

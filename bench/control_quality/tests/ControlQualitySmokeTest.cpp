@@ -65,8 +65,9 @@ protected:
         std::filesystem::create_directories(dir_);
         std::string command = std::string(CONTROL_QUALITY_BIN) + " --trace compile --max-seconds " +
                               std::to_string(kSeconds) + " --csv " + (dir_ / "out.csv").string() +
-                              " --svg-dir " + (dir_ / "svg").string() + " > " +
-                              (dir_ / "stdout.txt").string();
+                              " --fan-csv " + (dir_ / "fans.csv").string() + " --series-dir " +
+                              (dir_ / "series").string() + " --svg-dir " + (dir_ / "svg").string() +
+                              " > " + (dir_ / "stdout.txt").string();
         status_ = std::system(command.c_str());
     }
     void TearDown() override { std::filesystem::remove_all(dir_); }
@@ -121,8 +122,43 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
     EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
 }
 
+// Each row's fans, one line each in the fan CSV, every speed inside its fan's range or at rest;
+// each series file has a column per fan.
+TEST_F(ControlQualitySmoke, WritesEachFansSpeedPerRowAndPerSecond) {
+    ASSERT_EQ(status_, 0);
+    const Csv rows = readCsv(dir_ / "out.csv");
+    const Csv fans = readCsv(dir_ / "fans.csv");
+    EXPECT_EQ(fans.header, (std::vector<std::string>{"machine", "controller", "trace", "fan",
+                                                     "name", "mean_rpm", "mean_db"}));
+    std::map<std::string, int> fansOf;  // machine × controller
+    for (const auto& fan : fans.rows) {
+        ++fansOf[fan.at("machine") + "/" + fan.at("controller")];
+        EXPECT_GE(number(fan, "mean_rpm"), 0.0);
+        EXPECT_GE(number(fan, "mean_db"), 0.0);
+        EXPECT_EQ(fan.at("name").front(), '"');
+    }
+    ASSERT_FALSE(rows.rows.empty());
+    for (const auto& row : rows.rows) {
+        const int count = fansOf[row.at("machine") + "/" + row.at("controller")];
+        EXPECT_GE(count, 1) << row.at("machine");
+    }
+    int files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_ / "series")) {
+        const Csv series = readCsv(entry.path());
+        const std::string machine = entry.path().filename().string();
+        ASSERT_GE(series.header.size(), 6u) << machine;
+        EXPECT_EQ(series.header[5], "fan1_rpm") << machine;
+        EXPECT_EQ(series.rows.size(), static_cast<std::size_t>(kSeconds)) << machine;
+        ++files;
+    }
+    EXPECT_EQ(files, static_cast<int>(rows.rows.size()));
+}
+
 TEST_F(ControlQualitySmoke, DrawsOneChartPerMachineAndTrace) {
     ASSERT_EQ(status_, 0);
+    std::map<std::string, int> fansOf;
+    for (const auto& fan : readCsv(dir_ / "fans.csv").rows)
+        if (fan.at("controller") == "firmware") ++fansOf[fan.at("machine")];
     int charts = 0;
     for (const auto& entry : std::filesystem::directory_iterator(dir_ / "svg")) {
         std::ifstream file(entry.path());
@@ -130,6 +166,11 @@ TEST_F(ControlQualitySmoke, DrawsOneChartPerMachineAndTrace) {
         EXPECT_EQ(text.rfind("<svg", 0), 0u) << entry.path();
         EXPECT_NE(text.find("<polyline"), std::string::npos) << entry.path();
         EXPECT_NE(text.find("</svg>"), std::string::npos) << entry.path();
+        // A machine with more than one fan gets the panel of each fan's speed.
+        const bool perFan = text.find("each fan, % of its range") != std::string::npos;
+        const std::string machine = entry.path().stem().string().substr(
+            0, entry.path().stem().string().size() - std::string("-compile").size());
+        EXPECT_EQ(perFan, fansOf[machine] > 1) << entry.path();
         ++charts;
     }
     std::set<std::string> machines;

@@ -198,3 +198,24 @@ TEST(QualityMetrics, MeanLevelIsTheEnergyMeanAndPeakTheLoudestSecond) {
     // The energy mean sits far above the plain mean of the levels (44.5 dB): loud seconds count.
     EXPECT_GT(row.meanDb, 49.0);
 }
+
+TEST(QualityMetrics, EachFansMeanSpeedAndLevelOnItsOwn) {
+    kelvo::sim::PlantConfig config = plant();
+    config.fans = {{"loud", 1000, 4000, 40, 4000}, {"quiet", 300, 800, 20, 800}};
+    QualityMetrics metrics(config);
+    // Ten seconds: the loud fan at 4000 rpm for two and at rest for eight; the quiet one at
+    // 800 rpm throughout.
+    for (int i = 0; i < 10; ++i) {
+        kelvo::sim::PlantState s = state(50, 50, 0);
+        s.fanCurrentRPM = {i < 2 ? 4000.0 : 0.0, 800.0};
+        metrics.add(s, {0.1, 0.1}, 1.0);
+    }
+    const QualityRow row = metrics.result();
+    EXPECT_EQ(row.fanNames, (std::vector<std::string>{"loud", "quiet"}));
+    ASSERT_EQ(row.fanMeanRPM.size(), 2u);
+    EXPECT_DOUBLE_EQ(row.fanMeanRPM[0], 800);
+    EXPECT_DOUBLE_EQ(row.fanMeanRPM[1], 800);
+    // The loud fan's energy mean: 40 dB for a fifth of the time is 40 + 10·log10(0.2).
+    EXPECT_NEAR(row.fanMeanDb[0], 40 + 10 * std::log10(0.2), 1e-9);
+    EXPECT_NEAR(row.fanMeanDb[1], 20, 1e-9);
+}

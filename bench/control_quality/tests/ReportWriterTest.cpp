@@ -1,7 +1,10 @@
 // The targets' verdicts, on rows made by hand so that each line's outcome is known.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "ReportWriter.h"
 
@@ -171,4 +174,26 @@ TEST(ReportWriter, PerformanceMustLeadAThrottlingFirmwareByFivePoints) {
     EXPECT_NE(missed.str().find("FAIL; under 99%; only 3.0 points above firmware"),
               std::string::npos)
         << missed.str();
+}
+
+TEST(ReportWriter, EachFansSpeedIsInTheTableAndTheFanCsv) {
+    QualityRow r = row("foresight", "game", 20);
+    r.fanNames = {"CPU cooler fan", "Card \"fans\", both"};
+    r.fanMeanRPM = {612.4, 1398.6};
+    r.fanMeanDb = {8.25, 28.5};
+    const ReportWriter writer({r});
+    std::ostringstream table;
+    writer.printTable(table);
+    EXPECT_NE(table.str().find("each fan's mean rpm"), std::string::npos);
+    EXPECT_NE(lineWith(table.str(), "foresight", "612 1399"), "") << table.str();
+
+    const std::string path = ::testing::TempDir() + "/fans.csv";
+    ASSERT_TRUE(writer.writeFanCsv(path));
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], ReportWriter::fanCsvHeader());
+    EXPECT_EQ(lines[1], "m,foresight,game,1,\"CPU cooler fan\",612.4,8.250");
+    EXPECT_EQ(lines[2], "m,foresight,game,2,\"Card \"\"fans\"\", both\",1398.6,28.500");
 }

@@ -53,6 +53,24 @@ double meanRpm(const sim::PlantState& state) {
     return sum / static_cast<double>(state.fanCurrentRPM.size());
 }
 
+// The quietest run with one constant duty for every fan that keeps the limits: the lowest such
+// duty, found by bisection (keeping the limits needs more than the fans' minimum).
+RunResult quietestConstantDuty(const MachineProfile& machine, const LoadTrace& trace) {
+    auto keeps = [&](double duty) {
+        return runController(machine, trace, constantDuty(duty, trace.seconds()), RunSettings{})
+                   .row.overLimitS == 0;
+    };
+    EXPECT_FALSE(keeps(0.0));
+    EXPECT_TRUE(keeps(1.0));
+    double low = 0;
+    double high = 1;
+    for (int i = 0; i < 13; ++i) {
+        const double mid = (low + high) / 2;
+        (keeps(mid) ? high : low) = mid;
+    }
+    return runController(machine, trace, constantDuty(high, trace.seconds()), RunSettings{});
+}
+
 double highest(const std::vector<double>& duties) {
     return *std::max_element(duties.begin(), duties.end());
 }
@@ -140,20 +158,7 @@ TEST(ForesightPlanner, RaisesTheFansBeforeAKnownStepLoad) {
 TEST(ForesightPlanner, IsQuieterThanTheLowestConstantDutyThatKeepsTheLimits) {
     const MachineProfile machine = simulatedDefault();
     const LoadTrace trace = shortGame();
-    auto keeps = [&](double duty) {
-        return runController(machine, trace, constantDuty(duty, trace.seconds()), RunSettings{})
-                   .row.overLimitS == 0;
-    };
-    ASSERT_FALSE(keeps(0.0));
-    ASSERT_TRUE(keeps(1.0));
-    double low = 0;
-    double high = 1;
-    for (int i = 0; i < 14; ++i) {
-        const double mid = (low + high) / 2;
-        (keeps(mid) ? high : low) = mid;
-    }
-    const RunResult constant =
-        runController(machine, trace, constantDuty(high, trace.seconds()), RunSettings{});
+    const RunResult constant = quietestConstantDuty(machine, trace);
     const RunResult planned = runController(machine, trace, foresight(), RunSettings{});
     ASSERT_EQ(planned.row.overLimitS, 0);
     EXPECT_LT(planned.row.meanDb, constant.row.meanDb);
@@ -201,19 +206,7 @@ TEST(ForesightPlanner, RunsFullFansWhereEvenFullFansCannotHoldTheLimit) {
 TEST(ForesightPlanner, PlansEachFanOnItsOwnWhereFansCoolDifferentDies) {
     const MachineProfile machine = desktopCoolerGpuCase();
     const LoadTrace trace = shortGame();
-    auto keeps = [&](double duty) {
-        return runController(machine, trace, constantDuty(duty, trace.seconds()), RunSettings{})
-                   .row.overLimitS == 0;
-    };
-    ASSERT_TRUE(keeps(1.0));
-    double low = 0;
-    double high = 1;
-    for (int i = 0; i < 12; ++i) {
-        const double mid = (low + high) / 2;
-        (keeps(mid) ? high : low) = mid;
-    }
-    const RunResult constant =
-        runController(machine, trace, constantDuty(high, trace.seconds()), RunSettings{});
+    const RunResult constant = quietestConstantDuty(machine, trace);
     const ForesightOutcome outcome = planForesight(machine, trace, RunSettings{});
     const RunResult planned = runController(machine, trace, playing(outcome.plan), RunSettings{});
     ASSERT_EQ(planned.row.overLimitS, 0);

@@ -152,6 +152,7 @@ public:
     }
     // The quietest level: every fan at its minimum, or standing still where it can stop.
     double floorLevel() const { return mix_.lowestLevel(); }
+    // Each fan's duty for the levels, as the run plays it.
     std::vector<double> duties(const Levels& levels) {
         return mix_.duties(mix_.speeds(levels.cpu, levels.gpu));
     }
@@ -189,7 +190,7 @@ public:
         : replay_(replay),
           n_(replay.seconds()),
           floor_(replay.floorLevel()),
-          duty_(at(n_), Levels{floor_, floor_}),
+          levels_(at(n_), Levels{floor_, floor_}),
           unavoidable_(at(n_), false),
           after_(at(n_), replay.start()),
           energy_(at(n_)),
@@ -233,9 +234,10 @@ private:
     Replay& replay_;
     int n_;
     double floor_;
-    std::vector<Levels> duty_;  // duty_[k]: what second k runs under; duty_[0] is the firmware's
+    std::vector<Levels>
+        levels_;  // levels_[k]: what second k runs under; levels_[0] is the firmware's
     std::vector<bool> unavoidable_;
-    std::vector<sim::ThermalPlant> after_;  // the plant after each second under duty_
+    std::vector<sim::ThermalPlant> after_;  // the plant after each second under levels_
     std::vector<Energy> energy_;
     std::vector<double> excess_;
     std::vector<Reference> reference_;
@@ -254,19 +256,19 @@ void Planner::markUnavoidable() {
     for (int k = 0; k < n_; ++k) {
         replay_.play(plant, k, kFull);
         unavoidable_[at(k)] = replay_.over(plant.state());
-        if (unavoidable_[at(k)]) duty_[at(k)] = kFull;
+        if (unavoidable_[at(k)]) levels_[at(k)] = kFull;
     }
     steps_ += n_;
 }
 
-// Plays the current duties from `first` on, keeping each second's plant, up to the first second
+// Plays the current levels from `first` on, keeping each second's plant, up to the first second
 // over a limit that some plan avoids and on through up to runS_ seconds of the run of such
 // seconds it starts (its last in runEnd_); returns that first second, or n_ if none.
 int Planner::replayFrom(int first) {
     sim::ThermalPlant plant = before(first);
     int violation = n_;
     for (int k = first; k < n_; ++k) {
-        replay_.play(plant, k, duty_[at(k)]);
+        replay_.play(plant, k, levels_[at(k)]);
         ++steps_;
         const sim::PlantState state = plant.state();
         after_[at(k)] = plant;
@@ -288,7 +290,7 @@ int Planner::replayFrom(int first) {
     return violation;
 }
 
-// Raises duties until no avoidable second from `first` on is over, earliest second first.
+// Raises levels until no avoidable second from `first` on is over, earliest second first.
 void Planner::repair(int first) {
     int second = replayFrom(first);
     int previousEnd = -2;
@@ -304,7 +306,7 @@ void Planner::repair(int first) {
             // Not even full fans from the start hold it (the plant throttles, and cooling less
             // earlier then runs cooler here): it stays over, on full fans.
             unavoidable_[at(runEnd_)] = true;
-            duty_[at(runEnd_)] = kFull;
+            levels_[at(runEnd_)] = kFull;
             second = replayFrom(second);
         }
     }
@@ -314,10 +316,10 @@ void Planner::repair(int first) {
 // over.
 void Planner::raiseBlindly(int first, int target) {
     const int from = std::max(1, first - *std::rbegin(kWindowsS));
-    const bool full = std::all_of(duty_.begin() + from, duty_.begin() + target + 1,
+    const bool full = std::all_of(levels_.begin() + from, levels_.begin() + target + 1,
                                   [](const Levels& l) { return l.cpu >= 1.0 && l.gpu >= 1.0; });
     if (full) unavoidable_[at(first)] = true;
-    std::fill(duty_.begin() + from, duty_.begin() + target + 1, kFull);
+    std::fill(levels_.begin() + from, levels_.begin() + target + 1, kFull);
 }
 
 // Brings `target` under the limits by the cheapest raise found: the level of the die furthest
@@ -335,7 +337,7 @@ std::optional<int> Planner::fix(int first, int target) {
     }
     if (!best) return std::nullopt;
     for (int k = best->from; k <= target; ++k)
-        duty_[at(k)] = lifted(duty_[at(k)], lift, best->level);
+        levels_[at(k)] = lifted(levels_[at(k)], lift, best->level);
     return best->from;
 }
 
@@ -368,7 +370,8 @@ std::optional<Raise> Planner::cheapestRaise(int first, int target, Lift lift, si
 // `level`.
 double Planner::excessWith(int from, int target, Lift lift, sim::Die die, double level) {
     sim::ThermalPlant plant = before(from);
-    for (int k = from; k <= target; ++k) replay_.play(plant, k, lifted(duty_[at(k)], lift, level));
+    for (int k = from; k <= target; ++k)
+        replay_.play(plant, k, lifted(levels_[at(k)], lift, level));
     steps_ += target - from + 1;
     return replay_.excess(plant.state(), die);
 }
@@ -383,7 +386,7 @@ std::optional<double> Planner::lowestLevel(int from, int target, Lift lift, sim:
     double highExcess = excessWith(from, target, lift, die, high);
     if (highExcess > 0) return std::nullopt;
     double low = HUGE_VAL;
-    for (int k = from; k <= target; ++k) low = std::min(low, lowestOf(duty_[at(k)], lift));
+    for (int k = from; k <= target; ++k) low = std::min(low, lowestOf(levels_[at(k)], lift));
     double lowWeight = replay_.excess(after_[at(target)].state(), die) - aim;
     double highWeight = highExcess - aim;
     int kept = 0;  // the side the last step kept: 1 high, -1 low
@@ -414,7 +417,7 @@ std::vector<Energy> Planner::currentTail(int target) {
     std::vector<Energy> tail;
     sim::ThermalPlant plant = after_[at(target)];
     for (int k = target + 1; k < std::min(n_, target + 1 + settleS_); ++k) {
-        replay_.play(plant, k, duty_[at(k)]);
+        replay_.play(plant, k, levels_[at(k)]);
         tail.push_back(replay_.energy(plant.state()));
     }
     steps_ += static_cast<long>(tail.size());
@@ -427,8 +430,8 @@ Energy Planner::addedEnergy(int from, int target, Lift lift, double level,
     Energy added;
     const int end = target + static_cast<int>(tail.size());
     for (int k = from; k <= end; ++k) {
-        const Levels duty = k <= target ? lifted(duty_[at(k)], lift, level) : duty_[at(k)];
-        replay_.play(plant, k, duty);
+        const Levels levels = k <= target ? lifted(levels_[at(k)], lift, level) : levels_[at(k)];
+        replay_.play(plant, k, levels);
         const Energy base = k <= target ? energy_[at(k)] : tail[at(k - target - 1)];
         added += replay_.energy(plant.state()) - base;
     }
@@ -436,8 +439,8 @@ Energy Planner::addedEnergy(int from, int target, Lift lift, double level,
     return added;
 }
 
-// Later raises often cool what earlier ones were made for: each stretch of one duty is lowered as
-// far as the whole run stays under, loudest first.
+// Later raises often cool what earlier ones were made for: each stretch of one die's level is
+// lowered as far as the whole run stays under, loudest first.
 void Planner::lowerPlateaus() {
     computeSlack();
     for (const Plateau& plateau : plateaus()) {
@@ -451,10 +454,10 @@ std::vector<Plateau> Planner::plateaus() const {
     for (sim::Die die : {sim::Die::cpu, sim::Die::gpu}) {
         for (int k = 1; k < n_;) {
             int last = k;
-            while (last + 1 < n_ && duty_[at(last + 1)][die] == duty_[at(k)][die] &&
+            while (last + 1 < n_ && levels_[at(last + 1)][die] == levels_[at(k)][die] &&
                    !unavoidable_[at(last + 1)])
                 ++last;
-            if (duty_[at(k)][die] > floor_ && !unavoidable_[at(k)]) {
+            if (levels_[at(k)][die] > floor_ && !unavoidable_[at(k)]) {
                 double heard = 0;
                 for (int j = k; j <= last; ++j) heard += energy_[at(j)].heard;
                 found.push_back({die, k, last, heard});
@@ -471,11 +474,11 @@ std::vector<Plateau> Planner::plateaus() const {
 // usually turns out to be redundant).
 void Planner::lowerPlateau(const Plateau& plateau) {
     const sim::Die die = plateau.die;
-    const double level = duty_[at(plateau.first)][die];
+    const double level = levels_[at(plateau.first)][die];
     for (int k = plateau.first; k <= plateau.last; ++k)
-        if (duty_[at(k)][die] != level) return;  // an earlier lowering merged it away
-    double neighbour = plateau.first > 1 ? duty_[at(plateau.first - 1)][die] : floor_;
-    if (plateau.last + 1 < n_) neighbour = std::max(neighbour, duty_[at(plateau.last + 1)][die]);
+        if (levels_[at(k)][die] != level) return;  // an earlier lowering merged it away
+    double neighbour = plateau.first > 1 ? levels_[at(plateau.first - 1)][die] : floor_;
+    if (plateau.last + 1 < n_) neighbour = std::max(neighbour, levels_[at(plateau.last + 1)][die]);
     double low = floor_;
     double high = level;
     if (neighbour < level) (holdsLowered(plateau, neighbour) ? high : low) = neighbour;
@@ -484,7 +487,7 @@ void Planner::lowerPlateau(const Plateau& plateau) {
         (holdsLowered(plateau, mid) ? high : low) = mid;
     }
     if (!(high < level)) return;
-    for (int k = plateau.first; k <= plateau.last; ++k) duty_[at(k)][die] = high;
+    for (int k = plateau.first; k <= plateau.last; ++k) levels_[at(k)][die] = high;
     repair(plateau.first);
     computeSlack();
 }
@@ -494,7 +497,7 @@ void Planner::lowerPlateau(const Plateau& plateau) {
 bool Planner::holdsLowered(const Plateau& plateau, double level) {
     sim::ThermalPlant plant = before(plateau.first);
     for (int k = plateau.first; k < n_; ++k) {
-        Levels levels = duty_[at(k)];
+        Levels levels = levels_[at(k)];
         if (k <= plateau.last) levels[plateau.die] = level;
         replay_.play(plant, k, levels);
         ++steps_;
@@ -532,12 +535,12 @@ void Planner::computeSlack() {
 
 ForesightOutcome Planner::outcome() const {
     ForesightOutcome result;
-    for (int k = 1; k < n_; ++k) result.plan.push_back(replay_.duties(duty_[at(k)]));
-    result.plan.push_back(
-        replay_.duties({floor_, floor_}));  // set after the last second: never heard
+    for (int k = 1; k < n_; ++k) result.plan.push_back(replay_.duties(levels_[at(k)]));
+    // Set after the last second: never heard.
+    result.plan.push_back(replay_.duties({floor_, floor_}));
     sim::ThermalPlant plant = replay_.start();
     for (int k = 0; k < n_; ++k) {
-        replay_.play(plant, k, duty_[at(k)]);
+        replay_.play(plant, k, levels_[at(k)]);
         result.predicted.push_back(plant.state());
     }
     result.unavoidableOverS =

@@ -132,7 +132,11 @@ bool QuietestMix::solve(const double need[2], unsigned stopped, std::vector<doub
 
 const std::vector<double>& QuietestMix::speeds(double cpuLevel, double gpuLevel) {
     const double lowest = lowestLevel();
-    const double levels[2] = {std::clamp(cpuLevel, lowest, 1.0), std::clamp(gpuLevel, lowest, 1.0)};
+    // A level that is not a number asks for nothing (and would break the cache's ordering).
+    auto level = [lowest](double value) {
+        return std::isnan(value) ? lowest : std::clamp(value, lowest, 1.0);
+    };
+    const double levels[2] = {level(cpuLevel), level(gpuLevel)};
     const auto key = std::make_pair(levels[kCpu], levels[kGpu]);
     if (auto found = cache_.find(key); found != cache_.end()) return found->second;
     if (cache_.size() >= kMaxCached) cache_.clear();

@@ -61,9 +61,12 @@ TEST(QuietestMix, GivesEachSinkWhatItsLevelAsksAndNoFanMoreThanItNeeds) {
                (plant.fans[fan].maxRPM - plant.fans[fan].minRPM);
     };
     EXPECT_GT(fraction(gpuOnly, 2), fraction(gpuOnly, 1));
-    // Both at full: every fan at full speed; both at nothing: every fan at its minimum.
+    // Both at full: every fan at full speed; both at nothing: every fan at its minimum. Levels
+    // out of range are clamped, and one that is not a number asks for nothing.
     EXPECT_EQ(mix.speeds(1, 1), at(plant, true));
     EXPECT_EQ(mix.speeds(0, 0), at(plant, false));
+    EXPECT_EQ(mix.speeds(7, 1.5), at(plant, true));
+    EXPECT_EQ(mix.speeds(std::nan(""), -3), at(plant, false));
 }
 
 // No feasible change of the mix is quieter: nudging fans up and down, keeping both sinks' air,

@@ -213,7 +213,8 @@ private:
     int replayFrom(int first);
     void repair(int first);
     std::optional<int> fix(int first, int target);
-    std::optional<Raise> cheapestRaise(int first, int target, Lift lift, sim::Die die);
+    std::optional<Raise> cheapestRaise(int first, int target, Lift lift, sim::Die die,
+                                       const std::vector<Energy>& tail);
     void raiseBlindly(int first, int target);
     double excessWith(int from, int target, Lift lift, sim::Die die, double level);
     std::optional<double> lowestLevel(int from, int target, Lift lift, sim::Die die,
@@ -329,10 +330,11 @@ void Planner::raiseBlindly(int first, int target) {
 // nothing when none holds `target`.
 std::optional<int> Planner::fix(int first, int target) {
     const sim::Die die = replay_.hotter(after_[at(target)].state());
-    std::optional<Raise> best = cheapestRaise(first, target, liftFor(die), die);
+    const std::vector<Energy> tail = currentTail(target);
+    std::optional<Raise> best = cheapestRaise(first, target, liftFor(die), die, tail);
     Lift lift = liftFor(die);
     if (!best) {
-        best = cheapestRaise(first, target, Lift::both, die);
+        best = cheapestRaise(first, target, Lift::both, die, tail);
         lift = Lift::both;
     }
     if (!best) return std::nullopt;
@@ -341,8 +343,10 @@ std::optional<int> Planner::fix(int first, int target) {
     return best->from;
 }
 
-std::optional<Raise> Planner::cheapestRaise(int first, int target, Lift lift, sim::Die die) {
-    const std::vector<Energy> tail = currentTail(target);
+// The raise of the lifted levels that holds `target` for the least added sound energy, the
+// current plan's energy after it being `tail`.
+std::optional<Raise> Planner::cheapestRaise(int first, int target, Lift lift, sim::Die die,
+                                            const std::vector<Energy>& tail) {
     std::optional<Raise> best;
     int lastFrom = -1;
     // A longer window at the same level cools at least as much: each level found caps the next.

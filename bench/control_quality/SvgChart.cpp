@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <fstream>
 
+#include "foundation/core/XmlText.h"
+
 namespace kelvo::quality {
 
 namespace {
@@ -24,22 +26,6 @@ std::string number(double value) {
     char text[32];
     std::snprintf(text, sizeof text, "%.1f", value);
     return text;
-}
-
-// A machine file's fan name in SVG text.
-std::string escaped(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        if (c == '&')
-            out += "&amp;";
-        else if (c == '<')
-            out += "&lt;";
-        else if (c == '>')
-            out += "&gt;";
-        else
-            out += c;
-    }
-    return out;
 }
 
 }  // namespace
@@ -111,7 +97,7 @@ std::string SvgChart::fanPanel(const Panel& panel) const {
                "\" stroke=\"#333\" stroke-width=\"1.2\"" +
                (dash.empty() ? std::string() : " stroke-dasharray=\"" + dash + "\"") +
                "/><text x=\"" + number(x + 28) + "\" y=\"" + number(panel.top - 4) + "\">" +
-               escaped(fans_[fan].name) + "</text>\n";
+               xmlText(fans_[fan].name) + "</text>\n";
         x += 40 + 7.0 * static_cast<double>(fans_[fan].name.size());
         const double lo = fans_[fan].minRPM;
         const double span = std::max(1.0, fans_[fan].maxRPM - lo);

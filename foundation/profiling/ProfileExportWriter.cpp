@@ -13,6 +13,8 @@
 #include <fstream>
 #include <map>
 
+#include "foundation/core/XmlText.h"
+
 namespace kelvo::ProfileExportWriter {
 
 namespace {
@@ -65,20 +67,6 @@ std::string csvField(std::string_view text) {
         out += c;
     }
     return out + "\"";
-}
-
-std::string xmlText(std::string_view text) {
-    std::string out;
-    for (char c : text) {
-        switch (c) {
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '&': out += "&amp;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
-        }
-    }
-    return out;
 }
 
 std::string isoTime(Timestamp t) {

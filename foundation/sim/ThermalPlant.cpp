@@ -34,7 +34,7 @@ ThermalPressureLevel raised(ThermalPressureLevel level) {
 }  // namespace
 
 ThermalPlant::ThermalPlant(PlantConfig config, std::uint64_t seed)
-    : config_(std::move(config)), rng_(seed) {
+    : config_(std::move(config)), split_(config_.splitsSinks()), rng_(seed) {
     command_.assign(config_.fans.size(), 0.0);
     stalled_.assign(config_.fans.size(), false);
     firmwareStopped_.assign(config_.fans.size(), false);
@@ -93,10 +93,12 @@ bool PlantConfig::splitsSinks() const {
                                         [](const FanConfig& f) { return f.givesCooling(); });
 }
 
-double coolingAirflow(const PlantConfig& config, Die die, const std::vector<double>& fanRPM) {
+namespace {
+double airflowInto(const PlantConfig& config, bool split, Die die,
+                   const std::vector<double>& fanRPM) {
     if (fanRPM.empty() || config.airflowReferenceRPM <= 0) return 0;
     double sum = 0;
-    if (!config.splitsSinks()) {
+    if (!split) {
         for (double rpm : fanRPM) sum += std::max(0.0, rpm);
         return sum / static_cast<double>(fanRPM.size()) / config.airflowReferenceRPM;
     }
@@ -106,13 +108,17 @@ double coolingAirflow(const PlantConfig& config, Die die, const std::vector<doub
     }
     return sum / config.airflowReferenceRPM;
 }
+}  // namespace
+
+double coolingAirflow(const PlantConfig& config, Die die, const std::vector<double>& fanRPM) {
+    return airflowInto(config, config.splitsSinks(), die, fanRPM);
+}
 
 // Sink to ambient. On a shared sink both dies' calls give the one conductance.
 double ThermalPlant::sinkConductance(Die die) const {
-    const double airflow =
-        std::pow(coolingAirflow(config_, config_.splitsSinks() ? die : Die::cpu, fanRPM_),
-                 config_.airflowExponent);
-    if (die == Die::gpu && config_.splitsSinks())
+    const double airflow = std::pow(airflowInto(config_, split_, split_ ? die : Die::cpu, fanRPM_),
+                                    config_.airflowExponent);
+    if (die == Die::gpu && split_)
         return config_.gpuSinkPassiveWPerK + config_.gpuSinkAirflowWPerK * airflow;
     return config_.sinkPassiveWPerK + config_.sinkAirflowWPerK * airflow;
 }
@@ -121,7 +127,7 @@ double ThermalPlant::sinkConductance(Die die) const {
 // or two trading heat (a 2x2 linear system).
 void ThermalPlant::settleSinks(double cpuPowerW, double gpuPowerW) {
     const double ambient = config_.ambientC;
-    if (!config_.splitsSinks()) {
+    if (!split_) {
         sinkTemp_ = ambient + (cpuPowerW + gpuPowerW) / sinkConductance(Die::cpu);
         gpuSinkTemp_ = sinkTemp_;
         return;
@@ -212,7 +218,7 @@ void ThermalPlant::substep(double h) {
     const double gpuToSink = config_.gpuToSinkWPerK * (gpuTemp_ - gpuSinkTemp_);
     cpuTemp_ += h * (cpuPower - cpuToSink) / config_.cpuHeatCapacityJPerK;
     gpuTemp_ += h * (gpuPower - gpuToSink) / config_.gpuHeatCapacityJPerK;
-    if (config_.splitsSinks()) {
+    if (split_) {
         const double cpuSinkToAir = sinkConductance(Die::cpu) * (sinkTemp_ - config_.ambientC);
         const double gpuSinkToAir = sinkConductance(Die::gpu) * (gpuSinkTemp_ - config_.ambientC);
         const double across = std::max(0.0, config_.sinkToSinkWPerK) * (sinkTemp_ - gpuSinkTemp_);

@@ -200,6 +200,7 @@ private:
     void settleSinks(double cpuPowerW, double gpuPowerW);
 
     PlantConfig config_;
+    bool split_;  // a sink per die: config_.splitsSinks(), asked once
     std::mt19937_64 rng_;
     std::normal_distribution<double> noise_{0.0, 1.0};
 

@@ -50,6 +50,31 @@ QString FanSettingsModel::calibrationNote() {
         "it.");
 }
 
+QString FanSettingsModel::couplingText(const FanCoupling& coupling) {
+    const std::string mostly = coolsMostly(coupling);
+    if (mostly.empty())
+        return QStringLiteral(
+            "Cooling not measured yet: Kelvo measures it with small, slow speed changes while the "
+            "machine is busy.");
+    const auto percent = [](double share) { return std::lround(share * 100); };
+    // The share says how much this fan matters beside the others for that die.
+    QString shares;
+    if (mostly == "CPU")
+        shares = QStringLiteral("%1 % of the fans' CPU cooling, speed for speed")
+                     .arg(percent(*coupling.cpuShare));
+    else if (mostly == "GPU")
+        shares = QStringLiteral("%1 % of the fans' GPU cooling, speed for speed")
+                     .arg(percent(*coupling.gpuShare));
+    else
+        shares = QStringLiteral(
+                     "%1 % of the fans' CPU cooling, %2 % of their GPU cooling, speed for speed")
+                     .arg(percent(*coupling.cpuShare))
+                     .arg(percent(*coupling.gpuShare));
+    return QStringLiteral("Cools mostly: %1 (%2); confidence %3 %")
+        .arg(QString::fromStdString(mostly), shares)
+        .arg(percent(std::clamp(coupling.confidence, 0.0, 1.0)));
+}
+
 FanState FanSettingsModel::stateOf(const std::string& identity) const {
     FanState state;
     if (auto it = states_.find(identity); it != states_.end()) state = it->second;
@@ -156,6 +181,16 @@ void FanSettingsModel::rebuild() {
                      running ? std::clamp(calibration->second.progress, 0.0, 1.0) : 0.0);
         entry.insert(QStringLiteral("calibrationText"), calibrationText);
         entry.insert(QStringLiteral("calibrationNote"), calibrationNote());
+        FanCoupling coupling;
+        if (auto it = couplings_.find(name); it != couplings_.end()) coupling = it->second;
+        const std::string mostly = coolsMostly(coupling);
+        entry.insert(QStringLiteral("coolsMostly"), QString::fromStdString(mostly));
+        entry.insert(QStringLiteral("couplingConfidence"),
+                     mostly.empty() ? -1.0 : std::clamp(coupling.confidence, 0.0, 1.0));
+        // Only fans under auto control are measured: the others' speed is not Kelvo's to share.
+        const bool measured =
+            choice.kind == FanChoiceKind::automatic && choice.problem.empty() && !pump;
+        entry.insert(QStringLiteral("couplingText"), measured ? couplingText(coupling) : QString());
         fans.push_back(entry);
     }
     if (fans != fans_) {
@@ -294,6 +329,9 @@ void FanSettingsModel::updateFromSnapshot(const ControlSnapshot& snapshot) {
     for (const FanState& fan : snapshot.fans) states_[fan.name] = fan;
     stopped_ = snapshot.stoppedFans;
     calibrations_ = snapshot.calibrations;
+    // The engine reports every fan's coupling each tick: one it no longer lists is unknown again.
+    couplings_.clear();
+    for (const FanCoupling& coupling : snapshot.couplings) couplings_[coupling.identity] = coupling;
     updateSpeeds(snapshot.sample);
 }
 

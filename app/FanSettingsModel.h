@@ -17,6 +17,7 @@
 #include "foundation/control/ControlEngine.h"
 #include "foundation/control/UserLimits.h"
 #include "foundation/core/FanChoices.h"
+#include "foundation/core/FanCoupling.h"
 #include "foundation/core/Types.h"
 
 namespace kelvo {
@@ -29,7 +30,9 @@ class FanSettingsModel : public QObject {
     // (Kelvo holds it still now); calibrating, calibrationProgress (0-1),
     // calibrationText (progress or the last result), calibrationNote (what calibrating does);
     // problem (why a stored choice that cannot be read is not followed), floorPercent (the
-    // helper's floor, 0 when none), heldBack (why the back-end will not drive the fan).
+    // helper's floor, 0 when none), heldBack (why the back-end will not drive the fan);
+    // coolsMostly ("CPU", "GPU", "CPU and GPU", "" while unknown), couplingConfidence (0-1, -1
+    // while unknown), couplingText (which die the fan cools, or that it is not measured yet).
     Q_PROPERTY(QVariantList fans READ fans NOTIFY fansChanged)
     Q_PROPERTY(double cpuQuietLimit READ cpuQuietLimit NOTIFY limitsChanged)
     Q_PROPERTY(double gpuQuietLimit READ gpuQuietLimit NOTIFY limitsChanged)
@@ -71,6 +74,8 @@ public:
     void setReport(Report report);
     // What calibrating does, for the pane and kelvoctl.
     static QString calibrationNote();
+    // The pane's line on which die the fan cools; a coupling with no shares is not measured yet.
+    static QString couplingText(const FanCoupling& coupling);
     // which: "cpu", "gpu" or "performance". False, with limitMessage saying why, when refused.
     Q_INVOKABLE bool setLimit(const QString& which, double valueC);
     // Re-reads the settings file (kelvoctl changed it) and hands the result to the engine; a
@@ -79,7 +84,8 @@ public:
     void applyToEngine() const;
 
     void updateSpeeds(const TelemetrySample& sample);
-    // Speeds plus what each fan can do, which Kelvo stopped, and the calibrations' progress.
+    // Speeds plus what each fan can do, which Kelvo stopped, the calibrations' progress and
+    // which die each fan cools.
     void updateFromSnapshot(const ControlSnapshot& snapshot);
 
 signals:
@@ -109,6 +115,7 @@ private:
     std::map<std::string, FanState> states_;  // as the back-end last reported each fan
     std::set<std::string> stopped_;
     std::map<std::string, FanCalibrationStatus> calibrations_;
+    std::map<std::string, FanCoupling> couplings_;  // as the engine last reported them
     Calibrate calibrate_;
     Report report_;
     std::vector<std::string> limitProblems_;  // as last read

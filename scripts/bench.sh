@@ -25,7 +25,12 @@ build/release/bench/kelvo_bench --benchmark_out="$results/kelvo_bench.json" \
 echo
 echo "== Control quality (build/release/bench/control_quality/control_quality)"
 build/release/bench/control_quality/control_quality --csv "$results/control_quality.csv" \
-    --fan-csv "$results/control_quality_fans.csv" --svg-dir "$results/control_quality_charts"
+    --fan-csv "$results/control_quality_fans.csv" --svg-dir "$results/control_quality_charts" \
+    --coupling-csv "$results/control_quality_coupling.csv"
+echo
+echo "== What Kelvo learns of its fans over longer use"
+build/release/bench/control_quality/control_quality --learn-minutes 30,60,120,240 \
+    --coupling-csv "$results/control_quality_learning.csv"
 
 if [[ $quick -eq 0 ]]; then
     echo

@@ -11,11 +11,16 @@
 #include <QTimer>
 #include <QUuid>
 #include <QVariantMap>
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <set>
 #include <utility>
+
+#include <sqlite3.h>
 
 #include "app_common/AppBuildInfo.h"
 #include "app_common/FanSettings.h"
@@ -23,6 +28,7 @@
 #include "foundation/control/UserLimits.h"
 #include "foundation/core/ExternalControl.h"
 #include "foundation/core/FanChoices.h"
+#include "foundation/core/FanCoupling.h"
 #include "foundation/core/Types.h"
 #include "foundation/fans/HwmonFanService.h"
 #include "foundation/helper_protocol/HelperClient.h"
@@ -54,7 +60,7 @@ int usage(std::FILE* stream = stderr) {
         "usage: kelvoctl mode <%s>\n"
         "       kelvoctl cooldown <on|off>\n"
         "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
-        "       kelvoctl [--sysfs-root PATH] fans\n"
+        "       kelvoctl [--sysfs-root PATH] [--database PATH] fans\n"
         "       kelvoctl [--sysfs-root PATH] fan IDENTITY <auto|firmware|fixed N|min N|stop "
         "on|off>\n"
         "       kelvoctl [--sysfs-root PATH] [--database PATH] fan IDENTITY calibrate\n"
@@ -65,6 +71,8 @@ int usage(std::FILE* stream = stderr) {
         "them.\n"
         "'stop on' lets auto control stop the fan while every temperature is well under its "
         "limit;\nunsaid, a fan stops where the firmware's own curve stops it (never a pump).\n"
+        "'fans' shows which die each fan cools (COOLS) and how sure Kelvo is (SURE), from its\n"
+        "database, read-only; '-' until Kelvo has measured it.\n"
         "'calibrate' asks a running Kelvo to run the fan from full speed down to its lowest "
         "speed\nand to a stop, and follows it for up to 3 minutes.\n",
         modeList().replace(QStringLiteral(", "), QStringLiteral("|")).toUtf8().constData());
@@ -202,7 +210,47 @@ std::vector<KnownFan> knownFans(const std::string& sysfsRoot, const kelvo::FanCh
     return fans;
 }
 
-int listFans(const std::string& sysfsRoot) {
+// The coupling evidence a Kelvo has stored, read without creating, migrating or holding the
+// database: kelvoctl may run beside Kelvo, or before it ever ran. None when there is no database
+// or it cannot be read (`error` says why; empty when there simply is none yet).
+std::optional<std::map<std::string, kelvo::FanCouplingEvidence>> storedCouplingEvidence(
+    const QString& databasePath, std::string& error) {
+    if (!QFileInfo::exists(databasePath)) return std::nullopt;
+    sqlite3* db = nullptr;
+    const auto fail = [&](const std::string& why) {
+        error = why;
+        sqlite3_close(db);
+        return std::nullopt;
+    };
+    if (sqlite3_open_v2(databasePath.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr) !=
+        SQLITE_OK)
+        return fail(db ? sqlite3_errmsg(db) : "out of memory");
+    // Kelvo writes a row in a moment; a reader waits that long rather than failing.
+    sqlite3_busy_timeout(db, 2000);
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT fan_identity, evidence FROM fan_coupling", -1, &statement,
+                           nullptr) != SQLITE_OK)
+        return fail(sqlite3_errmsg(db));
+    std::map<std::string, kelvo::FanCouplingEvidence> evidence;
+    int rc = SQLITE_ROW;
+    while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+        const auto* identity = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, 1));
+        // As Kelvo reads it: a row it would skip is no evidence here either.
+        const auto decoded = text ? kelvo::decodeCouplingEvidence(text) : std::nullopt;
+        if (identity && decoded) evidence[identity] = *decoded;
+    }
+    if (rc != SQLITE_DONE) {
+        const std::string why = sqlite3_errmsg(db);
+        sqlite3_finalize(statement);
+        return fail(why);
+    }
+    sqlite3_finalize(statement);
+    sqlite3_close(db);
+    return evidence;
+}
+
+int listFans(const std::string& sysfsRoot, const QString& databasePath) {
     QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
     const kelvo::FanChoices stored = kelvo::fan_settings::readChoices(settings);
     const auto fans = knownFans(sysfsRoot, stored);
@@ -210,8 +258,39 @@ int listFans(const std::string& sysfsRoot) {
         say(stdout, "No fans found.\n");
         return 0;
     }
-    say(stdout, "%-56s %-16s %8s  %-8s %s\n", "IDENTITY", "LABEL", "RPM", "STOP", "CHOICE");
+    std::string couplingError;
+    const auto evidence = storedCouplingEvidence(databasePath, couplingError);
+    if (!couplingError.empty())
+        say(stderr, "kelvoctl: which die each fan cools could not be read from %s: %s\n",
+            databasePath.toUtf8().constData(), couplingError.c_str());
+    // Shares are among the fans under auto control, as Kelvo weighs them: the others' air is the
+    // firmware's or a fixed duty's.
+    std::vector<std::string> automatic;
     for (const auto& fan : fans) {
+        kelvo::FanState state;
+        state.name = fan.identity;
+        state.label = fan.label;
+        const kelvo::FanChoice choice = kelvo::effectiveFanChoice(state, stored);
+        if (choice.kind == kelvo::FanChoiceKind::automatic && choice.problem.empty() &&
+            !kelvo::isPumpChannel(fan.label, kelvo::driverOfIdentity(fan.identity)))
+            automatic.push_back(fan.identity);
+    }
+    const std::vector<kelvo::FanCoupling> shares =
+        evidence ? kelvo::fanCouplings(*evidence, automatic) : std::vector<kelvo::FanCoupling>{};
+    std::vector<kelvo::FanCoupling> couplings(fans.size());
+    for (std::size_t i = 0; i < fans.size(); ++i)
+        for (const auto& c : shares)
+            if (c.identity == fans[i].identity) couplings[i] = c;
+    say(stdout, "%-56s %-16s %8s  %-8s %-11s %4s  %s\n", "IDENTITY", "LABEL", "RPM", "STOP",
+        "COOLS", "SURE", "CHOICE");
+    for (std::size_t i = 0; i < fans.size(); ++i) {
+        const KnownFan& fan = fans[i];
+        const std::string mostly = kelvo::coolsMostly(couplings[i]);
+        const std::string sure =
+            mostly.empty()
+                ? "-"
+                : std::to_string(std::lround(std::clamp(couplings[i].confidence, 0.0, 1.0) * 100)) +
+                      "%";
         kelvo::FanState state;
         state.name = fan.identity;
         state.label = fan.label;
@@ -225,8 +304,9 @@ int listFans(const std::string& sysfsRoot) {
                            : !effective.stopWhenCool ? "default"
                            : *effective.stopWhenCool ? "on"
                                                      : "off";
-        say(stdout, "%-56s %-16s %8s  %-8s %s%s\n", fan.identity.c_str(),
-            fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), stop, choice.c_str(),
+        say(stdout, "%-56s %-16s %8s  %-8s %-11s %4s  %s%s\n", fan.identity.c_str(),
+            fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), stop,
+            mostly.empty() ? "-" : mostly.c_str(), sure.c_str(), choice.c_str(),
             !effective.problem.empty()   ? " (stored choice unreadable)"
             : chosen || choice == "auto" ? ""
                                          : " (pump default)");
@@ -428,7 +508,8 @@ int main(int argc, char** argv) {
         return kelvo::kelvoctl::runUpdateCommand(all.mid(1));
     const QStringList args = commandWords(all);
     const std::string sysfsRoot = kelvo::LaunchPaths::fromArguments(all).sysfsRoot;
-    if (args.size() == 1 && args[0] == QLatin1String("fans")) return listFans(sysfsRoot);
+    if (args.size() == 1 && args[0] == QLatin1String("fans"))
+        return listFans(sysfsRoot, databasePath(all));
     if (args.size() == 3 && args[0] == QLatin1String("fan") &&
         args[2] == QLatin1String("calibrate"))
         return calibrateFan(sysfsRoot, args[1], databasePath(all));

@@ -234,8 +234,14 @@ RunResult runKelvo(Rig& rig, const MachineProfile& machine, const LoadTrace& tra
         engine.releaseFans(nullptr);
     }
     result.evidence.storedSamples = store->samples(kStart, rig.clock.now + 1).size();
-    for (const HwmonFan& fan : HwmonFanService(rig.root()).discover())
+    std::vector<std::string> identities;
+    for (const HwmonFan& fan : HwmonFanService(rig.root()).discover()) {
         if (store->fanCurve(fan.identity)) ++result.evidence.learnedCurves;
+        identities.push_back(fan.identity);
+    }
+    // hwmon lists the fans by channel, which is the machine's order.
+    if (const auto stored = store->fanCouplings())
+        result.evidence.couplings = fanCouplings(*stored, identities);
     return result;
 }
 

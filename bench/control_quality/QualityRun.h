@@ -16,6 +16,7 @@
 #include "LoadTrace.h"
 #include "MachineProfile.h"
 #include "QualityMetrics.h"
+#include "foundation/core/FanCoupling.h"
 #include "foundation/core/Types.h"
 
 namespace kelvo::quality {
@@ -55,6 +56,9 @@ struct RunEvidence {
     long enableWrites = 0;          // accepted pwmN_enable writes, every fan
     std::size_t storedSamples = 0;  // telemetry rows in the run's store
     std::size_t learnedCurves = 0;  // fans with a learned curve in the run's store
+    // What Kelvo measured of which die each fan cools, from the run's store, in the machine's
+    // fan order (empty for other controllers).
+    std::vector<FanCoupling> couplings;
 };
 
 struct RunResult {

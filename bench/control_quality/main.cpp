@@ -1,5 +1,6 @@
 // control_quality: every controller through every load trace on every simulated machine, same
 // seed for all, in virtual time; prints one table, optionally a CSV and an SVG chart per trace.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "CouplingReport.h"
 #include "MachineProfile.h"
 #include "QualityRun.h"
 #include "ReportWriter.h"
@@ -26,6 +28,8 @@ namespace {
 struct Options {
     std::string csvPath;
     std::string fanCsvPath;
+    std::string couplingCsvPath;
+    std::vector<int> learnMinutes;
     std::string svgDir;
     std::string seriesDir;
     std::uint64_t seed = 1;
@@ -40,12 +44,18 @@ struct Options {
 void usage() {
     std::fprintf(
         stderr,
-        "usage: control_quality [--csv FILE] [--fan-csv FILE] [--svg-dir DIR] [--series-dir DIR]\n"
+        "usage: control_quality [--csv FILE] [--fan-csv FILE] [--coupling-csv FILE]\n"
+        "                       [--svg-dir DIR] [--series-dir DIR]\n"
         "                       [--seed N] [--max-seconds N] [--trace NAME] [--machine NAME]\n"
         "                       [--machine-file FILE]... [--trace-file FILE]...\n"
         "       control_quality --write-builtins DIR [--seed N]\n"
         "\n"
         "  --fan-csv FILE       write each fan's mean speed and level per row to FILE\n"
+        "  --coupling-csv FILE  write what Kelvo measured of which die each fan cools, per run\n"
+        "                       on a machine with more than one fan, beside the machine file\n"
+        "  --learn-minutes N,.. instead of the table: Kelvo's quiet mode on each machine with\n"
+        "                       more than one fan, from a fresh profile, through N minutes of the\n"
+        "                       traces one after another, and what it measured of its fans\n"
         "  --machine NAME       run only the built-in machine NAME\n"
         "  --machine-file FILE  run the machine described in FILE (repeatable); once any\n"
         "                       is given, built-in machines run only when named by --machine\n"
@@ -65,6 +75,16 @@ bool parse(int argc, char** argv, Options& options) {
             options.csvPath = value;
         } else if (arg == "--fan-csv") {
             options.fanCsvPath = value;
+        } else if (arg == "--coupling-csv") {
+            options.couplingCsvPath = value;
+        } else if (arg == "--learn-minutes") {
+            for (std::size_t at = 0; at < value.size();) {
+                const std::size_t comma = std::min(value.find(',', at), value.size());
+                const int minutes = std::atoi(value.substr(at, comma - at).c_str());
+                if (minutes <= 0) return false;
+                options.learnMinutes.push_back(minutes);
+                at = comma + 1;
+            }
         } else if (arg == "--svg-dir") {
             options.svgDir = value;
         } else if (arg == "--series-dir") {
@@ -216,7 +236,7 @@ void printSetup(const std::vector<ControllerSpec>& controllers) {
 std::vector<QualityRow> runMachine(const MachineProfile& machine,
                                    const std::vector<LoadTrace>& traces,
                                    const std::vector<ControllerSpec>& controllers,
-                                   const Options& options) {
+                                   const Options& options, std::vector<CouplingRow>& couplings) {
     const RunSettings settings{options.seed};
     std::vector<QualityRow> rows;
     for (const auto& trace : traces) {
@@ -225,6 +245,9 @@ std::vector<QualityRow> runMachine(const MachineProfile& machine,
         for (const auto& controller : controllers) {
             RunResult run = runController(machine, trace, controller, settings);
             rows.push_back(run.row);
+            if (controller.kelvoMode && machine.plant.fans.size() > 1)
+                couplings.push_back({machine.name, controller.name, trace.name(), machine.plant,
+                                     run.evidence.couplings});
             if (!options.seriesDir.empty())
                 writeSeries(options.seriesDir + "/" + machine.name + "-" + trace.name() + "-" +
                                 controller.name + ".csv",
@@ -237,6 +260,31 @@ std::vector<QualityRow> runMachine(const MachineProfile& machine,
         }
     }
     return rows;
+}
+
+// How well Kelvo's quiet mode learns which die each fan cools, by how long it has run.
+int learnCouplings(const std::vector<MachineProfile>& machines,
+                   const std::vector<LoadTrace>& traces,
+                   const std::vector<ControllerSpec>& controllers, const Options& options) {
+    const auto quiet = std::find_if(controllers.begin(), controllers.end(), [](const auto& c) {
+        return c.kelvoMode == kelvo::ControlMode::quiet;
+    });
+    std::vector<CouplingRow> rows;
+    for (const auto& machine : machines) {
+        if (machine.plant.fans.size() < 2) continue;
+        for (int minutes : options.learnMinutes) {
+            const LoadTrace trace = mixedUse(traces, minutes * 60);
+            RunResult run = runController(machine, trace, *quiet, RunSettings{options.seed});
+            rows.push_back({machine.name, quiet->name, trace.name(), machine.plant,
+                            std::move(run.evidence.couplings)});
+        }
+    }
+    printCouplingTable(std::cout, rows);
+    if (!options.couplingCsvPath.empty() && !writeCouplingCsv(options.couplingCsvPath, rows)) {
+        std::fprintf(stderr, "cannot write %s\n", options.couplingCsvPath.c_str());
+        return 1;
+    }
+    return 0;
 }
 
 }  // namespace
@@ -263,11 +311,14 @@ int main(int argc, char** argv) {
         if (!dir.empty()) std::filesystem::create_directories(dir);
 
     auto controllers = standardControllers();
+    if (!options.learnMinutes.empty())
+        return learnCouplings(*machines, *traces, controllers, options);
     printSetup(controllers);
 
     std::vector<QualityRow> rows;
+    std::vector<CouplingRow> couplings;
     for (const auto& machine : *machines) {
-        auto machineRows = runMachine(machine, *traces, controllers, options);
+        auto machineRows = runMachine(machine, *traces, controllers, options, couplings);
         rows.insert(rows.end(), machineRows.begin(), machineRows.end());
     }
     if (rows.empty()) {
@@ -280,6 +331,14 @@ int main(int argc, char** argv) {
     report.printTable(std::cout);
     std::cout << '\n';
     report.printTargets(std::cout);
+    if (!couplings.empty()) {
+        std::cout << '\n';
+        printCouplingTable(std::cout, couplings);
+    }
+    if (!options.couplingCsvPath.empty() && !writeCouplingCsv(options.couplingCsvPath, couplings)) {
+        std::fprintf(stderr, "cannot write %s\n", options.couplingCsvPath.c_str());
+        return 1;
+    }
     if (!options.csvPath.empty() && !report.writeCsv(options.csvPath)) {
         std::fprintf(stderr, "cannot write %s\n", options.csvPath.c_str());
         return 1;

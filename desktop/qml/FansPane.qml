@@ -1,7 +1,7 @@
-// Which fans Kelvo may touch and the user's limits: each fan with its live speed, its choice
-// (auto, firmware or a fixed duty), its minimum duty, whether it may stop when everything is
-// cool, and a calibration on request; the quiet limits and the performance target, with the
-// reason when a value is refused.
+// Which fans Kelvo may touch and the user's limits: each fan with its live speed, which die it
+// cools, its choice (auto, firmware or a fixed duty), its minimum duty, whether it may stop when
+// everything is cool, and a calibration on request; the quiet limits and the performance target,
+// with the reason when a value is refused.
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
@@ -73,6 +73,16 @@ Card {
                         : floorPercent > 0 ? "The helper keeps this fan at no less than "
                                              + floorPercent + " %."
                         : ""
+                    color: fansPalette.windowText
+                    font.pixelSize: 12
+                    wrapMode: Text.WordWrap
+                    Layout.fillWidth: true
+                }
+                // Which die the fan cools, as Kelvo has measured it, or that it has not yet.
+                Text {
+                    objectName: "fans-coupling-" + fanRow.index
+                    visible: text.length > 0
+                    text: fanRow.fan.couplingText || ""
                     color: fansPalette.windowText
                     font.pixelSize: 12
                     wrapMode: Text.WordWrap

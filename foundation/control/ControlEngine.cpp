@@ -36,6 +36,7 @@ ControlEngine::ControlEngine(std::shared_ptr<TelemetryProvider> telemetry,
       assessor_(config.throttle) {
     config_.tickSeconds = std::clamp(config_.tickSeconds, 0.25, 5.0);
     assessor_.setMachineHighLoadPowerW(telemetry_->highLoadPowerW());
+    loadCoupling();
 }
 
 ControlEngine::~ControlEngine() = default;
@@ -491,6 +492,7 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
         auto out = policy_.decide(mode_, sample, dt, leadModel_);
         decision.targetRPM = targetsFor(out.duty);
         applyFanStops(decision.targetRPM, out.duty, sample);
+        probeCoupling(sample, out.duty, decision.targetRPM);
         decision.anticipating = out.anticipating;
         decision.reason = out.reason;
     }
@@ -599,6 +601,7 @@ ControlSnapshot ControlEngine::tick(Timestamp now) {
     snap.fans = lastFans_;
     snap.stoppedFans = stopGate_.stoppedFans();
     snap.calibrations = calibrations_;
+    snap.couplings = currentCouplings();
     return snap;
 }
 

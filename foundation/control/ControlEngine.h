@@ -10,11 +10,13 @@
 #include <vector>
 
 #include "foundation/control/ControlPolicy.h"
+#include "foundation/control/CouplingLearner.h"
 #include "foundation/control/FanStopGate.h"
 #include "foundation/control/FanWriter.h"
 #include "foundation/control/ThrottleAssessor.h"
 #include "foundation/core/FanChoices.h"
 #include "foundation/core/FanController.h"
+#include "foundation/core/FanCoupling.h"
 #include "foundation/core/TelemetryProvider.h"
 #include "foundation/core/Types.h"
 
@@ -45,6 +47,8 @@ struct ControlSnapshot {
     std::vector<FanState> fans;
     std::set<std::string> stoppedFans;
     std::map<std::string, FanCalibrationStatus> calibrations;
+    // Which die each fan cools, as far as Kelvo has measured it, in the order of `fans`.
+    std::vector<FanCoupling> couplings;
     ThrottleAssessment assessment;
     ControlMode mode = ControlMode::systemAuto;
     ControlStatus status = ControlStatus::starting;
@@ -129,6 +133,13 @@ private:
     void holdBlind(const std::string& dies);
     // The fans' speed as a share of their range, where the speeds can be read.
     double currentFanDuty() const;
+    // ControlEngineCoupling.cpp: learning which die each fan cools.
+    void loadCoupling();
+    // Kelvo drives the fan under auto control (not the firmware's, fixed, a pump, calibrating).
+    bool drivenAutomatically(const FanState& fan) const;
+    void probeCoupling(const TelemetrySample& sample, double duty, std::vector<double>& targets);
+    void announceCoupling();
+    std::vector<FanCoupling> currentCouplings() const;
     void trackBoundary(const TelemetrySample& sample);
     void updateCooldown(const TelemetrySample& sample);
     void record(std::string message, bool failure = false);
@@ -144,6 +155,10 @@ private:
     ControlPolicy policy_;
     ControlPolicy previewPolicy_;
     ThrottleAssessor assessor_;
+    CouplingLearner coupling_;
+    bool couplingSaveFailed_ = false;
+    bool couplingAnnounced_ = false;
+    std::optional<Timestamp> lastFanStop_;  // a fan stood still by Kelvo's choice
 
     ControlMode mode_ = ControlMode::systemAuto;
     ControlStatus status_ = ControlStatus::starting;

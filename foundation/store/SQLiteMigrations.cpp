@@ -59,6 +59,12 @@ ALTER TABLE run_events ADD COLUMN kind TEXT NOT NULL DEFAULT '';
 ALTER TABLE run_events ADD COLUMN severity TEXT NOT NULL DEFAULT '';
 ALTER TABLE run_events ADD COLUMN details TEXT NOT NULL DEFAULT '';
 )sql",
+    // Version 3: what probing each fan has shown about the dies it cools (FanCoupling.h's
+    // encoding).
+    R"sql(
+CREATE TABLE fan_coupling (
+    fan_identity TEXT PRIMARY KEY, evidence TEXT NOT NULL, updated_at REAL NOT NULL);
+)sql",
 };
 static_assert(std::size(kMigrations) == SQLiteStore::kSchemaVersion);
 

@@ -6,12 +6,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "foundation/core/FanCoupling.h"
 #include "foundation/core/ProfilingTypes.h"
 #include "foundation/core/Types.h"
 
@@ -39,7 +41,7 @@ public:
         bool operator==(const ProfilingRunRecord&) const = default;
     };
 
-    static constexpr int kSchemaVersion = 2;
+    static constexpr int kSchemaVersion = 3;
     // The trend keeps the fine-grained history in memory; the database needs one row per 10 s.
     static constexpr double kSampleSpacingSeconds = 10;
 
@@ -107,6 +109,12 @@ public:
     // PWM-to-RPM curves learned once per fan, by stable fan identity (SQLiteStoreMachine.cpp).
     bool saveFanCurve(const std::string& identity, const FanCurve& curve);
     std::optional<FanCurve> fanCurve(const std::string& identity);
+    // What probing each fan has shown about the dies it cools, by fan identity (the same file).
+    // Reading skips a row that is not finite, or negative where it cannot be, and names it in
+    // `skipped`: that fan's probing starts over, the others' evidence stands.
+    bool saveFanCoupling(const std::string& identity, const FanCouplingEvidence& evidence);
+    std::optional<std::map<std::string, FanCouplingEvidence>> fanCouplings(
+        std::string* skipped = nullptr);
 
     // What a machine has shown it can report, as the capability tracker encodes it (the same file).
     bool saveMachineCapabilities(const std::string& machineIdentity, const std::string& encoded);

@@ -44,6 +44,43 @@ std::optional<SQLiteStore::FanCurve> SQLiteStore::fanCurve(const std::string& id
     return curve;
 }
 
+bool SQLiteStore::saveFanCoupling(const std::string& identity,
+                                  const FanCouplingEvidence& evidence) {
+    std::lock_guard lock(mutex_);
+    const std::string encoded = encodeCouplingEvidence(evidence);
+    // Only what reads back is stored: a value that is not a number would lose the whole row.
+    if (!decodeCouplingEvidence(encoded))
+        return failLocked("save fan coupling: the evidence for " + identity + " is not finite");
+    SQLiteStatement s(db_,
+                      "INSERT OR REPLACE INTO fan_coupling (fan_identity, evidence, updated_at) "
+                      "VALUES (?, ?, ?)");
+    s.bindText(1, identity);
+    s.bindText(2, encoded);
+    s.bindReal(3, now_());
+    if (!s.run()) return failLocked("save fan coupling: " + s.error());
+    return true;
+}
+
+std::optional<std::map<std::string, FanCouplingEvidence>> SQLiteStore::fanCouplings(
+    std::string* skipped) {
+    std::lock_guard lock(mutex_);
+    SQLiteStatement s(db_, "SELECT fan_identity, evidence FROM fan_coupling");
+    std::map<std::string, FanCouplingEvidence> out;
+    std::string bad;
+    while (s.next()) {
+        if (auto evidence = decodeCouplingEvidence(s.text(1)))
+            out[s.text(0)] = *evidence;
+        else if (bad.empty())
+            bad = s.text(0);
+    }
+    if (!s.run()) {
+        failLocked("fan coupling: " + s.error());
+        return std::nullopt;
+    }
+    if (skipped) *skipped = bad.empty() ? "" : "the stored coupling of " + bad + " is malformed";
+    return out;
+}
+
 bool SQLiteStore::saveMachineCapabilities(const std::string& machineIdentity,
                                           const std::string& encoded) {
     std::lock_guard lock(mutex_);

@@ -218,3 +218,74 @@ TEST_F(FanSettingsModelTest, CalibrationRequestsReachTheEngineOnceEach) {
     model->reload();
     EXPECT_EQ(asked.size(), 3u);
 }
+
+namespace {
+FanCoupling coupling(const QString& identity, std::optional<double> cpuShare,
+                     std::optional<double> gpuShare, double confidence) {
+    FanCoupling c;
+    c.identity = identity.toStdString();
+    c.cpuShare = cpuShare;
+    c.gpuShare = gpuShare;
+    c.confidence = confidence;
+    c.probes = 3;
+    return c;
+}
+}  // namespace
+
+TEST_F(FanSettingsModelTest, AKnownCouplingSaysWhichDieWithItsShareAndConfidence) {
+    EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, 0.86, 0.2, 0.85)),
+              QStringLiteral("Cools mostly: CPU (86 % of the fans' CPU cooling, speed for speed); "
+                             "confidence 85 %"));
+    EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, std::nullopt, 0.7, 0.5)),
+              QStringLiteral("Cools mostly: GPU (70 % of the fans' GPU cooling, speed for speed); "
+                             "confidence 50 %"));
+    EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, 0.4, 0.55, 0.9)),
+              QStringLiteral("Cools mostly: CPU and GPU (40 % of the fans' CPU cooling, 55 % of "
+                             "their GPU cooling, speed for speed); confidence 90 %"));
+}
+
+TEST_F(FanSettingsModelTest, AnUnknownCouplingSaysItIsNotMeasuredYet) {
+    const QString unknown = QStringLiteral(
+        "Cooling not measured yet: Kelvo measures it with small, slow speed changes while the "
+        "machine is busy.");
+    EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, std::nullopt, std::nullopt, 0)),
+              unknown);
+    // Before any snapshot, every fan is unknown.
+    auto model = make();
+    const QVariantMap fan = entryFor(*model, kFan1);
+    EXPECT_EQ(fan.value("coolsMostly").toString(), QString());
+    EXPECT_EQ(fan.value("couplingConfidence").toDouble(), -1);
+    EXPECT_EQ(fan.value("couplingText").toString(), unknown);
+}
+
+TEST_F(FanSettingsModelTest, ASnapshotsCouplingsReachTheirFansAndAnUnchangedOneIsSilent) {
+    auto model = make();
+    ControlSnapshot snapshot = snapshotWith(kFan1, true, false);
+    model->updateFromSnapshot(snapshot);
+    QSignalSpy fansChanged(model.get(), &FanSettingsModel::fansChanged);
+    // Listed in the engine's order, not the pane's: each reaches its fan by identity.
+    snapshot.couplings = {coupling(kPump, 0.1, 0.9, 0.7), coupling(kFan1, 0.9, 0.1, 0.85)};
+    model->updateFromSnapshot(snapshot);
+    EXPECT_EQ(fansChanged.count(), 1);
+    QVariantMap fan = entryFor(*model, kFan1);
+    EXPECT_EQ(fan.value("coolsMostly").toString(), QStringLiteral("CPU"));
+    EXPECT_DOUBLE_EQ(fan.value("couplingConfidence").toDouble(), 0.85);
+    EXPECT_EQ(fan.value("couplingText").toString(),
+              QStringLiteral("Cools mostly: CPU (90 % of the fans' CPU cooling, speed for speed); "
+                             "confidence 85 %"));
+    const QVariantMap pump = entryFor(*model, kPump);
+    EXPECT_EQ(pump.value("coolsMostly").toString(), QStringLiteral("GPU"));
+    EXPECT_DOUBLE_EQ(pump.value("couplingConfidence").toDouble(), 0.7);
+    // A pump is never Kelvo's to share the work with: the pane says nothing about it.
+    EXPECT_EQ(pump.value("couplingText").toString(), QString());
+    model->updateFromSnapshot(snapshot);
+    EXPECT_EQ(fansChanged.count(), 1);
+    // Probing started over: the engine knows nothing, and neither does the pane.
+    snapshot.couplings.clear();
+    model->updateFromSnapshot(snapshot);
+    EXPECT_EQ(fansChanged.count(), 2);
+    fan = entryFor(*model, kFan1);
+    EXPECT_EQ(fan.value("coolsMostly").toString(), QString());
+    EXPECT_EQ(fan.value("couplingConfidence").toDouble(), -1);
+    EXPECT_TRUE(fan.value("couplingText").toString().startsWith("Cooling not measured yet"));
+}

@@ -56,7 +56,7 @@ TEST_F(FansPane, TheAdvancedSurfaceOpensThePaneWithEveryFan) {
         EXPECT_GT(row->height(), 0) << i;
         for (const QString id :
              {"fans-title-", "fans-rpm-", "fans-choice-", "fans-fixed-", "fans-min-", "fans-stop-",
-              "fans-calibrate-", "fans-calibration-text-"}) {
+              "fans-calibrate-", "fans-calibration-text-", "fans-coupling-"}) {
             QQuickItem* part = item(id + n);
             ASSERT_NE(part, nullptr) << id.toStdString() << i;
             EXPECT_TRUE(part->isVisible()) << id.toStdString() << i;
@@ -64,6 +64,10 @@ TEST_F(FansPane, TheAdvancedSurfaceOpensThePaneWithEveryFan) {
         }
         EXPECT_EQ(item("fans-title-" + n)->property("text").toString(),
                   fans()->fans()[i].toMap().value("title").toString());
+        // Which die the fan cools, or that Kelvo has not measured it yet: always a line.
+        const QString coupling = fans()->fans()[i].toMap().value("couplingText").toString();
+        EXPECT_FALSE(coupling.isEmpty()) << i;
+        EXPECT_EQ(item("fans-coupling-" + n)->property("text").toString(), coupling) << i;
         // Rows stack downwards in the list's order.
         if (i > 0) {
             EXPECT_GT(row->mapToScene(QPointF(0, 0)).y(),

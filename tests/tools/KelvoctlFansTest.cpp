@@ -1,11 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QSettings>
 #include <QTemporaryDir>
+#include <cmath>
+#include <map>
+#include <vector>
 
 #include "app_common/FanSettings.h"
+#include "foundation/core/FanCoupling.h"
+#include "foundation/store/SQLiteStore.h"
 #include "tests/foundation/LinuxFakeSysfs.h"
 
 using namespace kelvo;
@@ -15,6 +23,7 @@ namespace {
 
 const QString kFan1 = QStringLiteral("nct6798@/sys/devices/platform/nct6775.656#fan1");
 const QString kPump = QStringLiteral("nct6798@/sys/devices/platform/nct6775.656#fan2");
+const QString kFan3 = QStringLiteral("nct6798@/sys/devices/platform/nct6775.656#fan3");
 
 struct Result {
     int exitCode = -1;
@@ -35,6 +44,8 @@ protected:
         QProcess process;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), config.path());
+        // Kelvo's database is read from here: never the developer's own.
+        env.insert(QStringLiteral("XDG_DATA_HOME"), config.filePath(QStringLiteral("data")));
         // No bus: the announcement must not reach a Kelvo the developer is running.
         env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
                    QStringLiteral("unix:path=/nonexistent/kelvo-test-bus"));
@@ -45,6 +56,10 @@ protected:
         EXPECT_TRUE(process.waitForFinished(30000));
         return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
                 QString::fromUtf8(process.readAllStandardError())};
+    }
+    // Where Kelvo keeps its database under the XDG_DATA_HOME above.
+    QString databasePath() const {
+        return config.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite"));
     }
     QSettings stored() {
         return QSettings(config.filePath(QStringLiteral("Kelvo/Kelvo.conf")), QSettings::IniFormat);
@@ -60,17 +75,32 @@ QStringList lineFor(const QString& out, const QString& identity) {
     return {};
 }
 
+// The text under `column`'s heading in the fan's row, from the heading to the next one (the
+// columns have fixed widths, and a value may hold spaces); "?" when the row or the heading is
+// not there.
+QString cell(const QString& out, const QString& identity, const QString& column) {
+    const QStringList lines = out.split(QLatin1Char('\n'));
+    const qsizetype start = lines.front().indexOf(column);
+    if (start < 0) return QStringLiteral("?");
+    qsizetype next = start + column.size();
+    while (next < lines.front().size() && lines.front()[next] == QLatin1Char(' ')) ++next;
+    const qsizetype length = next < lines.front().size() ? next - start : -1;
+    for (const QString& line : lines)
+        if (line.startsWith(identity + QLatin1Char(' '))) return line.mid(start, length).trimmed();
+    return QStringLiteral("?");
+}
+
 }  // namespace
 
 TEST_F(KelvoctlFans, ListsEveryFanWithLabelSpeedAndChoice) {
     const Result r = run({QStringLiteral("fans")});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
     const QStringList fan = lineFor(r.out, kFan1);
-    ASSERT_GE(fan.size(), 5) << r.out.toStdString();
+    ASSERT_GE(fan.size(), 7) << r.out.toStdString();
     EXPECT_EQ(fan[1], QStringLiteral("-"));
     EXPECT_EQ(fan[2], QStringLiteral("900"));
     EXPECT_EQ(fan[3], QStringLiteral("default"));  // stops where the firmware stops it
-    EXPECT_EQ(fan[4], QStringLiteral("auto"));
+    EXPECT_EQ(fan[6], QStringLiteral("auto"));
     const QStringList pump = lineFor(r.out, kPump);
     EXPECT_TRUE(r.out.contains(QStringLiteral("AIO Pump"))) << r.out.toStdString();
     EXPECT_TRUE(pump.contains(QStringLiteral("2400"))) << r.out.toStdString();
@@ -215,4 +245,112 @@ TEST_F(KelvoctlFans, ChoicesThatCannotBeReadAreSaidAndNoStandInIsListed) {
     EXPECT_TRUE(lineFor(r.out, QStringLiteral("*")).isEmpty()) << r.out.toStdString();
     EXPECT_TRUE(lineFor(r.out, kFan1).contains(QStringLiteral("firmware"))) << r.out.toStdString();
     EXPECT_TRUE(r.err.contains(QStringLiteral("cannot be read"))) << r.err.toStdString();
+}
+
+namespace {
+// Six probes around `mean`, spread by `step` either side, alike at every lag (so whichever lag
+// explains them best, they say the same).
+DieEvidence probes(double mean, double step) {
+    DieResponse r;
+    for (int twice = 0; twice < 2; ++twice)
+        for (double x : {mean - step, mean, mean + step}) r.add(x, 1);
+    DieEvidence die;
+    die.byLag.fill(r);
+    return die;
+}
+
+// SURE as kelvoctl prints it.
+QString sure(const FanCoupling& coupling) {
+    return QString::number(std::lround(coupling.confidence * 100)) + QLatin1Char('%');
+}
+}  // namespace
+
+// What a running Kelvo stored about which die each fan cools, weighed among the fans listed as
+// the app weighs them among its fans.
+TEST_F(KelvoctlFans, ShowsWhichDieEachFanCoolsFromKelvosDatabase) {
+    sys.write("sys/class/hwmon/hwmon2/fan3_input", "1100\n");
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(databasePath()).path()));
+    // Kept open, as a running Kelvo keeps it: kelvoctl reads beside it.
+    SQLiteStore store(databasePath().toStdString());
+    // fan1 does most of the CPU's cooling, fan3 most of the GPU's; fan1's CPU answers spread
+    // more than fan3's GPU answers, so kelvoctl is less sure of it. The pump has answers too,
+    // but a pump is never Kelvo's to share the work with.
+    const std::map<std::string, FanCouplingEvidence> evidence{
+        {kFan1.toStdString(), {probes(1.0, 0.1), probes(0.1, 0.01)}},
+        {kFan3.toStdString(), {probes(0.1, 0.01), probes(1.0, 0.05)}},
+        {kPump.toStdString(), {probes(0.5, 0.01), probes(0.5, 0.01)}}};
+    for (const auto& [identity, e] : evidence) ASSERT_TRUE(store.saveFanCoupling(identity, e));
+    const std::vector<FanCoupling> expected =
+        fanCouplings(evidence, {kFan1.toStdString(), kFan3.toStdString()});
+    ASSERT_GT(expected[0].confidence, 0);
+    ASSERT_NE(sure(expected[0]), sure(expected[1]));
+
+    const Result r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_TRUE(r.err.isEmpty()) << r.err.toStdString();
+    EXPECT_EQ(cell(r.out, kFan1, QStringLiteral("COOLS")), QStringLiteral("CPU"))
+        << r.out.toStdString();
+    EXPECT_EQ(cell(r.out, kFan3, QStringLiteral("COOLS")), QStringLiteral("GPU"))
+        << r.out.toStdString();
+    EXPECT_EQ(cell(r.out, kPump, QStringLiteral("COOLS")), QStringLiteral("-"))
+        << r.out.toStdString();
+    EXPECT_EQ(cell(r.out, kFan1, QStringLiteral("SURE")), sure(expected[0])) << r.out.toStdString();
+    EXPECT_EQ(cell(r.out, kFan3, QStringLiteral("SURE")), sure(expected[1])) << r.out.toStdString();
+    EXPECT_EQ(cell(r.out, kFan1, QStringLiteral("CHOICE")), QStringLiteral("auto"))
+        << r.out.toStdString();
+
+    // A fan under auto control that has given no answers yet leaves every share unknown: the
+    // shares are among all of them.
+    ASSERT_TRUE(store.saveFanCoupling(kFan3.toStdString(), {}));
+    const Result partial = run({QStringLiteral("fans")});
+    ASSERT_EQ(partial.exitCode, 0) << partial.err.toStdString();
+    EXPECT_EQ(cell(partial.out, kFan1, QStringLiteral("COOLS")), QStringLiteral("-"))
+        << partial.out.toStdString();
+    EXPECT_EQ(cell(partial.out, kFan1, QStringLiteral("SURE")), QStringLiteral("-"))
+        << partial.out.toStdString();
+
+    // Handed to the firmware, fan3 is no longer one of them: fan1 does all of the fans' work.
+    ASSERT_EQ(run({QStringLiteral("fan"), kFan3, QStringLiteral("firmware")}).exitCode, 0);
+    const Result alone = run({QStringLiteral("fans")});
+    EXPECT_EQ(cell(alone.out, kFan1, QStringLiteral("COOLS")), QStringLiteral("CPU and GPU"))
+        << alone.out.toStdString();
+    EXPECT_EQ(cell(alone.out, kFan3, QStringLiteral("COOLS")), QStringLiteral("-"))
+        << alone.out.toStdString();
+}
+
+TEST_F(KelvoctlFans, WithoutADatabaseTheCouplingIsUnknownAndNoDatabaseIsCreated) {
+    const Result r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    // Kelvo has not run yet: nothing to say about it.
+    EXPECT_TRUE(r.err.isEmpty()) << r.err.toStdString();
+    for (const QString& fan : {kFan1, kPump}) {
+        EXPECT_EQ(cell(r.out, fan, QStringLiteral("COOLS")), QStringLiteral("-"))
+            << r.out.toStdString();
+        EXPECT_EQ(cell(r.out, fan, QStringLiteral("SURE")), QStringLiteral("-"))
+            << r.out.toStdString();
+    }
+    EXPECT_FALSE(QFileInfo::exists(databasePath()));
+    EXPECT_FALSE(QFileInfo::exists(QFileInfo(databasePath()).path()));
+}
+
+TEST_F(KelvoctlFans, ADatabaseThatCannotBeReadIsOneLineAndLeftAsItWas) {
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(databasePath()).path()));
+    const QByteArray junk = "plain text, whatever its name says";
+    {
+        QFile file(databasePath());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(junk);
+    }
+    const Result r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_EQ(r.err.count(QLatin1Char('\n')), 1) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains(QStringLiteral("could not be read"))) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains(QStringLiteral("not a database"))) << r.err.toStdString();
+    EXPECT_EQ(cell(r.out, kFan1, QStringLiteral("COOLS")), QStringLiteral("-"))
+        << r.out.toStdString();
+    EXPECT_EQ(cell(r.out, kFan1, QStringLiteral("SURE")), QStringLiteral("-"))
+        << r.out.toStdString();
+    QFile file(databasePath());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.readAll(), junk);
 }

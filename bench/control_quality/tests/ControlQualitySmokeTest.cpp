@@ -65,7 +65,8 @@ protected:
         std::filesystem::create_directories(dir_);
         std::string command = std::string(CONTROL_QUALITY_BIN) + " --trace compile --max-seconds " +
                               std::to_string(kSeconds) + " --csv " + (dir_ / "out.csv").string() +
-                              " --fan-csv " + (dir_ / "fans.csv").string() + " --series-dir " +
+                              " --fan-csv " + (dir_ / "fans.csv").string() + " --coupling-csv " +
+                              (dir_ / "coupling.csv").string() + " --series-dir " +
                               (dir_ / "series").string() + " --svg-dir " + (dir_ / "svg").string() +
                               " > " + (dir_ / "stdout.txt").string();
         status_ = std::system(command.c_str());
@@ -152,6 +153,51 @@ TEST_F(ControlQualitySmoke, WritesEachFansSpeedPerRowAndPerSecond) {
         ++files;
     }
     EXPECT_EQ(files, static_cast<int>(rows.rows.size()));
+}
+
+// What Kelvo measured of its fans, per Kelvo run on every machine with more than one fan, beside
+// the machine file's shares, which add up to 1 for each die.
+void expectCouplingRows(const Csv& coupling, const std::set<std::string>& controllers) {
+    EXPECT_EQ(coupling.header,
+              (std::vector<std::string>{"machine", "controller", "trace", "fan", "name", "die",
+                                        "learned_share", "file_share", "confidence", "probes"}));
+    std::map<std::string, double> fileTotal;  // machine × controller × trace × die
+    std::set<std::string> seen;
+    for (const auto& row : coupling.rows) {
+        ASSERT_EQ(row.count("__width"), 0u);
+        seen.insert(row.at("controller"));
+        fileTotal[row.at("machine") + "/" + row.at("controller") + "/" + row.at("trace") + "/" +
+                  row.at("die")] += number(row, "file_share");
+        if (!row.at("learned_share").empty()) {
+            EXPECT_GE(number(row, "learned_share"), 0.0);
+            EXPECT_LE(number(row, "learned_share"), 1.0);
+        }
+        EXPECT_GE(number(row, "confidence"), 0.0);
+        EXPECT_LE(number(row, "confidence"), 1.0);
+        EXPECT_GE(number(row, "probes"), 0.0);
+    }
+    EXPECT_EQ(seen, controllers);
+    ASSERT_FALSE(fileTotal.empty());
+    // Written to six digits.
+    for (const auto& [key, total] : fileTotal) EXPECT_NEAR(total, 1.0, 1e-5) << key;
+}
+
+TEST_F(ControlQualitySmoke, WritesWhatKelvoMeasuredOfEachFanBesideTheMachineFile) {
+    ASSERT_EQ(status_, 0);
+    expectCouplingRows(readCsv(dir_ / "coupling.csv"), {"quiet", "quietHybrid", "performance"});
+}
+
+TEST_F(ControlQualitySmoke, LearningRunsKelvosQuietModeOnTheMachinesWithSeveralFans) {
+    const auto csv = dir_ / "learning.csv";
+    const std::string command = std::string(CONTROL_QUALITY_BIN) +
+                                " --trace render --learn-minutes 2,4 --coupling-csv " +
+                                csv.string() + " > " + (dir_ / "learning.txt").string();
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    const Csv coupling = readCsv(csv);
+    expectCouplingRows(coupling, {"quiet"});
+    std::set<std::string> traces;
+    for (const auto& row : coupling.rows) traces.insert(row.at("trace"));
+    EXPECT_EQ(traces, (std::set<std::string>{"mixed-use-2min", "mixed-use-4min"}));
 }
 
 TEST_F(ControlQualitySmoke, DrawsOneChartPerMachineAndTrace) {

@@ -72,13 +72,14 @@ TEST_F(ProfilingRunsTest, RunSignalsKeepTheirKindSeverityAndFigures) {
 TEST_F(ProfilingRunsTest, AVersionOneDatabaseIsMigratedAndKeepsItsRunEvents) {
     {
         SQLiteStore fresh(dbPath());
-        ASSERT_EQ(fresh.schemaVersion(), 2);
+        ASSERT_EQ(fresh.schemaVersion(), SQLiteStore::kSchemaVersion);
     }
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(dbPath().c_str(), &db), SQLITE_OK);
-    // Back to version 1: the columns version 2 added are dropped again.
+    // Back to version 1: the columns version 2 added and the table version 3 added are dropped.
     const char* downgrade =
-        "ALTER TABLE run_events DROP COLUMN kind; ALTER TABLE run_events DROP COLUMN severity; "
+        "DROP TABLE fan_coupling; ALTER TABLE run_events DROP COLUMN kind; ALTER TABLE run_events "
+        "DROP COLUMN severity; "
         "ALTER TABLE run_events DROP COLUMN details; PRAGMA user_version = 1;"
         "INSERT INTO runs (scenario, mode, started_at, status) VALUES ('x', 'quiet', 1, "
         "'active');"
@@ -87,7 +88,7 @@ TEST_F(ProfilingRunsTest, AVersionOneDatabaseIsMigratedAndKeepsItsRunEvents) {
     ASSERT_EQ(sqlite3_exec(db, downgrade, nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
     SQLiteStore store(dbPath());
-    EXPECT_EQ(store.schemaVersion(), 2);
+    EXPECT_EQ(store.schemaVersion(), SQLiteStore::kSchemaVersion);
     auto events = store.runEventRecords(1);
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].kind, "old event");

@@ -376,6 +376,40 @@ TEST(SQLiteStore, FanCurveRoundTripsAndReplaces) {
     EXPECT_FALSE(store.lastError().empty());
 }
 
+TEST(SQLiteStore, FanCouplingRoundTripsAndSkipsAMalformedRow) {
+    TempDir dir;
+    const auto path = dir.file("kelvo.sqlite");
+    FanCouplingEvidence cooler;
+    cooler.cpu.byLag[2].add(2.5e-4, 40);
+    cooler.cpu.byLag[2].add(3.0e-4, 60);
+    cooler.cpu.misfit[2] = 0.125;
+    cooler.gpu.byLag[5].add(1e-5, 50);
+    FanCouplingEvidence card;
+    card.gpu.byLag[0].add(4e-4, 80);
+    {
+        SQLiteStore store(path);
+        const auto none = store.fanCouplings();
+        ASSERT_TRUE(none);
+        EXPECT_TRUE(none->empty());
+        ASSERT_TRUE(store.saveFanCoupling("it8686/platform/it87.2608#fan1", cooler));
+        ASSERT_TRUE(store.saveFanCoupling("amdgpu/pci0000:00/0000:03:00.0#fan1", card));
+        FanCouplingEvidence broken;
+        broken.cpu.byLag[1].sum = std::nan("");
+        EXPECT_FALSE(store.saveFanCoupling("broken", broken));
+        EXPECT_NE(store.lastError().find("not finite"), std::string::npos);
+    }
+    // A row someone else wrote that is not the encoding: skipped and named, the others kept.
+    ASSERT_EQ(rawQuery(path, "INSERT INTO fan_coupling VALUES ('odd', '1 2 3', 5)"), "");
+    SQLiteStore store(path);
+    std::string skipped;
+    const auto read = store.fanCouplings(&skipped);
+    ASSERT_TRUE(read);
+    ASSERT_EQ(read->size(), 2u);
+    EXPECT_EQ(read->at("it8686/platform/it87.2608#fan1"), cooler);
+    EXPECT_EQ(read->at("amdgpu/pci0000:00/0000:03:00.0#fan1"), card);
+    EXPECT_EQ(skipped, "the stored coupling of odd is malformed");
+}
+
 TEST(SQLiteStore, GarbageFileIsMovedAsideAndRecreated) {
     TempDir dir;
     const auto path = dir.file("kelvo.sqlite");

@@ -1,0 +1,320 @@
+#include "foundation/control/CouplingLearner.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+namespace kelvo {
+
+namespace {
+constexpr std::size_t kLags = kCouplingLagsS.size();
+// How fast a die follows its own load, on top of its heatsink.
+constexpr double kDieLagS = 3;
+// A tick further than this from the last one is a gap: what came before no longer lines up.
+constexpr double kGapS = 3.5;
+// Columns that barely move say nothing and only spoil the fit.
+constexpr double kStillLoadPct = 0.2;
+constexpr double kStillRPM = 1;
+constexpr double kStillTemperatureC = 0.05;
+constexpr double kRidge = 1e-6;
+// The inputs each tick keeps: the two loads, the two dies' temperatures, then each fan's speed.
+constexpr std::size_t kCpuTemperature = 2;
+constexpr std::size_t kGpuTemperature = 3;
+constexpr std::size_t kFirstFan = 4;
+
+double follow(double state, double input, double dt, double lag) {
+    return state + (1 - std::exp(-dt / lag)) * (input - state);
+}
+
+// Least squares on centred, scaled columns; returns the coefficient of column `of` with its
+// variance and the fit's residual sum of squares, or none when the column does not move.
+struct Fit {
+    double coefficient = 0;
+    double variance = 0;
+    double residual = 0;
+    double total = 0;  // the centred output's sum of squares
+};
+
+std::optional<Fit> fitColumn(std::vector<std::vector<double>> columns, std::vector<double> y,
+                             std::size_t of, std::vector<double> stillBelow) {
+    const std::size_t n = y.size();
+    auto centre = [n](std::vector<double>& v) {
+        const double mean = std::accumulate(v.begin(), v.end(), 0.0) / n;
+        double squares = 0;
+        for (double& x : v) {
+            x -= mean;
+            squares += x * x;
+        }
+        return std::sqrt(squares / n);
+    };
+    centre(y);
+    std::vector<std::vector<double>> kept;
+    std::vector<double> scales;
+    std::optional<std::size_t> target;
+    for (std::size_t c = 0; c < columns.size(); ++c) {
+        const double spread = centre(columns[c]);
+        if (!(spread > stillBelow[c])) continue;
+        for (double& x : columns[c]) x /= spread;
+        if (c == of) target = kept.size();
+        kept.push_back(std::move(columns[c]));
+        scales.push_back(spread);
+    }
+    const std::size_t p = kept.size();
+    if (!target || n <= p + 2) return std::nullopt;
+    // Normal equations, solved with the inverse (p is a handful).
+    std::vector<std::vector<double>> a(p, std::vector<double>(2 * p + 1, 0));
+    for (std::size_t i = 0; i < p; ++i) {
+        for (std::size_t j = 0; j < p; ++j)
+            a[i][j] = std::inner_product(kept[i].begin(), kept[i].end(), kept[j].begin(), 0.0);
+        a[i][i] += kRidge * n;
+        a[i][p + i] = 1;
+        a[i][2 * p] = std::inner_product(kept[i].begin(), kept[i].end(), y.begin(), 0.0);
+    }
+    for (std::size_t c = 0; c < p; ++c) {
+        std::size_t pivot = c;
+        for (std::size_t r = c + 1; r < p; ++r)
+            if (std::abs(a[r][c]) > std::abs(a[pivot][c])) pivot = r;
+        std::swap(a[c], a[pivot]);
+        if (!(std::abs(a[c][c]) > 1e-12)) return std::nullopt;
+        const double d = a[c][c];
+        for (double& x : a[c]) x /= d;
+        for (std::size_t r = 0; r < p; ++r) {
+            if (r == c || a[r][c] == 0) continue;
+            const double f = a[r][c];
+            for (std::size_t k = 0; k < 2 * p + 1; ++k) a[r][k] -= f * a[c][k];
+        }
+    }
+    Fit fit;
+    for (double v : y) fit.total += v * v;
+    fit.residual = 0;
+    for (std::size_t s = 0; s < n; ++s) {
+        double predicted = 0;
+        for (std::size_t c = 0; c < p; ++c) predicted += a[c][2 * p] * kept[c][s];
+        fit.residual += (y[s] - predicted) * (y[s] - predicted);
+    }
+    const double sigma2 = fit.residual / double(n - p - 1);
+    fit.coefficient = a[*target][2 * p] / scales[*target];
+    fit.variance = sigma2 * a[*target][p + *target] / (scales[*target] * scales[*target]);
+    return fit;
+}
+}  // namespace
+
+CouplingLearner::CouplingLearner(CouplingLearnerConfig config) : config_(config) {}
+
+void CouplingLearner::setEvidence(std::map<std::string, FanCouplingEvidence> evidence) {
+    evidence_ = std::move(evidence);
+    done_ = false;
+}
+
+std::optional<std::string> CouplingLearner::probedFan() const {
+    if (!turn_) return std::nullopt;
+    return fans_[turn_->fan];
+}
+
+std::vector<std::string> CouplingLearner::takeUpdated() {
+    std::vector<std::string> out;
+    out.swap(updated_);
+    return out;
+}
+
+void CouplingLearner::restart(const std::vector<ProbeFan>& fans) {
+    fans_.clear();
+    for (const auto& fan : fans) fans_.push_back(fan.identity);
+    ticks_.clear();
+    lagState_.clear();
+    fastState_.clear();
+    turn_.reset();
+    nextStart_.reset();
+}
+
+void CouplingLearner::record(Timestamp now, const TelemetrySample& sample,
+                             const std::vector<ProbeFan>& fans) {
+    // A die that gives no reading keeps its last one: the other die's fit sees it as still.
+    const Tick* last = ticks_.empty() ? nullptr : &ticks_.back();
+    auto held = [&](const std::optional<double>& value, std::size_t input) {
+        return value ? *value : last ? last->inputs[input] : 0.0;
+    };
+    std::vector<double> inputs{sample.cpuUtilizationPct.value_or(0),
+                               sample.gpuUtilizationPct.value_or(0),
+                               held(sample.cpuTemperatureC, kCpuTemperature),
+                               held(sample.gpuTemperatureC, kGpuTemperature)};
+    for (const auto& fan : fans) inputs.push_back(fan.speedRPM);
+    const double dt = ticks_.empty() ? 0 : now - ticks_.back().at;
+    if (lagState_.empty()) {
+        lagState_.assign(kLags, inputs);
+        fastState_ = {inputs[0], inputs[1]};
+    }
+    for (std::size_t l = 0; l < kLags; ++l)
+        for (std::size_t i = 0; i < inputs.size(); ++i)
+            lagState_[l][i] = follow(lagState_[l][i], inputs[i], dt, kCouplingLagsS[l]);
+    for (std::size_t i = 0; i < 2; ++i)
+        fastState_[i] = follow(fastState_[i], inputs[i], dt, kDieLagS);
+    ticks_.push_back(
+        {now, sample.cpuTemperatureC, sample.gpuTemperatureC, inputs, lagState_, fastState_});
+    // The rest before a probe, the probe and the rest after it, and a little more.
+    while (!ticks_.empty() && now - ticks_.front().at > 3 * config_.halfSeconds + 10)
+        ticks_.pop_front();
+    if (sample.cpuTemperatureC)
+        coolestCpu_ = std::min(coolestCpu_.value_or(1e9), *sample.cpuTemperatureC);
+    if (sample.gpuTemperatureC)
+        coolestGpu_ = std::min(coolestGpu_.value_or(1e9), *sample.gpuTemperatureC);
+}
+
+bool CouplingLearner::enough(const std::vector<ProbeFan>& fans) const {
+    std::vector<std::string> probeable;
+    for (const auto& fan : fans)
+        if (fan.probeable) probeable.push_back(fan.identity);
+    if (probeable.size() < 2) return false;
+    const auto couplings = fanCouplings(evidence_, probeable);
+    return std::all_of(couplings.begin(), couplings.end(), [&](const FanCoupling& c) {
+        return c.confidence >= config_.enoughConfidence || c.probes >= config_.maxProbesPerFan;
+    });
+}
+
+// A probe is only worth its noise where a load has warmed a die well over its coolest: near idle
+// the die answers too faintly to be read.
+bool CouplingLearner::warm() const {
+    const Tick& last = ticks_.back();
+    return (last.cpuC && coolestCpu_ && *last.cpuC - *coolestCpu_ >= config_.minExcessC) ||
+           (last.gpuC && coolestGpu_ && *last.gpuC - *coolestGpu_ >= config_.minExcessC);
+}
+
+std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
+                                                               const std::vector<ProbeFan>& fans) {
+    const double half = config_.halfSeconds;
+    if (ticks_.empty() || now - ticks_.front().at < half) return std::nullopt;
+    if (nextStart_ && now < *nextStart_) return std::nullopt;
+    const auto probeable =
+        std::count_if(fans.begin(), fans.end(), [](const ProbeFan& f) { return f.probeable; });
+    if (probeable < 2 || !warm()) return std::nullopt;
+    const double factor = std::pow(10.0, config_.probeDb / 50.0);
+    for (std::size_t k = 0; k < fans.size(); ++k) {
+        const std::size_t i = (nextFan_ + k) % fans.size();
+        const ProbeFan& fan = fans[i];
+        if (!fan.probeable || !(fan.targetRPM > 0)) continue;
+        const auto it = evidence_.find(fan.identity);
+        if (it != evidence_.end() &&
+            std::max(it->second.cpu.probes(), it->second.gpu.probes()) >= config_.maxProbesPerFan)
+            continue;
+        // A fan near its top has no room to be probed now: the next one goes first.
+        const double top = std::min(fan.maxRPM > 0 ? fan.maxRPM : 1e9, fan.targetRPM * factor);
+        if (top - fan.targetRPM < 0.5 * fan.targetRPM * (factor - 1)) continue;
+        nextFan_ = i + 1;
+        return Turn{i,
+                    now,
+                    half,
+                    top / fan.targetRPM,
+                    ticks_.back().inputs[0],
+                    ticks_.back().inputs[1],
+                    std::nullopt};
+    }
+    return std::nullopt;
+}
+
+double CouplingLearner::factorAt(Timestamp now) const {
+    const double t = now - turn_->start;
+    const double up = turn_->factor - 1;
+    if (t < turn_->half) return 1 + up * std::min(1.0, t / config_.rampSeconds);
+    return 1 + up * std::max(0.0, 1 - (t - turn_->half) / config_.rampSeconds);
+}
+
+void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
+                           const std::vector<ProbeFan>& fans, std::vector<double>& targets) {
+    bool same = fans.size() == fans_.size() && !(lastStep_ && now - *lastStep_ > kGapS);
+    for (std::size_t i = 0; same && i < fans.size(); ++i) same = fans[i].identity == fans_[i];
+    if (!same) restart(fans);
+    lastStep_ = now;
+
+    if (!turn_ && !done_) {
+        if (enough(fans)) {
+            done_ = true;
+        } else {
+            turn_ = nextTurn(now, fans);
+        }
+    }
+    if (turn_) {
+        const ProbeFan& fan = fans[turn_->fan];
+        // A fan handed to the firmware, stopped or taken by the user mid-probe: the probe is void.
+        // So is one whose load has fallen away for good (not a loading screen): the fans it
+        // holds up would be louder than the machine needs.
+        const bool low =
+            sample.cpuUtilizationPct.value_or(0) < turn_->cpuLoad - config_.loadFallPct ||
+            sample.gpuUtilizationPct.value_or(0) < turn_->gpuLoad - config_.loadFallPct;
+        if (!low)
+            turn_->lowSince.reset();
+        else if (!turn_->lowSince)
+            turn_->lowSince = now;
+        const bool fell = turn_->lowSince && now - *turn_->lowSince >= config_.loadGoneSeconds;
+        if (!fan.probeable || turn_->fan >= targets.size() || !(targets[turn_->fan] > 0) || fell) {
+            turn_.reset();
+            nextStart_ = now + config_.halfSeconds;
+        } else {
+            const double raised = targets[turn_->fan] * factorAt(now);
+            targets[turn_->fan] = fan.maxRPM > 0 ? std::min(fan.maxRPM, raised) : raised;
+        }
+    }
+    record(now, sample, fans);
+    if (turn_ && now - turn_->start >= 2 * turn_->half) {
+        evaluate(*turn_);
+        turn_.reset();
+        nextStart_ = now;
+    }
+}
+
+void CouplingLearner::evaluate(const Turn& turn) {
+    // The whole probe must be on record, the rest before it included.
+    if (ticks_.empty() || ticks_.front().at > turn.start - turn.half + kGapS) return;
+    if (coolestCpu_) learnDie(turn, false, *coolestCpu_);
+    if (coolestGpu_) learnDie(turn, true, *coolestGpu_);
+}
+
+void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
+    std::vector<const Tick*> window;
+    for (const auto& tick : ticks_)
+        if (tick.at >= turn.start - turn.half) window.push_back(&tick);
+    std::vector<double> y;
+    for (const Tick* tick : window) {
+        const auto& temp = gpu ? tick->gpuC : tick->cpuC;
+        if (!temp) return;  // a die that went unread over the probe says nothing about it
+        y.push_back(*temp);
+    }
+    const double excess = std::accumulate(y.begin(), y.end(), 0.0) / y.size() - coolest;
+    if (excess < config_.minExcessC) return;
+
+    auto& evidence = evidence_[fans_[turn.fan]];
+    DieEvidence& die = gpu ? evidence.gpu : evidence.cpu;
+    bool learned = false;
+    for (std::size_t l = 0; l < kLags; ++l) {
+        // Drift; the die's own quick answer to its load; through the heatsink, the load, the
+        // other die (heat pipes and case air carry heat between them, so a fan on the other
+        // die's sink cools this one too, through that die: counted there, not as this fan's
+        // own air) and every fan's speed.
+        const std::size_t other = gpu ? kCpuTemperature : kGpuTemperature;
+        std::vector<std::size_t> lagged{0, 1, other};
+        for (std::size_t i = kFirstFan; i < window.front()->inputs.size(); ++i) lagged.push_back(i);
+        std::vector<std::vector<double>> columns(3 + lagged.size());
+        std::vector<double> still{0, kStillLoadPct, kStillLoadPct};
+        for (std::size_t i : lagged)
+            still.push_back(i < kCpuTemperature ? kStillLoadPct
+                            : i < kFirstFan     ? kStillTemperatureC
+                                                : kStillRPM);
+        for (const Tick* tick : window) {
+            columns[0].push_back(tick->at - turn.start);
+            columns[1].push_back(tick->fast[0]);
+            columns[2].push_back(tick->fast[1]);
+            for (std::size_t c = 0; c < lagged.size(); ++c)
+                columns[3 + c].push_back(tick->lagged[l][lagged[c]]);
+        }
+        const auto fit = fitColumn(std::move(columns), y, 3 + 3 + turn.fan, std::move(still));
+        if (!fit || !(fit->variance > 0) || !(fit->total > 0)) continue;
+        // Cooling per rpm, relative to how far over its coolest the die was; weighed by how
+        // surely this probe shows it.
+        die.byLag[l].add(-fit->coefficient / excess, excess * excess / fit->variance);
+        die.misfit[l] += fit->residual / fit->total;
+        learned = true;
+    }
+    if (learned && std::find(updated_.begin(), updated_.end(), fans_[turn.fan]) == updated_.end())
+        updated_.push_back(fans_[turn.fan]);
+}
+
+}  // namespace kelvo

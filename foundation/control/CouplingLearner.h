@@ -1,0 +1,117 @@
+// Learns which die each fan cools, on the machine it runs on, from small slow probes: while Kelvo
+// drives the fans, one fan at a time runs a little faster for a while (a couple of dB on its own,
+// ramped, so no one hears a change) and then as before. Each die's temperature over the probe is
+// fitted with everything else that moved it (the load, every fan's speed, a drift) seen through
+// the die's heatsink lag, so a probe under a changing load still counts for what it shows. What
+// each probe shows is kept as evidence per fan identity; the shares follow from it
+// (FanCoupling.h). Probing stops once every fan is known surely, and starts again for a new fan.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "foundation/core/FanCoupling.h"
+#include "foundation/core/Types.h"
+
+namespace kelvo {
+
+struct CouplingLearnerConfig {
+    // How much louder the probed fan runs (the fan law: 50·log10 of its speed), reached over
+    // rampSeconds: well under the 3 dB within seconds that is heard as a change.
+    double probeDb = 2;
+    double rampSeconds = 20;
+    // Faster for this long, then as before for as long; a probe is read over the rest before it,
+    // its own time and the rest after it: long enough for a tower cooler's heatsink to show
+    // most of its answer.
+    double halfSeconds = 120;
+    // A die that is this little over the coolest it has been this session answers too faintly.
+    double minExcessC = 8;
+    // A probe whose load has stayed this much lower for loadGoneSeconds is dropped: the load
+    // that made it worth its noise is over (a loading screen is not).
+    double loadFallPct = 20;
+    double loadGoneSeconds = 30;
+    // Probing ends once every fan is this sure, or has been probed this often.
+    double enoughConfidence = 0.9;
+    int maxProbesPerFan = 40;
+};
+
+// A fan as the engine drives it this tick.
+struct ProbeFan {
+    std::string identity;
+    double targetRPM = 0;  // what the engine writes this tick, before any probe
+    // What it turns at now, as read (the probe shows in it as the fan follows); the target where
+    // the speed cannot be read.
+    double speedRPM = 0;
+    double maxRPM = 0;
+    // Kelvo drives it under auto control and it turns: it may be probed.
+    bool probeable = false;
+};
+
+class CouplingLearner {
+public:
+    explicit CouplingLearner(CouplingLearnerConfig config = {});
+
+    void setEvidence(std::map<std::string, FanCouplingEvidence> evidence);
+    const std::map<std::string, FanCouplingEvidence>& evidence() const { return evidence_; }
+
+    // One tick while Kelvo drives the fans, with `fans` in the engine's order: raises the probed
+    // fan's target in `targets` (same order). Ticks that do not come (Kelvo not driving, a
+    // fallback) end the probe in flight. The policy goes on as it would: the fit reads every
+    // fan's speed, so the fans it slows while a probe cools the die are accounted for.
+    void step(Timestamp now, const TelemetrySample& sample, const std::vector<ProbeFan>& fans,
+              std::vector<double>& targets);
+    std::optional<std::string> probedFan() const;
+    // Probing has ended: every fan it may probe is known.
+    bool done() const { return done_; }
+    // Fans whose evidence grew since the last call (to be stored).
+    std::vector<std::string> takeUpdated();
+
+private:
+    struct Tick {
+        Timestamp at = 0;
+        std::optional<double> cpuC;
+        std::optional<double> gpuC;
+        std::vector<double> inputs;  // the loads, the dies' temperatures, each fan's speed
+        // Per lag: the inputs seen through the lag.
+        std::vector<std::vector<double>> lagged;
+        std::vector<double> fast;  // cpu load, gpu load through a short die lag
+    };
+    struct Turn {
+        std::size_t fan = 0;  // index into fans_
+        Timestamp start = 0;  // the probe's faster half begins
+        double half = 0;      // how long each half lasts
+        double factor = 1;    // speed multiplier at the top of the probe
+        double cpuLoad = 0;   // each device's load when it began
+        double gpuLoad = 0;
+        std::optional<Timestamp> lowSince;  // a device's load has been under it since
+    };
+
+    void restart(const std::vector<ProbeFan>& fans);
+    void record(Timestamp now, const TelemetrySample& sample, const std::vector<ProbeFan>& fans);
+    bool warm() const;
+    std::optional<Turn> nextTurn(Timestamp now, const std::vector<ProbeFan>& fans);
+    double factorAt(Timestamp now) const;
+    void evaluate(const Turn& turn);
+    void learnDie(const Turn& turn, bool gpu, double coolest);
+    bool enough(const std::vector<ProbeFan>& fans) const;
+
+    CouplingLearnerConfig config_;
+    std::map<std::string, FanCouplingEvidence> evidence_;
+    std::vector<std::string> updated_;
+    std::vector<std::string> fans_;  // identities, in the order the ticks keep their speeds
+    std::deque<Tick> ticks_;
+    std::vector<std::vector<double>> lagState_;  // per lag, per input
+    std::vector<double> fastState_;
+    std::optional<Timestamp> lastStep_;
+    std::optional<Turn> turn_;
+    std::optional<Timestamp> nextStart_;  // turns follow each other from here
+    std::size_t nextFan_ = 0;
+    std::optional<double> coolestCpu_;
+    std::optional<double> coolestGpu_;
+    bool done_ = false;
+};
+
+}  // namespace kelvo

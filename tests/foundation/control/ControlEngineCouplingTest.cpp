@@ -1,0 +1,120 @@
+// The engine learning which die each fan cools on a simulated machine, in virtual time: the
+// probes it runs, what it keeps in the store and what it shows.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include "foundation/control/ControlEngine.h"
+#include "foundation/core/EventRing.h"
+#include "foundation/core/FanChoices.h"
+#include "foundation/sim/MachineFile.h"
+#include "foundation/sim/SimulatedFanController.h"
+#include "foundation/sim/SimulatedMachine.h"
+#include "foundation/sim/SimulatedTelemetryProvider.h"
+#include "foundation/store/SQLiteStore.h"
+#include "tests/foundation/ScratchFiles.h"
+
+using namespace kelvo;
+
+namespace {
+
+constexpr Timestamp kStart = 1'700'000'000;
+
+sim::PlantConfig twoBlowers() {
+    std::string error;
+    const auto machine = sim::readMachineFile(
+        std::string(KELVO_TEST_DATA_DIR) + "/../../bench/machines/laptop-two-blowers.json", &error);
+    EXPECT_TRUE(machine) << error;
+    return machine ? machine->plant : sim::PlantConfig{};
+}
+
+class ControlEngineCoupling : public test_support::ScratchFilesTest {
+protected:
+    void SetUp() override {
+        ScratchFilesTest::SetUp();
+        machine = std::make_shared<sim::SimulatedMachine>(twoBlowers(), 7);
+        fans = std::make_shared<SimulatedFanController>(machine);
+        telemetry = std::make_shared<SimulatedTelemetryProvider>(machine);
+        store = std::make_shared<SQLiteStore>((dir_ / "kelvo.sqlite").string());
+    }
+    std::unique_ptr<ControlEngine> engine() {
+        return std::make_unique<ControlEngine>(telemetry, fans, store, ring, nullptr);
+    }
+    int count(const std::string& text) const {
+        int n = 0;
+        for (const auto& e : ring->recent(1000))
+            if (e.message.find(text) != std::string::npos) ++n;
+        return n;
+    }
+
+    std::shared_ptr<sim::SimulatedMachine> machine;
+    std::shared_ptr<SimulatedFanController> fans;
+    std::shared_ptr<SimulatedTelemetryProvider> telemetry;
+    std::shared_ptr<SQLiteStore> store;
+    std::shared_ptr<EventRing> ring = std::make_shared<EventRing>(1000, 1e9);
+    Timestamp now = kStart;
+};
+
+}  // namespace
+
+TEST_F(ControlEngineCoupling, QuietLearnsWhichBlowerCoolsWhichDieKeepsItAndShowsIt) {
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    // A long render: the CPU flat out, the GPU at three quarters.
+    machine->setLoad(1.0, 0.75);
+    ControlSnapshot snap;
+    for (int i = 0; i < 3 * 3600; ++i) snap = kelvo->tick(now += 1);
+    ASSERT_EQ(snap.couplings.size(), 2u);
+    EXPECT_EQ(coolsMostly(snap.couplings[0]), "CPU");
+    EXPECT_EQ(coolsMostly(snap.couplings[1]), "GPU");
+    EXPECT_GT(snap.couplings[0].confidence, 0.5);
+    EXPECT_EQ(count("Fan cooling measured: "), 1);
+    // Nothing went over the limits while it probed.
+    EXPECT_EQ(count("Repeated boundary pressure"), 0);
+
+    // Kept per fan in the store: a Kelvo started again knows it from its first tick.
+    const auto stored = store->fanCouplings();
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->size(), 2u);
+    kelvo.reset();
+    auto again = engine();
+    again->applyMode(ControlMode::quiet);
+    const ControlSnapshot first = again->tick(now += 1);
+    ASSERT_EQ(first.couplings.size(), 2u);
+    EXPECT_EQ(first.couplings[0].cpuShare, snap.couplings[0].cpuShare);
+}
+
+TEST_F(ControlEngineCoupling, AFanTheUserFixedIsNeverProbedAndOneFanAloneIsNotEither) {
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    const std::string blower = machine->state().fanNames.at(1);
+    kelvo->setFanChoices({{blower, *parseFanChoice("fixed 50")}});
+    machine->setLoad(1.0, 0.75);
+    ControlSnapshot snap;
+    std::optional<double> fixedTarget;
+    for (int i = 0; i < 3600; ++i) {
+        snap = kelvo->tick(now += 1);
+        ASSERT_TRUE(snap.decision);
+        if (!fixedTarget) fixedTarget = snap.decision->targetRPM.at(1);
+        ASSERT_DOUBLE_EQ(snap.decision->targetRPM.at(1), *fixedTarget) << i;
+    }
+    // The one fan left under auto control has nothing to be weighed against.
+    const auto stored = store->fanCouplings();
+    ASSERT_TRUE(stored);
+    EXPECT_TRUE(stored->empty());
+    for (const auto& c : snap.couplings) EXPECT_EQ(coolsMostly(c), "") << c.identity;
+}
+
+TEST_F(ControlEngineCoupling, StoredMeasurementsThatCannotBeReadAreSaidAndMeasuredAgain) {
+    FanCouplingEvidence good;
+    good.cpu.byLag[0].add(1, 1);
+    ASSERT_TRUE(store->saveFanCoupling("elsewhere", good));
+    // A row that is not in the encoding, written by something else beside the store.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((dir_ / "kelvo.sqlite").string().c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, "INSERT INTO fan_coupling VALUES ('bad', 'x', 1)", nullptr, nullptr,
+                           nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+    auto kelvo = engine();
+    EXPECT_EQ(count("Fan cooling measurements: the stored coupling of bad is malformed"), 1);
+}

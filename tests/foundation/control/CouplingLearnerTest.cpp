@@ -1,0 +1,225 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <functional>
+
+#include "foundation/control/CouplingLearner.h"
+#include "foundation/sim/MachineFile.h"
+#include "foundation/sim/ThermalPlant.h"
+
+using namespace kelvo;
+
+namespace {
+sim::PlantConfig shippedMachine(const std::string& name) {
+    std::string error;
+    const auto machine = sim::readMachineFile(
+        std::string(KELVO_TEST_DATA_DIR) + "/../../bench/machines/" + name + ".json", &error);
+    EXPECT_TRUE(machine) << error;
+    return machine ? machine->plant : sim::PlantConfig{};
+}
+
+// The machine file's own answer: each fan's share of each die's weights.
+double trueShare(const sim::PlantConfig& plant, std::size_t fan, bool gpu) {
+    double total = 0;
+    for (const auto& f : plant.fans) total += gpu ? f.gpuCooling : f.cpuCooling;
+    return (gpu ? plant.fans[fan].gpuCooling : plant.fans[fan].cpuCooling) / total;
+}
+
+struct Segment {
+    double seconds;
+    double cpu;
+    double gpu;
+};
+
+// What one tick asked of the fans: the engine's targets and what went out with the probe.
+struct TickTargets {
+    double at = 0;
+    std::vector<double> base;
+    std::vector<double> sent;
+};
+
+// Every fan at one duty under `load` (repeated until `seconds`), the learner probing on top.
+// `probeable(t, fan)` says whether the engine lets it probe that fan at second t.
+std::vector<FanCoupling> learnOn(const sim::PlantConfig& plant, const std::vector<Segment>& load,
+                                 double seconds, double duty, CouplingLearner& learner,
+                                 std::vector<TickTargets>* ticks = nullptr,
+                                 const std::function<bool(double, std::size_t)>& probeable = {}) {
+    sim::ThermalPlant machine(plant, 7);
+    std::vector<std::string> names;
+    for (const auto& fan : plant.fans) names.push_back(fan.name);
+    double cycle = 0;
+    for (const auto& s : load) cycle += s.seconds;
+    for (double t = 0; t < seconds; t += 1) {
+        double at = std::fmod(t, cycle);
+        for (const auto& s : load) {
+            if (at < s.seconds) {
+                machine.setLoad(s.cpu, s.gpu);
+                break;
+            }
+            at -= s.seconds;
+        }
+        machine.step(1.0);
+        const auto& state = machine.state();
+        TelemetrySample sample;
+        sample.timestamp = 1000 + t;
+        sample.cpuTemperatureC = state.cpuTemperatureC;
+        sample.gpuTemperatureC = state.gpuTemperatureC;
+        sample.cpuUtilizationPct = state.cpuUtilizationPct;
+        sample.gpuUtilizationPct = state.gpuUtilizationPct;
+        std::vector<ProbeFan> fans;
+        std::vector<double> targets;
+        for (std::size_t i = 0; i < plant.fans.size(); ++i) {
+            const auto& fan = plant.fans[i];
+            const double target = fan.minRPM + duty * (fan.maxRPM - fan.minRPM);
+            fans.push_back({fan.name, target, state.fanCurrentRPM.at(i), fan.maxRPM,
+                            !probeable || probeable(t, i)});
+            targets.push_back(target);
+        }
+        const std::vector<double> base = targets;
+        learner.step(sample.timestamp, sample, fans, targets);
+        if (ticks) ticks->push_back({sample.timestamp, base, targets});
+        machine.setFanCommand(targets);
+    }
+    return fanCouplings(learner.evidence(), names);
+}
+
+// The largest gap between a learned share and the machine file's, over every fan and die.
+double worstShareError(const sim::PlantConfig& plant, const std::vector<FanCoupling>& learned) {
+    double worst = 0;
+    for (std::size_t i = 0; i < learned.size(); ++i) {
+        for (bool gpu : {false, true}) {
+            const auto& share = gpu ? learned[i].gpuShare : learned[i].cpuShare;
+            EXPECT_TRUE(share) << learned[i].identity << (gpu ? " GPU" : " CPU");
+            if (!share) return 1;
+            std::printf("%-20s %s %.3f (file %.3f)\n", learned[i].identity.c_str(),
+                        gpu ? "GPU" : "CPU", *share, trueShare(plant, i, gpu));
+            worst = std::max(worst, std::abs(*share - trueShare(plant, i, gpu)));
+        }
+    }
+    return worst;
+}
+}  // namespace
+
+TEST(CouplingLearner, LearnsWhichBlowerCoolsWhichDieUnderASteadyLoad) {
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearner learner;
+    const auto learned = learnOn(plant, {{600, 1.0, 0.75}}, 30 * 60, 0.4, learner);
+    EXPECT_LT(worstShareError(plant, learned), 0.1);
+    EXPECT_EQ(coolsMostly(learned[0]), "CPU");
+    EXPECT_EQ(coolsMostly(learned[1]), "GPU");
+}
+
+TEST(CouplingLearner, LearnsADesktopsThreeFansUnderAGameThatComesAndGoes) {
+    const auto plant = shippedMachine("desktop-cooler-gpu-case");
+    CouplingLearner learner;
+    const auto learned = learnOn(plant, {{150, 0.5, 0.95}, {15, 0.85, 0.1}}, 60 * 60, 0.3, learner);
+    EXPECT_LT(worstShareError(plant, learned), 0.15);
+    EXPECT_EQ(coolsMostly(learned[0]), "CPU");
+    EXPECT_EQ(coolsMostly(learned[1]), "GPU");
+}
+
+TEST(CouplingLearner, ADieThatStaysIdleIsNotGuessedAt) {
+    // A long CPU job with the GPU idle the whole time: what the fans do for the GPU cannot be
+    // seen, so no fan gets a GPU share, while the CPU's are learned.
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearner learner;
+    const auto learned = learnOn(plant, {{600, 1.0, 0.03}}, 30 * 60, 0.4, learner);
+    for (const auto& fan : learned) {
+        EXPECT_TRUE(fan.cpuShare) << fan.identity;
+        EXPECT_FALSE(fan.gpuShare) << fan.identity;
+    }
+    EXPECT_EQ(coolsMostly(learned[0]), "CPU");
+}
+
+TEST(CouplingLearner, NoProbeWhileTheMachineIdles) {
+    // Near idle a die answers too faintly to be read: probing would only be noise.
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearner learner;
+    std::vector<TickTargets> ticks;
+    learnOn(plant, {{600, 0.03, 0.02}}, 30 * 60, 0.4, learner, &ticks);
+    for (const auto& tick : ticks) ASSERT_EQ(tick.sent, tick.base) << tick.at;
+    EXPECT_TRUE(learner.evidence().empty());
+}
+
+TEST(CouplingLearner, ProbesAreSlowSmallAndEndOnceEveryFanIsKnown) {
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearner learner;
+    std::vector<TickTargets> ticks;
+    learnOn(plant, {{600, 1.0, 0.75}}, 90 * 60, 0.4, learner, &ticks);
+    EXPECT_TRUE(learner.done());
+    double lastProbe = 0;
+    for (std::size_t t = 0; t < ticks.size(); ++t) {
+        for (std::size_t f = 0; f < plant.fans.size(); ++f) {
+            const double gainDb = 50 * std::log10(ticks[t].sent[f] / ticks[t].base[f]);
+            // Never slower than asked, never more than the probe's 2 dB louder.
+            EXPECT_GE(gainDb, -1e-9);
+            EXPECT_LE(gainDb, 2 + 1e-9);
+            if (gainDb > 1e-9) lastProbe = ticks[t].at;
+            // Never a change a listener hears: under 3 dB of the fan's own level within 5 s.
+            if (t >= 5) {
+                const double span = 50 * std::log10(ticks[t].sent[f] / ticks[t - 5].sent[f]);
+                EXPECT_LT(std::abs(span), 3) << "at " << ticks[t].at;
+            }
+        }
+        // One fan at a time.
+        int probed = 0;
+        for (std::size_t f = 0; f < plant.fans.size(); ++f)
+            probed += ticks[t].sent[f] > ticks[t].base[f] ? 1 : 0;
+        EXPECT_LE(probed, 1);
+    }
+    // Known within the first hour; nothing probed after that.
+    EXPECT_GT(lastProbe, 0);
+    EXPECT_LT(lastProbe, ticks.front().at + 60 * 60);
+}
+
+TEST(CouplingLearner, AFanTakenAwayMidProbeIsLetGoAndItsProbeCountsForNothing) {
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearner learner;
+    std::vector<TickTargets> ticks;
+    // The first fan's probe begins once the rest before it is on record (120 s); the user
+    // hands that fan to the firmware 60 s into it.
+    learnOn(plant, {{600, 1.0, 0.75}}, 200, 0.4, learner, &ticks,
+            [](double t, std::size_t fan) { return !(fan == 0 && t >= 180); });
+    EXPECT_GT(ticks[170].sent[0], ticks[170].base[0]);  // it was being probed
+    for (std::size_t t = 180; t < ticks.size(); ++t)
+        EXPECT_DOUBLE_EQ(ticks[t].sent[0], ticks[t].base[0]) << t;
+    EXPECT_TRUE(learner.takeUpdated().empty());
+    EXPECT_TRUE(learner.evidence().empty());
+}
+
+TEST(CouplingLearner, TicksThatDoNotComeEndTheProbeInFlight) {
+    CouplingLearner learner;
+    TelemetrySample sample;
+    sample.gpuTemperatureC = 60;
+    std::vector<ProbeFan> fans{{"a", 2000, 2000, 5000, true}, {"b", 2000, 2000, 5000, true}};
+    double t = 0;
+    for (; t < 150; ++t) {
+        // A load that warmed the CPU well over where it began, and has held since.
+        sample.cpuTemperatureC = t < 10 ? 45 : 70;
+        std::vector<double> targets{2000, 2000};
+        learner.step(t, sample, fans, targets);
+    }
+    ASSERT_TRUE(learner.probedFan());
+    // Kelvo stops driving the fans for a minute (a fallback); when it drives them again nothing
+    // of the old probe is left: no raised target.
+    t += 60;
+    std::vector<double> targets{2000, 2000};
+    learner.step(t, sample, fans, targets);
+    EXPECT_FALSE(learner.probedFan());
+    EXPECT_DOUBLE_EQ(targets[0], 2000);
+    EXPECT_DOUBLE_EQ(targets[1], 2000);
+}
+
+TEST(CouplingLearner, OneFanIsNeverProbed) {
+    CouplingLearner learner;
+    TelemetrySample sample;
+    sample.cpuTemperatureC = 70;
+    std::vector<ProbeFan> fans{{"a", 2000, 2000, 5000, true}, {"b", 0, 900, 5000, false}};
+    for (double t = 0; t < 1000; ++t) {
+        std::vector<double> targets{2000, 0};
+        learner.step(t, sample, fans, targets);
+        ASSERT_DOUBLE_EQ(targets[0], 2000) << t;
+        ASSERT_DOUBLE_EQ(targets[1], 0) << t;
+    }
+}

@@ -54,8 +54,8 @@ QString FanSettingsModel::couplingText(const FanCoupling& coupling) {
     const std::string mostly = coolsMostly(coupling);
     if (mostly.empty())
         return QStringLiteral(
-            "Cooling not measured yet: Kelvo measures it with small, slow speed changes while the "
-            "machine is busy.");
+            "Cooling not measured yet: in the quiet modes Kelvo measures it with small, slow speed "
+            "changes while the machine is busy.");
     const auto percent = [](double share) { return std::lround(share * 100); };
     // The share says how much this fan matters beside the others for that die.
     QString shares;

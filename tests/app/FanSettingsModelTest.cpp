@@ -246,8 +246,8 @@ TEST_F(FanSettingsModelTest, AKnownCouplingSaysWhichDieWithItsShareAndConfidence
 
 TEST_F(FanSettingsModelTest, AnUnknownCouplingSaysItIsNotMeasuredYet) {
     const QString unknown = QStringLiteral(
-        "Cooling not measured yet: Kelvo measures it with small, slow speed changes while the "
-        "machine is busy.");
+        "Cooling not measured yet: in the quiet modes Kelvo measures it with small, slow speed "
+        "changes while the machine is busy.");
     EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, std::nullopt, std::nullopt, 0)),
               unknown);
     // Before any snapshot, every fan is unknown.

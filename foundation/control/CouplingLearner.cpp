@@ -220,9 +220,12 @@ double CouplingLearner::factorAt(Timestamp now) const {
 
 void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
                            const std::vector<ProbeFan>& fans, std::vector<double>& targets) {
-    bool same = fans.size() == fans_.size() && !(lastStep_ && now - *lastStep_ > kGapS);
-    for (std::size_t i = 0; same && i < fans.size(); ++i) same = fans[i].identity == fans_[i];
-    if (!same) restart(fans);
+    bool sameFans = fans.size() == fans_.size();
+    for (std::size_t i = 0; sameFans && i < fans.size(); ++i)
+        sameFans = fans[i].identity == fans_[i];
+    // A fan that came (or went) may be one with nothing known of it yet.
+    if (!sameFans) done_ = false;
+    if (!sameFans || (lastStep_ && now - *lastStep_ > kGapS)) restart(fans);
     lastStep_ = now;
 
     if (!turn_ && !done_) {

@@ -223,3 +223,20 @@ TEST(CouplingLearner, OneFanIsNeverProbed) {
         ASSERT_DOUBLE_EQ(targets[1], 0) << t;
     }
 }
+
+TEST(CouplingLearner, ANewFanIsProbedAgainOnceTheOthersAreKnown) {
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearner learner;
+    learnOn(plant, {{600, 1.0, 0.75}}, 90 * 60, 0.4, learner);
+    ASSERT_TRUE(learner.done());
+    // A third fan appears (a case fan plugged in): nothing is known of it, so probing resumes.
+    TelemetrySample sample;
+    sample.cpuTemperatureC = 90;
+    sample.gpuTemperatureC = 80;
+    std::vector<ProbeFan> fans{{plant.fans[0].name, 3000, 3000, 6000, true},
+                               {plant.fans[1].name, 3000, 3000, 5400, true},
+                               {"Case fan", 1000, 1000, 2000, true}};
+    std::vector<double> targets{3000, 3000, 1000};
+    learner.step(1e6, sample, fans, targets);
+    EXPECT_FALSE(learner.done());
+}

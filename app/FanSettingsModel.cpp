@@ -188,8 +188,7 @@ void FanSettingsModel::rebuild() {
         entry.insert(QStringLiteral("couplingConfidence"),
                      mostly.empty() ? -1.0 : std::clamp(coupling.confidence, 0.0, 1.0));
         // Only fans under auto control are measured: the others' speed is not Kelvo's to share.
-        const bool measured =
-            choice.kind == FanChoiceKind::automatic && choice.problem.empty() && !pump;
+        const bool measured = fanUnderAutoControl(state, choice);
         entry.insert(QStringLiteral("couplingText"), measured ? couplingText(coupling) : QString());
         fans.push_back(entry);
     }

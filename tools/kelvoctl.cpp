@@ -270,9 +270,7 @@ int listFans(const std::string& sysfsRoot, const QString& databasePath) {
         kelvo::FanState state;
         state.name = fan.identity;
         state.label = fan.label;
-        const kelvo::FanChoice choice = kelvo::effectiveFanChoice(state, stored);
-        if (choice.kind == kelvo::FanChoiceKind::automatic && choice.problem.empty() &&
-            !kelvo::isPumpChannel(fan.label, kelvo::driverOfIdentity(fan.identity)))
+        if (kelvo::fanUnderAutoControl(state, kelvo::effectiveFanChoice(state, stored)))
             automatic.push_back(fan.identity);
     }
     const std::vector<kelvo::FanCoupling> shares =

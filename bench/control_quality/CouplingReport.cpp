@@ -1,5 +1,7 @@
 #include "CouplingReport.h"
 
+#include "ReportWriter.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -20,11 +22,6 @@ std::string shareText(const std::optional<double>& share) {
     return text;
 }
 
-std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (char c : text) out += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return out + "\"";
-}
 }  // namespace
 
 double fileShare(const sim::PlantConfig& plant, std::size_t fan, sim::Die die) {
@@ -89,7 +86,7 @@ bool writeCouplingCsv(const std::string& path, const std::vector<CouplingRow>& r
                 const FanCoupling& c = row.learned[i];
                 const auto& share = die == sim::Die::cpu ? c.cpuShare : c.gpuShare;
                 file << row.machine << ',' << row.controller << ',' << row.trace << ',' << i + 1
-                     << ',' << quoted(row.plant.fans[i].name) << ','
+                     << ',' << csvQuoted(row.plant.fans[i].name) << ','
                      << (die == sim::Die::cpu ? "cpu" : "gpu") << ','
                      << (share ? std::to_string(*share) : std::string()) << ','
                      << fileShare(row.plant, i, die) << ',' << c.confidence << ',' << c.probes

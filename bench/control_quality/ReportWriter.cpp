@@ -100,11 +100,8 @@ bool ReportWriter::writeFanCsv(const std::string& path) const {
     file << fanCsvHeader() << '\n';
     for (const auto& row : rows_) {
         for (std::size_t i = 0; i < row.fanMeanRPM.size(); ++i) {
-            // A fan's name is the machine file's: quoted, its quotes doubled, as CSV has it.
-            std::string name = i < row.fanNames.size() ? row.fanNames[i] : std::string();
-            std::string quoted = "\"";
-            for (char c : name) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-            quoted += '"';
+            const std::string quoted =
+                csvQuoted(i < row.fanNames.size() ? row.fanNames[i] : std::string());
             file << format("%s,%s,%s,%zu,%s,%.1f,%.3f\n", row.machine.c_str(),
                            row.controller.c_str(), row.trace.c_str(), i + 1, quoted.c_str(),
                            row.fanMeanRPM[i], i < row.fanMeanDb.size() ? row.fanMeanDb[i] : 0.0);
@@ -335,6 +332,12 @@ bool ReportWriter::printTargets(std::ostream& out) const {
            "the firmware curve throttles\n";
     each("performance", &ReportWriter::checkRetention);
     return all;
+}
+
+std::string csvQuoted(const std::string& text) {
+    std::string quoted = "\"";
+    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + '"';
 }
 
 }  // namespace kelvo::quality

@@ -46,4 +46,7 @@ private:
     std::vector<QualityRow> rows_;
 };
 
+// A fan's name as the CSV files write it: always quoted, its quotes doubled.
+std::string csvQuoted(const std::string& text);
+
 }  // namespace kelvo::quality

@@ -28,9 +28,7 @@ void ControlEngine::loadCoupling() {
 }
 
 bool ControlEngine::drivenAutomatically(const FanState& fan) const {
-    const FanChoice choice = effectiveFanChoice(fan, fanChoices_);
-    return choice.kind == FanChoiceKind::automatic && choice.problem.empty() &&
-           !isPumpChannel(fan.label, driverOfIdentity(fan.name)) &&
+    return fanUnderAutoControl(fan, effectiveFanChoice(fan, fanChoices_)) &&
            !leftToFirmware_.contains(fan.name) && fan.heldBackWhy.empty() &&
            !refusalHolds(fan.name) && !calibrating(fan.name);
 }

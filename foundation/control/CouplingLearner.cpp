@@ -235,6 +235,8 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
             turn_ = nextTurn(now, fans);
         }
     }
+    // Every fan known: nothing to probe or keep until the fans change.
+    if (done_) return;
     if (turn_) {
         const ProbeFan& fan = fans[turn_->fan];
         // A fan handed to the firmware, stopped or taken by the user mid-probe: the probe is void.

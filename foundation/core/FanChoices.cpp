@@ -155,6 +155,11 @@ bool fanMayStop(const FanState& fan, const FanChoice& choice) {
     return fanStopWanted(fan, choice) && fanStopBlocker(fan, choice).empty();
 }
 
+bool fanUnderAutoControl(const FanState& fan, const FanChoice& choice) {
+    return choice.kind == FanChoiceKind::automatic && choice.problem.empty() &&
+           !isPumpChannel(fan.label, driverOfIdentity(fan.name));
+}
+
 FanSpeedRange fanSpeedRange(const FanState& fan) {
     const double lo = fan.minRPM > 0 ? fan.minRPM : kDefaultMinRPM;
     const double hi = fan.maxRPM > lo ? fan.maxRPM : std::max(lo, kDefaultMaxRPM);

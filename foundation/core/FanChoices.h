@@ -67,6 +67,9 @@ bool fanStopWanted(const FanState& fan, const FanChoice& choice);
 std::string fanStopBlocker(const FanState& fan, const FanChoice& choice);
 // Auto control may stop the fan when every die is cool: wanted and nothing blocks it.
 bool fanMayStop(const FanState& fan, const FanChoice& choice);
+// Auto control sets the fan's speed under this choice (not the firmware, a fixed duty, a pump or
+// an entry that cannot be read): the fans whose work Kelvo may share out, and measures.
+bool fanUnderAutoControl(const FanState& fan, const FanChoice& choice);
 
 struct FanSpeedRange {
     double minRPM = 0;

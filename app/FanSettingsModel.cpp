@@ -50,7 +50,7 @@ QString FanSettingsModel::calibrationNote() {
         "it.");
 }
 
-QString FanSettingsModel::couplingText(const FanCoupling& coupling) {
+QString FanSettingsModel::couplingText(const FanCoupling& coupling, bool shared) {
     const std::string mostly = coolsMostly(coupling);
     if (mostly.empty())
         return QStringLiteral(
@@ -70,9 +70,13 @@ QString FanSettingsModel::couplingText(const FanCoupling& coupling) {
                      "%1 % of the fans' CPU cooling, %2 % of their GPU cooling, speed for speed")
                      .arg(percent(*coupling.cpuShare))
                      .arg(percent(*coupling.gpuShare));
-    return QStringLiteral("Cools mostly: %1 (%2); confidence %3 %")
+    return QStringLiteral("Cools mostly: %1 (%2); confidence %3 %%4")
         .arg(QString::fromStdString(mostly), shares)
-        .arg(percent(std::clamp(coupling.confidence, 0.0, 1.0)));
+        .arg(percent(std::clamp(coupling.confidence, 0.0, 1.0)))
+        .arg(shared ? QStringLiteral("; the quiet mode raises it first when the %1 needs air")
+                          .arg(QString::fromStdString(mostly == "CPU and GPU" ? "CPU or the GPU"
+                                                                              : mostly))
+                    : QString());
 }
 
 FanState FanSettingsModel::stateOf(const std::string& identity) const {
@@ -189,7 +193,8 @@ void FanSettingsModel::rebuild() {
                      mostly.empty() ? -1.0 : std::clamp(coupling.confidence, 0.0, 1.0));
         // Only fans under auto control are measured: the others' speed is not Kelvo's to share.
         const bool measured = fanUnderAutoControl(state, choice);
-        entry.insert(QStringLiteral("couplingText"), measured ? couplingText(coupling) : QString());
+        entry.insert(QStringLiteral("couplingText"),
+                     measured ? couplingText(coupling, fansShared_) : QString());
         fans.push_back(entry);
     }
     if (fans != fans_) {
@@ -331,6 +336,7 @@ void FanSettingsModel::updateFromSnapshot(const ControlSnapshot& snapshot) {
     // The engine reports every fan's coupling each tick: one it no longer lists is unknown again.
     couplings_.clear();
     for (const FanCoupling& coupling : snapshot.couplings) couplings_[coupling.identity] = coupling;
+    fansShared_ = snapshot.fansShared;
     updateSpeeds(snapshot.sample);
 }
 

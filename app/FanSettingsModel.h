@@ -75,7 +75,8 @@ public:
     // What calibrating does, for the pane and kelvoctl.
     static QString calibrationNote();
     // The pane's line on which die the fan cools; a coupling with no shares is not measured yet.
-    static QString couplingText(const FanCoupling& coupling);
+    // `shared`: the quiet mode running now shares the work among the fans by it.
+    static QString couplingText(const FanCoupling& coupling, bool shared = false);
     // which: "cpu", "gpu" or "performance". False, with limitMessage saying why, when refused.
     Q_INVOKABLE bool setLimit(const QString& which, double valueC);
     // Re-reads the settings file (kelvoctl changed it) and hands the result to the engine; a
@@ -116,6 +117,7 @@ private:
     std::set<std::string> stopped_;
     std::map<std::string, FanCalibrationStatus> calibrations_;
     std::map<std::string, FanCoupling> couplings_;  // as the engine last reported them
+    bool fansShared_ = false;
     Calibrate calibrate_;
     Report report_;
     std::vector<std::string> limitProblems_;  // as last read

@@ -6,7 +6,7 @@
 #include <optional>
 #include <tuple>
 
-#include "QuietestMix.h"
+#include "PlantMix.h"
 #include "SoundLevel.h"
 #include "foundation/core/FanController.h"
 
@@ -106,7 +106,10 @@ class Replay {
 public:
     Replay(const MachineProfile& machine, const LoadTrace& trace, std::uint64_t seed,
            const MetricLimits& limits)
-        : plant_(machine.plant), start_(machine.plant, seed), limits_(limits), mix_(machine.plant) {
+        : plant_(machine.plant),
+          start_(machine.plant, seed),
+          limits_(limits),
+          mix_(quietestMixFor(machine.plant)) {
         for (int k = 0; k < trace.seconds(); ++k) loads_.push_back(trace.at(k));
     }
 

@@ -99,9 +99,11 @@ struct Rig {
 // A profile directory of its own, as a fresh install has: removed when the run ends.
 class FreshProfile {
 public:
-    FreshProfile() {
+    // `from`, where given, is a database Kelvo left earlier: the profile starts with a copy.
+    explicit FreshProfile(const std::string& from = {}) {
         std::string pattern = (fs::temp_directory_path() / "kelvo-quality-XXXXXX").string();
         if (::mkdtemp(pattern.data())) dir_ = pattern;
+        if (!dir_.empty() && !from.empty()) copyDatabase(from, databasePath());
     }
     ~FreshProfile() {
         std::error_code ec;
@@ -113,6 +115,19 @@ public:
     // Empty when no directory could be made: the store then runs in memory, as Kelvo's does
     // where it cannot write.
     std::string databasePath() const { return dir_.empty() ? std::string() : dir_ + "/kelvo.db"; }
+
+    // The database and its write-ahead log, as the store left them.
+    static void copyDatabase(const std::string& from, const std::string& to) {
+        std::error_code ec;
+        for (const char* suffix : {"", "-wal"}) {
+            const std::string source = from + suffix;
+            if (!suffix[0] || fs::exists(source, ec))
+                fs::copy_file(source, to + suffix, fs::copy_options::overwrite_existing, ec);
+            if (ec)
+                std::fprintf(stderr, "control_quality: cannot copy %s: %s\n", source.c_str(),
+                             ec.message().c_str());
+        }
+    }
 
 private:
     std::string dir_;
@@ -214,14 +229,35 @@ RunResult drive(Rig& rig, const MachineProfile& profile, const LoadTrace& trace,
 // Kelvo as a user runs it on first launch: its telemetry and hwmon back-end, a fresh store
 // holding samples, events and the curves the back-end learns, no fan choices yet, the mode
 // picked before the first tick.
+// The machine file's coupling as evidence in the store: every fan answered each die with its true
+// cooling per rpm, as often as confidence needs, at every lag.
+void storeFileCoupling(SQLiteStore& store, const std::string& root, const sim::PlantConfig& plant) {
+    for (const HwmonFan& fan : HwmonFanService(root).discover()) {
+        const auto index = static_cast<std::size_t>(fan.channel - 1);
+        if (index >= plant.fans.size()) continue;
+        std::vector<double> unit(plant.fans.size(), 0.0);
+        unit[index] = 1;
+        FanCouplingEvidence evidence;
+        for (int probe = 0; probe < kCouplingProbesForConfidence; ++probe)
+            for (std::size_t lag = 0; lag < kCouplingLagsS.size(); ++lag) {
+                evidence.cpu.byLag[lag].add(sim::coolingAirflow(plant, sim::Die::cpu, unit), 1);
+                evidence.gpu.byLag[lag].add(sim::coolingAirflow(plant, sim::Die::gpu, unit), 1);
+            }
+        if (!store.saveFanCoupling(fan.identity, evidence))
+            std::fprintf(stderr, "control_quality: cannot store the coupling: %s\n",
+                         store.lastError().c_str());
+    }
+}
+
 RunResult runKelvo(Rig& rig, const MachineProfile& machine, const LoadTrace& trace,
-                   ControlMode mode) {
-    const FreshProfile profile;
+                   ControlMode mode, const RunSettings& settings, bool knownCoupling) {
+    const FreshProfile profile(settings.startDatabase);
     auto store = std::make_shared<SQLiteStore>(profile.databasePath(), rig.clock.timestamps());
     auto telemetry = hwmonTelemetry(rig.root());
     auto fans = std::make_shared<LocalFanController>(std::make_shared<HwmonFanService>(rig.root()),
                                                      rig.clock.steady());
     attachFanCurveStore(*fans, store);
+    if (knownCoupling) storeFileCoupling(*store, rig.root(), machine.plant);
     auto ring = std::make_shared<EventRing>(160, 300.0, rig.clock.timestamps());
     for (auto& event : store->takeStartupEvents()) ring->append(event);
     RunResult result;
@@ -242,6 +278,12 @@ RunResult runKelvo(Rig& rig, const MachineProfile& machine, const LoadTrace& tra
     // hwmon lists the fans by channel, which is the machine's order.
     if (const auto stored = store->fanCouplings())
         result.evidence.couplings = fanCouplings(*stored, identities);
+    if (!settings.keepDatabase.empty() && !profile.databasePath().empty()) {
+        // Closed first, so the copy holds everything written.
+        fans.reset();
+        store.reset();
+        FreshProfile::copyDatabase(profile.databasePath(), settings.keepDatabase);
+    }
     return result;
 }
 
@@ -260,7 +302,10 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
     Rig rig(machine, settings.seed);
     RunResult result;
     if (controller.kelvoMode) {
-        result = runKelvo(rig, machine, trace, *controller.kelvoMode);
+        RunSettings kelvo = settings;
+        if (!controller.afterLearning) kelvo.startDatabase.clear();
+        result =
+            runKelvo(rig, machine, trace, *controller.kelvoMode, kelvo, controller.knownCoupling);
     } else if (controller.plan) {
         // The plan needs no telemetry: it knows the machine and the whole trace already.
         const DutyPlan plan = controller.plan(machine, trace, settings);
@@ -300,6 +345,29 @@ std::vector<ControllerSpec> standardControllers() {
          {},
          std::string(kKelvoStack) + "; no lead model, as a fresh install has none"},
         {"performance", ControlMode::performance, {}, {}, kKelvoStack},
+        {"quiet-learned",
+         ControlMode::quiet,
+         {},
+         {},
+         "Kelvo launched again on the profile its quiet mode built on the same machine through "
+         "the long mixed use (the traces one after another), which includes which die each fan "
+         "cools",
+         true},
+        {"quietHybrid-learned",
+         ControlMode::quietHybrid,
+         {},
+         {},
+         "as quiet-learned, in quietHybrid",
+         true},
+        {"quiet-known",
+         ControlMode::quiet,
+         {},
+         {},
+         "reference, not a user's Kelvo: the quiet mode launched with the machine file's coupling "
+         "in its store as if measured exactly, to show what sharing the work gives apart from how "
+         "well Kelvo learns it",
+         false,
+         true},
         {"linear-curve",
          std::nullopt,
          [] { return std::make_unique<LinearCurvePolicy>(); },

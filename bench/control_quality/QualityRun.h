@@ -36,6 +36,13 @@ struct ControllerSpec {
     std::function<DutyPlan(const MachineProfile&, const LoadTrace&, const RunSettings&)> plan;
     // What it is, for the report's set-up lines (a baseline says it itself).
     std::string description;
+    // Kelvo's mode launched again on the profile its quiet mode built on the same machine
+    // through a long stretch of mixed use (RunSettings::startDatabase).
+    bool afterLearning = false;
+    // Kelvo's mode launched on a profile that holds the machine file's coupling as if measured
+    // exactly: what sharing the work does once the coupling is known, apart from how well it is
+    // learned. No user's Kelvo starts so.
+    bool knownCoupling = false;
 };
 
 struct SeriesPoint {
@@ -69,6 +76,11 @@ struct RunResult {
 
 struct RunSettings {
     std::uint64_t seed = 1;
+    // Kelvo's modes start from a copy of this database, a profile an earlier run of Kelvo left
+    // on the same machine; empty: a fresh profile.
+    std::string startDatabase;
+    // Kelvo's modes leave a copy of their database here when the run ends; empty: none.
+    std::string keepDatabase;
 };
 
 RunResult runController(const MachineProfile& machine, const LoadTrace& trace,

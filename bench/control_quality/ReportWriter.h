@@ -39,6 +39,7 @@ private:
     bool checkFloor(std::ostream& out, const QualityRow& row) const;
     bool checkChanges(std::ostream& out, const QualityRow& row) const;
     bool checkLaunch(std::ostream& out, const QualityRow& row) const;
+    bool checkMix(std::ostream& out, const QualityRow& row, const std::string& fresh) const;
     bool checkAnticipation(std::ostream& out, const QualityRow& hybrid) const;
     bool checkPeer(std::ostream& out, const QualityRow& hybrid, const QualityRow& peer) const;
     bool checkRetention(std::ostream& out, const QualityRow& performance) const;

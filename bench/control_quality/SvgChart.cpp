@@ -84,8 +84,8 @@ std::string SvgChart::legend() const {
     return out;
 }
 
-// Each fan's speed as a share of its range (a stopped fan at 0), for the quiet mode and foresight
-// in their own colours, one dash pattern per fan.
+// Each fan's speed as a share of its range (a stopped fan at 0), for the quiet mode from a fresh
+// profile and on the one it built, and foresight, in their own colours, one dash pattern per fan.
 std::string SvgChart::fanPanel(const Panel& panel) const {
     static const char* const kDashes[] = {"", "6 3", "2 3", "8 3 2 3"};
     std::string out = axes(panel, "each fan, % of its range", 25);
@@ -106,7 +106,8 @@ std::string SvgChart::fanPanel(const Panel& panel) const {
             return std::clamp((p.fanRPM[fan] - lo) / span, 0.0, 1.0) * 100;
         };
         for (std::size_t i = 0; i < lines_.size(); ++i) {
-            if (lines_[i].controller != "quiet" && lines_[i].controller != "foresight") continue;
+            const std::string& name = lines_[i].controller;
+            if (name != "quiet" && name != "quiet-learned" && name != "foresight") continue;
             out +=
                 polyline(lines_[i].series, panel, share, kColours[i % std::size(kColours)], dash);
         }

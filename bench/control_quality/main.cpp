@@ -1,5 +1,7 @@
 // control_quality: every controller through every load trace on every simulated machine, same
 // seed for all, in virtual time; prints one table, optionally a CSV and an SVG chart per trace.
+#include <stdlib.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -30,6 +32,7 @@ struct Options {
     std::string fanCsvPath;
     std::string couplingCsvPath;
     std::vector<int> learnMinutes;
+    int learnedAfterMinutes = 240;
     std::string svgDir;
     std::string seriesDir;
     std::uint64_t seed = 1;
@@ -56,6 +59,9 @@ void usage() {
         "  --learn-minutes N,.. instead of the table: Kelvo's quiet mode on each machine with\n"
         "                       more than one fan, from a fresh profile, through N minutes of the\n"
         "                       traces one after another, and what it measured of its fans\n"
+        "  --learned-after N    the -learned rows start from the profile Kelvo's quiet mode\n"
+        "                       built through N minutes of the traces one after another on the\n"
+        "                       same machine (default 240; 0 leaves those rows out)\n"
         "  --machine NAME       run only the built-in machine NAME\n"
         "  --machine-file FILE  run the machine described in FILE (repeatable); once any\n"
         "                       is given, built-in machines run only when named by --machine\n"
@@ -85,6 +91,9 @@ bool parse(int argc, char** argv, Options& options) {
                 options.learnMinutes.push_back(minutes);
                 at = comma + 1;
             }
+        } else if (arg == "--learned-after") {
+            options.learnedAfterMinutes = std::atoi(value.c_str());
+            if (options.learnedAfterMinutes < 0) return false;
         } else if (arg == "--svg-dir") {
             options.svgDir = value;
         } else if (arg == "--series-dir") {
@@ -233,17 +242,55 @@ void printSetup(const std::vector<ControllerSpec>& controllers) {
             std::cout << "  " << controller.name << ": " << controller.description << '\n';
 }
 
+// A database Kelvo's quiet mode left on a machine after the long mixed use, from a fresh
+// profile; removed when done with.
+class LearnedProfile {
+public:
+    LearnedProfile(const MachineProfile& machine, const std::vector<LoadTrace>& traces,
+                   const std::vector<ControllerSpec>& controllers, const Options& options) {
+        const auto quiet = std::find_if(controllers.begin(), controllers.end(), [](const auto& c) {
+            return c.kelvoMode == kelvo::ControlMode::quiet && !c.afterLearning;
+        });
+        const bool wanted = std::any_of(controllers.begin(), controllers.end(),
+                                        [](const auto& c) { return c.afterLearning; });
+        if (!wanted || quiet == controllers.end() || options.learnedAfterMinutes <= 0) return;
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "kelvo-learned-XXXXXX").string();
+        if (!::mkdtemp(pattern.data())) return;
+        dir_ = pattern;
+        RunSettings settings{options.seed, {}, dir_ + "/kelvo.db"};
+        runController(machine, mixedUse(traces, options.learnedAfterMinutes * 60), *quiet,
+                      settings);
+    }
+    ~LearnedProfile() {
+        std::error_code ec;
+        if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
+    }
+    LearnedProfile(const LearnedProfile&) = delete;
+    LearnedProfile& operator=(const LearnedProfile&) = delete;
+
+    std::string path() const { return dir_.empty() ? std::string() : dir_ + "/kelvo.db"; }
+
+private:
+    std::string dir_;
+};
+
 std::vector<QualityRow> runMachine(const MachineProfile& machine,
                                    const std::vector<LoadTrace>& traces,
                                    const std::vector<ControllerSpec>& controllers,
                                    const Options& options, std::vector<CouplingRow>& couplings) {
-    const RunSettings settings{options.seed};
+    const RunSettings settings{options.seed, {}, {}};
+    // The profile the -learned rows start from, built once per machine by Kelvo's quiet mode.
+    const LearnedProfile learned(machine, traces, controllers, options);
     std::vector<QualityRow> rows;
     for (const auto& trace : traces) {
         SvgChart chart(machine.name + " / " + trace.name(), 88, 85);
         chart.setFans(machine.plant.fans);
         for (const auto& controller : controllers) {
-            RunResult run = runController(machine, trace, controller, settings);
+            if (controller.afterLearning && learned.path().empty()) continue;
+            RunSettings runSettings = settings;
+            if (controller.afterLearning) runSettings.startDatabase = learned.path();
+            RunResult run = runController(machine, trace, controller, runSettings);
             rows.push_back(run.row);
             if (controller.kelvoMode && machine.plant.fans.size() > 1)
                 couplings.push_back({machine.name, controller.name, trace.name(), machine.plant,
@@ -274,7 +321,8 @@ int learnCouplings(const std::vector<MachineProfile>& machines,
         if (machine.plant.fans.size() < 2) continue;
         for (int minutes : options.learnMinutes) {
             const LoadTrace trace = mixedUse(traces, minutes * 60);
-            RunResult run = runController(machine, trace, *quiet, RunSettings{options.seed});
+            RunResult run =
+                runController(machine, trace, *quiet, RunSettings{options.seed, {}, {}});
             rows.push_back({machine.name, quiet->name, trace.name(), machine.plant,
                             std::move(run.evidence.couplings)});
         }
@@ -311,6 +359,8 @@ int main(int argc, char** argv) {
         if (!dir.empty()) std::filesystem::create_directories(dir);
 
     auto controllers = standardControllers();
+    if (options.learnedAfterMinutes == 0)
+        std::erase_if(controllers, [](const ControllerSpec& c) { return c.afterLearning; });
     if (!options.learnMinutes.empty())
         return learnCouplings(*machines, *traces, controllers, options);
     printSetup(controllers);

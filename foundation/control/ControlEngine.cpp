@@ -33,6 +33,7 @@ ControlEngine::ControlEngine(std::shared_ptr<TelemetryProvider> telemetry,
       writer_(fans_),
       policy_(config.limits),
       previewPolicy_(config.limits),
+      diePolicies_{ControlPolicy(config.limits), ControlPolicy(config.limits)},
       assessor_(config.throttle) {
     config_.tickSeconds = std::clamp(config_.tickSeconds, 0.25, 5.0);
     assessor_.setMachineHighLoadPowerW(telemetry_->highLoadPowerW());
@@ -59,7 +60,7 @@ void ControlEngine::applyMode(ControlMode mode) {
         releasePending_ = true;
     } else if (previous == ControlMode::systemAuto) {
         // Start from the speed the firmware was running so the switch is not audible.
-        policy_.reset(currentFanDuty());
+        resetPolicies(currentFanDuty());
     }
     // A new mode is the user's fresh start: fans left to the firmware are tried again.
     leftToFirmware_.clear();
@@ -77,6 +78,7 @@ void ControlEngine::setUserLimits(double cpuQuietC, double gpuQuietC, double per
     config_.limits = limits;
     policy_.setLimits(limits);
     previewPolicy_.setLimits(limits);
+    for (ControlPolicy& die : diePolicies_) die.setLimits(limits);
 }
 
 double ControlEngine::currentFanDuty() const {
@@ -109,7 +111,7 @@ void ControlEngine::setSleeping(bool sleeping) {
         record("Fans handed to the firmware for sleep");
         return;
     }
-    policy_.reset(currentFanDuty());
+    resetPolicies(currentFanDuty());
     record("Fan control resumed after sleep");
 }
 
@@ -336,16 +338,30 @@ void ControlEngine::markOldFanReadings(Timestamp now) {
 }
 
 std::vector<double> ControlEngine::targetsFor(double duty) const {
+    return targetsFor(std::vector<double>(lastFans_.size(), duty));
+}
+
+std::vector<double> ControlEngine::targetsFor(const std::vector<double>& duties) const {
     std::vector<double> targets;
-    for (const auto& fan : lastFans_) {
+    for (std::size_t i = 0; i < lastFans_.size(); ++i) {
+        const FanState& fan = lastFans_[i];
         if (leftToFirmware_.contains(fan.name) || !fan.heldBackWhy.empty() ||
             refusalHolds(fan.name)) {
             targets.push_back(0);
             continue;
         }
+        const double duty = i < duties.size() ? duties[i] : 1.0;
         targets.push_back(fanTargetRPM(fan, effectiveFanChoice(fan, fanChoices_), duty));
     }
     return targets;
+}
+
+void ControlEngine::resetPolicies(double duty) {
+    policy_.reset(duty);
+    for (ControlPolicy& die : diePolicies_) die.reset(duty);
+    // From one duty, as the fans are now; a mix is eased in again where it applies.
+    shareBlend_ = 0;
+    mixDuties_.clear();
 }
 
 void ControlEngine::enterFallback(const std::string& reason) {
@@ -463,7 +479,7 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
     }
     if (blind_) {
         blind_ = false;
-        policy_.reset(currentFanDuty());
+        resetPolicies(currentFanDuty());
         record("Temperatures can be read again: Kelvo controls the fans again");
     }
     // The tick that finds the lease lost shows it: the firmware has the fans until the next.
@@ -486,13 +502,15 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
     decision.cooldownActive = cooldown_;
     if (cooldown_) {
         decision.targetRPM = targetsFor(1.0);
-        applyFanStops(decision.targetRPM, 1.0, sample);
+        applyFanStops(decision.targetRPM, std::vector<double>(lastFans_.size(), 1.0), sample);
         decision.reason = "cooldown";
     } else {
         auto out = policy_.decide(mode_, sample, dt, leadModel_);
-        decision.targetRPM = targetsFor(out.duty);
-        applyFanStops(decision.targetRPM, out.duty, sample);
-        probeCoupling(sample, out.duty, decision.targetRPM);
+        // Where Kelvo knows which fan cools what, the quiet modes share the work among them.
+        const std::vector<double> duties = shareAmongFans(sample, dt, out.duty);
+        decision.targetRPM = targetsFor(duties);
+        applyFanStops(decision.targetRPM, duties, sample);
+        probeCoupling(sample, *std::max_element(duties.begin(), duties.end()), decision.targetRPM);
         decision.anticipating = out.anticipating;
         decision.reason = out.reason;
     }
@@ -602,6 +620,7 @@ ControlSnapshot ControlEngine::tick(Timestamp now) {
     snap.stoppedFans = stopGate_.stoppedFans();
     snap.calibrations = calibrations_;
     snap.couplings = currentCouplings();
+    snap.fansShared = snap.decision && shareBlend_ > 0;
     return snap;
 }
 

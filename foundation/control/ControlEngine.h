@@ -2,6 +2,7 @@
 // ControlLoop runs it on its own thread; tests drive it directly with virtual time.
 #pragma once
 
+#include <array>
 #include <deque>
 #include <map>
 #include <memory>
@@ -49,6 +50,8 @@ struct ControlSnapshot {
     std::map<std::string, FanCalibrationStatus> calibrations;
     // Which die each fan cools, as far as Kelvo has measured it, in the order of `fans`.
     std::vector<FanCoupling> couplings;
+    // The quiet mode shares the work among the fans by what each cools (not one duty for all).
+    bool fansShared = false;
     ThrottleAssessment assessment;
     ControlMode mode = ControlMode::systemAuto;
     ControlStatus status = ControlStatus::starting;
@@ -109,8 +112,10 @@ private:
     void markOldFanReadings(Timestamp now);
     void noticeReclaimedFans(Timestamp now);
     void noticeStalledFans(Timestamp now);
-    // Replaces the targets of fans that may stand still now with kFanStopRPM.
-    void applyFanStops(std::vector<double>& targets, double duty, const TelemetrySample& sample);
+    // Replaces the targets of fans that may stand still now with kFanStopRPM; `duties` is what
+    // the policy asked of each fan.
+    void applyFanStops(std::vector<double>& targets, const std::vector<double>& duties,
+                       const TelemetrySample& sample);
     void followCalibrations(Timestamp now);
     bool calibrating(const std::string& fan) const;
     void noticeFansComingAndGoing();
@@ -123,6 +128,8 @@ private:
     // A refused fan still waiting for its next try.
     bool refusalHolds(const std::string& fan) const;
     std::vector<double> targetsFor(double duty) const;
+    std::vector<double> targetsFor(const std::vector<double>& duties) const;  // one per fan
+    void resetPolicies(double duty);
     std::optional<ControlDecision> controlStep(const TelemetrySample& sample, double dt);
     bool applyTargets(const std::vector<double>& targets);
     void enterFallback(const std::string& reason);
@@ -139,6 +146,11 @@ private:
     bool drivenAutomatically(const FanState& fan) const;
     void probeCoupling(const TelemetrySample& sample, double duty, std::vector<double>& targets);
     void announceCoupling();
+    // Each fan's duty: `duty` for every fan, or in the quiet modes, once every fan Kelvo drives
+    // is known, the quietest mix that gives each die the cooling its own policy asks for.
+    std::vector<double> shareAmongFans(const TelemetrySample& sample, double dt, double duty);
+    // The mix's duties for the fans Kelvo drives (none where it cannot be made), by fan.
+    std::optional<std::vector<double>> quietestDuties(const double levels[2]) const;
     std::vector<FanCoupling> currentCouplings() const;
     void trackBoundary(const TelemetrySample& sample);
     void updateCooldown(const TelemetrySample& sample);
@@ -154,6 +166,12 @@ private:
     FanWriter writer_;
     ControlPolicy policy_;
     ControlPolicy previewPolicy_;
+    // One policy per die (CPU, GPU), each seeing only its own die: how much cooling each asks for.
+    std::array<ControlPolicy, 2> diePolicies_;
+    // How far the fans have moved from one shared duty to the mix (0-1): a change of plan is
+    // eased in rather than heard as a step.
+    double shareBlend_ = 0;
+    std::map<std::string, double> mixDuties_;  // by fan: the mix's last duty for it
     ThrottleAssessor assessor_;
     CouplingLearner coupling_;
     bool couplingSaveFailed_ = false;

@@ -1,8 +1,11 @@
-// ControlEngine's coupling learning: which fans it may probe, the probes themselves, and what
-// they have shown, kept in the store and handed to the dashboard.
+// ControlEngine's coupling: which fans it may probe, the probes themselves, what they have
+// shown (kept in the store and handed to the dashboard), and the quiet modes' use of it.
 #include <algorithm>
+#include <cmath>
+#include <limits>
 
 #include "foundation/control/ControlEngine.h"
+#include "foundation/control/QuietestMix.h"
 #include "foundation/core/FanChoices.h"
 #include "foundation/store/SQLiteStore.h"
 
@@ -11,6 +14,11 @@ namespace kelvo {
 namespace {
 constexpr double kNoProbeAfterStopS = 300;
 constexpr double kProbeFromDuty = 0.02;
+constexpr double kProbeFromLoadPct = 60;
+// The quiet modes share the work by what the fans cool only once every fan is this sure.
+constexpr double kShareFromConfidence = 0.6;
+// A change between one duty for every fan and the mix takes a minute.
+constexpr double kShareBlendPerSecond = 1.0 / 60;
 }  // namespace
 
 void ControlEngine::loadCoupling() {
@@ -44,7 +52,10 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
     // At idle and light load the quiet modes hold the fans at their lowest, quieter than the
     // firmware: a probe there would be the loudest thing in the room. Under real load the fans
     // are working anyway and a probe of a couple of dB on one of them goes unnoticed.
-    const bool working = duty >= kProbeFromDuty;
+    // A device under heavy load is also working where its fans are still at their lowest (a
+    // tower cooler's heatsink takes minutes to warm through).
+    const bool busy = sample.maxUtilizationPct().value_or(0) >= kProbeFromLoadPct;
+    const bool working = duty >= kProbeFromDuty || busy;
     std::vector<ProbeFan> fans;
     for (std::size_t i = 0; i < lastFans_.size(); ++i) {
         const FanState& fan = lastFans_[i];
@@ -99,6 +110,95 @@ std::vector<FanCoupling> ControlEngine::currentCouplings() const {
         c.identity = fan.name;
         out.push_back(std::move(c));
     }
+    return out;
+}
+
+std::vector<double> ControlEngine::shareAmongFans(const TelemetrySample& sample, double dt,
+                                                  double duty) {
+    std::vector<double> duties(lastFans_.size(), duty);
+    if (mode_ != ControlMode::quiet && mode_ != ControlMode::quietHybrid) {
+        shareBlend_ = 0;
+        mixDuties_.clear();
+        return duties;
+    }
+    // Each die's own policy runs every tick, known coupling or not, so it is in step when the
+    // mix takes over.
+    double levels[2] = {std::numeric_limits<double>::quiet_NaN(),
+                        std::numeric_limits<double>::quiet_NaN()};
+    const std::optional<double>* temperatures[2] = {&sample.cpuTemperatureC,
+                                                    &sample.gpuTemperatureC};
+    for (int die : {0, 1}) {
+        if (!*temperatures[die]) {
+            diePolicies_[die].reset(duty);
+            continue;
+        }
+        TelemetrySample own = sample;
+        (die == 0 ? own.gpuTemperatureC : own.cpuTemperatureC).reset();
+        levels[die] = diePolicies_[die].decide(mode_, own, dt, leadModel_).duty;
+    }
+    // The die that asks most gets what the shared policy asks: it holds that die as it always
+    // has, so with fans that are alike the mix is exactly one duty. The other die gets what its
+    // own policy asks, never more.
+    if (!std::isnan(levels[0]) || !std::isnan(levels[1])) {
+        const int hot = std::isnan(levels[0]) || (!std::isnan(levels[1]) && levels[1] > levels[0]);
+        levels[hot] = duty;
+        if (!std::isnan(levels[1 - hot])) levels[1 - hot] = std::min(levels[1 - hot], duty);
+    }
+    const auto mix = quietestDuties(levels);
+    if (mix) {
+        for (std::size_t i = 0; i < lastFans_.size() && i < mix->size(); ++i)
+            if ((*mix)[i] >= 0) mixDuties_[lastFans_[i].name] = (*mix)[i];
+    }
+    const double step = kShareBlendPerSecond * std::clamp(dt, 0.0, 5.0);
+    shareBlend_ = std::clamp(shareBlend_ + (mix ? step : -step), 0.0, 1.0);
+    if (shareBlend_ <= 0) mixDuties_.clear();
+    for (std::size_t i = 0; i < lastFans_.size(); ++i) {
+        const auto it = mixDuties_.find(lastFans_[i].name);
+        if (it != mixDuties_.end()) duties[i] = duty + shareBlend_ * (it->second - duty);
+    }
+    return duties;
+}
+
+std::optional<std::vector<double>> ControlEngine::quietestDuties(const double levels[2]) const {
+    const std::vector<FanCoupling> couplings = currentCouplings();
+    std::vector<QuietestMix::Fan> mixFans;
+    std::vector<std::size_t> index;  // the mix's fans in lastFans_
+    for (std::size_t i = 0; i < lastFans_.size() && i < couplings.size(); ++i) {
+        const FanState& fan = lastFans_[i];
+        if (!drivenAutomatically(fan)) continue;
+        const FanCoupling& c = couplings[i];
+        if (c.confidence < kShareFromConfidence) return std::nullopt;
+        const std::optional<double> perRPM[2] = {c.cpuPerRPM, c.gpuPerRPM};
+        QuietestMix::Fan mixFan;
+        const FanSpeedRange range = fanSpeedRange(fan);
+        mixFan.lo = range.minRPM;
+        mixFan.hi = range.maxRPM;
+        if (!(mixFan.hi > mixFan.lo)) return std::nullopt;
+        for (int die : {0, 1}) {
+            if (std::isnan(levels[die])) continue;
+            if (!perRPM[die]) return std::nullopt;
+            mixFan.weight[die] = *perRPM[die];
+        }
+        // Kelvo cannot hear its fans: it takes each to be as loud as the others at the same
+        // speed (sound power with the fifth power of it), so the fan that cools a die more per
+        // rpm is the cheaper one to raise for it.
+        mixFan.cost = 1;
+        mixFans.push_back(mixFan);
+        index.push_back(i);
+    }
+    if (mixFans.size() < 2) return std::nullopt;
+    // A die no fan is seen to cool would get nothing from the mix however hot it ran.
+    for (int die : {0, 1}) {
+        if (std::isnan(levels[die])) continue;
+        double total = 0;
+        for (const QuietestMix::Fan& fan : mixFans) total += fan.weight[die];
+        if (!(total > 0)) return std::nullopt;
+    }
+    QuietestMix mix(std::move(mixFans));
+    const std::vector<double> mixDuties = mix.duties(mix.speeds(levels[0], levels[1]));
+    std::vector<double> out(lastFans_.size(), -1.0);
+    for (std::size_t k = 0; k < index.size() && k < mixDuties.size(); ++k)
+        out[index[k]] = mixDuties[k];
     return out;
 }
 

@@ -60,7 +60,7 @@ void ControlEngine::noticeStalledFans(Timestamp now) {
     }
 }
 
-void ControlEngine::applyFanStops(std::vector<double>& targets, double duty,
+void ControlEngine::applyFanStops(std::vector<double>& targets, const std::vector<double>& duties,
                                   const TelemetrySample& sample) {
     // Every die the fans answer to; blindDies() has already made sure each can be read.
     std::vector<FanStopGate::Die> dies;
@@ -79,6 +79,7 @@ void ControlEngine::applyFanStops(std::vector<double>& targets, double duty,
         const bool mayStop = fanMayStop(fan, effectiveFanChoice(fan, fanChoices_)) &&
                              (fan.canStop || fan.firmwareStops) && !(fan.floorPercent > 0);
         FanStopGate::Change change = FanStopGate::Change::none;
+        const double duty = i < duties.size() ? duties[i] : 1.0;
         if (stopGate_.decide(fan.name, mayStop, duty, dies, sample.timestamp, &change))
             targets[i] = kFanStopRPM;
         if (change == FanStopGate::Change::stopped)

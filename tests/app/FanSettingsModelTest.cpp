@@ -242,6 +242,15 @@ TEST_F(FanSettingsModelTest, AKnownCouplingSaysWhichDieWithItsShareAndConfidence
     EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, 0.4, 0.55, 0.9)),
               QStringLiteral("Cools mostly: CPU and GPU (40 % of the fans' CPU cooling, 55 % of "
                              "their GPU cooling, speed for speed); confidence 90 %"));
+    // Once the quiet mode shares the work by it, the line says what that means for the fan.
+    EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, 0.86, 0.2, 0.85), true),
+              QStringLiteral("Cools mostly: CPU (86 % of the fans' CPU cooling, speed for speed); "
+                             "confidence 85 %; the quiet mode raises it first when the CPU needs "
+                             "air"));
+    EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, 0.4, 0.55, 0.9), true),
+              QStringLiteral("Cools mostly: CPU and GPU (40 % of the fans' CPU cooling, 55 % of "
+                             "their GPU cooling, speed for speed); confidence 90 %; the quiet mode "
+                             "raises it first when the CPU or the GPU needs air"));
 }
 
 TEST_F(FanSettingsModelTest, AnUnknownCouplingSaysItIsNotMeasuredYet) {

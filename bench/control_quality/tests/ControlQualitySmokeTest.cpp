@@ -63,12 +63,12 @@ protected:
         dir_ = std::filesystem::temp_directory_path() /
                ("control_quality_smoke_" + std::to_string(::getpid()));
         std::filesystem::create_directories(dir_);
-        std::string command = std::string(CONTROL_QUALITY_BIN) + " --trace compile --max-seconds " +
-                              std::to_string(kSeconds) + " --csv " + (dir_ / "out.csv").string() +
-                              " --fan-csv " + (dir_ / "fans.csv").string() + " --coupling-csv " +
-                              (dir_ / "coupling.csv").string() + " --series-dir " +
-                              (dir_ / "series").string() + " --svg-dir " + (dir_ / "svg").string() +
-                              " > " + (dir_ / "stdout.txt").string();
+        std::string command =
+            std::string(CONTROL_QUALITY_BIN) + " --trace compile --max-seconds " +
+            std::to_string(kSeconds) + " --learned-after 3 --csv " + (dir_ / "out.csv").string() +
+            " --fan-csv " + (dir_ / "fans.csv").string() + " --coupling-csv " +
+            (dir_ / "coupling.csv").string() + " --series-dir " + (dir_ / "series").string() +
+            " --svg-dir " + (dir_ / "svg").string() + " > " + (dir_ / "stdout.txt").string();
         status_ = std::system(command.c_str());
     }
     void TearDown() override { std::filesystem::remove_all(dir_); }
@@ -116,9 +116,10 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
         EXPECT_GE(number(row, "mean_db"), 0.0);
         EXPECT_GE(number(row, "peak_db"), number(row, "mean_db"));
     }
-    EXPECT_EQ(controllers, (std::set<std::string>{"firmware", "quiet", "quietHybrid", "performance",
-                                                  "linear-curve", "stepped-hysteresis", "pid",
-                                                  "limit-hold", "foresight"}));
+    EXPECT_EQ(controllers, (std::set<std::string>{
+                               "firmware", "quiet", "quietHybrid", "performance", "quiet-learned",
+                               "quietHybrid-learned", "quiet-known", "linear-curve",
+                               "stepped-hysteresis", "pid", "limit-hold", "foresight"}));
     EXPECT_GE(machines.size(), 2u);  // a laptop and a desktop at least
     EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
 }
@@ -184,7 +185,9 @@ void expectCouplingRows(const Csv& coupling, const std::set<std::string>& contro
 
 TEST_F(ControlQualitySmoke, WritesWhatKelvoMeasuredOfEachFanBesideTheMachineFile) {
     ASSERT_EQ(status_, 0);
-    expectCouplingRows(readCsv(dir_ / "coupling.csv"), {"quiet", "quietHybrid", "performance"});
+    expectCouplingRows(readCsv(dir_ / "coupling.csv"),
+                       {"quiet", "quietHybrid", "performance", "quiet-learned",
+                        "quietHybrid-learned", "quiet-known"});
 }
 
 TEST_F(ControlQualitySmoke, LearningRunsKelvosQuietModeOnTheMachinesWithSeveralFans) {

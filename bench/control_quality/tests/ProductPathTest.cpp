@@ -3,6 +3,9 @@
 // firmware row through none.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <string>
 
 #include "LoadTrace.h"
@@ -43,6 +46,34 @@ ControllerSpec constantPlan(double duty) {
         return DutyPlan(static_cast<std::size_t>(trace.seconds()), {duty});
     };
     return controller;
+}
+
+TEST(ProductPath, TheLearnedRowsStartFromTheProfileKelvoLeftAndNoOtherRowDoes) {
+    MachineProfile machine = simDefault();
+    for (const auto& candidate : standardMachines())
+        if (candidate.name == "laptop-two-blowers") machine = candidate;
+    ASSERT_EQ(machine.name, "laptop-two-blowers");
+    const std::filesystem::path dir = std::filesystem::temp_directory_path() /
+                                      ("kelvo-learned-test-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir);
+    const std::string kept = (dir / "kelvo.db").string();
+    // A long render: the quiet mode probes its blowers and leaves what it measured.
+    LoadTrace render("render");
+    render.hold(30 * 60, {1.0, 0.75});
+    const RunResult learning = runController(machine, render, named("quiet"), {1, {}, kept});
+    ASSERT_TRUE(std::filesystem::exists(kept));
+    int probes = 0;
+    for (const auto& c : learning.evidence.couplings) probes += c.probes;
+    ASSERT_GT(probes, 0);
+
+    LoadTrace idle("idle");
+    idle.hold(10, {0.02, 0.02});
+    const RunResult learned = runController(machine, idle, named("quiet-learned"), {1, kept, {}});
+    EXPECT_EQ(learned.evidence.couplings, learning.evidence.couplings);
+    // The fresh modes ignore it: a user's first launch.
+    const RunResult fresh = runController(machine, idle, named("quiet"), {1, kept, {}});
+    for (const auto& c : fresh.evidence.couplings) EXPECT_EQ(c.probes, 0) << c.identity;
+    std::filesystem::remove_all(dir);
 }
 
 TEST(ProductPath, KelvoDrivesTheFansThroughHwmonAndFillsAFreshStore) {

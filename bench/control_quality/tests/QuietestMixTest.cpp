@@ -4,7 +4,7 @@
 #include <random>
 
 #include "MachineProfile.h"
-#include "QuietestMix.h"
+#include "PlantMix.h"
 #include "SoundLevel.h"
 #include "foundation/core/FanController.h"
 
@@ -33,7 +33,7 @@ double need(const sim::PlantConfig& plant, sim::Die die, double level) {
 
 TEST(QuietestMix, EqualFansOnASharedSinkRunAsOneDuty) {
     const sim::PlantConfig plant = simulatedDefault().plant;
-    QuietestMix mix(plant);
+    QuietestMix mix = quietestMixFor(plant);
     for (double level : {0.0, 0.25, 0.6, 1.0}) {
         const std::vector<double> rpm = mix.speeds(level, level / 2);
         for (std::size_t i = 0; i < rpm.size(); ++i) {
@@ -47,7 +47,7 @@ TEST(QuietestMix, EqualFansOnASharedSinkRunAsOneDuty) {
 
 TEST(QuietestMix, GivesEachSinkWhatItsLevelAsksAndNoFanMoreThanItNeeds) {
     const sim::PlantConfig plant = desktopCoolerGpuCase().plant;
-    QuietestMix mix(plant);
+    QuietestMix mix = quietestMixFor(plant);
     // The CPU loaded, the GPU idle: the card's loud fans stay at their minimum.
     const std::vector<double> cpuOnly = mix.speeds(0.6, 0);
     EXPECT_GE(airflow(plant, sim::Die::cpu, cpuOnly), need(plant, sim::Die::cpu, 0.6) - 1e-9);
@@ -76,7 +76,7 @@ TEST(QuietestMix, NoNearbyMixThatKeepsBothSinksIsQuieter) {
          {desktopCoolerGpuCase(), laptopTwoBlowers(), desktopUnequalFans()}) {
         SCOPED_TRACE(machine.name);
         const sim::PlantConfig& plant = machine.plant;
-        QuietestMix mix(plant);
+        QuietestMix mix = quietestMixFor(plant);
         std::mt19937 random(7);
         std::uniform_real_distribution<double> level(0, 1);
         std::normal_distribution<double> nudge(0, 40);
@@ -101,7 +101,7 @@ TEST(QuietestMix, NoNearbyMixThatKeepsBothSinksIsQuieter) {
 
 TEST(QuietestMix, FansThatCanStopStandStillWhereTheOthersSuffice) {
     const sim::PlantConfig plant = desktopFanStop().plant;
-    QuietestMix mix(plant);
+    QuietestMix mix = quietestMixFor(plant);
     EXPECT_EQ(mix.lowestLevel(), -1);
     const std::vector<double> still = mix.speeds(-1, -1);
     for (double rpm : still) EXPECT_EQ(rpm, kFanStopRPM);
@@ -113,6 +113,6 @@ TEST(QuietestMix, FansThatCanStopStandStillWhereTheOthersSuffice) {
     EXPECT_LT(stopped, static_cast<long>(plant.fans.size()));
     EXPECT_GE(airflow(plant, sim::Die::cpu, half), need(plant, sim::Die::cpu, 0) / 2 - 1e-9);
     // A machine whose fans cannot stop never goes under its minimum.
-    EXPECT_EQ(QuietestMix(simulatedDefault().plant).speeds(-1, -1),
+    EXPECT_EQ(quietestMixFor(simulatedDefault().plant).speeds(-1, -1),
               at(simulatedDefault().plant, false));
 }

@@ -197,3 +197,39 @@ TEST(ReportWriter, EachFansSpeedIsInTheTableAndTheFanCsv) {
     EXPECT_EQ(lines[1], "m,foresight,game,1,\"CPU cooler fan\",612.4,8.250");
     EXPECT_EQ(lines[2], "m,foresight,game,2,\"Card \"\"fans\"\", both\",1398.6,28.500");
 }
+
+TEST(ReportWriter, KnowingTheFansMustBeatEveryOneDutyControllerThatKeepsTheLimits) {
+    auto fans = [](QualityRow r, int n) {
+        r.fanNames.assign(static_cast<std::size_t>(n), "fan");
+        r.sustainedLoad = true;
+        return r;
+    };
+    std::vector<QualityRow> rows = {
+        fans(row("foresight", "game", 30.0), 2),
+        fans(row("quiet", "game", 34.0), 2),
+        // Quieter, but over a limit the learned row keeps: not the one to beat.
+        fans(row("pid", "game", 31.0, 40), 2),
+        fans(row("limit-hold", "game", 33.5), 2),
+        fans(row("quiet-learned", "game", 31.4), 2),
+        fans(row("quietHybrid-learned", "game", 32.0), 2),
+    };
+    std::ostringstream out;
+    ReportWriter(rows).printTargets(out);
+    const std::string quiet = lineWith(out.str(), "quiet-learned ", "quieter");
+    EXPECT_NE(quiet.find("vs limit-hold 33.50 (2.10 dB quieter)"), std::string::npos) << quiet;
+    EXPECT_NE(quiet.find("PASS"), std::string::npos) << quiet;
+    const std::string hybrid = lineWith(out.str(), "quietHybrid-learned", "quieter");
+    EXPECT_NE(hybrid.find("FAIL"), std::string::npos) << hybrid;
+
+    // One fan: nothing to share, so the same as the fresh launch.
+    std::vector<QualityRow> one = {fans(row("quiet", "render", 40.0), 1),
+                                   fans(row("quiet-learned", "render", 40.15), 1),
+                                   fans(row("quietHybrid", "render", 40.0), 1),
+                                   fans(row("quietHybrid-learned", "render", 40.5), 1)};
+    std::ostringstream single;
+    ReportWriter(one).printTargets(single);
+    EXPECT_NE(lineWith(single.str(), "quiet-learned ", "(one fan)").find("PASS"), std::string::npos)
+        << single.str();
+    EXPECT_NE(lineWith(single.str(), "quietHybrid-learned", "(one fan)").find("FAIL"),
+              std::string::npos);
+}

@@ -118,3 +118,104 @@ TEST_F(ControlEngineCoupling, StoredMeasurementsThatCannotBeReadAreSaidAndMeasur
     auto kelvo = engine();
     EXPECT_EQ(count("Fan cooling measurements: the stored coupling of bad is malformed"), 1);
 }
+
+namespace {
+
+// Probes that all said the same: `cpu` and `gpu` of cooling per rpm, six times over.
+FanCouplingEvidence measured(double cpu, double gpu) {
+    FanCouplingEvidence evidence;
+    for (int i = 0; i < kCouplingProbesForConfidence; ++i)
+        for (std::size_t lag = 0; lag < kCouplingLagsS.size(); ++lag) {
+            evidence.cpu.byLag[lag].add(cpu, 1);
+            evidence.gpu.byLag[lag].add(gpu, 1);
+        }
+    return evidence;
+}
+
+// Each fan's target as a share of its range.
+std::vector<double> shares(const ControlSnapshot& snap) {
+    std::vector<double> out;
+    for (std::size_t i = 0; i < snap.fans.size() && snap.decision; ++i) {
+        const FanSpeedRange range = fanSpeedRange(snap.fans[i]);
+        out.push_back((snap.decision->targetRPM.at(i) - range.minRPM) /
+                      (range.maxRPM - range.minRPM));
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST_F(ControlEngineCoupling, OnceTheBlowersAreKnownQuietRaisesOnlyTheOneThatCoolsTheBusyDie) {
+    // Without what the blowers cool, quiet runs both at one duty under a GPU-only load (but
+    // for its probes, one blower a little faster for a while).
+    machine->setLoad(0.0, 1.0);
+    int oneDutyTicks = 0;
+    {
+        auto kelvo = engine();
+        kelvo->applyMode(ControlMode::quiet);
+        for (int i = 0; i < 1200; ++i) {
+            const ControlSnapshot snap = kelvo->tick(now += 1);
+            ASSERT_FALSE(snap.fansShared);
+            const std::vector<double> s = shares(snap);
+            if (i >= 600 && s.size() == 2 && s[0] > 0.05 && std::abs(s[0] - s[1]) < 1e-6)
+                ++oneDutyTicks;
+        }
+    }
+    EXPECT_GT(oneDutyTicks, 0);
+
+    // Known: the first blower cools the CPU, the second the GPU.
+    const auto names = machine->state().fanNames;
+    ASSERT_TRUE(store->saveFanCoupling(names.at(0), measured(1.0, 0.1)));
+    ASSERT_TRUE(store->saveFanCoupling(names.at(1), measured(0.1, 1.0)));
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    ControlSnapshot after;
+    double hottestGpu = 0;
+    for (int i = 0; i < 1200; ++i) {
+        after = kelvo->tick(now += 1);
+        hottestGpu = std::max(hottestGpu, after.sample.gpuTemperatureC.value_or(0));
+    }
+    const std::vector<double> mixed = shares(after);
+    ASSERT_EQ(mixed.size(), 2u);
+    // The CPU's blower stays at its lowest; the GPU's does the work, and the GPU is held.
+    EXPECT_LT(mixed[0], 0.02);
+    EXPECT_GT(mixed[1], mixed[0] + 0.05);
+    EXPECT_LT(hottestGpu, kelvo->config().limits.quietGpuLimitC);
+    EXPECT_TRUE(after.fansShared);
+    EXPECT_EQ(count("Repeated boundary pressure"), 0);
+
+    // A fan the user fixes leaves one fan under auto control: one duty again, eased back in.
+    kelvo->setFanChoices({{names.at(1), *parseFanChoice("fixed 30")}});
+    for (int i = 0; i < 120; ++i) after = kelvo->tick(now += 1);
+    EXPECT_NEAR(shares(after)[1], 0.30, 1e-6);
+    EXPECT_FALSE(after.fansShared);
+}
+
+TEST_F(ControlEngineCoupling, FansThatAreAlikeAndCoolBothDiesAlikeRunAsOneDuty) {
+    // Two fans of the same range, each measured to cool each die as much as the other: sharing
+    // the work changes nothing.
+    std::string error;
+    const auto file = sim::readMachineFile(
+        std::string(KELVO_TEST_DATA_DIR) + "/../../bench/machines/sim-default.json", &error);
+    ASSERT_TRUE(file) << error;
+    machine = std::make_shared<sim::SimulatedMachine>(file->plant, 7);
+    fans = std::make_shared<SimulatedFanController>(machine);
+    telemetry = std::make_shared<SimulatedTelemetryProvider>(machine);
+    const auto names = machine->state().fanNames;
+    ASSERT_TRUE(store->saveFanCoupling(names.at(0), measured(1.0, 1.0)));
+    ASSERT_TRUE(store->saveFanCoupling(names.at(1), measured(1.0, 1.0)));
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    machine->setLoad(1.0, 0.75);
+    double highest = 0;
+    for (int i = 0; i < 1200; ++i) {
+        const ControlSnapshot snap = kelvo->tick(now += 1);
+        ASSERT_TRUE(snap.fansShared) << i;
+        const std::vector<double> s = shares(snap);
+        ASSERT_EQ(s.size(), 2u);
+        ASSERT_NEAR(s[0], s[1], 1e-6) << i;
+        highest = std::max(highest, s[0]);
+    }
+    // The load made the fans work: the equality is not both sitting at their lowest.
+    EXPECT_GT(highest, 0.05);
+}

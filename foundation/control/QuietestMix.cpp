@@ -1,11 +1,12 @@
-#include "QuietestMix.h"
+#include "foundation/control/QuietestMix.h"
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "foundation/core/FanController.h"
 
-namespace kelvo::quality {
+namespace kelvo {
 
 namespace {
 constexpr int kCpu = 0;
@@ -21,28 +22,17 @@ constexpr double kTurningRPM = 1e-6;
 constexpr std::size_t kMaxCached = 200000;
 }  // namespace
 
-QuietestMix::QuietestMix(const sim::PlantConfig& plant) {
+QuietestMix::QuietestMix(std::vector<Fan> fans) : fans_(std::move(fans)) {
     std::vector<double> low;
     std::vector<double> high;
-    for (std::size_t i = 0; i < plant.fans.size(); ++i) {
-        const sim::FanConfig& config = plant.fans[i];
-        Fan fan;
-        fan.lo = std::max(config.minRPM, kTurningRPM);
-        fan.hi = std::max(config.maxRPM, fan.lo);
-        // The plant's own airflow, one fan turning at 1 rpm at a time: the weights whatever the
-        // machine's coupling.
-        std::vector<double> unit(plant.fans.size(), 0.0);
-        unit[i] = 1;
-        fan.weight[kCpu] = sim::coolingAirflow(plant, sim::Die::cpu, unit);
-        fan.weight[kGpu] = sim::coolingAirflow(plant, sim::Die::gpu, unit);
-        fan.cost = config.soundRefRPM > 0 ? std::pow(10.0, config.soundRefDb / 10.0) /
-                                                std::pow(config.soundRefRPM, 5.0)
-                                          : 0.0;
-        fan.canStop = config.canStop();
+    for (Fan& fan : fans_) {
+        fan.lo = std::max(fan.lo, kTurningRPM);
+        fan.hi = std::max(fan.hi, fan.lo);
+        for (double& w : fan.weight) w = std::isfinite(w) ? std::max(0.0, w) : 0.0;
+        if (!std::isfinite(fan.cost) || fan.cost < 0) fan.cost = 0;
         anyCanStop_ = anyCanStop_ || fan.canStop;
         low.push_back(fan.lo);
         high.push_back(fan.hi);
-        fans_.push_back(fan);
     }
     for (int die : {kCpu, kGpu}) {
         atMin_[die] = airflow(die, low);
@@ -184,4 +174,4 @@ std::vector<double> QuietestMix::duties(const std::vector<double>& speeds) const
     return duty;
 }
 
-}  // namespace kelvo::quality
+}  // namespace kelvo

@@ -1,5 +1,6 @@
-// The quietest fan speeds that give each die's sink at least a given airflow: what a controller
-// that knows which fan cools what would ask of each fan. Sound power goes with the fifth power of
+// The quietest fan speeds that give each die's sink at least a given airflow: what the quiet
+// modes ask of each fan once Kelvo knows which fan cools what, and what the control table's
+// floor plans with. Sound power goes with the fifth power of
 // a fan's speed and airflow with its first, so the cost is convex and the constraints linear; the
 // optimum follows from two prices, one per die (Lagrange multipliers), found by bisection. Fans
 // that can stop are tried standing still, every subset of them, and the quietest feasible mix is
@@ -11,13 +12,19 @@
 #include <utility>
 #include <vector>
 
-#include "foundation/sim/ThermalPlant.h"
-
-namespace kelvo::quality {
+namespace kelvo {
 
 class QuietestMix {
 public:
-    explicit QuietestMix(const sim::PlantConfig& plant);
+    struct Fan {
+        double lo = 0;  // its turning range, rpm
+        double hi = 0;
+        double weight[2] = {0, 0};  // cooling per rpm for the CPU's and the GPU's sink
+        double cost = 0;            // sound power per rpm^5
+        bool canStop = false;
+    };
+
+    explicit QuietestMix(std::vector<Fan> fans);
 
     // Each fan's speed (kFanStopRPM for one that stands still) for the two dies' levels. Level 0
     // asks a die's sink for the airflow of every fan at its minimum, 1 for that of every fan at
@@ -32,14 +39,6 @@ public:
     double lowestLevel() const { return anyCanStop_ ? -1.0 : 0.0; }
 
 private:
-    struct Fan {
-        double lo = 0;
-        double hi = 0;
-        double weight[2] = {0, 0};  // airflow per rpm into the CPU's and the GPU's sink
-        double cost = 0;            // sound power per rpm^5
-        bool canStop = false;
-    };
-
     double airflow(int die, const std::vector<double>& rpm) const;
     void atPrices(double cpuPrice, double gpuPrice, unsigned stopped,
                   std::vector<double>& rpm) const;
@@ -54,4 +53,4 @@ private:
     std::map<std::pair<double, double>, std::vector<double>> cache_;
 };
 
-}  // namespace kelvo::quality
+}  // namespace kelvo

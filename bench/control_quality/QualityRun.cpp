@@ -350,8 +350,8 @@ std::vector<ControllerSpec> standardControllers() {
          {},
          {},
          "Kelvo launched again on the profile its quiet mode built on the same machine through "
-         "the long mixed use (the traces one after another), which includes which die each fan "
-         "cools",
+         "--learned-after minutes (240 unless told) of the traces one after another: what it "
+         "measured of which die each fan cools included",
          true},
         {"quietHybrid-learned",
          ControlMode::quietHybrid,

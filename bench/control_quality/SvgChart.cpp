@@ -13,10 +13,12 @@ namespace {
 
 constexpr double kWidth = 1000;
 constexpr double kLeft = 70;
+constexpr double kLegendRight = 985;  // the legend wraps before the chart's right edge
 constexpr double kRight = 20;
 constexpr std::size_t kMaxPoints = 600;
-const char* const kColours[] = {"#ff7f0e", "#1f77b4", "#2ca02c", "#d62728", "#9467bd", "#8c564b",
-                                "#e377c2", "#7f7f7f", "#bcbd22", "#000000", "#17becf"};
+const char* const kColours[] = {"#ff7f0e", "#1f77b4", "#2ca02c", "#d62728", "#9467bd",
+                                "#8c564b", "#e377c2", "#7f7f7f", "#bcbd22", "#000000",
+                                "#17becf", "#393b79", "#e7ba52", "#3b8f3b"};
 
 double hottest(const SeriesPoint& p) {
     return std::max(p.cpuC, p.gpuC);
@@ -74,18 +76,25 @@ std::string SvgChart::axes(const Panel& panel, const std::string& label, double 
 std::string SvgChart::legend() const {
     std::string out;
     double x = kLeft;
+    double y = 44;  // the text's baseline; a second row below the first where it runs out
     for (std::size_t i = 0; i < lines_.size(); ++i) {
         const std::string colour = kColours[i % std::size(kColours)];
-        out += "<rect x=\"" + number(x) + "\" y=\"38\" width=\"14\" height=\"4\" fill=\"" + colour +
-               "\"/><text x=\"" + number(x + 18) + "\" y=\"44\">" + lines_[i].controller +
-               "</text>\n";
-        x += 30 + 7.0 * static_cast<double>(lines_[i].controller.size());
+        const double width = 30 + 7.0 * static_cast<double>(lines_[i].controller.size());
+        if (x + width > kLegendRight && x > kLeft) {
+            x = kLeft;
+            y += 13;
+        }
+        out += "<rect x=\"" + number(x) + "\" y=\"" + number(y - 6) +
+               "\" width=\"14\" height=\"4\" fill=\"" + colour + "\"/><text x=\"" + number(x + 18) +
+               "\" y=\"" + number(y) + "\">" + lines_[i].controller + "</text>\n";
+        x += width;
     }
     return out;
 }
 
 // Each fan's speed as a share of its range (a stopped fan at 0), for the quiet mode from a fresh
-// profile and on the one it built, and foresight, in their own colours, one dash pattern per fan.
+// profile, on the one it built and with the coupling known, and foresight, in their own colours,
+// one dash pattern per fan.
 std::string SvgChart::fanPanel(const Panel& panel) const {
     static const char* const kDashes[] = {"", "6 3", "2 3", "8 3 2 3"};
     std::string out = axes(panel, "each fan, % of its range", 25);
@@ -107,7 +116,9 @@ std::string SvgChart::fanPanel(const Panel& panel) const {
         };
         for (std::size_t i = 0; i < lines_.size(); ++i) {
             const std::string& name = lines_[i].controller;
-            if (name != "quiet" && name != "quiet-learned" && name != "foresight") continue;
+            if (name != "quiet" && name != "quiet-learned" && name != "quiet-known" &&
+                name != "foresight")
+                continue;
             out +=
                 polyline(lines_[i].series, panel, share, kColours[i % std::size(kColours)], dash);
         }

@@ -79,6 +79,19 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
             record("Fan cooling measurements are not being kept: " + store_->lastError(), true);
         }
     }
+    // A fan that no longer answers as it did is blocked or failing: the quiet modes stop
+    // sharing by what it was measured to do, and it is measured again.
+    for (const auto& [fan, die] : coupling_.takeFaded()) {
+        record("Fan " + fan + " no longer cools the " + die +
+                   " as Kelvo measured it (blocked or failing?): every fan follows one duty "
+                   "until it is measured again",
+               true);
+        if (store_ && !store_->saveFanCoupling(fan, FanCouplingEvidence{}) &&
+            !couplingSaveFailed_) {
+            couplingSaveFailed_ = true;
+            record("Fan cooling measurements are not being kept: " + store_->lastError(), true);
+        }
+    }
     if (coupling_.done() && !couplingAnnounced_) {
         couplingAnnounced_ = true;
         announceCoupling();

@@ -117,6 +117,12 @@ std::vector<std::string> CouplingLearner::takeUpdated() {
     return out;
 }
 
+std::vector<std::pair<std::string, std::string>> CouplingLearner::takeFaded() {
+    std::vector<std::pair<std::string, std::string>> out;
+    out.swap(faded_);
+    return out;
+}
+
 void CouplingLearner::restart(const std::vector<ProbeFan>& fans) {
     fans_.clear();
     for (const auto& fan : fans) fans_.push_back(fan.identity);
@@ -154,10 +160,6 @@ void CouplingLearner::record(Timestamp now, const TelemetrySample& sample,
     // The rest before a probe, the probe and the rest after it, and a little more.
     while (!ticks_.empty() && now - ticks_.front().at > 3 * config_.halfSeconds + 10)
         ticks_.pop_front();
-    if (sample.cpuTemperatureC)
-        coolestCpu_ = std::min(coolestCpu_.value_or(1e9), *sample.cpuTemperatureC);
-    if (sample.gpuTemperatureC)
-        coolestGpu_ = std::min(coolestGpu_.value_or(1e9), *sample.gpuTemperatureC);
 }
 
 bool CouplingLearner::enough(const std::vector<ProbeFan>& fans) const {
@@ -193,8 +195,12 @@ std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
         const ProbeFan& fan = fans[i];
         if (!fan.probeable || !(fan.targetRPM > 0)) continue;
         const auto it = evidence_.find(fan.identity);
-        if (it != evidence_.end() &&
-            std::max(it->second.cpu.probes(), it->second.gpu.probes()) >= config_.maxProbesPerFan)
+        // A recheck is of a fan already known; learning, of one not yet known well enough.
+        if (rechecking_ && confirmFan_ && fan.identity != *confirmFan_) continue;
+        if (rechecking_ ? it == evidence_.end()
+                        : it != evidence_.end() &&
+                              std::max(it->second.cpu.probes(), it->second.gpu.probes()) >=
+                                  config_.maxProbesPerFan)
             continue;
         // A fan near its top has no room to be probed now: the next one goes first.
         const double top = std::min(fan.maxRPM > 0 ? fan.maxRPM : 1e9, fan.targetRPM * factor);
@@ -227,15 +233,28 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
     if (!sameFans) done_ = false;
     if (!sameFans || (lastStep_ && now - *lastStep_ > kGapS)) restart(fans);
     lastStep_ = now;
+    // Kept while nothing is probed too: a recheck hours later needs to know how cool the dies
+    // have been.
+    if (sample.cpuTemperatureC)
+        coolestCpu_ = std::min(coolestCpu_.value_or(1e9), *sample.cpuTemperatureC);
+    if (sample.gpuTemperatureC)
+        coolestGpu_ = std::min(coolestGpu_.value_or(1e9), *sample.gpuTemperatureC);
 
     if (!turn_ && !done_) {
-        if (enough(fans)) {
+        if (!rechecking_ && enough(fans)) {
             done_ = true;
+            recheckDue_ = now + (confirmFan_ ? config_.confirmSeconds : config_.recheckSeconds);
         } else {
             turn_ = nextTurn(now, fans);
+            if (turn_) turn_->recheck = rechecking_;
         }
     }
-    // Every fan known: nothing to probe or keep until the fans change.
+    // Every fan known: nothing to probe or keep until the fans change or a recheck is due.
+    if (done_ && recheckDue_ && now >= *recheckDue_) {
+        done_ = false;
+        rechecking_ = true;
+        recheckDue_.reset();
+    }
     if (done_) return;
     if (turn_) {
         const ProbeFan& fan = fans[turn_->fan];
@@ -269,8 +288,60 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
 void CouplingLearner::evaluate(const Turn& turn) {
     // The whole probe must be on record, the rest before it included.
     if (ticks_.empty() || ticks_.front().at > turn.start - turn.half + kGapS) return;
+    recheckWeak_.reset();
+    weakDie_.clear();
+    const std::string& fan = fans_[turn.fan];
+    const auto known = evidence_.find(fan);
+    const std::optional<FanCouplingEvidence> before =
+        known != evidence_.end() ? std::optional(known->second) : std::nullopt;
     if (coolestCpu_) learnDie(turn, false, *coolestCpu_);
     if (coolestGpu_) learnDie(turn, true, *coolestGpu_);
+    if (!turn.recheck) return;
+    // A weak answer is not averaged in until it is confirmed: one odd probe must not unsettle
+    // what is known.
+    if (recheckWeak_.value_or(false) && before) {
+        evidence_[fan] = *before;
+        updated_.erase(std::remove(updated_.begin(), updated_.end(), fan), updated_.end());
+    }
+    judgeRecheck(turn);
+}
+
+void CouplingLearner::judgeRecheck(const Turn& turn) {
+    // A recheck that said something is over; one that could not (its die was cool) is tried
+    // again with the next fan.
+    if (!recheckWeak_) return;
+    rechecking_ = false;
+    const std::string& fan = fans_[turn.fan];
+    confirmFan_.reset();
+    if (!*recheckWeak_) {
+        weakInARow_.erase(fan);
+        return;
+    }
+    if (++weakInARow_[fan] < config_.weakRechecks) {
+        confirmFan_ = fan;
+        return;
+    }
+    weakInARow_.erase(fan);
+    evidence_.erase(fan);
+    updated_.erase(std::remove(updated_.begin(), updated_.end(), fan), updated_.end());
+    faded_.emplace_back(fan, weakDie_);
+}
+
+std::optional<bool> CouplingLearner::weakAnswer(
+    const Turn& turn, bool gpu, const DieEvidence& before,
+    const std::array<std::optional<double>, kCouplingLagsS.size()>& answers) const {
+    // Only for a die the fan cools mostly: its small share of the other die is noise.
+    const auto couplings = fanCouplings(evidence_, fans_);
+    const std::string mostly = coolsMostly(couplings.at(turn.fan));
+    if (mostly != "CPU and GPU" && mostly != (gpu ? "GPU" : "CPU")) return std::nullopt;
+    // Read at the lag that has explained this fan's probes of the die best.
+    std::optional<std::size_t> lag;
+    for (std::size_t l = 0; l < kLags; ++l)
+        if (before.byLag[l].count > 0 && (!lag || before.misfit[l] < before.misfit[*lag])) lag = l;
+    if (!lag || !answers[*lag]) return std::nullopt;
+    const auto mean = before.byLag[*lag].mean();
+    if (!mean || !(*mean > 0)) return std::nullopt;
+    return *answers[*lag] < config_.weakAnswerShare * *mean;
 }
 
 void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
@@ -288,6 +359,8 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
 
     auto& evidence = evidence_[fans_[turn.fan]];
     DieEvidence& die = gpu ? evidence.gpu : evidence.cpu;
+    const DieEvidence before = die;
+    std::array<std::optional<double>, kLags> answers;
     bool learned = false;
     for (std::size_t l = 0; l < kLags; ++l) {
         // Drift; the die's own quick answer to its load; through the heatsink, the load, the
@@ -314,12 +387,18 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
         if (!fit || !(fit->variance > 0) || !(fit->total > 0)) continue;
         // Cooling per rpm, relative to how far over its coolest the die was; weighed by how
         // surely this probe shows it.
-        die.byLag[l].add(-fit->coefficient / excess, excess * excess / fit->variance);
+        answers[l] = -fit->coefficient / excess;
+        die.byLag[l].add(*answers[l], excess * excess / fit->variance);
         die.misfit[l] += fit->residual / fit->total;
         learned = true;
     }
     if (learned && std::find(updated_.begin(), updated_.end(), fans_[turn.fan]) == updated_.end())
         updated_.push_back(fans_[turn.fan]);
+    if (!turn.recheck) return;
+    if (const auto weak = weakAnswer(turn, gpu, before, answers)) {
+        if (*weak && !recheckWeak_.value_or(false)) weakDie_ = gpu ? "GPU" : "CPU";
+        recheckWeak_ = recheckWeak_.value_or(false) || *weak;
+    }
 }
 
 }  // namespace kelvo

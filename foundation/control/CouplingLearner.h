@@ -7,10 +7,12 @@
 // (FanCoupling.h). Probing stops once every fan is known surely, and starts again for a new fan.
 #pragma once
 
+#include <array>
 #include <deque>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "foundation/core/FanCoupling.h"
@@ -36,6 +38,14 @@ struct CouplingLearnerConfig {
     // Probing ends once every fan is this sure, or has been probed this often.
     double enoughConfidence = 0.9;
     int maxProbesPerFan = 40;
+    // Once every fan is known, one fan in turn is probed again this often: a fan that has been
+    // blocked or is failing no longer answers as it did. An answer under weakAnswerShare of what
+    // the fan showed before, for a die it cools mostly, counts as weak; weakRechecks of them in a
+    // row and what was known of the fan is dropped, to be measured again.
+    double recheckSeconds = 4 * 3600;
+    double confirmSeconds = 1800;  // a weak answer is checked again on the same fan this soon
+    double weakAnswerShare = 0.25;
+    int weakRechecks = 2;
 };
 
 // A fan as the engine drives it this tick.
@@ -68,6 +78,9 @@ public:
     bool done() const { return done_; }
     // Fans whose evidence grew since the last call (to be stored).
     std::vector<std::string> takeUpdated();
+    // Fans that no longer cool as they did, with the die ("CPU", "GPU"), since the last call:
+    // their evidence is gone (to be stored empty) and they are measured again.
+    std::vector<std::pair<std::string, std::string>> takeFaded();
 
 private:
     struct Tick {
@@ -87,6 +100,7 @@ private:
         double cpuLoad = 0;   // each device's load when it began
         double gpuLoad = 0;
         std::optional<Timestamp> lowSince;  // a device's load has been under it since
+        bool recheck = false;               // of a fan already known
     };
 
     void restart(const std::vector<ProbeFan>& fans);
@@ -96,6 +110,12 @@ private:
     double factorAt(Timestamp now) const;
     void evaluate(const Turn& turn);
     void learnDie(const Turn& turn, bool gpu, double coolest);
+    // A recheck's answer for one die against what the fan showed before: weak, or not; none
+    // where the fan does not cool that die mostly or nothing was known.
+    std::optional<bool> weakAnswer(
+        const Turn& turn, bool gpu, const DieEvidence& before,
+        const std::array<std::optional<double>, kCouplingLagsS.size()>& answers) const;
+    void judgeRecheck(const Turn& turn);
     bool enough(const std::vector<ProbeFan>& fans) const;
 
     CouplingLearnerConfig config_;
@@ -112,6 +132,14 @@ private:
     std::optional<double> coolestCpu_;
     std::optional<double> coolestGpu_;
     bool done_ = false;
+    std::optional<Timestamp> recheckDue_;
+    bool rechecking_ = false;
+    // This recheck's verdict so far: weak for some die, or not (none: no die could say).
+    std::optional<bool> recheckWeak_;
+    std::string weakDie_;
+    std::map<std::string, int> weakInARow_;
+    std::optional<std::string> confirmFan_;  // the next recheck is of this fan
+    std::vector<std::pair<std::string, std::string>> faded_;
 };
 
 }  // namespace kelvo

@@ -219,3 +219,50 @@ TEST_F(ControlEngineCoupling, FansThatAreAlikeAndCoolBothDiesAlikeRunAsOneDuty) 
     // The load made the fans work: the equality is not both sitting at their lowest.
     EXPECT_GT(highest, 0.05);
 }
+
+TEST_F(ControlEngineCoupling, AFanThatNoLongerCoolsAsMeasuredIsReportedAndMeasuredAgain) {
+    // What the blowers really do, learned through a long render.
+    machine->setLoad(1.0, 0.75);
+    {
+        auto kelvo = engine();
+        kelvo->applyMode(ControlMode::quiet);
+        for (int i = 0; i < 3 * 3600; ++i) kelvo->tick(now += 1);
+    }
+    ASSERT_EQ(count("Fan cooling measured: "), 1);
+    const auto learned = store->fanCouplings();
+    ASSERT_TRUE(learned);
+    ASSERT_EQ(learned->size(), 2u);
+    const auto names = machine->state().fanNames;
+
+    // Kelvo started again, its rechecks see the blowers as they are: nothing to report. Each
+    // hour the machine idles for ten minutes, then renders.
+    std::optional<bool> emptiedAtReport;
+    auto later = [&](int hours) {
+        auto kelvo = engine();
+        kelvo->applyMode(ControlMode::quiet);
+        for (int i = 0; i < hours * 3600; ++i) {
+            const bool idle = i % 3600 < 600;
+            machine->setLoad(idle ? 0.02 : 1.0, idle ? 0.02 : 0.75);
+            kelvo->tick(now += 1);
+            if (emptiedAtReport || count("no longer cools the") == 0) continue;
+            const auto stored = store->fanCouplings();
+            emptiedAtReport = false;
+            for (const auto& [fan, evidence] : stored.value_or(decltype(*stored){}))
+                if (evidence == FanCouplingEvidence{}) emptiedAtReport = true;
+        }
+    };
+    later(14);
+    EXPECT_EQ(count("no longer cools"), 0);
+
+    // Each blower's measurements put under the other's name: each now answers far less for the
+    // die it is believed to cool, as a blocked fan would.
+    ASSERT_TRUE(store->saveFanCoupling(names.at(0), learned->at(names.at(1))));
+    ASSERT_TRUE(store->saveFanCoupling(names.at(1), learned->at(names.at(0))));
+    later(14);
+    EXPECT_GE(count("no longer cools the"), 1);
+    EXPECT_GE(count("as Kelvo measured it (blocked or failing?)"), 1);
+    // What was known of it was dropped from the store the moment it was reported, to be measured
+    // again.
+    ASSERT_TRUE(emptiedAtReport);
+    EXPECT_TRUE(*emptiedAtReport);
+}

@@ -510,7 +510,10 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
         const std::vector<double> duties = shareAmongFans(sample, dt, out.duty);
         decision.targetRPM = targetsFor(duties);
         applyFanStops(decision.targetRPM, duties, sample);
-        probeCoupling(sample, *std::max_element(duties.begin(), duties.end()), decision.targetRPM);
+        // With no fan known yet there is no duty per fan: the policy's own stands.
+        const double busiest =
+            duties.empty() ? out.duty : *std::max_element(duties.begin(), duties.end());
+        probeCoupling(sample, busiest, decision.targetRPM);
         decision.anticipating = out.anticipating;
         decision.reason = out.reason;
     }

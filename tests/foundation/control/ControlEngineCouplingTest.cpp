@@ -266,3 +266,22 @@ TEST_F(ControlEngineCoupling, AFanThatNoLongerCoolsAsMeasuredIsReportedAndMeasur
     ASSERT_TRUE(emptiedAtReport);
     EXPECT_TRUE(*emptiedAtReport);
 }
+
+TEST_F(ControlEngineCoupling, AMachineWithNoFanListedYetIsControlledWithoutSharing) {
+    // A back-end that has listed no fan (yet): nothing to share among, and nothing breaks.
+    sim::PlantConfig plant = twoBlowers();
+    plant.fans.clear();
+    machine = std::make_shared<sim::SimulatedMachine>(plant, 7);
+    fans = std::make_shared<SimulatedFanController>(machine);
+    telemetry = std::make_shared<SimulatedTelemetryProvider>(machine);
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    machine->setLoad(1.0, 0.75);
+    for (int i = 0; i < 30; ++i) {
+        const ControlSnapshot snap = kelvo->tick(now += 1);
+        EXPECT_FALSE(snap.fansShared);
+        if (snap.decision) {
+            EXPECT_TRUE(snap.decision->targetRPM.empty());
+        }
+    }
+}

@@ -19,10 +19,14 @@
 
 #include "app/AppPresentationStore.h"
 #include "app/AppRuntime.h"
+#include "app_common/AppBuildInfo.h"
 #include "capture/CaptureCoordinator.h"
 #include "desktop/AppLifecycleController.h"
 #include "desktop/DashboardView.h"
 #include "desktop/KelvoApp.h"
+#include "foundation/core/FanCoupling.h"
+#include "foundation/sim/ThermalPlant.h"
+#include "foundation/store/SQLiteStore.h"
 #include "tools/screenshots/ScreenshotPalettes.h"
 
 namespace {
@@ -86,13 +90,31 @@ int main(int argc, char** argv) {
     if (out.isEmpty() || !ok || warmup < 0 || !QDir().mkpath(out)) {
         std::fprintf(stderr,
                      "usage: kelvo_dashboard_screenshots --out DIR --tag NAME "
-                     "[--warmup-seconds N]\n");
+                     "[--warmup-seconds N] [--known-fans]\n");
         return 2;
     }
 
     // Put together as the kelvo program does, with the capture card and the update settings.
     QSettings settings(home.filePath(QStringLiteral("config/Kelvo/Kelvo.conf")),
                        QSettings::IniFormat);
+    // --known-fans: a user whose Kelvo has already measured what its fans cool, in quiet mode,
+    // as the Fans pane shows it once the work is shared among them.
+    if (arguments.contains(QStringLiteral("--known-fans"))) {
+        settings.setValue(QStringLiteral("kelvo.control.mode"), QStringLiteral("quiet"));
+        kelvo::SQLiteStore store(kelvo::AppBuildInfo::defaultDatabasePath().toStdString());
+        const kelvo::sim::PlantConfig plant;
+        for (std::size_t i = 0; i < plant.fans.size(); ++i) {
+            // The first fan mostly on the CPU, the others mostly on the GPU.
+            const double cpu = i == 0 ? 1.0 : 0.2;
+            kelvo::FanCouplingEvidence evidence;
+            for (int probe = 0; probe < kelvo::kCouplingProbesForConfidence; ++probe)
+                for (std::size_t lag = 0; lag < kelvo::kCouplingLagsS.size(); ++lag) {
+                    evidence.cpu.byLag[lag].add(cpu, 1);
+                    evidence.gpu.byLag[lag].add(1.2 - cpu, 1);
+                }
+            if (!store.saveFanCoupling(plant.fans[i].name, evidence)) return 1;
+        }
+    }
     kelvo::KelvoApp::willFinishLaunching(settings);
     kelvo::AppRuntimeOptions options;
     options.arguments = {QStringLiteral("--harness-simulated-fans")};

@@ -164,19 +164,29 @@ Item {
             }
 
             // ----- The selected surface's own detail -----
-            AdvancedDetailCard {
+            // Each surface's own detail is built when it is shown and dropped when it is hidden:
+            // a hidden card cost the first frame its whole creation (the Fans pane's controls
+            // above all) and rebuilt its lists on every refresh while nobody could see them.
+            Loader {
                 id: advancedSurface
-                visible: dashboard.selectedSurface === "advanced"
+                active: dashboard.selectedSurface === "advanced"
+                visible: active
                 Layout.fillWidth: true
+                sourceComponent: AdvancedDetailCard {}
             }
-            FansPane {
+            Loader {
                 id: fansPane
+                active: fanSettings !== null && fanSettings.paneOpen
+                visible: active
                 Layout.fillWidth: true
+                sourceComponent: FansPane {}
             }
-            CaptureRunCard {
+            Loader {
                 id: captureSurface
-                visible: dashboard.selectedSurface === "capture" && capture !== null
+                active: dashboard.selectedSurface === "capture" && capture !== null
+                visible: active
                 Layout.fillWidth: true
+                sourceComponent: CaptureRunCard {}
             }
 
             // ----- Capture card -----

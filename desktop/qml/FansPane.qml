@@ -11,7 +11,6 @@ Card {
     objectName: "surface-fans"
     Accessible.name: "Fans Pane"
     title: "Fans"
-    visible: fanSettings !== null && fanSettings.paneOpen
 
     SystemPalette { id: fansPalette; colorGroup: SystemPalette.Active }
 

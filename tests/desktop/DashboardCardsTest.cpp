@@ -91,15 +91,41 @@ protected:
 // QML names the type of an item made from a file after that file ("TrendCard_QMLTYPE_12").
 TEST_F(DashboardCards, EveryCardIsAnItemMadeFromItsOwnFile) {
     openDashboard();
-    for (const CardFile& card :
-         {kTrend, kPeak, kLive, kAdvanced, kFans, kCaptureRun, kBetaCapture}) {
-        QQuickItem* found = item(QString::fromLatin1(card.objectName));
-        ASSERT_NE(found, nullptr) << card.objectName;
-        const QString type = QString::fromLatin1(found->metaObject()->className());
-        EXPECT_TRUE(type.startsWith(QLatin1String(card.file) + QLatin1String("_QMLTYPE_")))
-            << card.objectName << " is a " << type.toStdString() << ", not from " << card.file
-            << ".qml";
+    ASSERT_NE(runtime->fanSettings(), nullptr);
+    for (const Surface& surface : surfaces()) {
+        SCOPED_TRACE(presentation::rawValue(surface.selection).toStdString());
+        runtime->presentation()->setSelectedSurface(surface.selection);
+        runtime->fanSettings()->setPaneOpen(surface.fansPaneOpen);
+        for (const CardFile& card : surface.cards) {
+            QQuickItem* found = item(QString::fromLatin1(card.objectName));
+            ASSERT_NE(found, nullptr) << card.objectName;
+            const QString type = QString::fromLatin1(found->metaObject()->className());
+            EXPECT_TRUE(type.startsWith(QLatin1String(card.file) + QLatin1String("_QMLTYPE_")))
+                << card.objectName << " is a " << type.toStdString() << ", not from " << card.file
+                << ".qml";
+        }
     }
+}
+
+// A surface's own detail is made when the surface is chosen and dropped when another one is:
+// nothing of it is built, laid out or drawn while it cannot be seen.
+TEST_F(DashboardCards, AHiddenSurfaceIsNotBuiltUntilItIsShown) {
+    openDashboard();
+    ASSERT_NE(runtime->fanSettings(), nullptr);
+    for (const CardFile& card : {kAdvanced, kFans, kCaptureRun})
+        EXPECT_EQ(item(QString::fromLatin1(card.objectName)), nullptr) << card.objectName;
+    runtime->presentation()->setSelectedSurface(AppSurfaceSelection::advanced);
+    EXPECT_NE(shownCard(kAdvanced), nullptr);
+    EXPECT_EQ(item(QString::fromLatin1(kCaptureRun.objectName)), nullptr);
+    runtime->fanSettings()->setPaneOpen(true);
+    EXPECT_NE(shownCard(kFans), nullptr);
+    runtime->fanSettings()->setPaneOpen(false);
+    runtime->presentation()->setSelectedSurface(AppSurfaceSelection::capture);
+    EXPECT_NE(shownCard(kCaptureRun), nullptr);
+    EXPECT_TRUE(waitFor([&] {
+        return item(QString::fromLatin1(kAdvanced.objectName)) == nullptr &&
+               item(QString::fromLatin1(kFans.objectName)) == nullptr;
+    })) << "the Advanced detail and the Fans pane are gone once hidden";
 }
 
 TEST_F(DashboardCards, OnEverySurfaceEachCardShowsInItsOwnPlaceInsideTheWindow) {

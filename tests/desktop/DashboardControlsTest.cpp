@@ -176,10 +176,10 @@ TEST_F(DashboardControls, APerformanceRuntimeShowsTheSliderAtKelvo) {
 
 TEST_F(DashboardControls, TheSurfacePickerSelectsTheAdvancedSurfaceWithItsDetail) {
     openDashboard();
-    EXPECT_FALSE(item("surface-advanced")->isVisible());
+    EXPECT_FALSE(shown("surface-advanced"));
     click("surface-selection-advanced");
     EXPECT_EQ(runtime->presentation()->selectedSurface(), AppSurfaceSelection::advanced);
-    EXPECT_TRUE(item("surface-advanced")->isVisible());
+    EXPECT_TRUE(shown("surface-advanced"));
     ASSERT_TRUE(waitFor(
         [&] { return !window()->viewModel()->advanced().value("fans").toStringList().isEmpty(); }));
     const QString fans = window()->viewModel()->advanced().value("fans").toStringList().join('\n');
@@ -187,14 +187,14 @@ TEST_F(DashboardControls, TheSurfacePickerSelectsTheAdvancedSurfaceWithItsDetail
     EXPECT_TRUE(fans.contains("RPM maximum")) << fans.toStdString();
     click("surface-selection-capture");
     EXPECT_EQ(runtime->presentation()->selectedSurface(), AppSurfaceSelection::capture);
-    EXPECT_FALSE(item("surface-advanced")->isVisible());
-    EXPECT_TRUE(item("surface-capture")->isVisible());
+    EXPECT_FALSE(shown("surface-advanced"));
+    EXPECT_TRUE(shown("surface-capture"));
 }
 
 TEST_F(DashboardControls, TheCaptureSurfaceNamesTheScenarioAndThePlanInWords) {
     openDashboard();
     click("surface-selection-capture");
-    ASSERT_TRUE(waitFor([&] { return item("surface-capture")->isVisible(); }));
+    ASSERT_TRUE(waitFor([&] { return shown("surface-capture"); }));
     settle();
     QStringList texts;
     std::function<void(QQuickItem*)> visit = [&](QQuickItem* from) {

@@ -97,8 +97,11 @@ TEST_F(DashboardScreenshot, TenSecondsOfSimulatedDataInLightAndDarkPalettes) {
 
     // The advanced surface adds its detail below the deck.
     click(QStringLiteral("surface-selection-advanced"));
-    QQuickItem* advanced = item(QStringLiteral("surface-advanced"));
-    ASSERT_TRUE(waitFor([&] { return advanced->isVisible() && advanced->height() > 200; }));
+    QQuickItem* advanced = nullptr;
+    ASSERT_TRUE(waitFor([&] {
+        advanced = item(QStringLiteral("surface-advanced"));
+        return advanced && advanced->isVisible() && advanced->height() > 200;
+    }));
     scrollIntoView(advanced);
     const QImage detail = grabAfterNextFrame(window());
     EXPECT_TRUE(detail.save(shotPath(QStringLiteral("dashboard-advanced.png"))));

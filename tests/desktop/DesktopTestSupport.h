@@ -96,6 +96,12 @@ protected:
         return findItem(window()->contentItem(), identifier);
     }
 
+    // A surface's detail exists only while it is shown.
+    bool shown(const QString& identifier) const {
+        const QQuickItem* found = item(identifier);
+        return found && found->isVisible();
+    }
+
     static QString accessibleName(QQuickItem* item) {
         return QQmlProperty(item, QStringLiteral("Accessible.name"), qmlContext(item))
             .read()

@@ -39,12 +39,11 @@ protected:
 
 TEST_F(FansPane, TheAdvancedSurfaceOpensThePaneWithEveryFan) {
     openWithFans();
-    ASSERT_NE(item("surface-fans"), nullptr);
-    EXPECT_FALSE(item("surface-fans")->isVisible());
+    EXPECT_FALSE(shown("surface-fans"));
     click("surface-selection-advanced");
     click("advanced-open-fans");
     ASSERT_TRUE(fans()->paneOpen());
-    EXPECT_TRUE(item("surface-fans")->isVisible());
+    EXPECT_TRUE(shown("surface-fans"));
     const qsizetype count = fans()->fans().size();
     ASSERT_GT(count, 0);
     for (qsizetype i = 0; i < count; ++i) {
@@ -76,7 +75,7 @@ TEST_F(FansPane, TheAdvancedSurfaceOpensThePaneWithEveryFan) {
     }
     click("fans-close");
     EXPECT_FALSE(fans()->paneOpen());
-    EXPECT_FALSE(item("surface-fans")->isVisible());
+    EXPECT_FALSE(shown("surface-fans"));
 }
 
 TEST_F(FansPane, AChoiceIsStoredAndReachesTheEngine) {
@@ -85,6 +84,7 @@ TEST_F(FansPane, AChoiceIsStoredAndReachesTheEngine) {
     const qsizetype index = simulatedFanIndex();
     ASSERT_GE(index, 0);
     const QString identity = fans()->fans()[index].toMap().value("identity").toString();
+    settle();  // the pane is built when it opens and laid out on its first frame
     click("fans-choice-" + QString::number(index) + "-firmware");
     EXPECT_TRUE(waitFor(
         [&] { return fans()->fans()[index].toMap().value("choice").toString() == "firmware"; }));
@@ -112,6 +112,7 @@ TEST_F(FansPane, AChoiceIsStoredAndReachesTheEngine) {
 TEST_F(FansPane, TheStopSwitchSaysWhyItIsOffLimitsAndCalibrateReachesTheEngine) {
     openWithFans();
     fans()->setPaneOpen(true);
+    settle();  // the pane is built when it opens and laid out on its first frame
     const qsizetype index = simulatedFanIndex();
     ASSERT_GE(index, 0);
     const QVariantMap fan = fans()->fans()[index].toMap();
@@ -158,6 +159,7 @@ TEST_F(FansPane, AnOutOfRangeLimitShowsItsRefusalAndAGoodOneReachesTheEngine) {
 TEST_F(FansPane, AStoredChoiceThatCannotBeReadIsSaidOnItsRow) {
     openWithFans();
     fans()->setPaneOpen(true);
+    settle();  // the pane is built when it opens and laid out on its first frame
     const qsizetype index = simulatedFanIndex();
     ASSERT_GE(index, 0);
     const QString n = QString::number(index);

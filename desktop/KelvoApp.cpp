@@ -1,7 +1,9 @@
 #include "desktop/KelvoApp.h"
 
 #include <QApplication>
+#include <QFontDatabase>
 #include <QPointer>
+#include <QThreadPool>
 
 #include "app/AppRuntime.h"
 #include "desktop/AppCommands.h"
@@ -12,6 +14,10 @@
 namespace kelvo {
 
 void KelvoApp::willFinishLaunching(QSettings& defaults) {
+    // Reading the system's font configuration and font list takes some 10 ms, which the dashboard's
+    // first text would otherwise wait for; the font database is thread-safe, so it is read while
+    // the runtime starts and the graphics driver loads.
+    QThreadPool::globalInstance()->start([] { QFontDatabase::families(); });
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setWindowIcon(kelvoApplicationIcon());
     AppLifecycleController::clearLegacyWindowFrameDefaults(defaults);

@@ -194,9 +194,31 @@ void FixedViewportTrendHostItem::startDisplayLinkIfNeeded() {
     const QScreen* screen = window() ? window()->screen() : QGuiApplication::primaryScreen();
     const double rate = screen && screen->refreshRate() > 1 ? screen->refreshRate() : 60.0;
     // Rounded up, so that the tick throttle (at most 60 a second) never drops a regular tick.
-    displayLink_->setInterval(static_cast<int>(std::ceil(1000.0 / rate)));
-    displayLink_->start();
+    displayPeriodMs_ = static_cast<int>(std::ceil(1000.0 / rate));
+    displayLink_->start(pacedTickMilliseconds());
     setDisplayLinkRunning(displayLink_->isActive());
+}
+
+// A tick wakes the GUI thread, and on the 5-minute window the plot moves a device pixel only
+// every 15th or so; the waking cost more than the frames. Between two steps nothing on the chart
+// changes unless a label fades, so the tick waits for the step, still in whole display periods.
+int FixedViewportTrendHostItem::pacedTickMilliseconds() const {
+    const auto fades = [](const FixedViewportTrendLabelSprite& sprite) {
+        return sprite.opacity > 0 && sprite.opacity < 1;
+    };
+    const bool fading = std::any_of(scrollingLabelSpritesScratch_.begin(),
+                                    scrollingLabelSpritesScratch_.end(), fades) ||
+                        (liveLabelSprite_ && fades(*liveLabelSprite_));
+    const double window = snapshot_ ? snapshot_->viewportDomain.visibleWindowSeconds : 0;
+    const double devicePixelsPerSecond =
+        window > 0 ? plotFrame_.width() / window * backingScale() : 0;
+    if (fading || devicePixelsPerSecond <= 0) return displayPeriodMs_;
+    // The rounded shift steps where the raw one crosses the next half pixel.
+    const double shift = rawShiftPixels_ * backingScale();
+    const double untilStep = (std::floor(shift + 0.5) + 0.5 - shift) / devicePixelsPerSecond;
+    const int periods =
+        std::max(1, static_cast<int>(std::ceil(untilStep * 1000 / displayPeriodMs_)));
+    return std::min(kLongestPacedTickMs, periods * displayPeriodMs_);
 }
 
 void FixedViewportTrendHostItem::stopDisplayLink(bool release) {
@@ -238,7 +260,8 @@ void FixedViewportTrendHostItem::refreshWindowVisibility(Timestamp now) {
 
 void FixedViewportTrendHostItem::advanceFrame(Timestamp now) {
     const Timestamp upper = currentDisplayUpperBound(now, true);
-    const double shift = wholeDevicePixels(currentShiftPixels(upper));
+    rawShiftPixels_ = currentShiftPixels(upper);
+    const double shift = wholeDevicePixels(rawShiftPixels_);
     renderer_.setShiftPixels(shift);
     renderer_.setLiveRevealProgress(currentLiveRevealProgress(upper));
     updateXAxisLabelsIfNeeded(now, shift, false);
@@ -262,8 +285,10 @@ void FixedViewportTrendHostItem::tick() {
     }
     if (!shouldRunDisplayLink(now)) {
         if (displayLinkRunning_) stopDisplayLink(false);
-    } else {
+    } else if (!displayLinkRunning_) {
         startDisplayLinkIfNeeded();
+    } else {
+        displayLink_->start(pacedTickMilliseconds());
     }
 }
 

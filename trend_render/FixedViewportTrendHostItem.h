@@ -76,6 +76,9 @@ public:
     void setClocks(WallClock wall, MediaClock media);
 
     bool displayLinkRunning() const { return displayLinkRunning_; }
+    // How long the running frame source waits before its next tick, and the display's period.
+    int displayLinkIntervalMs() const { return displayLink_ ? displayLink_->interval() : 0; }
+    int displayPeriodMs() const { return displayPeriodMs_; }
     bool tickQueued() const { return tickQueued_; }
     double lastTickEnqueueAt() const { return lastTickEnqueueAt_; }
     const std::optional<FixedViewportTrendSnapshot>& snapshot() const { return snapshot_; }
@@ -125,6 +128,9 @@ private:
     bool viewCanDraw() const;       // on screen, shown item with a parent and a size
     void refreshWindowVisibility(Timestamp now);
     void startDisplayLinkIfNeeded();
+    // The next tick's delay: the display's period while a label fades, otherwise the whole
+    // periods until the plot's shift reaches its next device pixel.
+    int pacedTickMilliseconds() const;
     void stopDisplayLink(bool release);
     void setDisplayLinkRunning(bool running);
     void requestFrame();
@@ -153,6 +159,9 @@ private:
     std::optional<double> lastXAxisLabelUpdateAt_;
     std::optional<double> lastXAxisLabelShiftPixels_;
     QTimer* displayLink_ = nullptr;
+    int displayPeriodMs_ = 17;
+    double rawShiftPixels_ = 0;  // the shift before rounding to device pixels, at the last tick
+    static constexpr int kLongestPacedTickMs = 1000;
     bool displayLinkRunning_ = false;
     bool tickQueued_ = false;
     double lastTickEnqueueAt_ = 0;

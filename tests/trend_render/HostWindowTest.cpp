@@ -231,6 +231,30 @@ int inkIn(const QImage& image, const QRect& area) {
     return 255 - darkest;
 }
 
+// Between two steps of a slow chart nothing changes, so the frame source sleeps until the next
+// device pixel is due (in whole display periods) rather than waking on every display refresh.
+TEST_F(HostWindow, ASlowChartTicksWhenItsNextPixelIsDue) {
+    useFakeClocks();
+    showWindow();
+    // Five minutes over the 360 px plot: 1.2 px a second, a step every 833 ms.
+    give(test::snapshotEndingAt(clocks.wall - 10, 300), clocks.wall);
+    ASSERT_TRUE(host->displayLinkRunning());
+    const int period = host->displayPeriodMs();
+    ASSERT_GT(period, 0);
+    const int slow = host->displayLinkIntervalMs();
+    EXPECT_EQ(slow % period, 0) << slow << " ms is not whole display periods of " << period;
+    EXPECT_GT(slow, period);
+    EXPECT_LE(slow, 1000);
+    // One minute over the same plot moves five times as fast: the wait is shorter, and never
+    // longer than one pixel's time rounded up to the display's period.
+    give(test::snapshotEndingAt(clocks.wall - 10, 60), clocks.wall);
+    ASSERT_TRUE(test::waitFor([this] { return !host->tickQueued(); }));
+    const int fast = host->displayLinkIntervalMs();
+    EXPECT_EQ(fast % period, 0);
+    EXPECT_LE(fast, (1000 / 6 / period + 1) * period);
+    EXPECT_LT(fast, slow);
+}
+
 TEST_F(HostWindow, LabelsFadeOutAtThePlotsLeftEdge) {
     useFakeClocks();
     showWindow();

@@ -1,5 +1,6 @@
 #include "desktop/KelvoIcon.h"
 
+#include <QGuiApplication>
 #include <QPixmap>
 
 namespace kelvo {
@@ -12,7 +13,11 @@ QIcon kelvoApplicationIcon() {
 }
 
 QIcon kelvoTrayIcon() {
-    return QIcon(kelvoApplicationIcon().pixmap(QSize(18, 18)));
+    // Once set, the application's icon is this one already decoded; decoding the eight sizes a
+    // second time cost the launch several milliseconds before the dashboard's first frame.
+    const QIcon application = QGuiApplication::windowIcon();
+    const QIcon& source = application.isNull() ? kelvoApplicationIcon() : application;
+    return QIcon(source.pixmap(QSize(18, 18)));
 }
 
 }  // namespace kelvo

@@ -54,8 +54,13 @@ TEST(TrayMenu, HasTheFiveCommandsInOrderAndRunsThem) {
     int shown = 0;
     int quit = 0;
     int fans = 0;
-    auto menu =
-        kelvo::makeTrayMenu({[&] { ++shown; }, [&] { ++quit; }, [&] { ++fans; }}, check, settings);
+    int made = 0;
+    auto menu = kelvo::makeTrayMenu({[&] { ++shown; }, [&] { ++quit; }, [&] { ++fans; }}, check,
+                                    [&]() -> kelvo::UpdaterSettingsView& {
+                                        ++made;
+                                        return settings;
+                                    });
+    EXPECT_EQ(made, 0) << "the settings window is asked for only when it is shown";
     QStringList texts;
     QList<QAction*> commands;
     for (QAction* action : menu->actions()) {
@@ -75,6 +80,7 @@ TEST(TrayMenu, HasTheFiveCommandsInOrderAndRunsThem) {
     commands[1]->trigger();
     EXPECT_EQ(fans, 1);
     commands[3]->trigger();
+    EXPECT_EQ(made, 1);
     EXPECT_TRUE(settings.isVisible());
     EXPECT_EQ(quit, 0);
     commands[4]->trigger();

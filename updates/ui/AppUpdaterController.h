@@ -1,6 +1,7 @@
 // Everything the desktop application needs for updates, made once at launch: the updater
-// (started at once), the dialogs' delegate and driver, the "Check for Updates…" command, the
-// settings window and the tray menu built from them. The tray owner only attaches trayMenu().
+// (started at once), the dialogs' delegate and driver, the "Check for Updates…" command and the
+// tray menu built from them, and the settings window when it is first asked for. The tray owner
+// only attaches trayMenu().
 #pragma once
 
 #include <QObject>
@@ -24,7 +25,7 @@ public:
 
     Updater& updater() { return updater_; }
     CheckForUpdatesView& checkForUpdatesView() { return checkForUpdates_; }
-    UpdaterSettingsView& settingsView() { return *settings_; }
+    UpdaterSettingsView& settingsView();
     QMenu* trayMenu() { return trayMenu_.get(); }
 
 private:

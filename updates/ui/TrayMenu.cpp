@@ -1,14 +1,12 @@
 #include "updates/ui/TrayMenu.h"
 
-#include <QPointer>
-
 #include "updates/ui/CheckForUpdatesView.h"
 #include "updates/ui/UpdaterSettingsView.h"
 
 namespace kelvo {
 
 std::unique_ptr<QMenu> makeTrayMenu(TrayMenuActions actions, CheckForUpdatesView& checkForUpdates,
-                                    UpdaterSettingsView& settings) {
+                                    std::function<UpdaterSettingsView&()> settings) {
     auto menu = std::make_unique<QMenu>();
     QObject::connect(menu->addAction(QStringLiteral("Show Dashboard")), &QAction::triggered,
                      menu.get(), [show = std::move(actions.showDashboard)] {
@@ -19,13 +17,13 @@ std::unique_ptr<QMenu> makeTrayMenu(TrayMenuActions actions, CheckForUpdatesView
                          if (show) show();
                      });
     menu->addAction(checkForUpdates.action());
-    QPointer<UpdaterSettingsView> window(&settings);
     QObject::connect(menu->addAction(QStringLiteral("Settings\u2026")), &QAction::triggered,
-                     menu.get(), [window] {
-                         if (!window) return;
-                         window->show();
-                         window->raise();
-                         window->activateWindow();
+                     menu.get(), [settings = std::move(settings)] {
+                         if (!settings) return;
+                         UpdaterSettingsView& window = settings();
+                         window.show();
+                         window.raise();
+                         window.activateWindow();
                      });
     menu->addSeparator();
     QObject::connect(menu->addAction(QStringLiteral("Quit Kelvo")), &QAction::triggered, menu.get(),

@@ -18,7 +18,8 @@ struct TrayMenuActions {
     std::function<void()> showFans;  // the dashboard with its Fans pane open
 };
 
+// `settings` gives the settings window, which may be made only when it is first asked for.
 std::unique_ptr<QMenu> makeTrayMenu(TrayMenuActions actions, CheckForUpdatesView& checkForUpdates,
-                                    UpdaterSettingsView& settings);
+                                    std::function<UpdaterSettingsView&()> settings);
 
 }  // namespace kelvo

@@ -139,9 +139,7 @@ DashboardView* AppLifecycleController::ensureDashboardWindow() {
         dashboardSource_.isEmpty() ? DashboardView::defaultSource() : dashboardSource_);
     if (appCommands_) ownedWindow_->setAppCommands(appCommands_);
     DashboardView* window = ownedWindow_.get();
-    // A window without an icon of its own shows the application's: decoding the eight sizes again
-    // would cost the first frame a few milliseconds.
-    if (QGuiApplication::windowIcon().isNull()) window->setIcon(kelvoApplicationIcon());
+    window->setIcon(kelvoDecodedIcon());
     // The chrome accessor hands the window back to us and applies the first placement.
     WindowChromeAccessor::attach(window, dashboard_layout::minimumContentWidth, this);
     return window;

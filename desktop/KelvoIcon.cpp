@@ -12,12 +12,13 @@ QIcon kelvoApplicationIcon() {
     return icon;
 }
 
-QIcon kelvoTrayIcon() {
-    // Once set, the application's icon is this one already decoded; decoding the eight sizes a
-    // second time cost the launch several milliseconds before the dashboard's first frame.
+QIcon kelvoDecodedIcon() {
     const QIcon application = QGuiApplication::windowIcon();
-    const QIcon& source = application.isNull() ? kelvoApplicationIcon() : application;
-    return QIcon(source.pixmap(QSize(18, 18)));
+    return application.isNull() ? kelvoApplicationIcon() : application;
+}
+
+QIcon kelvoTrayIcon() {
+    return QIcon(kelvoDecodedIcon().pixmap(QSize(18, 18)));
 }
 
 }  // namespace kelvo

@@ -1,7 +1,8 @@
 // What keeps a frame of the dashboard cheap where the GPU is Mesa's software rasteriser: no depth
 // or stencil buffer to clear and test, text from the glyph cache rather than distance fields, and
-// no item that paints a large area again on every frame; the window's own clear shows the
-// palette's background, in the light palette and after a switch to the dark one.
+// no item that paints a large area again on every frame, and option buttons that fill only the
+// chosen option; the window's own clear shows the palette's background, in the light palette and
+// after a switch to the dark one.
 #include <QGuiApplication>
 #include <QImage>
 #include <QOpenGLContext>
@@ -130,6 +131,38 @@ TEST_F(DashboardRenderCost, NoItemPaintsALargeAreaAgainAndTheClearShowsThePalett
                        "light");
     QGuiApplication::setPalette(darkDesktopPalette());
     expectBackgroundIs(darkDesktopPalette().color(QPalette::Active, QPalette::Window), "dark");
+}
+
+// The style's button panel filled every option with a rounded gradient and an inner frame, drawn
+// again with each frame of the chart: the option rows cost more than the rest of the top bar.
+TEST_F(DashboardRenderCost, OnlyTheChosenOptionOfEachOptionRowIsFilled) {
+    openDashboard();
+    const QImage shot = grabAfterNextFrame();
+    const double scale = window()->effectiveDevicePixelRatio();
+    const QColor background = window()->color();
+    const QStringList rows{QStringLiteral("dashboard-public-mode-system"),
+                           QStringLiteral("dashboard-public-mode-enhanced"),
+                           QStringLiteral("surface-selection-dashboard"),
+                           QStringLiteral("surface-selection-advanced"),
+                           QStringLiteral("surface-selection-capture"),
+                           QStringLiteral("control-trend-window-oneMinute"),
+                           QStringLiteral("control-trend-window-fiveMinutes")};
+    int chosen = 0;
+    for (const QString& name : rows) {
+        QQuickItem* option = item(name);
+        ASSERT_NE(option, nullptr) << name.toStdString();
+        // Inside the border, clear of the centred title.
+        const QPointF at = option->mapToScene(QPointF(4, option->height() / 2));
+        const QColor seen = shot.pixelColor((at * scale).toPoint());
+        const bool isChosen = option->property("checked").toBool();
+        chosen += isChosen;
+        if (isChosen)
+            EXPECT_NE(seen.rgb(), background.rgb()) << name.toStdString() << " is not shown chosen";
+        else
+            EXPECT_EQ(seen.rgb(), background.rgb())
+                << name.toStdString() << " is filled with " << seen.name().toStdString();
+    }
+    EXPECT_EQ(chosen, 3) << "one option of each row is chosen";
 }
 
 }  // namespace

@@ -71,7 +71,9 @@ launches = [int(ms) for ms in re.findall(r"first dashboard frame: (\d+) ms", war
 first = re.search(r"first dashboard frame: (\d+) ms", out)
 cold = re.search(r"first dashboard frame: (\d+) ms", fresh)
 renderer = re.search(r"renderer: (.*)", out)
-shown = re.search(r"visible for [\d.]+ s: CPU ([\d.]+) ms per second, \d+ frames \(([\d.]+) a second\), \d+ chart frames, largest chart step ([\d.]+)", out)
+# A probe built before the chart's steps were measured prints neither the rate nor the step.
+shown = re.search(r"visible for ([\d.]+) s: CPU ([\d.]+) ms per second, (\d+) frames"
+                  r"(?: \(([\d.]+) a second\), \d+ chart frames, largest chart step ([\d.]+))?", out)
 hidden = re.search(r"hidden for [\d.]+ s: CPU ([\d.]+) ms per second", out)
 if not (first and shown and hidden):
     print(f"| {window} | {size} | {scale}x | {probe} | | the probe did not finish | | | | | |")
@@ -79,8 +81,9 @@ else:
     print(f"| {window} | {size} | {scale}x | {probe} | {renderer[1] if renderer else '-'} "
           f"| {round(statistics.median(launches)) if launches else first[1]} "
           f"| {cold[1] if cold else '-'} "
-          f"| {float(shown[1]) / 10:.1f} "
-          f"| {shown[2]} | {shown[3]} | {float(hidden[1]) / 10:.2f} |")
+          f"| {float(shown[2]) / 10:.1f} "
+          f"| {shown[4] or f'{int(shown[3]) / float(shown[1]):.1f}'} | {shown[5] or '-'} "
+          f"| {float(hidden[1]) / 10:.2f} |")
 PY
             done
         done

@@ -1,9 +1,11 @@
 #include "desktop/DashboardView.h"
 
+#include <cctype>
 #include <cmath>
 
 #include <QEvent>
 #include <QGuiApplication>
+#include <QMetaEnum>
 #include <QPalette>
 #include <QQmlContext>
 #include <QQuickGraphicsConfiguration>
@@ -78,6 +80,33 @@ void DashboardView::followPaletteBackground() {
     rootContext()->setContextProperty(QStringLiteral("neutralTint"), SystemColor::secondary);
 }
 
+// Qt updates the palette of the controls that exist when the desktop's palette changes, but the
+// window keeps the one it resolved first, and controls made later (a surface built when it is
+// first shown) take theirs from it. The window's palette is given every colour of the new one.
+void DashboardView::followPaletteInControls() {
+    const QVariant windowPalette = property("palette");
+    auto* quickPalette = windowPalette.value<QObject*>();
+    if (!quickPalette) return;
+    const QPalette palette = QGuiApplication::palette();
+    const QMetaEnum roles = QMetaEnum::fromType<QPalette::ColorRole>();
+    const std::pair<const char*, QPalette::ColorGroup> groups[] = {
+        {"active", QPalette::Active},
+        {"inactive", QPalette::Inactive},
+        {"disabled", QPalette::Disabled}};
+    for (const auto& [groupName, group] : groups) {
+        auto* colors = quickPalette->property(groupName).value<QObject*>();
+        if (!colors) continue;
+        for (int r = 0; r < roles.keyCount(); ++r) {
+            const auto role = QPalette::ColorRole(roles.value(r));
+            if (role >= QPalette::NColorRoles) continue;
+            QByteArray name(roles.key(r));
+            name[0] = char(std::tolower(name[0]));
+            if (colors->metaObject()->indexOfProperty(name.constData()) >= 0)
+                colors->setProperty(name.constData(), palette.color(group, role));
+        }
+    }
+}
+
 QColor DashboardView::secondaryTextColor(const QPalette& palette) {
     const QColor text = palette.color(QPalette::Active, QPalette::WindowText);
     const QColor back = palette.color(QPalette::Active, QPalette::Window);
@@ -120,8 +149,12 @@ QString DashboardView::describeLoadErrors(const QList<QQmlError>& errors) {
 }
 
 bool DashboardView::event(QEvent* event) {
-    if (event->type() == QEvent::ApplicationPaletteChange) followPaletteBackground();
-    return QQuickView::event(event);
+    const bool handled = QQuickView::event(event);
+    if (event->type() == QEvent::ApplicationPaletteChange) {
+        followPaletteBackground();
+        followPaletteInControls();
+    }
+    return handled;
 }
 
 void DashboardView::setAppCommands(QObject* commands) {

@@ -58,6 +58,7 @@ protected:
 private:
     void useCheapRendering();
     void followPaletteBackground();
+    void followPaletteInControls();
 
     DashboardViewModel* viewModel_;
     TrendSectionModel* trendModel_;

@@ -6,6 +6,7 @@
 #include <QQuickItem>
 
 #include "DesktopTestSupport.h"
+#include "app/FanSettingsModel.h"
 #include "tools/screenshots/ScreenshotPalettes.h"
 #include "trend_render/TrendChartAppearance.h"
 
@@ -106,6 +107,30 @@ TEST_F(DashboardContrast, EveryNeutralLabelReachesFourAndAHalfToOneLightAndDark)
         return window()->color() == darkDesktopPalette().color(QPalette::Active, QPalette::Window);
     }));
     expectReadable("dark");
+}
+
+// The Fans pane is built when it is first shown: opened after the desktop turned dark, its
+// controls take the dark palette, as the controls that were there before the switch do.
+TEST_F(DashboardContrast, ControlsBuiltAfterTheDesktopTurnsDarkTakeTheDarkPalette) {
+    openDashboard();
+    QGuiApplication::setPalette(darkDesktopPalette());
+    ASSERT_TRUE(waitFor([&] {
+        return window()->color() == darkDesktopPalette().color(QPalette::Active, QPalette::Window);
+    }));
+    ASSERT_NE(runtime->fanSettings(), nullptr);
+    runtime->fanSettings()->setPaneOpen(true);
+    ASSERT_TRUE(waitFor([&] { return item(QStringLiteral("fans-choice-0-auto")) != nullptr; }));
+    settle();
+    const QColor expected = darkDesktopPalette().color(QPalette::Active, QPalette::ButtonText);
+    for (const char* name : {"fans-choice-0-auto", "control-trend-window-oneMinute"}) {
+        QQuickItem* control = item(QString::fromLatin1(name));
+        ASSERT_NE(control, nullptr) << name;
+        auto* palette = control->property("palette").value<QObject*>();
+        ASSERT_NE(palette, nullptr) << name;
+        EXPECT_EQ(palette->property("buttonText").value<QColor>().name().toStdString(),
+                  expected.name().toStdString())
+            << name;
+    }
 }
 
 TEST(ContrastRatio, BlackOnWhiteIsTwentyOneAndAColourOnItselfIsOne) {

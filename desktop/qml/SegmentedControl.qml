@@ -14,6 +14,9 @@ RowLayout {
     spacing: -1
 
     SystemPalette { id: palette; colorGroup: SystemPalette.Active }
+    function highlightAt(alpha) {
+        return Qt.rgba(palette.highlight.r, palette.highlight.g, palette.highlight.b, alpha)
+    }
 
     Repeater {
         model: control.options
@@ -47,12 +50,9 @@ RowLayout {
             background: Rectangle {
                 implicitWidth: 80
                 implicitHeight: 24
-                color: parent.down ? Qt.rgba(palette.highlight.r, palette.highlight.g,
-                                             palette.highlight.b, 0.35)
-                     : parent.checked ? Qt.rgba(palette.highlight.r, palette.highlight.g,
-                                                palette.highlight.b, 0.22)
-                     : parent.hovered ? Qt.rgba(palette.highlight.r, palette.highlight.g,
-                                                palette.highlight.b, 0.10)
+                color: parent.down ? control.highlightAt(0.35)
+                     : parent.checked ? control.highlightAt(0.22)
+                     : parent.hovered ? control.highlightAt(0.10)
                      : "transparent"
                 border.width: parent.visualFocus ? 2 : 1
                 border.color: parent.checked || parent.visualFocus ? palette.highlight

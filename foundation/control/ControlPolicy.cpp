@@ -18,6 +18,8 @@ constexpr double kSoftRiseC = 2;
 // step as a noise. Close to the hard limit a steeper rise takes over.
 constexpr double kQuietRiseRPMPerSecond = 120;
 constexpr double kQuietRiseDutyWithoutSpeeds = 0.03;  // fans that report no range
+// A fan's own level moving 3 dB within 5 s is heard as a change; this ramp stays under it.
+constexpr double kQuietRampDbPerSecond = 0.5;
 // Duty per second per squared degree past the edge under the hard limit: four tenths of the range
 // a second at a degree past it, none at the edge itself.
 constexpr double kLimitRiseGain = 0.4;
@@ -90,6 +92,16 @@ double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
     return worst;
 }
 
+// Some die's rising slope carries it over its limit within the trend horizon.
+bool ControlPolicy::headingOverLimit(const TelemetrySample& sample) const {
+    auto over = [&](const std::optional<double>& temp, const std::optional<double>& slope,
+                    double limit) {
+        return temp && *temp + std::max(0.0, slope.value_or(0)) * horizon_ > limit;
+    };
+    return over(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC) ||
+           over(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC);
+}
+
 // A die's reserve against a burst: the jump a full load brings (learned from the steps seen so
 // far, a guess before the first) scaled by how much of its device is still idle. A device that
 // reports no utilisation is not guessed at.
@@ -114,13 +126,28 @@ double ControlPolicy::gpuReserve() const {
     return burstReserve(trend_.gpuBaseLoadPct(), trend_.gpuRecentPeakPct(), trend_.gpuJumpC());
 }
 
-// Duty per second that moves the widest fan by the quiet ramp.
-double ControlPolicy::quietRiseLimit(const TelemetrySample& sample) const {
-    double span = 0;
+// Duty per second that moves the widest fan by the quiet ramp, and no fan's own level faster than
+// a listener hears as a change: a slow fan a few hundred rpm faster is already a few dB louder.
+// `down` gives the same for a fall. A die heading over its limit is caught first: then only the
+// ramp in rpm holds.
+double ControlPolicy::quietRampLimit(const TelemetrySample& sample, bool down,
+                                     bool headingOver) const {
+    double limit = 1e9;
+    const double factor = std::pow(10.0, kQuietRampDbPerSecond / 50.0);
+    const double perSecond = down ? 1 - 1 / factor : factor - 1;
     const std::size_t fans = std::min(sample.fanMinRPM.size(), sample.fanMaxRPM.size());
-    for (std::size_t i = 0; i < fans; ++i)
-        span = std::max(span, sample.fanMaxRPM[i] - sample.fanMinRPM[i]);
-    return span > 0 ? kQuietRiseRPMPerSecond / span : kQuietRiseDutyWithoutSpeeds;
+    for (std::size_t i = 0; i < fans; ++i) {
+        const double span = sample.fanMaxRPM[i] - sample.fanMinRPM[i];
+        if (!(span > 0)) continue;
+        const double rpm = sample.fanMinRPM[i] + duty_ * span;
+        // A fan standing still is heard when it starts, however gently it is asked to: holding
+        // the duty back would only keep it still while the die warms.
+        const bool still = i < sample.fanCurrentRPM.size() &&
+                           isReadableRPM(sample.fanCurrentRPM[i]) && !(sample.fanCurrentRPM[i] > 0);
+        if (!headingOver && !still) limit = std::min(limit, perSecond * rpm / span);
+        if (!down) limit = std::min(limit, kQuietRiseRPMPerSecond / span);
+    }
+    return limit < 1e9 ? limit : kQuietRiseDutyWithoutSpeeds;
 }
 
 bool ControlPolicy::predictsSustainedLoad(const TelemetrySample& sample,
@@ -200,7 +227,8 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     if (drive > 0) {
         const double eased = drive * std::min(1.0, drive / kSoftRiseC);
         double rise = riseGain * eased * dt;
-        if (mode != ControlMode::performance) rise = std::min(rise, quietRiseLimit(sample) * dt);
+        if (mode != ControlMode::performance)
+            rise = std::min(rise, quietRampLimit(sample, false, headingOverLimit(sample)) * dt);
         duty_ = std::min(1.0, duty_ + rise);
         sinceIncrease_ = 0;
         out.reason = "above setpoint";
@@ -209,6 +237,8 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         // sliding through it and coming back up with a second audible change.
         double under = -excess - limits_.hysteresisC;
         double fall = std::min(kMaxFallPerSecond, kFallGainPerDegreeSecond * under) * dt;
+        if (mode != ControlMode::performance)
+            fall = std::min(fall, quietRampLimit(sample, true, false) * dt);
         duty_ = std::max(0.0, duty_ - fall);
         out.reason = "below setpoint";
     } else if (mode != ControlMode::performance && duty_ > 0 && excess < -kTrimBelowC &&

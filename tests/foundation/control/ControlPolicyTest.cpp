@@ -112,7 +112,23 @@ TEST(ControlPolicy, AnIdleMachineIsKeptFurtherUnderTheLimitThanABusyOne) {
     EXPECT_DOUBLE_EQ(b.duty, 0.0);
     EXPECT_EQ(h.reason, "above setpoint");
     EXPECT_GT(h.duty, 0.0);
-    EXPECT_LT(h.duty, i.duty);
+    // Both rise by the quiet ramp there; at 81.5 °C, between the two setpoints, only the idle
+    // machine's fans rise.
+    auto at81 = [](Timestamp t, double utilisation) {
+        TelemetrySample s = withFans(temps(t, 81.5, 50));
+        s.cpuUtilizationPct = utilisation;
+        return s;
+    };
+    ControlPolicy idleAt81;
+    ControlPolicy halfBusyAt81;
+    for (Timestamp t = 0; t < 5; ++t) {
+        i = idleAt81.decide(ControlMode::quiet, at81(t, 0), 1.0, std::nullopt);
+        h = halfBusyAt81.decide(ControlMode::quiet, at81(t, 50), 1.0, std::nullopt);
+    }
+    EXPECT_EQ(i.reason, "above setpoint");
+    EXPECT_GT(i.duty, 0.0);
+    EXPECT_EQ(h.reason, "holding");
+    EXPECT_DOUBLE_EQ(h.duty, 0.0);
     // Without a utilisation reading no reserve is guessed.
     ControlPolicy unknown;
     PolicyOutput u;
@@ -355,6 +371,81 @@ TEST(ControlPolicy, QuietFallsFasterTheFurtherItIsUnderTheHysteresisBand) {
         EXPECT_EQ(out.reason, "settling");
         EXPECT_NEAR(out.duty, raised - 0.002 * (i - 11), 1e-9);
     }
+}
+
+// Each fan's own level (the fan law: 50·log10 of its speed) from one duty to the next.
+double levelStepDb(const TelemetrySample& s, std::size_t fan, double from, double to) {
+    const double span = s.fanMaxRPM[fan] - s.fanMinRPM[fan];
+    return 50 * std::log10((s.fanMinRPM[fan] + to * span) / (s.fanMinRPM[fan] + from * span));
+}
+
+TEST(ControlPolicy, QuietMovesNoFansOwnLevelByMoreThanHalfADecibelASecond) {
+    // 84 °C and steady on an idle machine: over its setpoint (80 °C) but far from its limit, so
+    // the fans have time to come up unheard. The fan at 1000 rpm is the one a listener would hear
+    // first: 120 rpm is 0.5 dB on it already.
+    ControlPolicy policy;
+    double previous = 0;
+    for (Timestamp t = 0; t < 60; ++t) {
+        TelemetrySample s = withFans(temps(t, 84, 50));
+        s.cpuUtilizationPct = 0;
+        s.fanCurrentRPM = {1000 + previous * 4000, 800 + previous * 2200};
+        const auto out = policy.decide(ControlMode::quiet, s, 1.0, std::nullopt);
+        // The reserve waits for the trend's first seconds.
+        if (t >= 6) {
+            EXPECT_EQ(out.reason, "above setpoint") << t;
+        }
+        for (std::size_t fan = 0; fan < 2; ++fan)
+            EXPECT_LE(levelStepDb(s, fan, previous, out.duty), 0.5 + 1e-9) << t;
+        previous = out.duty;
+    }
+    // Not held still: a minute later the fans are well up, about 30 dB on the slower one.
+    EXPECT_GT(previous, 0.2);
+    EXPECT_LT(previous, 60 * kQuietRampDuty);
+}
+
+TEST(ControlPolicy, AFanStandingStillStartsByTheQuietRampInRpm) {
+    // A fan the stop held still is heard when it starts however gently it is asked: a start
+    // held back to half a decibel a second would only leave it still while the die warms.
+    auto at = [](Timestamp t, double rpm) {
+        TelemetrySample s = withFans(temps(t, 84, 50));
+        s.cpuUtilizationPct = 0;
+        s.fanCurrentRPM = {rpm, rpm};
+        return s;
+    };
+    ControlPolicy stopped;
+    ControlPolicy turning;
+    for (Timestamp t = 0; t < 9; ++t) {
+        stopped.decide(ControlMode::quiet, at(t, 0), 1.0, std::nullopt);
+        turning.decide(ControlMode::quiet, at(t, 1000), 1.0, std::nullopt);
+    }
+    const double stillBefore = stopped.duty();
+    const double slowBefore = turning.duty();
+    const double still = stopped.decide(ControlMode::quiet, at(9, 0), 1.0, std::nullopt).duty;
+    const double slow = turning.decide(ControlMode::quiet, at(9, 1000), 1.0, std::nullopt).duty;
+    EXPECT_NEAR(still - stillBefore, kQuietRampDuty, 1e-9);
+    EXPECT_GT(slow - slowBefore, 0.0);
+    EXPECT_LT(slow - slowBefore, kQuietRampDuty / 2);
+}
+
+TEST(ControlPolicy, QuietFallsNoFasterThanHalfADecibelASecondOnAnyFan) {
+    ControlPolicy policy;
+    policy.reset(0.5);
+    // 72 °C, far under the band (setpoint 86 °C, 3 °C band): the fall is the gentler of its own
+    // rule (two percent a second) and half a decibel a second on each fan.
+    double previous = 0.5;
+    bool gentler = false;
+    for (Timestamp t = 0; t < 60; ++t) {
+        const auto s = withFans(temps(t, 72, 50));
+        const auto out = policy.decide(ControlMode::quiet, s, 1.0, std::nullopt);
+        EXPECT_EQ(out.reason, "below setpoint") << t;
+        for (std::size_t fan = 0; fan < 2; ++fan)
+            EXPECT_GE(levelStepDb(s, fan, previous, out.duty), -0.5 - 1e-9) << t;
+        gentler = gentler || previous - out.duty < 0.02 - 1e-9;
+        previous = out.duty;
+    }
+    // Low in the range half a decibel is the tighter of the two.
+    EXPECT_TRUE(gentler);
+    EXPECT_LT(previous, 0.2);
 }
 
 TEST(ControlPolicy, QuietHoldsStillWithinHalfADegreeOfItsSetpoint) {

@@ -92,8 +92,8 @@ TEST(ControlPolicy, AnIdleMachineIsKeptFurtherUnderTheLimitThanABusyOne) {
     // 84 °C, steady: inside the busy machine's band (setpoint 86 °C), but over the idle machine's
     // setpoint (86 - 6 = 80 °C), because a burst from idle lifts the die faster than the fans
     // can answer. Half busy, the setpoint is half way (83 °C).
-    auto at84 = [](Timestamp t, double utilisation) {
-        TelemetrySample s = withFans(temps(t, 84, 50));
+    auto at = [](Timestamp t, double cpuC, double utilisation) {
+        TelemetrySample s = withFans(temps(t, cpuC, 50));
         s.cpuUtilizationPct = utilisation;
         return s;
     };
@@ -103,9 +103,9 @@ TEST(ControlPolicy, AnIdleMachineIsKeptFurtherUnderTheLimitThanABusyOne) {
     PolicyOutput i, b, h;
     // The reserve waits for the trend: a die that is cooling already needs no fans for it.
     for (Timestamp t = 0; t < 5; ++t) {
-        i = idle.decide(ControlMode::quiet, at84(t, 0), 1.0, std::nullopt);
-        b = busy.decide(ControlMode::quiet, at84(t, 100), 1.0, std::nullopt);
-        h = halfBusy.decide(ControlMode::quiet, at84(t, 50), 1.0, std::nullopt);
+        i = idle.decide(ControlMode::quiet, at(t, 84, 0), 1.0, std::nullopt);
+        b = busy.decide(ControlMode::quiet, at(t, 84, 100), 1.0, std::nullopt);
+        h = halfBusy.decide(ControlMode::quiet, at(t, 84, 50), 1.0, std::nullopt);
     }
     EXPECT_EQ(i.reason, "above setpoint");
     EXPECT_EQ(b.reason, "holding");
@@ -114,16 +114,11 @@ TEST(ControlPolicy, AnIdleMachineIsKeptFurtherUnderTheLimitThanABusyOne) {
     EXPECT_GT(h.duty, 0.0);
     // Both rise by the quiet ramp there; at 81.5 °C, between the two setpoints, only the idle
     // machine's fans rise.
-    auto at81 = [](Timestamp t, double utilisation) {
-        TelemetrySample s = withFans(temps(t, 81.5, 50));
-        s.cpuUtilizationPct = utilisation;
-        return s;
-    };
     ControlPolicy idleAt81;
     ControlPolicy halfBusyAt81;
     for (Timestamp t = 0; t < 5; ++t) {
-        i = idleAt81.decide(ControlMode::quiet, at81(t, 0), 1.0, std::nullopt);
-        h = halfBusyAt81.decide(ControlMode::quiet, at81(t, 50), 1.0, std::nullopt);
+        i = idleAt81.decide(ControlMode::quiet, at(t, 81.5, 0), 1.0, std::nullopt);
+        h = halfBusyAt81.decide(ControlMode::quiet, at(t, 81.5, 50), 1.0, std::nullopt);
     }
     EXPECT_EQ(i.reason, "above setpoint");
     EXPECT_GT(i.duty, 0.0);

@@ -92,14 +92,19 @@ double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
     return worst;
 }
 
-// Some die's rising slope carries it over its limit within the trend horizon.
-bool ControlPolicy::headingOverLimit(const TelemetrySample& sample) const {
-    auto over = [&](const std::optional<double>& temp, const std::optional<double>& slope,
-                    double limit) {
-        return temp && *temp + std::max(0.0, slope.value_or(0)) * horizon_ > limit;
+// How far the hottest die will be past its hard limit `seconds` from now, along its rising slope
+// (a falling one is not extrapolated); far negative with no temperature at all.
+double ControlPolicy::pastLimitAhead(const TelemetrySample& sample, double seconds) const {
+    double worst = -1e9;
+    auto consider = [&](const std::optional<double>& temp, const std::optional<double>& slope,
+                        double limit) {
+        if (!temp) return;
+        const double ahead = slope ? std::max(0.0, *slope) * seconds : 0.0;
+        worst = std::max(worst, *temp + ahead - limit);
     };
-    return over(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC) ||
-           over(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC);
+    consider(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC);
+    consider(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC);
+    return worst;
 }
 
 // A die's reserve against a burst: the jump a full load brings (learned from the steps seen so
@@ -128,10 +133,10 @@ double ControlPolicy::gpuReserve() const {
 
 // Duty per second that moves the widest fan by the quiet ramp, and no fan's own level faster than
 // a listener hears as a change: a slow fan a few hundred rpm faster is already a few dB louder.
-// `down` gives the same for a fall. A die heading over its limit is caught first: then only the
-// ramp in rpm holds.
-double ControlPolicy::quietRampLimit(const TelemetrySample& sample, bool down,
-                                     bool headingOver) const {
+// `down` gives the same for a fall. A die heading over its limit within the trend horizon is caught
+// first: then a rise is held to the ramp in rpm only.
+double ControlPolicy::quietRampLimit(const TelemetrySample& sample, bool down) const {
+    const bool headingOver = !down && pastLimitAhead(sample, horizon_) > 0;
     double limit = 1e9;
     const double factor = std::pow(10.0, kQuietRampDbPerSecond / 50.0);
     const double perSecond = down ? 1 - 1 / factor : factor - 1;
@@ -228,7 +233,7 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         const double eased = drive * std::min(1.0, drive / kSoftRiseC);
         double rise = riseGain * eased * dt;
         if (mode != ControlMode::performance)
-            rise = std::min(rise, quietRampLimit(sample, false, headingOverLimit(sample)) * dt);
+            rise = std::min(rise, quietRampLimit(sample, false) * dt);
         duty_ = std::min(1.0, duty_ + rise);
         sinceIncrease_ = 0;
         out.reason = "above setpoint";
@@ -238,7 +243,7 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         double under = -excess - limits_.hysteresisC;
         double fall = std::min(kMaxFallPerSecond, kFallGainPerDegreeSecond * under) * dt;
         if (mode != ControlMode::performance)
-            fall = std::min(fall, quietRampLimit(sample, true, false) * dt);
+            fall = std::min(fall, quietRampLimit(sample, true) * dt);
         duty_ = std::max(0.0, duty_ - fall);
         out.reason = "below setpoint";
     } else if (mode != ControlMode::performance && duty_ > 0 && excess < -kTrimBelowC &&
@@ -257,15 +262,7 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     // and it is a flood a degree over the limit.
     // A die creeping towards the limit is met a few seconds early, where the fans can still
     // catch it.
-    double hardExcess = -1e9;
-    auto towardsLimit = [&](const std::optional<double>& temp, const std::optional<double>& slope,
-                            double limit) {
-        if (!temp) return;
-        const double ahead = slope ? std::max(0.0, *slope) * kLimitLookaheadS : 0.0;
-        hardExcess = std::max(hardExcess, *temp + ahead - limit);
-    };
-    towardsLimit(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC);
-    towardsLimit(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC);
+    const double hardExcess = pastLimitAhead(sample, kLimitLookaheadS);
     // The edge stays inside the margin, so holding the setpoint never reaches it.
     const double pastEdge = hardExcess + std::min(1.0, 0.5 * margin_);
     if (pastEdge > 0 && duty_ < 1.0) {

@@ -57,8 +57,8 @@ private:
                         const std::optional<double>& jumpC) const;
     double cpuReserve() const;
     double gpuReserve() const;
-    double quietRampLimit(const TelemetrySample& sample, bool down, bool headingOver) const;
-    bool headingOverLimit(const TelemetrySample& sample) const;
+    double quietRampLimit(const TelemetrySample& sample, bool down) const;
+    double pastLimitAhead(const TelemetrySample& sample, double seconds) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
     void anticipate(const TelemetrySample& sample, double dt, const AdaptiveLeadModel& model,
                     PolicyOutput& out);

@@ -10,6 +10,9 @@ constexpr double kRiseGainPerDegreeSecond = 0.04;
 constexpr double kFallGainPerDegreeSecond = 0.004;
 constexpr double kMaxFallPerSecond = 0.02;
 constexpr double kTrimPerSecond = 0.002;
+// The creep grows with the distance under the setpoint: fans a rise left well too fast come back
+// sooner, still too slowly to be heard.
+constexpr double kTrimGainPerDegreeSecond = 0.002;
 constexpr double kTrimBelowC = 0.5;
 // Within this much over the setpoint the rise eases in (quadratically), so a degree of drift does
 // not step the fans audibly; beyond it the full gain applies.
@@ -20,6 +23,9 @@ constexpr double kQuietRiseRPMPerSecond = 120;
 constexpr double kQuietRiseDutyWithoutSpeeds = 0.03;  // fans that report no range
 // A fan's own level moving 3 dB within 5 s is heard as a change; this ramp stays under it.
 constexpr double kQuietRampDbPerSecond = 0.5;
+// A die heading over its hard limit takes the rise in rpm by degrees: all of it once its course
+// passes the limit by this much, a share of it when only just.
+constexpr double kHeadingOverBlendC = 3;
 // Duty per second per squared degree past the edge under the hard limit: four tenths of the range
 // a second at a degree past it, none at the edge itself.
 constexpr double kLimitRiseGain = 0.4;
@@ -70,40 +76,51 @@ double ControlPolicy::setpointExcess(ControlMode mode, const TelemetrySample& sa
     return worst;
 }
 
-// The setpoint excess the dies are heading for: each die's excess plus how far its rising slope
-// carries it over the horizon. Falling temperatures are not extrapolated: the fans come down by
-// the slow rules only.
+// The setpoint excess the dies are heading for: each die's excess plus how far its trend carries
+// it over the horizon (less where the rise is levelling off). Falling temperatures are not
+// extrapolated: the fans come down by the slow rules only.
 double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
     const double horizon = horizon_;
     double worst = -1e9;
-    auto consider = [&](const std::optional<double>& temp, const std::optional<double>& slope,
+    auto consider = [&](const std::optional<double>& temp, const std::optional<double>& ahead,
                         double limit, double reserve) {
         if (!temp) return;
         const double setpoint = limit - margin_;
-        const double rise = slope ? std::max(0.0, *slope) * horizon : 0.0;
+        const double rise = ahead ? std::max(0.0, *ahead) : 0.0;
         worst = std::max(worst, *temp + rise - setpoint);
         // The burst reserve is for a die that is not cooling already: one on its way down after
         // its load ended gets there without the fans. Until the slope is known, only the plain
         // setpoint drives the fans up; a burst's own jump is not a trend.
-        if (slope) worst = std::max(worst, *temp + *slope * horizon - (setpoint - reserve));
+        if (ahead) worst = std::max(worst, *temp + *ahead - (setpoint - reserve));
     };
-    consider(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC, cpuReserve());
-    consider(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC, gpuReserve());
+    consider(sample.cpuTemperatureC, riseAhead(Die::cpu, horizon), limits_.quietCpuLimitC,
+             cpuReserve());
+    consider(sample.gpuTemperatureC, riseAhead(Die::gpu, horizon), limits_.quietGpuLimitC,
+             gpuReserve());
     return worst;
 }
 
-// How far the hottest die will be past its hard limit `seconds` from now, along its rising slope
+// While a sustained load is anticipated the heatsink is about to take it for minutes: a die
+// levelling off after the load's step says nothing of that, so its slope is carried on in full.
+std::optional<double> ControlPolicy::riseAhead(Die die, double seconds) const {
+    if (anticipationLeft_ > 0) {
+        const auto slope = die == Die::cpu ? trend_.cpuSlope() : trend_.gpuSlope();
+        return slope ? std::optional<double>(*slope * seconds) : std::nullopt;
+    }
+    return die == Die::cpu ? trend_.cpuRiseAhead(seconds) : trend_.gpuRiseAhead(seconds);
+}
+
+// How far the hottest die will be past its hard limit `seconds` from now, along its rising trend
 // (a falling one is not extrapolated); far negative with no temperature at all.
 double ControlPolicy::pastLimitAhead(const TelemetrySample& sample, double seconds) const {
     double worst = -1e9;
-    auto consider = [&](const std::optional<double>& temp, const std::optional<double>& slope,
+    auto consider = [&](const std::optional<double>& temp, const std::optional<double>& ahead,
                         double limit) {
         if (!temp) return;
-        const double ahead = slope ? std::max(0.0, *slope) * seconds : 0.0;
-        worst = std::max(worst, *temp + ahead - limit);
+        worst = std::max(worst, *temp + (ahead ? std::max(0.0, *ahead) : 0.0) - limit);
     };
-    consider(sample.cpuTemperatureC, trend_.cpuSlope(), limits_.quietCpuLimitC);
-    consider(sample.gpuTemperatureC, trend_.gpuSlope(), limits_.quietGpuLimitC);
+    consider(sample.cpuTemperatureC, riseAhead(Die::cpu, seconds), limits_.quietCpuLimitC);
+    consider(sample.gpuTemperatureC, riseAhead(Die::gpu, seconds), limits_.quietGpuLimitC);
     return worst;
 }
 
@@ -133,11 +150,12 @@ double ControlPolicy::gpuReserve() const {
 
 // Duty per second that moves the widest fan by the quiet ramp, and no fan's own level faster than
 // a listener hears as a change: a slow fan a few hundred rpm faster is already a few dB louder.
-// `down` gives the same for a fall. A die heading over its limit within the trend horizon is caught
-// first: then a rise is held to the ramp in rpm only.
+// `down` gives the same for a fall. A die heading over its hard limit within the trend horizon
+// is caught first: its rise may go on towards the ramp in rpm, the more the further past the
+// limit its course leads.
 double ControlPolicy::quietRampLimit(const TelemetrySample& sample, bool down) const {
-    const bool headingOver = !down && pastLimitAhead(sample, horizon_) > 0;
-    double limit = 1e9;
+    double heard = 1e9;
+    double rpmRamp = 1e9;
     const double factor = std::pow(10.0, kQuietRampDbPerSecond / 50.0);
     const double perSecond = down ? 1 - 1 / factor : factor - 1;
     const std::size_t fans = std::min(sample.fanMinRPM.size(), sample.fanMaxRPM.size());
@@ -149,10 +167,22 @@ double ControlPolicy::quietRampLimit(const TelemetrySample& sample, bool down) c
         // the duty back would only keep it still while the die warms.
         const bool still = i < sample.fanCurrentRPM.size() &&
                            isReadableRPM(sample.fanCurrentRPM[i]) && !(sample.fanCurrentRPM[i] > 0);
-        if (!headingOver && !still) limit = std::min(limit, perSecond * rpm / span);
-        if (!down) limit = std::min(limit, kQuietRiseRPMPerSecond / span);
+        if (!still) heard = std::min(heard, perSecond * rpm / span);
+        rpmRamp = std::min(rpmRamp, kQuietRiseRPMPerSecond / span);
     }
-    return limit < 1e9 ? limit : kQuietRiseDutyWithoutSpeeds;
+    if (rpmRamp >= 1e9) return kQuietRiseDutyWithoutSpeeds;
+    if (down) return heard < 1e9 ? heard : rpmRamp;
+    const double past = pastLimitAhead(sample, horizon_);
+    const double urgency = std::clamp(past / kHeadingOverBlendC, 0.0, 1.0);
+    if (heard >= rpmRamp) return rpmRamp;
+    return heard + urgency * (rpmRamp - heard);
+}
+
+// How fast a quiet mode creeps down under its setpoint (`excess` negative): a little faster the
+// further under it the hottest die is, never faster than any fall.
+double ControlPolicy::settleRate(double excess) {
+    return std::clamp(kTrimGainPerDegreeSecond * (-excess - kTrimBelowC), kTrimPerSecond,
+                      kMaxFallPerSecond);
 }
 
 bool ControlPolicy::predictsSustainedLoad(const TelemetrySample& sample,
@@ -241,17 +271,20 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         // Measured from the band's lower edge: the fans settle just under the band instead of
         // sliding through it and coming back up with a second audible change.
         double under = -excess - limits_.hysteresisC;
-        double fall = std::min(kMaxFallPerSecond, kFallGainPerDegreeSecond * under) * dt;
+        double fall = std::min(kMaxFallPerSecond, kFallGainPerDegreeSecond * under);
+        // Just under the band a quiet mode falls no slower than it crept inside it.
         if (mode != ControlMode::performance)
-            fall = std::min(fall, quietRampLimit(sample, true) * dt);
+            fall = std::min(std::max(fall, settleRate(excess)), quietRampLimit(sample, true));
+        fall *= dt;
         duty_ = std::max(0.0, duty_ - fall);
         out.reason = "below setpoint";
     } else if (mode != ControlMode::performance && duty_ > 0 && excess < -kTrimBelowC &&
                drive < -kTrimBelowC && sinceIncrease_ >= limits_.decreaseHoldSeconds) {
-        // Inside the band a quiet mode still creeps down, far too slowly to be heard, so a rise
-        // that went a little too far does not leave the fans faster than the load needs for as
-        // long as the load lasts.
-        duty_ = std::max(0.0, duty_ - kTrimPerSecond * dt);
+        // Inside the band a quiet mode still creeps down, too slowly to be heard, so a rise that
+        // went too far does not leave the fans faster than the load needs for as long as the
+        // load lasts.
+        duty_ =
+            std::max(0.0, duty_ - std::min(settleRate(excess), quietRampLimit(sample, true)) * dt);
         out.reason = "settling";
     } else {
         out.reason = "holding";

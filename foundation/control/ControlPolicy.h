@@ -58,7 +58,10 @@ private:
     double cpuReserve() const;
     double gpuReserve() const;
     double quietRampLimit(const TelemetrySample& sample, bool down) const;
+    static double settleRate(double excess);
     double pastLimitAhead(const TelemetrySample& sample, double seconds) const;
+    enum class Die { cpu, gpu };
+    std::optional<double> riseAhead(Die die, double seconds) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
     void anticipate(const TelemetrySample& sample, double dt, const AdaptiveLeadModel& model,
                     PolicyOutput& out);

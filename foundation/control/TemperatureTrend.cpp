@@ -1,13 +1,44 @@
 #include "foundation/control/TemperatureTrend.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <vector>
 
 namespace kelvo {
 
 namespace {
 constexpr double kMaxJumpC = 60;
 constexpr double kJumpWeight = 0.3;  // each new step moves the estimate this far towards itself
+constexpr std::size_t kBendReadings = 5;
+
+double det3(const std::array<std::array<double, 3>, 3>& a) {
+    return a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
+           a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
+           a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
+}
+
+// Twice the t^2 coefficient of the least-squares quadratic through (t, y), by Cramer's rule on
+// its normal equations; nothing with too few readings to tell a bend from noise.
+std::optional<double> secondDerivative(const std::vector<std::pair<double, double>>& readings) {
+    if (readings.size() < kBendReadings) return std::nullopt;
+    std::array<double, 5> sumT{};  // sums of t^0 .. t^4
+    std::array<double, 3> sumTY{};
+    for (const auto& [t, y] : readings) {
+        double tk = 1;
+        for (std::size_t k = 0; k < sumT.size(); ++k, tk *= t) {
+            sumT[k] += tk;
+            if (k < sumTY.size()) sumTY[k] += tk * y;
+        }
+    }
+    std::array<std::array<double, 3>, 3> m{};
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j) m[i][j] = sumT[i + j];
+    const double d = det3(m);
+    if (std::abs(d) <= 1e-12) return std::nullopt;
+    for (std::size_t i = 0; i < 3; ++i) m[i][2] = sumTY[i];
+    return 2 * det3(m) / d;
+}
 }  // namespace
 
 void TemperatureTrend::add(const TelemetrySample& sample) {
@@ -118,6 +149,22 @@ std::optional<double> TemperatureTrend::slope(std::optional<double> Point::*die)
     const double denominator = n * stt - st * st;
     if (denominator <= 1e-12) return std::nullopt;
     return (n * sty - st * sy) / denominator;
+}
+
+// A quadratic through the window's readings gives the slope's own change; a die levelling off
+// towards where its heatsink will settle has at most slope^2 / -bend left to rise.
+std::optional<double> TemperatureTrend::riseAhead(std::optional<double> Point::*die,
+                                                  double seconds) const {
+    const std::optional<double> linear = slope(die);
+    if (!linear) return std::nullopt;
+    const double straight = *linear * seconds;
+    if (*linear <= 0) return straight;
+    std::vector<std::pair<double, double>> readings;
+    for (const auto& p : points_)
+        if (p.*die) readings.emplace_back(p.t - points_.back().t, *(p.*die));
+    const std::optional<double> bend = secondDerivative(readings);
+    if (!bend || *bend >= 0) return straight;
+    return std::min(straight, *linear * *linear / -*bend);
 }
 
 }  // namespace kelvo

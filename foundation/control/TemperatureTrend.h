@@ -34,6 +34,17 @@ public:
     std::optional<double> cpuSlope() const { return slope(&Point::cpu); }
     std::optional<double> gpuSlope() const { return slope(&Point::gpu); }
 
+    // How far each die rises over the next `seconds` along its trend: the slope carried on, or,
+    // where the rise is already levelling off, what is left of an exponential approach
+    // (slope squared over how fast the slope falls). Negative for a falling die; nothing while
+    // the slope is unknown.
+    std::optional<double> cpuRiseAhead(double seconds) const {
+        return riseAhead(&Point::cpu, seconds);
+    }
+    std::optional<double> gpuRiseAhead(double seconds) const {
+        return riseAhead(&Point::gpu, seconds);
+    }
+
     // How far each die jumps, in degrees, when its device goes from idle to full load: learned
     // from the steps seen so far, nothing before the first.
     std::optional<double> cpuJumpC() const { return cpu_.jumpC; }
@@ -73,6 +84,7 @@ private:
         std::optional<double> gpu;
     };
     std::optional<double> slope(std::optional<double> Point::*die) const;
+    std::optional<double> riseAhead(std::optional<double> Point::*die, double seconds) const;
 
     Settings settings_;
     std::deque<Point> points_;

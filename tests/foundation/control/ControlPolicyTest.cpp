@@ -341,31 +341,39 @@ TEST(ControlPolicy, QuietHybridAnticipationHoldsTheFansAndEndsWithoutADrop) {
     EXPECT_LT(previous, held);
 }
 
-TEST(ControlPolicy, QuietFallsFasterTheFurtherItIsUnderTheHysteresisBand) {
-    ControlPolicy nearBand;
-    ControlPolicy farBelow;
-    ControlPolicy inBand;
-    for (auto* policy : {&nearBand, &farBelow, &inBand})
+TEST(ControlPolicy, QuietFallsFasterTheFurtherItIsUnderItsSetpoint) {
+    // 86 °C setpoint, 3 °C band: 83.5 °C is inside the band, 83.1 just inside its lower edge,
+    // 82.9 just under it, 82 a degree under it, 60 far under it.
+    const std::vector<double> under{83.5, 83.1, 82.9, 82, 60};
+    std::vector<ControlPolicy> policies(under.size());
+    for (auto& policy : policies)
         for (int i = -9; i <= 0; ++i)
-            policy->decide(ControlMode::quiet, temps(i, 86.9, 50), 1.0, std::nullopt);
-    const double raised = nearBand.duty();
-    ASSERT_GT(raised, 0.02);
-    for (int i = 1; i <= 11; ++i) {  // the twelve-second hold
-        nearBand.decide(ControlMode::quiet, temps(i, 82, 50), 1.0, std::nullopt);
-        farBelow.decide(ControlMode::quiet, temps(i, 60, 50), 1.0, std::nullopt);
-        inBand.decide(ControlMode::quiet, temps(i, 83.5, 50), 1.0, std::nullopt);
+            policy.decide(ControlMode::quiet, temps(i, 86.9, 50), 1.0, std::nullopt);
+    const double raised = policies.front().duty();
+    ASSERT_GT(raised, 0.1);
+    for (int i = 1; i <= 11; ++i)  // the twelve-second hold
+        for (std::size_t p = 0; p < under.size(); ++p)
+            EXPECT_DOUBLE_EQ(
+                policies[p]
+                    .decide(ControlMode::quiet, temps(i, under[p], 50), 1.0, std::nullopt)
+                    .duty,
+                raised);
+    std::vector<double> fell;
+    for (std::size_t p = 0; p < under.size(); ++p) {
+        const auto out =
+            policies[p].decide(ControlMode::quiet, temps(12, under[p], 50), 1.0, std::nullopt);
+        EXPECT_EQ(out.reason, under[p] > 83 ? "settling" : "below setpoint") << under[p];
+        fell.push_back(raised - out.duty);
     }
-    // 86 °C setpoint, 3 °C band: 82 °C is one degree under the band's lower edge.
-    double near = nearBand.decide(ControlMode::quiet, temps(12, 82, 50), 1.0, std::nullopt).duty;
-    double far = farBelow.decide(ControlMode::quiet, temps(12, 60, 50), 1.0, std::nullopt).duty;
-    EXPECT_NEAR(raised - near, 0.004, 1e-9);
-    EXPECT_NEAR(raised - far, 0.02, 1e-9);
-    // Inside the band the fans only creep, a fifth of a percent a second, towards the setpoint.
-    for (int i = 12; i <= 30; ++i) {
-        auto out = inBand.decide(ControlMode::quiet, temps(i, 83.5, 50), 1.0, std::nullopt);
-        EXPECT_EQ(out.reason, "settling");
-        EXPECT_NEAR(out.duty, raised - 0.002 * (i - 11), 1e-9);
-    }
+    // Inside the band a fifth of a percent a second per degree past the first half degree under
+    // the setpoint; a fall under the band never slower than that creep at its edge; two percent a
+    // second at most.
+    EXPECT_NEAR(fell[0], 0.002 * 2.0, 1e-9);
+    EXPECT_NEAR(fell[1], 0.002 * 2.4, 1e-9);
+    EXPECT_GE(fell[2], fell[1]);
+    EXPECT_NEAR(fell[3], 0.002 * 3.5, 1e-9);
+    EXPECT_NEAR(fell[4], 0.02, 1e-9);
+    for (std::size_t p = 1; p < fell.size(); ++p) EXPECT_GT(fell[p], fell[p - 1]) << under[p];
 }
 
 // Each fan's own level (the fan law: 50·log10 of its speed) from one duty to the next.
@@ -396,6 +404,43 @@ TEST(ControlPolicy, QuietMovesNoFansOwnLevelByMoreThanHalfADecibelASecond) {
     // Not held still: a minute later the fans are well up, about 30 dB on the slower one.
     EXPECT_GT(previous, 0.2);
     EXPECT_LT(previous, 60 * kQuietRampDuty);
+}
+
+TEST(ControlPolicy, AQuietRiseTakesMoreOfTheRampInRpmTheFurtherPastTheLimitTheDieIsHeading) {
+    // Three dies past their setpoint (86 °C), their courses over the next 30 s ending under the
+    // limit (88 °C), a little over it and far over it.
+    struct Die {
+        double from = 0;
+        double perSecond = 0;
+        ControlPolicy policy{};
+        double before = 0;
+        double after = 0;
+        TelemetrySample last;
+    };
+    std::vector<Die> dies(3);
+    const double from[] = {86.2, 84, 80};
+    const double perSecond[] = {0.02, 0.15, 0.5};
+    for (std::size_t d = 0; d < dies.size(); ++d) {
+        Die& die = dies[d];
+        die.from = from[d];
+        die.perSecond = perSecond[d];
+        for (Timestamp t = 0; t <= 9; ++t) {
+            die.before = die.policy.duty();
+            die.last = withFans(temps(t, die.from + die.perSecond * t, 50));
+            die.after = die.policy.decide(ControlMode::quiet, die.last, 1.0, std::nullopt).duty;
+        }
+    }
+    auto loudestStep = [](const Die& die) {
+        return std::max(levelStepDb(die.last, 0, die.before, die.after),
+                        levelStepDb(die.last, 1, die.before, die.after));
+    };
+    // Under the limit all along: half a decibel a second on the fan that moves most.
+    EXPECT_NEAR(loudestStep(dies[0]), 0.5, 1e-6);
+    // A little over it: more than that, less than the ramp in rpm.
+    EXPECT_GT(loudestStep(dies[1]), 0.5 + 1e-3);
+    EXPECT_LT(dies[1].after - dies[1].before, kQuietRampDuty - 1e-3);
+    // Far over it: the whole ramp in rpm.
+    EXPECT_NEAR(dies[2].after - dies[2].before, kQuietRampDuty, 1e-9);
 }
 
 TEST(ControlPolicy, AFanStandingStillStartsByTheQuietRampInRpm) {

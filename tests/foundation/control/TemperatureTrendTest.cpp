@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "foundation/control/TemperatureTrend.h"
 
 using namespace kelvo;
@@ -125,4 +127,33 @@ TEST(TemperatureTrend, ABurstShorterThanTheSettleTimeIsMeasuredWhereItEnded) {
     blip.add(reading(10, 64, 50, 80, 10));
     blip.add(reading(11, 61, 50, 25, 10));
     EXPECT_FALSE(blip.cpuJumpC());
+}
+
+TEST(TemperatureTrend, ADieLevellingOffIsNotCarriedOnAlongItsSlope) {
+    // A heatsink settling 10 °C above where it started, with a time constant of 20 s: after
+    // t seconds it has 10·e^(-t/20) left to rise, and its slope is that over 20 s. Carried on
+    // along the slope for 30 s that is more than half as much again as it will ever rise.
+    TemperatureTrend settling;
+    auto settlingAt = [](Timestamp t) { return 70 - 10 * std::exp(-static_cast<double>(t) / 20); };
+    for (Timestamp t = 0; t <= 20; ++t) settling.add(reading(t, settlingAt(t), 50));
+    const double left = 10 * std::exp(-1.0);
+    ASSERT_TRUE(settling.cpuSlope());
+    EXPECT_GT(*settling.cpuSlope() * 30, 1.5 * left);
+    // The fitted slope lags its window by a few seconds, so the estimate is a little high.
+    ASSERT_TRUE(settling.cpuRiseAhead(30));
+    EXPECT_NEAR(*settling.cpuRiseAhead(30), left, 0.2 * left);
+    // Over a shorter look ahead the slope itself is the lesser: a few seconds are not bent.
+    EXPECT_NEAR(*settling.cpuRiseAhead(3), *settling.cpuSlope() * 3, 1e-9);
+
+    // A straight rise, one that still steepens, and a fall are carried on as they are; before
+    // the trend is known there is nothing to carry.
+    TemperatureTrend other;
+    EXPECT_FALSE(other.cpuRiseAhead(30));
+    for (Timestamp t = 0; t <= 10; ++t)
+        other.add(reading(t, 60 + 0.2 * t, 60 + 0.01 * static_cast<double>(t * t)));
+    EXPECT_NEAR(*other.cpuRiseAhead(30), 6, 1e-9);
+    EXPECT_NEAR(*other.gpuRiseAhead(30), *other.gpuSlope() * 30, 1e-9);
+    TemperatureTrend falling;
+    for (Timestamp t = 0; t <= 10; ++t) falling.add(reading(t, 80 - 0.5 * t, 50));
+    EXPECT_NEAR(*falling.cpuRiseAhead(30), -15, 1e-9);
 }

@@ -59,6 +59,18 @@ void FanCurveLearner::observe(FanLearning& fan, int duty, double rpm, bool autom
         fan.seenResting = true;
         fan.seenFirmwareResting = true;
     }
+    // So, under Kelvo's own duty, a fan that was turning and reads still has stopped at it.
+    // Waiting for that reading to settle would let the start kick spin the fan up first, and the
+    // walk down the low end would step to the same duty again, stopping and starting it every
+    // few seconds.
+    if (!automatic && rpm <= 0 && fan.turning.value_or(false) &&
+        duty <= kHighestPlausibleStopDuty) {
+        const FanKnowledge before = fan.knowledge;
+        fan.knowledge.noteStopped(duty);
+        if (!(fan.knowledge == before)) fan.dirty = true;
+        fan.seenResting = true;
+        fan.turning = false;
+    }
     if (!fan.settle || fan.settle->duty != duty || fan.settle->automatic != automatic) {
         fan.settle =
             Settle{duty, automatic, now, rpm, false, fan.turning.has_value() && !*fan.turning};

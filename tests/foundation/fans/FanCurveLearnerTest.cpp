@@ -277,3 +277,31 @@ TEST(FanCurveLearner, ATachThatIgnoresTheDutyKeepsTheLinearMap) {
 }
 
 }  // namespace kelvo
+
+namespace kelvo {
+TEST(FanCurveLearner, AStepThatStopsTheFanEndsTheWalkAtOnce) {
+    // Nothing known of the low end but the slowest duty seen turning (64). The walk down steps to
+    // 56 and 48, turning, then to 40 ... where this fan stops, and needs 60 to start again.
+    test_support::Rig rig;
+    rig.fan.stopBelow = 44;
+    rig.fan.startDuty = 60;
+    rig.memory.curves["fan"] = {{64, test_support::curvedFanSpeedAt(64)},
+                                {128, test_support::curvedFanSpeedAt(128)},
+                                {255, test_support::curvedFanSpeedAt(255)}};
+    rig.learner.setStore(rig.memory.store());
+    rig.speed = test_support::curvedFanSpeedAt(64);
+    int stops = 0;
+    bool turning = true;
+    for (int i = 0; i < 120; ++i) {
+        rig.tickAtMinimum();
+        if (turning && rig.speed && *rig.speed <= 0) ++stops;
+        turning = rig.speed && *rig.speed > 0;
+    }
+    // Stopped once, and known from then on: a rotor that reads still has stopped, so the walk
+    // does not step there again, and the fan turns at the lowest duty that kept it turning.
+    EXPECT_EQ(stops, 1);
+    EXPECT_TRUE(rig.learner.report("fan").canStop);
+    EXPECT_GT(*rig.speed, 0);
+    EXPECT_GE(rig.duty, 44);
+}
+}  // namespace kelvo

@@ -66,8 +66,9 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
         // What the fan turns at is what cools: a target under a fan's lowest speed, or one its
         // curve misses, is not what its air does.
         const double speed = isReadableRPM(fan.currentRPM) ? fan.currentRPM : target;
-        fans.push_back({fan.name, target, speed, fan.maxRPM,
-                        turning && working && !stopping && drivenAutomatically(fan)});
+        const bool driven = turning && drivenAutomatically(fan);
+        fans.push_back(
+            {fan.name, target, speed, fan.maxRPM, driven && working && !stopping, driven});
     }
     coupling_.step(sample.timestamp, sample, fans, targets);
     for (const std::string& fan : coupling_.takeUpdated()) {

@@ -130,6 +130,7 @@ void CouplingLearner::restart(const std::vector<ProbeFan>& fans) {
     lagState_.clear();
     fastState_.clear();
     turn_.reset();
+    fade_.reset();
     nextStart_.reset();
 }
 
@@ -270,6 +271,11 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
             turn_->lowSince = now;
         const bool fell = turn_->lowSince && now - *turn_->lowSince >= config_.loadGoneSeconds;
         if (!fan.probeable || turn_->fan >= targets.size() || !(targets[turn_->fan] > 0) || fell) {
+            // Dropped at once, the raise would fall by up to the whole probe in a second, on top
+            // of whatever the fans do then (a load that ended): heard. Still Kelvo's and turning,
+            // the fan eases back instead.
+            if ((fan.probeable || fan.driven) && turn_->fan < targets.size())
+                fade_ = Fade{turn_->fan, factorAt(now), now};
             turn_.reset();
             nextStart_ = now + config_.halfSeconds;
         } else {
@@ -277,12 +283,30 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
             targets[turn_->fan] = fan.maxRPM > 0 ? std::min(fan.maxRPM, raised) : raised;
         }
     }
+    applyFade(now, fans, targets);
     record(now, sample, fans);
     if (turn_ && now - turn_->start >= 2 * turn_->half) {
         evaluate(*turn_);
         turn_.reset();
         nextStart_ = now;
     }
+}
+
+void CouplingLearner::applyFade(Timestamp now, const std::vector<ProbeFan>& fans,
+                                std::vector<double>& targets) {
+    if (!fade_) return;
+    const std::size_t i = fade_->fan;
+    // Twice the ramp: the fans may be falling at the quiet modes' own ramp meanwhile, and the two
+    // together stay under a change a listener hears.
+    const double left = 1 - (now - fade_->from) / (2 * config_.rampSeconds);
+    // Taken away, stopped, or eased out: nothing more to do.
+    if (left <= 0 || i >= fans.size() || i >= targets.size() || !fans[i].driven ||
+        !(targets[i] > 0)) {
+        fade_.reset();
+        return;
+    }
+    const double raised = targets[i] * (1 + (fade_->factor - 1) * left);
+    targets[i] = fans[i].maxRPM > 0 ? std::min(fans[i].maxRPM, raised) : raised;
 }
 
 void CouplingLearner::evaluate(const Turn& turn) {

@@ -58,6 +58,9 @@ struct ProbeFan {
     double maxRPM = 0;
     // Kelvo drives it under auto control and it turns: it may be probed.
     bool probeable = false;
+    // Kelvo drives it and it turns, though it may not be probed now (the machine no longer works
+    // hard enough): a probe on it that ends early is eased out, not dropped.
+    bool driven = false;
 };
 
 class CouplingLearner {
@@ -127,6 +130,14 @@ private:
     std::vector<double> fastState_;
     std::optional<Timestamp> lastStep_;
     std::optional<Turn> turn_;
+    // A probe that ended early, easing out over the ramp: its fan and the raise it had reached.
+    struct Fade {
+        std::size_t fan = 0;
+        double factor = 1;
+        Timestamp from = 0;
+    };
+    std::optional<Fade> fade_;
+    void applyFade(Timestamp now, const std::vector<ProbeFan>& fans, std::vector<double>& targets);
     std::optional<Timestamp> nextStart_;  // turns follow each other from here
     std::size_t nextFan_ = 0;
     std::optional<double> coolestCpu_;

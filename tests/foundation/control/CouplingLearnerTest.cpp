@@ -72,8 +72,10 @@ std::vector<FanCoupling> learnOn(const sim::PlantConfig& plant, const std::vecto
         for (std::size_t i = 0; i < plant.fans.size(); ++i) {
             const auto& fan = plant.fans[i];
             const double target = fan.minRPM + duty * (fan.maxRPM - fan.minRPM);
-            fans.push_back({fan.name, target, state.fanCurrentRPM.at(i), fan.maxRPM,
-                            !probeable || probeable(t, i)});
+            // A fan the engine does not let it probe is one handed away from Kelvo's control.
+            const bool driven = !probeable || probeable(t, i);
+            fans.push_back(
+                {fan.name, target, state.fanCurrentRPM.at(i), fan.maxRPM, driven, driven});
             targets.push_back(target);
         }
         const std::vector<double> base = targets;
@@ -185,6 +187,28 @@ TEST(CouplingLearner, AFanTakenAwayMidProbeIsLetGoAndItsProbeCountsForNothing) {
     for (std::size_t t = 180; t < ticks.size(); ++t)
         EXPECT_DOUBLE_EQ(ticks[t].sent[0], ticks[t].base[0]) << t;
     EXPECT_TRUE(learner.takeUpdated().empty());
+    EXPECT_TRUE(learner.evidence().empty());
+}
+
+TEST(CouplingLearner, AProbeWhoseLoadFallsAwayEasesOutUnheard) {
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearner learner;
+    std::vector<TickTargets> ticks;
+    // The first probe begins once the rest before it is on record (120 s); the render ends 80 s
+    // into it, and the probe is given up once the load has been gone for a while.
+    learnOn(plant, {{200, 1.0, 0.75}, {400, 0.03, 0.03}}, 400, 0.4, learner, &ticks);
+    ASSERT_GT(ticks[195].sent[0], ticks[195].base[0]);  // it was being probed
+    bool easing = false;
+    for (std::size_t t = 1; t < ticks.size(); ++t) {
+        const double gainDb = 50 * std::log10(ticks[t].sent[0] / ticks[t].base[0]);
+        const double before = 50 * std::log10(ticks[t - 1].sent[0] / ticks[t - 1].base[0]);
+        // Never faster down than the probe's own ramp (2 dB over 20 s), given up or not.
+        EXPECT_LE(before - gainDb, 0.1 + 1e-9) << t;
+        easing = easing || (t > 240 && gainDb > 1e-9);
+    }
+    EXPECT_TRUE(easing);
+    // Eased all the way out, and nothing counted.
+    EXPECT_DOUBLE_EQ(ticks.back().sent[0], ticks.back().base[0]);
     EXPECT_TRUE(learner.evidence().empty());
 }
 

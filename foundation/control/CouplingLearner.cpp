@@ -274,8 +274,7 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
             // Dropped at once, the raise would fall by up to the whole probe in a second, on top
             // of whatever the fans do then (a load that ended): heard. Still Kelvo's and turning,
             // the fan eases back instead.
-            if ((fan.probeable || fan.driven) && turn_->fan < targets.size())
-                fade_ = Fade{turn_->fan, factorAt(now), now};
+            if (fan.driven) fade_ = Fade{turn_->fan, factorAt(now), now};
             turn_.reset();
             nextStart_ = now + config_.halfSeconds;
         } else {

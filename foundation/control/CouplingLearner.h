@@ -130,7 +130,7 @@ private:
     std::vector<double> fastState_;
     std::optional<Timestamp> lastStep_;
     std::optional<Turn> turn_;
-    // A probe that ended early, easing out over the ramp: its fan and the raise it had reached.
+    // A probe that ended early, easing out: its fan and the raise it had reached.
     struct Fade {
         std::size_t fan = 0;
         double factor = 1;

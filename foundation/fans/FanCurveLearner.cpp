@@ -66,10 +66,8 @@ void FanCurveLearner::observe(FanLearning& fan, int duty, double rpm, bool autom
     if (!automatic && rpm <= 0 && fan.turning.value_or(false) &&
         duty <= kHighestPlausibleStopDuty) {
         const FanKnowledge before = fan.knowledge;
-        fan.knowledge.noteStopped(duty);
+        learnStop(fan, duty);
         if (!(fan.knowledge == before)) fan.dirty = true;
-        fan.seenResting = true;
-        fan.turning = false;
     }
     if (!fan.settle || fan.settle->duty != duty || fan.settle->automatic != automatic) {
         fan.settle =
@@ -99,12 +97,18 @@ void FanCurveLearner::record(FanLearning& fan, const Settle& settle, double rpm)
         if (settle.automatic) fan.seenFirmwareResting = true;
         // A duty that stopped a turning fan; one that merely failed to start it says nothing
         // about where it stops.
-        if (!settle.fromRest) knowledge.noteStopped(settle.duty);
+        if (!settle.fromRest) learnStop(fan, settle.duty);
         fan.turning = false;
     } else {
         fan.turning = false;  // at rest at a high duty: a stall, nothing to learn
     }
     if (!(knowledge == before)) fan.dirty = true;
+}
+
+void FanCurveLearner::learnStop(FanLearning& fan, int duty) {
+    fan.knowledge.noteStopped(duty);
+    fan.seenResting = true;
+    fan.turning = false;
 }
 
 void FanCurveLearner::observeFirmware(const std::string& identity, std::optional<int> duty,

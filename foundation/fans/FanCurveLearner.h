@@ -125,6 +125,8 @@ private:
     FanLearning& learning(const std::string& identity);
     void observe(FanLearning& fan, int duty, double rpm, bool automatic, Clock::time_point now);
     void record(FanLearning& fan, const Settle& settle, double rpm);
+    // The fan came to rest at this duty, under Kelvo.
+    static void learnStop(FanLearning& fan, int duty);
     int mappedDuty(const FanLearning& fan, double targetRPM, double minRPM, double maxRPM) const;
     std::optional<int> probeDuty(FanLearning& fan, double targetRPM, double measuredRPM);
     std::optional<int> calibrationDuty(const std::string& identity, FanLearning& fan,

@@ -317,6 +317,8 @@ std::optional<ControlDecision> ControlEngine::controlStep(const TelemetrySample&
         const double busiest =
             duties.empty() ? out.duty : *std::max_element(duties.begin(), duties.end());
         probeCoupling(sample, busiest, decision.targetRPM);
+        if (mode_ == ControlMode::quiet || mode_ == ControlMode::quietHybrid)
+            decision.probedFan = coupling_.probedFan();
         decision.anticipating = out.anticipating;
         decision.reason = out.reason;
     }

@@ -177,6 +177,12 @@ private:
     bool couplingSaveFailed_ = false;
     bool couplingAnnounced_ = false;
     std::optional<Timestamp> lastFanStop_;  // a fan stood still by Kelvo's choice
+    // How much of the last while the machine has worked hard (0-1, smoothed), and whether that
+    // is a spell of work a probe may start in and go on through.
+    double probeWork_ = 0;
+    bool probeWorking_ = false;
+    std::optional<Timestamp> probeWorkAt_;
+    void followWork(Timestamp now, bool working);
 
     ControlMode mode_ = ControlMode::systemAuto;
     ControlStatus status_ = ControlStatus::starting;

@@ -15,6 +15,14 @@ namespace {
 constexpr double kNoProbeAfterStopS = 300;
 constexpr double kProbeFromDuty = 0.02;
 constexpr double kProbeFromLoadPct = 60;
+// A spell of work is told from a spike by how much of the last while was work, smoothed over
+// this long: a probe starts once most of it was, and goes on through a compile's pauses and a
+// loading screen until little of it was. An idle desktop's spikes never make a spell.
+constexpr double kWorkSmoothingS = 20;
+constexpr double kWorkStarts = 0.5;
+constexpr double kWorkEnds = 0.1;
+// Ticks further apart than this are a gap: the spell is read again from what is seen now.
+constexpr double kWorkGapS = 5;
 // The quiet modes share the work by what the fans cool only once every fan is this sure.
 constexpr double kShareFromConfidence = 0.6;
 // A change between one duty for every fan and the mix takes a minute.
@@ -55,7 +63,7 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
     // A device under heavy load is also working where its fans are still at their lowest (a
     // tower cooler's heatsink takes minutes to warm through).
     const bool busy = sample.maxUtilizationPct().value_or(0) >= kProbeFromLoadPct;
-    const bool working = duty >= kProbeFromDuty || busy;
+    followWork(sample.timestamp, duty >= kProbeFromDuty || busy);
     std::vector<ProbeFan> fans;
     for (std::size_t i = 0; i < lastFans_.size(); ++i) {
         const FanState& fan = lastFans_[i];
@@ -68,7 +76,7 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
         const double speed = isReadableRPM(fan.currentRPM) ? fan.currentRPM : target;
         const bool driven = turning && drivenAutomatically(fan);
         fans.push_back(
-            {fan.name, target, speed, fan.maxRPM, driven && working && !stopping, driven});
+            {fan.name, target, speed, fan.maxRPM, driven && probeWorking_ && !stopping, driven});
     }
     coupling_.step(sample.timestamp, sample, fans, targets);
     for (const std::string& fan : coupling_.takeUpdated()) {
@@ -108,6 +116,18 @@ void ControlEngine::announceCoupling() {
         text += (text.empty() ? "" : "; ") + c.identity + " cools mostly the " + cools;
     }
     if (!text.empty()) record("Fan cooling measured: " + text);
+}
+
+void ControlEngine::followWork(Timestamp now, bool working) {
+    const double dt = probeWorkAt_ ? now - *probeWorkAt_ : 0;
+    probeWorkAt_ = now;
+    if (!(dt > 0) || dt > kWorkGapS) {
+        probeWork_ = working ? 1 : 0;
+    } else {
+        probeWork_ += (1 - std::exp(-dt / kWorkSmoothingS)) * ((working ? 1 : 0) - probeWork_);
+    }
+    if (probeWork_ >= kWorkStarts) probeWorking_ = true;
+    if (probeWork_ < kWorkEnds) probeWorking_ = false;
 }
 
 std::vector<FanCoupling> ControlEngine::currentCouplings() const {

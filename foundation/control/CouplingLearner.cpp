@@ -17,6 +17,8 @@ constexpr double kStillLoadPct = 0.2;
 constexpr double kStillRPM = 1;
 constexpr double kStillTemperatureC = 0.05;
 constexpr double kRidge = 1e-6;
+// A fit's residuals are never taken as more alike from one second to the next than this.
+constexpr double kMostCarried = 0.99;
 // The inputs each tick keeps: the two loads, the two dies' temperatures, then each fan's speed.
 constexpr std::size_t kCpuTemperature = 2;
 constexpr std::size_t kGpuTemperature = 3;
@@ -87,12 +89,24 @@ std::optional<Fit> fitColumn(std::vector<std::vector<double>> columns, std::vect
     Fit fit;
     for (double v : y) fit.total += v * v;
     fit.residual = 0;
+    double following = 0;  // Σ of each residual times the one before it
+    double previous = 0;
     for (std::size_t s = 0; s < n; ++s) {
         double predicted = 0;
         for (std::size_t c = 0; c < p; ++c) predicted += a[c][2 * p] * kept[c][s];
-        fit.residual += (y[s] - predicted) * (y[s] - predicted);
+        const double r = y[s] - predicted;
+        fit.residual += r * r;
+        if (s > 0) following += r * previous;
+        previous = r;
     }
-    const double sigma2 = fit.residual / double(n - p - 1);
+    // What the fit leaves over under a load that swings (a game, a compile's pauses) is no
+    // second-to-second noise but slow error that carries on for a while: taken as independent
+    // each second, such a probe would count as surely as a steady render's and pull the mean
+    // off. The residuals' correlation from one second to the next says how few independent
+    // seconds the probe really had.
+    const double carried =
+        fit.residual > 0 ? std::clamp(following / fit.residual, 0.0, kMostCarried) : 0.0;
+    const double sigma2 = fit.residual / double(n - p - 1) * (1 + carried) / (1 - carried);
     fit.coefficient = a[*target][2 * p] / scales[*target];
     fit.variance = sigma2 * a[*target][p + *target] / (scales[*target] * scales[*target]);
     return fit;
@@ -176,10 +190,21 @@ bool CouplingLearner::enough(const std::vector<ProbeFan>& fans) const {
 
 // A probe is only worth its noise where a load has warmed a die well over its coolest: near idle
 // the die answers too faintly to be read.
-bool CouplingLearner::warm() const {
-    const Tick& last = ticks_.back();
-    return (last.cpuC && coolestCpu_ && *last.cpuC - *coolestCpu_ >= config_.minExcessC) ||
-           (last.gpuC && coolestGpu_ && *last.gpuC - *coolestGpu_ >= config_.minExcessC);
+bool CouplingLearner::warm(const Tick& tick) const {
+    return (tick.cpuC && coolestCpu_ && *tick.cpuC - *coolestCpu_ >= config_.minExcessC) ||
+           (tick.gpuC && coolestGpu_ && *tick.gpuC - *coolestGpu_ >= config_.minExcessC);
+}
+
+// The rest before a probe is read as the die's course without it. A load that began within it
+// is a step the fit must tell from the probe's own, the two rising together: a probe begun
+// seconds into a compile read the CPU cooler as warming the CPU. So a probe starts once a die
+// has been warm for the whole of that rest.
+bool CouplingLearner::warmThroughRest(Timestamp now) const {
+    for (auto tick = ticks_.rbegin(); tick != ticks_.rend(); ++tick) {
+        if (tick->at < now - config_.halfSeconds) return true;
+        if (!warm(*tick)) return false;
+    }
+    return true;
 }
 
 std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
@@ -189,33 +214,42 @@ std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
     if (nextStart_ && now < *nextStart_) return std::nullopt;
     const auto probeable =
         std::count_if(fans.begin(), fans.end(), [](const ProbeFan& f) { return f.probeable; });
-    if (probeable < 2 || !warm()) return std::nullopt;
+    if (probeable < 2 || !warmThroughRest(now)) return std::nullopt;
     const double factor = std::pow(10.0, config_.probeDb / 50.0);
+    auto top = [factor](const ProbeFan& fan) {
+        return std::min(fan.maxRPM > 0 ? fan.maxRPM : 1e9, fan.targetRPM * factor);
+    };
+    // Learning, the fan with the fewest probes goes first: turns in strict rotation can keep
+    // landing one fan's where a load ends, and it would never be measured. Rechecks go round.
+    std::optional<std::size_t> chosen;
+    int fewest = 0;
     for (std::size_t k = 0; k < fans.size(); ++k) {
         const std::size_t i = (nextFan_ + k) % fans.size();
         const ProbeFan& fan = fans[i];
         if (!fan.probeable || !(fan.targetRPM > 0)) continue;
         const auto it = evidence_.find(fan.identity);
+        const int probes =
+            it == evidence_.end() ? 0 : std::max(it->second.cpu.probes(), it->second.gpu.probes());
         // A recheck is of a fan already known; learning, of one not yet known well enough.
         if (rechecking_ && confirmFan_ && fan.identity != *confirmFan_) continue;
-        if (rechecking_ ? it == evidence_.end()
-                        : it != evidence_.end() &&
-                              std::max(it->second.cpu.probes(), it->second.gpu.probes()) >=
-                                  config_.maxProbesPerFan)
-            continue;
+        if (rechecking_ ? it == evidence_.end() : probes >= config_.maxProbesPerFan) continue;
         // A fan near its top has no room to be probed now: the next one goes first.
-        const double top = std::min(fan.maxRPM > 0 ? fan.maxRPM : 1e9, fan.targetRPM * factor);
-        if (top - fan.targetRPM < 0.5 * fan.targetRPM * (factor - 1)) continue;
-        nextFan_ = i + 1;
-        return Turn{i,
-                    now,
-                    half,
-                    top / fan.targetRPM,
-                    ticks_.back().inputs[0],
-                    ticks_.back().inputs[1],
-                    std::nullopt};
+        if (top(fan) - fan.targetRPM < 0.5 * fan.targetRPM * (factor - 1)) continue;
+        if (chosen && (rechecking_ || probes >= fewest)) continue;
+        chosen = i;
+        fewest = probes;
     }
-    return std::nullopt;
+    if (!chosen) return std::nullopt;
+    const ProbeFan& fan = fans[*chosen];
+    nextFan_ = *chosen + 1;
+    Turn turn;
+    turn.fan = *chosen;
+    turn.start = now;
+    turn.half = half;
+    turn.factor = top(fan) / fan.targetRPM;
+    turn.cpuLoad = ticks_.back().inputs[0];
+    turn.gpuLoad = ticks_.back().inputs[1];
+    return turn;
 }
 
 double CouplingLearner::factorAt(Timestamp now) const {

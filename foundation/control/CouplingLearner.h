@@ -41,10 +41,11 @@ struct CouplingLearnerConfig {
     // Once every fan is known, one fan in turn is probed again this often: a fan that has been
     // blocked or is failing no longer answers as it did. An answer under weakAnswerShare of what
     // the fan showed before, for a die it cools mostly, counts as weak; weakRechecks of them in a
-    // row and what was known of the fan is dropped, to be measured again.
+    // row and what was known of the fan is dropped, to be measured again. A sound fan's rechecks
+    // read about as much as before; one probe alone can read a weak fan at a third of it.
     double recheckSeconds = 4 * 3600;
     double confirmSeconds = 1800;  // a weak answer is checked again on the same fan this soon
-    double weakAnswerShare = 0.25;
+    double weakAnswerShare = 0.4;
     int weakRechecks = 2;
 };
 
@@ -108,7 +109,8 @@ private:
 
     void restart(const std::vector<ProbeFan>& fans);
     void record(Timestamp now, const TelemetrySample& sample, const std::vector<ProbeFan>& fans);
-    bool warm() const;
+    bool warm(const Tick& tick) const;
+    bool warmThroughRest(Timestamp now) const;
     std::optional<Turn> nextTurn(Timestamp now, const std::vector<ProbeFan>& fans);
     double factorAt(Timestamp now) const;
     void evaluate(const Turn& turn);

@@ -97,6 +97,9 @@ struct ControlDecision {
     std::vector<double> targetRPM;  // one per fan; 0 = leave to firmware
     bool cooldownActive = false;
     bool anticipating = false;  // raised ahead of temperature by the lead model
+    // A probe runs this fan a little faster than the rest of the decision asked, to measure
+    // which die it cools (already in targetRPM).
+    std::optional<std::string> probedFan;
     std::string reason;
 
     bool operator==(const ControlDecision&) const = default;

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
+
 #include "foundation/control/ControlEngine.h"
 #include "foundation/core/EventRing.h"
 #include "foundation/core/FanChoices.h"
@@ -19,12 +21,16 @@ namespace {
 
 constexpr Timestamp kStart = 1'700'000'000;
 
-sim::PlantConfig twoBlowers() {
+sim::PlantConfig shippedMachine(const std::string& name) {
     std::string error;
     const auto machine = sim::readMachineFile(
-        std::string(KELVO_TEST_DATA_DIR) + "/../../bench/machines/laptop-two-blowers.json", &error);
+        std::string(KELVO_TEST_DATA_DIR) + "/../../bench/machines/" + name + ".json", &error);
     EXPECT_TRUE(machine) << error;
     return machine ? machine->plant : sim::PlantConfig{};
+}
+
+sim::PlantConfig twoBlowers() {
+    return shippedMachine("laptop-two-blowers");
 }
 
 class ControlEngineCoupling : public test_support::ScratchFilesTest {
@@ -35,6 +41,11 @@ protected:
         fans = std::make_shared<SimulatedFanController>(machine);
         telemetry = std::make_shared<SimulatedTelemetryProvider>(machine);
         store = std::make_shared<SQLiteStore>((dir_ / "kelvo.sqlite").string());
+    }
+    void use(const sim::PlantConfig& plant) {
+        machine = std::make_shared<sim::SimulatedMachine>(plant, 7);
+        fans = std::make_shared<SimulatedFanController>(machine);
+        telemetry = std::make_shared<SimulatedTelemetryProvider>(machine);
     }
     std::unique_ptr<ControlEngine> engine() {
         return std::make_unique<ControlEngine>(telemetry, fans, store, ring, nullptr);
@@ -271,9 +282,7 @@ TEST_F(ControlEngineCoupling, AMachineWithNoFanListedYetIsControlledWithoutShari
     // A back-end that has listed no fan (yet): nothing to share among, and nothing breaks.
     sim::PlantConfig plant = twoBlowers();
     plant.fans.clear();
-    machine = std::make_shared<sim::SimulatedMachine>(plant, 7);
-    fans = std::make_shared<SimulatedFanController>(machine);
-    telemetry = std::make_shared<SimulatedTelemetryProvider>(machine);
+    use(plant);
     auto kelvo = engine();
     kelvo->applyMode(ControlMode::quiet);
     machine->setLoad(1.0, 0.75);
@@ -283,5 +292,48 @@ TEST_F(ControlEngineCoupling, AMachineWithNoFanListedYetIsControlledWithoutShari
         if (snap.decision) {
             EXPECT_TRUE(snap.decision->targetRPM.empty());
         }
+    }
+}
+
+TEST_F(ControlEngineCoupling, AProbeGoesOnThroughACompilesPausesAndCounts) {
+    // A tower cooler's desktop compiling for eight minutes: its heatsink warms slowly, the quiet
+    // mode holds its fans at their lowest, and every 45 s the build pauses for a few seconds
+    // (linking, a test run) with the CPU at a fifth.
+    use(shippedMachine("desktop-cooler-gpu-case"));
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    std::optional<std::string> probed;
+    double probedFor = 0;
+    double longest = 0;
+    for (int i = 0; i < 8 * 60; ++i) {
+        const bool pause = i % 45 >= 39;
+        machine->setLoad(pause ? 0.2 : 0.93, 0.04);
+        const ControlSnapshot snap = kelvo->tick(now += 1);
+        ASSERT_TRUE(snap.decision);
+        const auto& fan = snap.decision->probedFan;
+        probedFor = fan && fan == probed ? probedFor + 1 : fan ? 1 : 0;
+        probed = fan;
+        longest = std::max(longest, probedFor);
+    }
+    // Probes ran their whole course (two minutes faster, two as before) through the pauses, and
+    // what they showed was kept.
+    EXPECT_GE(longest, 230);
+    const auto stored = store->fanCouplings();
+    ASSERT_TRUE(stored);
+    EXPECT_FALSE(stored->empty());
+}
+
+TEST_F(ControlEngineCoupling, AnIdleDesktopsSpikesStartNoProbe) {
+    // Reading and writing: a second or two of work every half minute warms the die for a moment.
+    // The fans are at their lowest; a probe would be the loudest thing in the room.
+    use(shippedMachine("desktop-cooler-gpu-case"));
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    for (int i = 0; i < 30 * 60; ++i) {
+        const bool spike = i % 30 < 2;
+        machine->setLoad(spike ? 0.95 : 0.03, 0.03);
+        const ControlSnapshot snap = kelvo->tick(now += 1);
+        ASSERT_TRUE(snap.decision);
+        ASSERT_FALSE(snap.decision->probedFan) << i;
     }
 }

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <numbers>
+#include <random>
 
 #include "foundation/control/CouplingLearner.h"
 #include "foundation/sim/MachineFile.h"
@@ -44,7 +46,8 @@ struct TickTargets {
 std::vector<FanCoupling> learnOn(const sim::PlantConfig& plant, const std::vector<Segment>& load,
                                  double seconds, double duty, CouplingLearner& learner,
                                  std::vector<TickTargets>* ticks = nullptr,
-                                 const std::function<bool(double, std::size_t)>& probeable = {}) {
+                                 const std::function<bool(double, std::size_t)>& probeable = {},
+                                 const std::function<double(double)>& cpuReadingOff = {}) {
     sim::ThermalPlant machine(plant, 7);
     std::vector<std::string> names;
     for (const auto& fan : plant.fans) names.push_back(fan.name);
@@ -64,6 +67,7 @@ std::vector<FanCoupling> learnOn(const sim::PlantConfig& plant, const std::vecto
         TelemetrySample sample;
         sample.timestamp = 1000 + t;
         sample.cpuTemperatureC = state.cpuTemperatureC;
+        if (cpuReadingOff && sample.cpuTemperatureC) *sample.cpuTemperatureC += cpuReadingOff(t);
         sample.gpuTemperatureC = state.gpuTemperatureC;
         sample.cpuUtilizationPct = state.cpuUtilizationPct;
         sample.gpuUtilizationPct = state.gpuUtilizationPct;
@@ -263,4 +267,77 @@ TEST(CouplingLearner, ANewFanIsProbedAgainOnceTheOthersAreKnown) {
     std::vector<double> targets{3000, 3000, 1000};
     learner.step(1e6, sample, fans, targets);
     EXPECT_FALSE(learner.done());
+}
+
+namespace {
+// A die warmed by a load from `from` on (held at 70 °C against 45 before), two fans that may be
+// probed; `cpuLoad(t)` and `gpuLoad(t)` are the loads each second. Returns the probed fan at
+// each second.
+std::vector<std::optional<std::string>> probesOn(CouplingLearner& learner, double from,
+                                                 double seconds,
+                                                 const std::function<double(double)>& cpuLoad,
+                                                 const std::function<double(double)>& gpuLoad) {
+    std::vector<std::optional<std::string>> probed;
+    std::vector<ProbeFan> fans{{"a", 2000, 2000, 5000, true, true},
+                               {"b", 2000, 2000, 5000, true, true}};
+    for (double t = 0; t < seconds; ++t) {
+        TelemetrySample sample;
+        sample.cpuTemperatureC = t < from ? 45 : 70;
+        sample.gpuTemperatureC = t < from ? 40 : 60;
+        sample.cpuUtilizationPct = cpuLoad(t);
+        sample.gpuUtilizationPct = gpuLoad(t);
+        std::vector<double> targets{2000, 2000};
+        learner.step(t, sample, fans, targets);
+        probed.push_back(learner.probedFan());
+    }
+    return probed;
+}
+}  // namespace
+
+TEST(CouplingLearner, AProbeWaitsUntilTheDieHasBeenWarmForTheWholeRestBeforeIt) {
+    // Begun as the load begins, the die's own rise and the probe's would be read together.
+    CouplingLearner learner;
+    const auto probed = probesOn(
+        learner, 300, 600, [](double t) { return t < 300 ? 2.0 : 95.0; },
+        [](double) { return 2.0; });
+    for (std::size_t t = 0; t < 300 + 120; ++t) ASSERT_FALSE(probed[t]) << t;
+    EXPECT_TRUE(probed[300 + 125]);
+}
+
+TEST(CouplingLearner, TheFanWithTheFewestProbesGoesFirst) {
+    // Fan a has been measured three times, b never (its turns kept falling where a load ended):
+    // b goes next, though a comes first in the rotation.
+    CouplingLearner learner;
+    FanCouplingEvidence measured;
+    for (int i = 0; i < 3; ++i) measured.cpu.byLag[0].add(1e-4, 1);
+    learner.setEvidence({{"a", measured}});
+    const auto probed = probesOn(
+        learner, 10, 200, [](double) { return 95.0; }, [](double) { return 2.0; });
+    ASSERT_TRUE(probed.back());
+    EXPECT_EQ(*probed.back(), "b");
+}
+
+TEST(CouplingLearner, SlowErrorCountsForLessThanNoiseOfTheSameSize) {
+    // One probe under a steady render, its CPU readings off by as much either way: once by
+    // noise that changes every second, once by a slow wander (a fan curve's hunting, a neighbour
+    // warming the case) the fit cannot explain. The wander holds its error for many seconds, so
+    // the probe saw far fewer independent seconds and counts for less.
+    const auto plant = shippedMachine("laptop-two-blowers");
+    std::mt19937 dice(11);
+    std::normal_distribution<double> noise(0, 0.7);
+    std::vector<double> offsets;
+    for (int t = 0; t < 420; ++t) offsets.push_back(noise(dice));
+    CouplingLearner noisy;
+    learnOn(plant, {{600, 1.0, 0.75}}, 420, 0.4, noisy, nullptr, {},
+            [&](double t) { return offsets[std::size_t(t)]; });
+    CouplingLearner wandering;
+    learnOn(plant, {{600, 1.0, 0.75}}, 420, 0.4, wandering, nullptr, {},
+            [](double t) { return std::sin(2 * std::numbers::pi * t / 150); });
+    const auto& a = noisy.evidence().at(plant.fans[0].name).cpu.byLag;
+    const auto& b = wandering.evidence().at(plant.fans[0].name).cpu.byLag;
+    for (std::size_t l = 0; l < a.size(); ++l) {
+        ASSERT_EQ(a[l].count, 1) << l;
+        ASSERT_EQ(b[l].count, 1) << l;
+        EXPECT_LT(b[l].weight, 0.2 * a[l].weight) << "lag " << kCouplingLagsS[l];
+    }
 }

@@ -8,12 +8,12 @@
 #include "foundation/control/ControlEngine.h"
 #include "foundation/core/EventRing.h"
 #include "foundation/core/FanChoices.h"
-#include "foundation/sim/MachineFile.h"
 #include "foundation/sim/SimulatedFanController.h"
 #include "foundation/sim/SimulatedMachine.h"
 #include "foundation/sim/SimulatedTelemetryProvider.h"
 #include "foundation/store/SQLiteStore.h"
 #include "tests/foundation/ScratchFiles.h"
+#include "tests/foundation/ShippedMachines.h"
 
 using namespace kelvo;
 
@@ -21,13 +21,7 @@ namespace {
 
 constexpr Timestamp kStart = 1'700'000'000;
 
-sim::PlantConfig shippedMachine(const std::string& name) {
-    std::string error;
-    const auto machine = sim::readMachineFile(
-        std::string(KELVO_TEST_DATA_DIR) + "/../../bench/machines/" + name + ".json", &error);
-    EXPECT_TRUE(machine) << error;
-    return machine ? machine->plant : sim::PlantConfig{};
-}
+using test_support::shippedMachine;
 
 sim::PlantConfig twoBlowers() {
     return shippedMachine("laptop-two-blowers");

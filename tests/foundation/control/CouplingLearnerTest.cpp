@@ -7,19 +7,13 @@
 #include <random>
 
 #include "foundation/control/CouplingLearner.h"
-#include "foundation/sim/MachineFile.h"
 #include "foundation/sim/ThermalPlant.h"
+#include "tests/foundation/ShippedMachines.h"
 
 using namespace kelvo;
 
 namespace {
-sim::PlantConfig shippedMachine(const std::string& name) {
-    std::string error;
-    const auto machine = sim::readMachineFile(
-        std::string(KELVO_TEST_DATA_DIR) + "/../../bench/machines/" + name + ".json", &error);
-    EXPECT_TRUE(machine) << error;
-    return machine ? machine->plant : sim::PlantConfig{};
-}
+using test_support::shippedMachine;
 
 // The machine file's own answer: each fan's share of each die's weights.
 double trueShare(const sim::PlantConfig& plant, std::size_t fan, bool gpu) {

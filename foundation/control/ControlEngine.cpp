@@ -165,6 +165,7 @@ void ControlEngine::resetPolicies(double duty) {
     // From one duty, as the fans are now; a mix is eased in again where it applies.
     shareBlend_ = 0;
     mixDuties_.clear();
+    mixFromDuty_.reset();
 }
 
 void ControlEngine::enterFallback(const std::string& reason) {

@@ -14,6 +14,7 @@
 #include "foundation/control/CouplingLearner.h"
 #include "foundation/control/FanStopGate.h"
 #include "foundation/control/FanWriter.h"
+#include "foundation/control/QuietestMix.h"
 #include "foundation/control/ThrottleAssessor.h"
 #include "foundation/core/FanChoices.h"
 #include "foundation/core/FanController.h"
@@ -149,8 +150,13 @@ private:
     // Each fan's duty: `duty` for every fan, or in the quiet modes, once every fan Kelvo drives
     // is known, the quietest mix that gives each die the cooling its own policy asks for.
     std::vector<double> shareAmongFans(const TelemetrySample& sample, double dt, double duty);
-    // The mix's duties for the fans Kelvo drives (none where it cannot be made), by fan.
-    std::optional<std::vector<double>> quietestDuties(const double levels[2]) const;
+    // The fans Kelvo drives, for the dies with a level (not NaN) in `levels`, as the mix sees
+    // them, and where each is in lastFans_; none where not every one is known well enough.
+    std::optional<QuietestMix> fanMix(const double levels[2],
+                                      std::vector<std::size_t>& index) const;
+    // Each fan's mix duty a step towards the plan for `levels`, no faster than `towards` lets it.
+    void stepTowardsPlan(QuietestMix& mix, const std::vector<std::size_t>& index,
+                         const double levels[2], double duty, double dt);
     std::vector<FanCoupling> currentCouplings() const;
     void trackBoundary(const TelemetrySample& sample);
     void updateCooldown(const TelemetrySample& sample);
@@ -172,6 +178,7 @@ private:
     // eased in rather than heard as a step.
     double shareBlend_ = 0;
     std::map<std::string, double> mixDuties_;  // by fan: the mix's last duty for it
+    std::optional<double> mixFromDuty_;        // where the shared duty goes on from next tick
     ThrottleAssessor assessor_;
     CouplingLearner coupling_;
     bool couplingSaveFailed_ = false;

@@ -27,6 +27,39 @@ constexpr double kWorkGapS = 5;
 constexpr double kShareFromConfidence = 0.6;
 // A change between one duty for every fan and the mix takes a minute.
 constexpr double kShareBlendPerSecond = 1.0 / 60;
+// A new plan moves each fan at most this fast, unless the shared duty moves the fans faster.
+constexpr double kMixRampDbPerSecond = 0.5;
+
+// A fan's speed for a duty, kept off 0 so that its level in dB stays finite.
+double audibleRPM(const FanSpeedRange& range, double duty) {
+    const double rpm = range.minRPM + std::clamp(duty, 0.0, 1.0) * (range.maxRPM - range.minRPM);
+    return std::max(rpm, 0.05 * range.maxRPM);
+}
+
+// How many dB a duty's move from `from` to `to` is on the fan it moves most.
+double movedDb(const std::vector<FanSpeedRange>& ranges, double from, double to) {
+    double most = 0;
+    for (const FanSpeedRange& range : ranges) {
+        if (!(range.maxRPM > range.minRPM)) continue;
+        most = std::max(most,
+                        50 * std::abs(std::log10(audibleRPM(range, to) / audibleRPM(range, from))));
+    }
+    return most;
+}
+
+// `from` moved towards `to` by at most `db` on the fan's own level. Where the fans that cool a
+// die best are already at their top, more air for it comes from the others, and the plan can ask
+// one of them for a great deal of speed at once: that must come as slowly as one duty would have
+// moved the fans, or unheard.
+double towards(const FanSpeedRange& range, double from, double to, double db) {
+    const double span = range.maxRPM - range.minRPM;
+    if (!(span > 0)) return to;
+    const double rpm = audibleRPM(range, from);
+    const double factor = std::pow(10.0, db / 50.0);
+    const double high = (rpm * factor - range.minRPM) / span;
+    const double low = (rpm / factor - range.minRPM) / span;
+    return std::clamp(to, std::min(from, low), std::max(from, high));
+}
 }  // namespace
 
 void ControlEngine::loadCoupling() {
@@ -153,6 +186,7 @@ std::vector<double> ControlEngine::shareAmongFans(const TelemetrySample& sample,
     if (mode_ != ControlMode::quiet && mode_ != ControlMode::quietHybrid) {
         shareBlend_ = 0;
         mixDuties_.clear();
+        mixFromDuty_.reset();
         return duties;
     }
     // Each die's own policy runs every tick, known coupling or not, so it is in step when the
@@ -170,19 +204,19 @@ std::vector<double> ControlEngine::shareAmongFans(const TelemetrySample& sample,
         (die == 0 ? own.gpuTemperatureC : own.cpuTemperatureC).reset();
         levels[die] = diePolicies_[die].decide(mode_, own, dt, leadModel_).duty;
     }
-    // The die that asks most gets what the shared policy asks: it holds that die as it always
-    // has, so with fans that are alike the mix is exactly one duty. The other die gets what its
-    // own policy asks, never more.
+    // The die heading furthest over its setpoint is the one the shared policy answers: it gets
+    // what that policy asks, and is held as it always has been, so with fans that are alike the
+    // mix is exactly one duty. The other die gets what its own policy asks, never more.
+    int hot = -1;
     if (!std::isnan(levels[0]) || !std::isnan(levels[1])) {
-        const int hot = std::isnan(levels[0]) || (!std::isnan(levels[1]) && levels[1] > levels[0]);
+        hot = std::isnan(levels[0]) ||
+              (!std::isnan(levels[1]) && diePolicies_[1].drive() > diePolicies_[0].drive());
         levels[hot] = duty;
         if (!std::isnan(levels[1 - hot])) levels[1 - hot] = std::min(levels[1 - hot], duty);
     }
-    const auto mix = quietestDuties(levels);
-    if (mix) {
-        for (std::size_t i = 0; i < lastFans_.size() && i < mix->size(); ++i)
-            if ((*mix)[i] >= 0) mixDuties_[lastFans_[i].name] = (*mix)[i];
-    }
+    std::vector<std::size_t> index;  // the mix's fans in lastFans_
+    std::optional<QuietestMix> mix = fanMix(levels, index);
+    if (mix) stepTowardsPlan(*mix, index, levels, duty, dt);
     const double step = kShareBlendPerSecond * std::clamp(dt, 0.0, 5.0);
     shareBlend_ = std::clamp(shareBlend_ + (mix ? step : -step), 0.0, 1.0);
     if (shareBlend_ <= 0) mixDuties_.clear();
@@ -190,13 +224,40 @@ std::vector<double> ControlEngine::shareAmongFans(const TelemetrySample& sample,
         const auto it = mixDuties_.find(lastFans_[i].name);
         if (it != mixDuties_.end()) duties[i] = duty + shareBlend_ * (it->second - duty);
     }
+    // The shared policy goes on from the cooling its die got: where the fans lag behind the
+    // plan, it does not run on past them and then overshoot once they catch up.
+    mixFromDuty_ = duty;
+    if (mix && hot >= 0) {
+        std::vector<double> ran;
+        for (std::size_t k : index) ran.push_back(duties[k]);
+        mixFromDuty_ = mix->levelAt(hot, ran);
+        policy_.follow(*mixFromDuty_);
+    }
     return duties;
 }
 
-std::optional<std::vector<double>> ControlEngine::quietestDuties(const double levels[2]) const {
+void ControlEngine::stepTowardsPlan(QuietestMix& mix, const std::vector<std::size_t>& index,
+                                    const double levels[2], double duty, double dt) {
+    std::vector<FanSpeedRange> ranges;
+    for (std::size_t k : index) ranges.push_back(fanSpeedRange(lastFans_[k]));
+    // Each fan moves at most as far as the shared duty moved the fans this tick, or unheard.
+    const double db = std::max(kMixRampDbPerSecond * std::clamp(dt, 0.0, 5.0),
+                               movedDb(ranges, mixFromDuty_.value_or(duty), duty));
+    const std::vector<double> planned = mix.duties(mix.speeds(levels[0], levels[1]));
+    for (std::size_t k = 0; k < index.size() && k < planned.size(); ++k) {
+        if (planned[k] < 0) continue;
+        // A fan new to the mix ran at the one duty until now.
+        const auto it = mixDuties_.find(lastFans_[index[k]].name);
+        const double from = it != mixDuties_.end() ? it->second : duty;
+        mixDuties_[lastFans_[index[k]].name] = towards(ranges[k], from, planned[k], db);
+    }
+}
+
+std::optional<QuietestMix> ControlEngine::fanMix(const double levels[2],
+                                                 std::vector<std::size_t>& index) const {
+    index.clear();
     const std::vector<FanCoupling> couplings = currentCouplings();
     std::vector<QuietestMix::Fan> mixFans;
-    std::vector<std::size_t> index;  // the mix's fans in lastFans_
     for (std::size_t i = 0; i < lastFans_.size() && i < couplings.size(); ++i) {
         const FanState& fan = lastFans_[i];
         if (!drivenAutomatically(fan)) continue;
@@ -228,12 +289,7 @@ std::optional<std::vector<double>> ControlEngine::quietestDuties(const double le
         for (const QuietestMix::Fan& fan : mixFans) total += fan.weight[die];
         if (!(total > 0)) return std::nullopt;
     }
-    QuietestMix mix(std::move(mixFans));
-    const std::vector<double> mixDuties = mix.duties(mix.speeds(levels[0], levels[1]));
-    std::vector<double> out(lastFans_.size(), -1.0);
-    for (std::size_t k = 0; k < index.size() && k < mixDuties.size(); ++k)
-        out[index[k]] = mixDuties[k];
-    return out;
+    return QuietestMix(std::move(mixFans));
 }
 
 }  // namespace kelvo

@@ -39,8 +39,13 @@ constexpr double kSustainedConfirmSeconds = 8;
 
 ControlPolicy::ControlPolicy(ControlLimits limits) : limits_(limits) {}
 
+void ControlPolicy::follow(double duty) {
+    if (std::isfinite(duty)) duty_ = std::clamp(duty, 0.0, 1.0);
+}
+
 void ControlPolicy::reset(double duty) {
     duty_ = std::clamp(duty, 0.0, 1.0);
+    drive_ = -1e9;
     sinceIncrease_ = 1e9;
     anticipationLeft_ = 0;
     powerTrend_.clear();
@@ -247,6 +252,7 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         if (anticipationLeft_ > 0) horizon_ = std::max(horizon_, leadModel->averageLeadMs / 1000.0);
     }
     double excess = setpointExcess(mode, sample);
+    drive_ = excess;
     if (excess <= -1e8) {
         // No temperature at all: run at a safe middle speed rather than guess.
         duty_ = std::max(duty_, 0.6);
@@ -259,6 +265,7 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     // Quiet modes answer where the temperature is heading, so the fans rise early and gently
     // and settle where the die will, instead of overshooting after the heatsink has warmed.
     const double drive = mode != ControlMode::performance ? predictedExcess(sample) : excess;
+    drive_ = drive;
     if (drive > 0) {
         const double eased = drive * std::min(1.0, drive / kSoftRiseC);
         double rise = riseGain * eased * dt;

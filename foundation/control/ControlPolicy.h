@@ -42,7 +42,13 @@ public:
     PolicyOutput decide(ControlMode mode, const TelemetrySample& sample, double dt,
                         const std::optional<AdaptiveLeadModel>& leadModel);
     void reset(double duty = 0);
+    // Goes on from `duty` next tick, everything else as it was: where the duty the fans ran at
+    // was not this policy's own, it answers from what the fans did, not from a duty never used.
+    void follow(double duty);
     double duty() const { return duty_; }
+    // How far over its setpoint the hottest die it sees was heading last tick (°C; negative
+    // under it, very negative with no reading): what its duty answered.
+    double drive() const { return drive_; }
     const ControlLimits& limits() const { return limits_; }
     void setLimits(const ControlLimits& limits) { limits_ = limits; }
 
@@ -71,6 +77,7 @@ private:
     double margin_ = 0;   // this tick's distance under the limits
     double horizon_ = 0;  // how far ahead a rising temperature is extrapolated
     double duty_ = 0;
+    double drive_ = -1e9;
     double sinceIncrease_ = 1e9;
     double anticipationLeft_ = 0;
     std::deque<std::pair<Timestamp, double>> powerTrend_;

@@ -174,4 +174,19 @@ std::vector<double> QuietestMix::duties(const std::vector<double>& speeds) const
     return duty;
 }
 
+double QuietestMix::levelAt(int die, const std::vector<double>& duties) const {
+    if (die != kCpu && die != kGpu) return 0;
+    std::vector<double> rpm;
+    for (std::size_t i = 0; i < fans_.size(); ++i) {
+        const double d = i < duties.size() ? duties[i] : 0.0;
+        rpm.push_back(d < 0 ? 0.0 : fans_[i].lo + std::min(d, 1.0) * (fans_[i].hi - fans_[i].lo));
+    }
+    const double air = airflow(die, rpm);
+    if (air >= atMin_[die]) {
+        const double span = atMax_[die] - atMin_[die];
+        return span > 0 ? std::min(1.0, (air - atMin_[die]) / span) : 0.0;
+    }
+    return atMin_[die] > 0 ? std::max(lowestLevel(), air / atMin_[die] - 1) : 0.0;
+}
+
 }  // namespace kelvo

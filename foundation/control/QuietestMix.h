@@ -36,6 +36,10 @@ public:
     // fan standing still.
     std::vector<double> duties(const std::vector<double>& speeds) const;
 
+    // The level a die's sink gets from the fans at these duties (as duties() gives them): the
+    // inverse of what speeds() asks of them, so one duty for every fan is that duty's level.
+    double levelAt(int die, const std::vector<double>& duties) const;
+
     double lowestLevel() const { return anyCanStop_ ? -1.0 : 0.0; }
 
 private:

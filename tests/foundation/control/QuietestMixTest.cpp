@@ -61,3 +61,31 @@ TEST(QuietestMixFans, MeasurementsThatAreNotNumbersOrNegativeCountAsNoCooling) {
     EXPECT_NEAR(duties[1], 0, 1e-9);
     for (double d : duties) EXPECT_TRUE(std::isfinite(d));
 }
+
+TEST(QuietestMixFans, TheLevelASinkGetsIsWhatItWouldAskForTheSameDuties) {
+    QuietestMix mix(
+        {fan(600, 1800, 1.0, 0.1), fan(900, 2400, 0.05, 1.0), fan(400, 1500, 0.3, 0.4)});
+    // One duty for every fan is that duty's level, for either die.
+    for (double duty : {0.0, 0.25, 0.6, 1.0})
+        for (int die : {0, 1})
+            EXPECT_NEAR(mix.levelAt(die, {duty, duty, duty}), duty, 1e-9) << duty << " " << die;
+    // What a mix's speeds give the die that asked is what it asked; the other gets at least its
+    // own.
+    const auto duties = mix.duties(mix.speeds(0.45, 0.1));
+    EXPECT_NEAR(mix.levelAt(0, duties), 0.45, 1e-6);
+    EXPECT_GE(mix.levelAt(1, duties), 0.1 - 1e-6);
+    // The CPU's fan alone faster gives the CPU more and the GPU almost nothing more.
+    EXPECT_GT(mix.levelAt(0, {0.5, 0, 0}), 0.35);
+    EXPECT_LT(mix.levelAt(1, {0.5, 0, 0}), 0.05);
+}
+
+TEST(QuietestMixFans, FansStandingStillGiveALevelUnderTheirLowest) {
+    QuietestMix::Fan stops = fan(500, 1500, 1.0, 1.0);
+    stops.canStop = true;
+    QuietestMix mix({stops, fan(500, 1500, 1.0, 1.0)});
+    // One of two alike fans standing still, the other at its lowest: half the air of both at
+    // their lowest, level -0.5; both still is -1.
+    EXPECT_NEAR(mix.levelAt(0, {-1, 0}), -0.5, 1e-9);
+    EXPECT_NEAR(mix.levelAt(1, {-1, -1}), -1, 1e-9);
+    EXPECT_NEAR(mix.levelAt(0, {0, 0}), 0, 1e-9);
+}

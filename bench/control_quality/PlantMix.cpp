@@ -12,12 +12,8 @@ QuietestMix quietestMixFor(const sim::PlantConfig& plant) {
         QuietestMix::Fan fan;
         fan.lo = config.minRPM;
         fan.hi = config.maxRPM;
-        // The plant's own airflow, one fan turning at 1 rpm at a time: the weights whatever the
-        // machine's coupling.
-        std::vector<double> unit(plant.fans.size(), 0.0);
-        unit[i] = 1;
-        fan.weight[0] = sim::coolingAirflow(plant, sim::Die::cpu, unit);
-        fan.weight[1] = sim::coolingAirflow(plant, sim::Die::gpu, unit);
+        fan.weight[0] = sim::fanCooling(plant, sim::Die::cpu, i);
+        fan.weight[1] = sim::fanCooling(plant, sim::Die::gpu, i);
         fan.cost = config.soundRefRPM > 0 ? std::pow(10.0, config.soundRefDb / 10.0) /
                                                 std::pow(config.soundRefRPM, 5.0)
                                           : 0.0;

@@ -235,13 +235,11 @@ void storeFileCoupling(SQLiteStore& store, const std::string& root, const sim::P
     for (const HwmonFan& fan : HwmonFanService(root).discover()) {
         const auto index = static_cast<std::size_t>(fan.channel - 1);
         if (index >= plant.fans.size()) continue;
-        std::vector<double> unit(plant.fans.size(), 0.0);
-        unit[index] = 1;
         FanCouplingEvidence evidence;
         for (int probe = 0; probe < kCouplingProbesForConfidence; ++probe)
             for (std::size_t lag = 0; lag < kCouplingLagsS.size(); ++lag) {
-                evidence.cpu.byLag[lag].add(sim::coolingAirflow(plant, sim::Die::cpu, unit), 1);
-                evidence.gpu.byLag[lag].add(sim::coolingAirflow(plant, sim::Die::gpu, unit), 1);
+                evidence.cpu.byLag[lag].add(sim::fanCooling(plant, sim::Die::cpu, index), 1);
+                evidence.gpu.byLag[lag].add(sim::fanCooling(plant, sim::Die::gpu, index), 1);
             }
         if (!store.saveFanCoupling(fan.identity, evidence))
             std::fprintf(stderr, "control_quality: cannot store the coupling: %s\n",

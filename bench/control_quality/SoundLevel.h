@@ -16,7 +16,7 @@ double soundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm)
 
 // The fans' sound power before that floor: below the threshold of hearing it still tells two
 // quiet settings apart.
-double fanSoundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm);
+using sim::fanSoundPower;
 
 // The same as a level in dB(A).
 double soundLevelDb(const sim::PlantConfig& plant, const std::vector<double>& rpm);

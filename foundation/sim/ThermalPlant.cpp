@@ -114,6 +114,25 @@ double coolingAirflow(const PlantConfig& config, Die die, const std::vector<doub
     return airflowInto(config, config.splitsSinks(), die, fanRPM);
 }
 
+double fanCooling(const PlantConfig& config, Die die, std::size_t fan) {
+    if (fan >= config.fans.size()) return 0;
+    std::vector<double> unit(config.fans.size(), 0.0);
+    unit[fan] = 1;
+    return coolingAirflow(config, die, unit);
+}
+
+double fanSoundPower(const PlantConfig& config, const std::vector<double>& fanRPM) {
+    double power = 0;
+    const std::size_t fans = std::min(config.fans.size(), fanRPM.size());
+    for (std::size_t i = 0; i < fans; ++i) {
+        const FanConfig& fan = config.fans[i];
+        if (!(fanRPM[i] > 0) || !(fan.soundRefRPM > 0)) continue;
+        // 10^(L/10) with L from the fan law: the rpm ratio to the 5th power.
+        power += std::pow(10.0, fan.soundRefDb / 10.0) * std::pow(fanRPM[i] / fan.soundRefRPM, 5.0);
+    }
+    return power;
+}
+
 // Sink to ambient. On a shared sink both dies' calls give the one conductance.
 double ThermalPlant::sinkConductance(Die die) const {
     const double airflow = std::pow(airflowInto(config_, split_, split_ ? die : Die::cpu, fanRPM_),

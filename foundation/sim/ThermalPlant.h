@@ -127,6 +127,13 @@ enum class Die { cpu, gpu };
 // The airflow a die's sink sees from fans at these speeds, as a fraction of the reference speed:
 // the coupling-weighted sum, or the mean speed on a shared sink. Stopped fans add nothing.
 double coolingAirflow(const PlantConfig& config, Die die, const std::vector<double>& fanRPM);
+// The same for fan `fan` alone turning at 1 rpm: how much it cools that die per rpm, whatever the
+// machine's coupling.
+double fanCooling(const PlantConfig& config, Die die, std::size_t fan);
+
+// The fans' sound power relative to 0 dB (10^(L/10)), each fan at its soundRefDb at soundRefRPM
+// and the fan law elsewhere; a fan standing still adds nothing.
+double fanSoundPower(const PlantConfig& config, const std::vector<double>& fanRPM);
 
 struct PlantState {
     double cpuTemperatureC = 0;

@@ -232,24 +232,10 @@ namespace {
 // What each fan cools as the machine file says, as if Kelvo had measured it.
 void storeFileCoupling(SQLiteStore& store, const sim::PlantConfig& plant,
                        const std::vector<std::string>& names) {
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        std::vector<double> unit(names.size(), 0.0);
-        unit[i] = 1;
-        ASSERT_TRUE(store.saveFanCoupling(
-            names[i], measured(sim::coolingAirflow(plant, sim::Die::cpu, unit),
-                               sim::coolingAirflow(plant, sim::Die::gpu, unit))));
-    }
-}
-
-// The fans' sound level as a listener hears it (each fan's reference level and the fan law).
-double soundPower(const sim::PlantConfig& plant, const std::vector<double>& rpm) {
-    double power = 0;
-    for (std::size_t i = 0; i < plant.fans.size() && i < rpm.size(); ++i) {
-        if (!(rpm[i] > 0)) continue;
-        const auto& fan = plant.fans[i];
-        power += std::pow(10.0, (fan.soundRefDb + 50 * std::log10(rpm[i] / fan.soundRefRPM)) / 10);
-    }
-    return power;
+    for (std::size_t i = 0; i < names.size(); ++i)
+        ASSERT_TRUE(
+            store.saveFanCoupling(names[i], measured(sim::fanCooling(plant, sim::Die::cpu, i),
+                                                     sim::fanCooling(plant, sim::Die::gpu, i))));
 }
 
 }  // namespace
@@ -324,7 +310,7 @@ protected:
             EXPECT_TRUE(snap.fansShared || i < 60) << i;
             if (i < 5 * 60) continue;
             const sim::PlantState state = machine->state();
-            power += soundPower(plant, state.fanCurrentRPM);
+            power += sim::fanSoundPower(plant, state.fanCurrentRPM);
             ++seconds;
             if (i >= 15 * 60) out.settledGpuFanRPM += state.fanCurrentRPM.at(1) / (5 * 60);
             out.hottestCpu = std::max(out.hottestCpu, state.cpuTemperatureC);

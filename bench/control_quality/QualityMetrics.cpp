@@ -17,6 +17,23 @@ double fanLevelDb(const sim::FanConfig& fan, double rpm) {
     return std::max(0.0, fan.soundRefDb + 50.0 * std::log10(rpm / fan.soundRefRPM));
 }
 
+// Each fan the same as the first but for its name; loudness compared at one speed, so that the
+// same fan told at another reference speed still counts as the same.
+bool fansAlike(const std::vector<sim::FanConfig>& fans) {
+    if (fans.size() < 2) return false;
+    const double at = fans.front().soundRefRPM;
+    auto plain = [&](sim::FanConfig fan) {
+        fan.name.clear();
+        fan.soundRefDb = 0;
+        fan.soundRefRPM = 0;
+        return fan;
+    };
+    return std::all_of(fans.begin() + 1, fans.end(), [&](const sim::FanConfig& fan) {
+        return plain(fan) == plain(fans.front()) &&
+               std::abs(fanLevelDb(fan, at) - fanLevelDb(fans.front(), at)) < 1e-6;
+    });
+}
+
 }  // namespace
 
 QualityMetrics::QualityMetrics(const sim::PlantConfig& plant, MetricLimits limits)
@@ -147,6 +164,7 @@ QualityRow QualityMetrics::result() const {
         row.fanMeanRPM.push_back(seconds_ > 0 ? fans_[i].rpmSum / seconds_ : 0.0);
         row.fanMeanDb.push_back(seconds_ > 0 ? levelOfPower(fans_[i].powerSum / seconds_) : 0.0);
     }
+    row.fansAlike = fansAlike(plant_.fans);
     row.sustainedLoad = sustained_;
     lightLoad(row);
     row.secondDb = secondDb_;

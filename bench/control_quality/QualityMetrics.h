@@ -34,6 +34,9 @@ struct QualityRow {
     std::vector<std::string> fanNames;
     std::vector<double> fanMeanRPM;
     std::vector<double> fanMeanDb;
+    // More than one fan, each the same as the others but for its name (range, loudness for its
+    // speed, what it cools): no share of the work is quieter than one duty for all.
+    bool fansAlike = false;
 
     // From the trace, the same for every controller on it (see MetricLimits).
     bool sustainedLoad = false;

@@ -212,19 +212,20 @@ bool ReportWriter::checkChanges(std::ostream& out, const QualityRow& row) const 
     return pass;
 }
 
-// On a machine with more than one fan, under sustained load: quieter by kMixGainDb than every
+// On a machine with fans that differ, under sustained load: quieter by kMixGainDb than every
 // controller that drives all fans with one duty (Kelvo's modes from a fresh profile, the firmware,
-// the baselines) and keeps the limits as well. With one fan, the same as the fresh launch.
+// the baselines) and keeps the limits as well. With one fan, or fans all alike, where no share
+// of the work beats one duty: the same as the fresh launch.
 bool ReportWriter::checkMix(std::ostream& out, const QualityRow& row,
                             const std::string& fresh) const {
     const std::string where = row.machine + " / " + row.trace;
-    if (row.fanNames.size() < 2) {
+    if (row.fanNames.size() < 2 || row.fansAlike) {
         const QualityRow* same = find(row.machine, row.trace, fresh);
         if (!same) return true;
         const bool pass = std::abs(row.meanDb - same->meanDb) <= kSameAsOneDutyDb;
-        out << format("  %-34s %-19s %5.2f dB vs %s %5.2f (one fan): %s\n", where.c_str(),
+        out << format("  %-34s %-19s %5.2f dB vs %s %5.2f (%s): %s\n", where.c_str(),
                       row.controller.c_str(), row.meanDb, fresh.c_str(), same->meanDb,
-                      verdict(pass));
+                      row.fansAlike ? "alike fans" : "one fan", verdict(pass));
         return pass;
     }
     if (!row.sustainedLoad) {
@@ -368,9 +369,10 @@ bool ReportWriter::printTargets(std::ostream& out) const {
     for (const char* mode : kQuietModes) each(mode, &ReportWriter::checkChanges);
     for (const auto& [learned, fresh] : kLearnedModes) each(learned, &ReportWriter::checkChanges);
     out << "quiet and quietHybrid on the profile they built (learned), and quiet with the "
-           "machine file's coupling (known, a reference): with more than one fan, "
+           "machine file's coupling (known, a reference): with fans that differ, "
            "under sustained load, at least 2 dB quieter than the quietest one-duty controller "
-           "over the limits no longer; with one fan, within 0.2 dB of the fresh launch\n";
+           "over the limits no longer; with one fan or fans all alike, within 0.2 dB of the "
+           "fresh launch\n";
     for (const auto& [learned, fresh] : kLearnedModes)
         for (const QualityRow* row : rowsOf(learned)) all = checkMix(out, *row, fresh) && all;
     out << "quietHybrid: mean level at most quiet's on traces with sustained load (either device "

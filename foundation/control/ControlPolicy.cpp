@@ -21,8 +21,10 @@ constexpr double kSoftRiseC = 2;
 // step as a noise. Close to the hard limit a steeper rise takes over.
 constexpr double kQuietRiseRPMPerSecond = 120;
 constexpr double kQuietRiseDutyWithoutSpeeds = 0.03;  // fans that report no range
-// A fan's own level moving 3 dB within 5 s is heard as a change; this ramp stays under it.
-constexpr double kQuietRampDbPerSecond = 0.5;
+// A fan's own level moving 3 dB within 5 s is heard as a change; this ramp stays under it with
+// room to spare. At 0.5 dB a second it made 2.5 dB in 5 s, and a fan lagging its target or a
+// rise hurried by a limit now and then took it over.
+constexpr double kQuietRampDbPerSecond = 0.45;
 // A die heading over its hard limit takes the rise in rpm by degrees: all of it once its course
 // passes the limit by this much, a share of it when only just.
 constexpr double kHeadingOverBlendC = 3;

@@ -12,6 +12,11 @@ bool FanStopGate::decide(const std::string& fan, bool mayStop, double duty,
         return std::all_of(dies.begin(), dies.end(),
                            [&](const Die& d) { return d.temperatureC <= d.limitC - margin; });
     };
+    auto headroom = [&] {
+        double least = 1e9;
+        for (const Die& d : dies) least = std::min(least, d.limitC - d.temperatureC);
+        return least;
+    };
     // With no die to judge by, nothing is known to be cool.
     const bool cool = !dies.empty() && underBy(config_.coolMarginC);
     const bool warmed = !underBy(config_.coolMarginC - config_.warmingC);
@@ -27,12 +32,21 @@ bool FanStopGate::decide(const std::string& fan, bool mayStop, double duty,
         state.stopped = false;
         state.since = now;
         state.restarted = now;
+        if (needsAir && !dies.empty()) state.askedAtHeadroomC = headroom();
         if (change) *change = Change::restarted;
         return false;
     }
     if (!mayStop || !cool || duty > config_.stopDutyAtMost || held < config_.minimumRunSeconds)
         return false;
+    // Run at its lowest, it holds the die where the policy wanted air; stopped, the die would
+    // warm back to that and the fan start again, a minute or so later, for as long as the load
+    // lasts.
+    if (state.askedAtHeadroomC &&
+        headroom() < std::min(*state.askedAtHeadroomC + config_.stopBelowRestartC,
+                              config_.stopHeadroomAtMostC))
+        return false;
     state.stopped = true;
+    state.askedAtHeadroomC.reset();
     state.since = now;
     state.restarted.reset();
     if (change) *change = Change::stopped;

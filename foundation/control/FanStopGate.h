@@ -24,6 +24,12 @@ struct FanStopConfig {
     // A die that warms restarts a stopped fan only after this; the policy asking for air, at once.
     double minimumStopSeconds = 60;
     double minimumRunSeconds = 60;
+    // A fan the policy had to start again stops again only once the hottest die has this much
+    // more headroom than it had then: at the same warmth it would only be started again.
+    double stopBelowRestartC = 3;
+    // ... but never more than this: a fan started for a burst's steep rise, far under every
+    // limit, stops again once the dies are this far under theirs.
+    double stopHeadroomAtMostC = 25;
 };
 
 class FanStopGate {
@@ -55,6 +61,8 @@ private:
         bool stopped = false;
         std::optional<Timestamp> since;  // the last stop or restart
         std::optional<Timestamp> restarted;
+        // The least headroom under a limit when the policy last asked this fan for air.
+        std::optional<double> askedAtHeadroomC;
     };
     FanStopConfig config_;
     std::map<std::string, State> fans_;

@@ -219,3 +219,38 @@ TEST(QualityMetrics, EachFansMeanSpeedAndLevelOnItsOwn) {
     EXPECT_NEAR(row.fanMeanDb[0], 40 + 10 * std::log10(0.2), 1e-9);
     EXPECT_NEAR(row.fanMeanDb[1], 20, 1e-9);
 }
+
+// Only fans the same in everything but their names leave sharing nothing to gain.
+TEST(QualityMetrics, FansAreAlikeOnlyWhenEachIsTheSameButForItsName) {
+    auto alike = [](std::vector<kelvo::sim::FanConfig> fans) {
+        kelvo::sim::PlantConfig config = plant();
+        config.fans = std::move(fans);
+        QualityMetrics metrics(config);
+        kelvo::sim::PlantState s = state(50, 50, 0);
+        s.fanCurrentRPM.assign(config.fans.size(), 1000.0);
+        metrics.add(s, {0.1, 0.1}, 1.0);
+        return metrics.result().fansAlike;
+    };
+    const kelvo::sim::FanConfig fan{"a", 300, 1500, 30, 1500};
+    kelvo::sim::FanConfig twin = fan;
+    twin.name = "b";
+    EXPECT_TRUE(alike({fan, twin}));
+    EXPECT_FALSE(alike({fan}));
+    // The same loudness told at another speed is the same fan.
+    kelvo::sim::FanConfig toldElsewhere = twin;
+    toldElsewhere.soundRefRPM = 750;
+    toldElsewhere.soundRefDb = 30 + 50 * std::log10(750.0 / 1500);
+    EXPECT_TRUE(alike({fan, toldElsewhere}));
+    kelvo::sim::FanConfig quieter = twin;
+    quieter.soundRefDb = 29;
+    EXPECT_FALSE(alike({fan, twin, quieter}));
+    kelvo::sim::FanConfig faster = twin;
+    faster.maxRPM = 1800;
+    EXPECT_FALSE(alike({fan, faster}));
+    kelvo::sim::FanConfig cooler = fan, card = twin;
+    cooler.cpuCooling = 0.9;
+    cooler.gpuCooling = 0.1;
+    card.cpuCooling = 0.1;
+    card.gpuCooling = 0.9;
+    EXPECT_FALSE(alike({cooler, card}));
+}

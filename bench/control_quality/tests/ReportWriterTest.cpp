@@ -232,4 +232,17 @@ TEST(ReportWriter, KnowingTheFansMustBeatEveryOneDutyControllerThatKeepsTheLimit
         << single.str();
     EXPECT_NE(lineWith(single.str(), "quietHybrid-learned", "(one fan)").find("FAIL"),
               std::string::npos);
+
+    // Fans all alike: one duty is already the quietest share, so again the fresh launch.
+    for (QualityRow& r : one) {
+        r.fanNames.assign(2, "fan");
+        r.fansAlike = true;
+    }
+    std::ostringstream twins;
+    ReportWriter(one).printTargets(twins);
+    EXPECT_NE(lineWith(twins.str(), "quiet-learned ", "(alike fans)").find("PASS"),
+              std::string::npos)
+        << twins.str();
+    EXPECT_NE(lineWith(twins.str(), "quietHybrid-learned", "(alike fans)").find("FAIL"),
+              std::string::npos);
 }

@@ -6,7 +6,11 @@
 
 #include "foundation/control/ControlEngine.h"
 #include "foundation/core/EventRing.h"
+#include "foundation/sim/SimulatedFanController.h"
+#include "foundation/sim/SimulatedMachine.h"
+#include "foundation/sim/SimulatedTelemetryProvider.h"
 #include "tests/foundation/ControlTestFakes.h"
+#include "tests/foundation/ShippedMachines.h"
 
 using namespace kelvo;
 using kelvo::fakes::RecordingFans;
@@ -245,6 +249,38 @@ TEST(ControlEngineFanStop, ItRestartsWhenADieWarmsAndStopsAgainOnlyAfterRunning)
     EXPECT_GE(rig.now - restartedAt, 59);
     EXPECT_EQ(rig.count("Fan stopped (" + kStops), 2);
     EXPECT_EQ(rig.count("Fan restarted (" + kStops), 1);
+}
+
+TEST(ControlEngineFanStop, UnderALightLoadTheFanTheLowestSpeedHoldsKeepsTurning) {
+    // desktop-fan-stop's fans at an office load: the lowest speed holds the dies just where the
+    // policy wants air, so each stop warmed them back into a start about a minute later, for as
+    // long as the load lasted.
+    auto machine = std::make_shared<sim::SimulatedMachine>(
+        test_support::shippedMachine("desktop-fan-stop"), 7);
+    auto ring = std::make_shared<EventRing>(1000, 1e9);
+    ControlEngine engine(std::make_shared<SimulatedTelemetryProvider>(machine),
+                         std::make_shared<SimulatedFanController>(machine), nullptr, ring, nullptr);
+    engine.applyMode(ControlMode::quiet);
+    auto count = [&](const std::string& start) {
+        int n = 0;
+        for (const auto& e : ring->recent(1000)) n += e.message.starts_with(start) ? 1 : 0;
+        return n;
+    };
+    const std::string cooler = "Fan stopped (" + machine->state().fanNames.at(0);
+    const std::string started = "Fan restarted (" + machine->state().fanNames.at(0);
+    Timestamp now = 1'700'000'000;
+    machine->setLoad(0.03, 0.02);
+    for (int i = 0; i < 5 * 60; ++i) engine.tick(now += 1);
+    ASSERT_EQ(count(cooler), 1);  // stopped at idle
+    machine->setLoad(0.35, 0.30);
+    for (int i = 0; i < 20 * 60; ++i) engine.tick(now += 1);
+    EXPECT_EQ(count(started), 1);
+    EXPECT_EQ(count(cooler), 1);
+    // Once the load is gone the fan stands still again.
+    machine->setLoad(0.03, 0.02);
+    for (int i = 0; i < 10 * 60; ++i) engine.tick(now += 1);
+    EXPECT_EQ(count(cooler), 2);
+    EXPECT_TRUE(isFanStopTarget(machine->state().fanTargetRPM.at(0)));
 }
 
 TEST(ControlEngineFanStop, ACommandedStopIsNeverAStall) {

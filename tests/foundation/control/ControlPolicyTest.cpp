@@ -376,16 +376,19 @@ TEST(ControlPolicy, QuietFallsFasterTheFurtherItIsUnderItsSetpoint) {
     for (std::size_t p = 1; p < fell.size(); ++p) EXPECT_GT(fell[p], fell[p - 1]) << under[p];
 }
 
+// The quiet ramp: each fan's own level at most this many dB a second.
+constexpr double kQuietRampDb = 0.45;
+
 // Each fan's own level (the fan law: 50·log10 of its speed) from one duty to the next.
 double levelStepDb(const TelemetrySample& s, std::size_t fan, double from, double to) {
     const double span = s.fanMaxRPM[fan] - s.fanMinRPM[fan];
     return 50 * std::log10((s.fanMinRPM[fan] + to * span) / (s.fanMinRPM[fan] + from * span));
 }
 
-TEST(ControlPolicy, QuietMovesNoFansOwnLevelByMoreThanHalfADecibelASecond) {
+TEST(ControlPolicy, QuietMovesNoFansOwnLevelByMoreThanItsRampInDecibels) {
     // 84 °C and steady on an idle machine: over its setpoint (80 °C) but far from its limit, so
     // the fans have time to come up unheard. The fan at 1000 rpm is the one a listener would hear
-    // first: 120 rpm is 0.5 dB on it already.
+    // first: 120 rpm is nearly 2.5 dB on it.
     ControlPolicy policy;
     double previous = 0;
     for (Timestamp t = 0; t < 60; ++t) {
@@ -398,7 +401,7 @@ TEST(ControlPolicy, QuietMovesNoFansOwnLevelByMoreThanHalfADecibelASecond) {
             EXPECT_EQ(out.reason, "above setpoint") << t;
         }
         for (std::size_t fan = 0; fan < 2; ++fan)
-            EXPECT_LE(levelStepDb(s, fan, previous, out.duty), 0.5 + 1e-9) << t;
+            EXPECT_LE(levelStepDb(s, fan, previous, out.duty), kQuietRampDb + 1e-9) << t;
         previous = out.duty;
     }
     // Not held still: a minute later the fans are well up, about 30 dB on the slower one.
@@ -434,10 +437,10 @@ TEST(ControlPolicy, AQuietRiseTakesMoreOfTheRampInRpmTheFurtherPastTheLimitTheDi
         return std::max(levelStepDb(die.last, 0, die.before, die.after),
                         levelStepDb(die.last, 1, die.before, die.after));
     };
-    // Under the limit all along: half a decibel a second on the fan that moves most.
-    EXPECT_NEAR(loudestStep(dies[0]), 0.5, 1e-6);
+    // Under the limit all along: the ramp in dB on the fan that moves most.
+    EXPECT_NEAR(loudestStep(dies[0]), kQuietRampDb, 1e-6);
     // A little over it: more than that, less than the ramp in rpm.
-    EXPECT_GT(loudestStep(dies[1]), 0.5 + 1e-3);
+    EXPECT_GT(loudestStep(dies[1]), kQuietRampDb + 1e-3);
     EXPECT_LT(dies[1].after - dies[1].before, kQuietRampDuty - 1e-3);
     // Far over it: the whole ramp in rpm.
     EXPECT_NEAR(dies[2].after - dies[2].before, kQuietRampDuty, 1e-9);
@@ -445,7 +448,7 @@ TEST(ControlPolicy, AQuietRiseTakesMoreOfTheRampInRpmTheFurtherPastTheLimitTheDi
 
 TEST(ControlPolicy, AFanStandingStillStartsByTheQuietRampInRpm) {
     // A fan the stop held still is heard when it starts however gently it is asked: a start
-    // held back to half a decibel a second would only leave it still while the die warms.
+    // held back to the ramp in dB would only leave it still while the die warms.
     auto at = [](Timestamp t, double rpm) {
         TelemetrySample s = withFans(temps(t, 84, 50));
         s.cpuUtilizationPct = 0;
@@ -467,11 +470,11 @@ TEST(ControlPolicy, AFanStandingStillStartsByTheQuietRampInRpm) {
     EXPECT_LT(slow - slowBefore, kQuietRampDuty / 2);
 }
 
-TEST(ControlPolicy, QuietFallsNoFasterThanHalfADecibelASecondOnAnyFan) {
+TEST(ControlPolicy, QuietFallsNoFasterThanItsRampInDecibelsOnAnyFan) {
     ControlPolicy policy;
     policy.reset(0.5);
     // 72 °C, far under the band (setpoint 86 °C, 3 °C band): the fall is the gentler of its own
-    // rule (two percent a second) and half a decibel a second on each fan.
+    // rule (two percent a second) and the ramp in dB on each fan.
     double previous = 0.5;
     bool gentler = false;
     for (Timestamp t = 0; t < 60; ++t) {
@@ -479,11 +482,11 @@ TEST(ControlPolicy, QuietFallsNoFasterThanHalfADecibelASecondOnAnyFan) {
         const auto out = policy.decide(ControlMode::quiet, s, 1.0, std::nullopt);
         EXPECT_EQ(out.reason, "below setpoint") << t;
         for (std::size_t fan = 0; fan < 2; ++fan)
-            EXPECT_GE(levelStepDb(s, fan, previous, out.duty), -0.5 - 1e-9) << t;
+            EXPECT_GE(levelStepDb(s, fan, previous, out.duty), -kQuietRampDb - 1e-9) << t;
         gentler = gentler || previous - out.duty < 0.02 - 1e-9;
         previous = out.duty;
     }
-    // Low in the range half a decibel is the tighter of the two.
+    // Low in the range the ramp in dB is the tighter of the two.
     EXPECT_TRUE(gentler);
     EXPECT_LT(previous, 0.2);
 }

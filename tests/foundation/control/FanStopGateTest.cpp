@@ -69,6 +69,37 @@ TEST(FanStopGate, RestartsAsSoonAsThePolicyAsksForSpeed) {
     EXPECT_EQ(change, FanStopGate::Change::restarted);
 }
 
+// Stopped again at the warmth the policy asked for air at, the fan would only start again.
+TEST(FanStopGate, AFanThePolicyStartedStopsAgainOnlyWithMoreHeadroomThanThen) {
+    FanStopGate gate;
+    const double more = gate.config().stopBelowRestartC;
+    ASSERT_TRUE(gate.decide("f", true, 0, cpuAt(72), 0));
+    ASSERT_FALSE(gate.decide("f", true, 0.06, cpuAt(72), 10));  // 16 °C of headroom
+    const double run = 10 + gate.config().minimumRunSeconds;
+    EXPECT_FALSE(gate.decide("f", true, 0, cpuAt(71), run));
+    EXPECT_FALSE(gate.decide("f", true, 0, cpuAt(72 - more + 0.1), run + 1));
+    FanStopGate::Change change;
+    EXPECT_TRUE(gate.decide("f", true, 0, cpuAt(72 - more), run + 2, &change));
+    EXPECT_EQ(change, FanStopGate::Change::stopped);
+    // Started next by a die that warmed, not by the policy: the cool line alone holds again.
+    const double line = 88 - gate.config().coolMarginC;
+    const double warm = line + gate.config().warmingC + 0.5;
+    const double back = run + 2 + gate.config().minimumStopSeconds;
+    ASSERT_FALSE(gate.decide("f", true, 0, cpuAt(warm), back));
+    EXPECT_TRUE(gate.decide("f", true, 0, cpuAt(line), back + gate.config().minimumRunSeconds));
+}
+
+// Started for a burst's steep rise far under the limit, the fan stops again at idle warmth.
+TEST(FanStopGate, AFanStartedFarUnderTheLimitStopsAgainOnceTheMachineIsBackAtIdle) {
+    FanStopGate gate;
+    ASSERT_TRUE(gate.decide("f", true, 0, cpuAt(45), 0));
+    ASSERT_FALSE(gate.decide("f", true, 0.2, cpuAt(45), 10));  // 43 °C under the limit
+    const double run = 10 + gate.config().minimumRunSeconds;
+    const double idle = 88 - gate.config().stopHeadroomAtMostC;
+    EXPECT_FALSE(gate.decide("f", true, 0, cpuAt(idle + 0.1), run));
+    EXPECT_TRUE(gate.decide("f", true, 0, cpuAt(idle), run + 1));
+}
+
 TEST(FanStopGate, AnUrgentNeedOrAWithdrawnPermissionRestartsAtOnce) {
     FanStopGate gate;
     ASSERT_TRUE(gate.decide("a", true, 0, cpuAt(50), 0));

@@ -209,12 +209,23 @@ TEST_F(HostWindow, ACaughtUpChartRequestsZeroFramesPerSecond) {
     EXPECT_TRUE(host->displayLinkRunning());
     // The display catches up with the newest sample plus the 1 s reveal.
     ASSERT_TRUE(lastRequestedFrameShown());
-    const quint64 requested = host->requestedFrameCount();
-    const int rendered = framesDuring(1000);
-    std::printf("[ measured ] caught up: %d frames rendered, %llu requested in 1 s\n", rendered,
-                static_cast<unsigned long long>(host->requestedFrameCount() - requested));
-    EXPECT_EQ(rendered, 0);
-    EXPECT_EQ(host->requestedFrameCount(), requested);
+    // An Expose or Show the X server sends late (a loaded machine) draws the window again,
+    // whatever it shows: the claim is about a second in which nothing at all happened to it.
+    WindowEventCounter windowEvents(window.get());
+    bool quietSecond = false;
+    for (int attempt = 0; attempt < 5 && !quietSecond; ++attempt) {
+        ASSERT_TRUE(lastRequestedFrameShown());
+        const quint64 requested = host->requestedFrameCount();
+        const int eventsBefore = windowEvents.count;
+        const int rendered = framesDuring(1000);
+        if (windowEvents.count != eventsBefore) continue;
+        quietSecond = true;
+        std::printf("[ measured ] caught up: %d frames rendered, %llu requested in 1 s\n", rendered,
+                    static_cast<unsigned long long>(host->requestedFrameCount() - requested));
+        EXPECT_EQ(rendered, 0);
+        EXPECT_EQ(host->requestedFrameCount(), requested);
+    }
+    EXPECT_TRUE(quietSecond) << "the window kept receiving events";
     // A new sample starts it again.
     const Timestamp later = wallClockNow();
     give(test::snapshotEndingAt(later), later);

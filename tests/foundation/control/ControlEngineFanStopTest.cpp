@@ -118,6 +118,13 @@ public:
     std::map<std::string, FanCalibrationStatus> calibration;
 };
 
+// The events recorded so far whose text starts with `start`.
+int countStartingWith(const EventRing& ring, const std::string& start) {
+    int n = 0;
+    for (const auto& e : ring.recent(1000)) n += e.message.starts_with(start) ? 1 : 0;
+    return n;
+}
+
 struct StopRig {
     std::shared_ptr<ScriptedTelemetry> telemetry = std::make_shared<ScriptedTelemetry>();
     std::shared_ptr<StoppingFans> fans = std::make_shared<StoppingFans>();
@@ -143,11 +150,7 @@ struct StopRig {
         }
         return false;
     }
-    int count(const std::string& start) const {
-        int n = 0;
-        for (const auto& e : ring->recent(1000)) n += e.message.starts_with(start) ? 1 : 0;
-        return n;
-    }
+    int count(const std::string& start) const { return countStartingWith(*ring, start); }
     bool has(const std::string& text) const {
         for (const auto& e : ring->recent(1000))
             if (e.message.find(text) != std::string::npos) return true;
@@ -261,25 +264,21 @@ TEST(ControlEngineFanStop, UnderALightLoadTheFanTheLowestSpeedHoldsKeepsTurning)
     ControlEngine engine(std::make_shared<SimulatedTelemetryProvider>(machine),
                          std::make_shared<SimulatedFanController>(machine), nullptr, ring, nullptr);
     engine.applyMode(ControlMode::quiet);
-    auto count = [&](const std::string& start) {
-        int n = 0;
-        for (const auto& e : ring->recent(1000)) n += e.message.starts_with(start) ? 1 : 0;
-        return n;
-    };
-    const std::string cooler = "Fan stopped (" + machine->state().fanNames.at(0);
+    auto count = [&](const std::string& start) { return countStartingWith(*ring, start); };
+    const std::string stopped = "Fan stopped (" + machine->state().fanNames.at(0);
     const std::string started = "Fan restarted (" + machine->state().fanNames.at(0);
     Timestamp now = 1'700'000'000;
     machine->setLoad(0.03, 0.02);
     for (int i = 0; i < 5 * 60; ++i) engine.tick(now += 1);
-    ASSERT_EQ(count(cooler), 1);  // stopped at idle
+    ASSERT_EQ(count(stopped), 1);  // stopped at idle
     machine->setLoad(0.35, 0.30);
     for (int i = 0; i < 20 * 60; ++i) engine.tick(now += 1);
     EXPECT_EQ(count(started), 1);
-    EXPECT_EQ(count(cooler), 1);
+    EXPECT_EQ(count(stopped), 1);
     // Once the load is gone the fan stands still again.
     machine->setLoad(0.03, 0.02);
     for (int i = 0; i < 10 * 60; ++i) engine.tick(now += 1);
-    EXPECT_EQ(count(cooler), 2);
+    EXPECT_EQ(count(stopped), 2);
     EXPECT_TRUE(isFanStopTarget(machine->state().fanTargetRPM.at(0)));
 }
 

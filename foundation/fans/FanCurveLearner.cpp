@@ -149,7 +149,7 @@ int FanCurveLearner::mappedDuty(const FanLearning& fan, double targetRPM, double
 }
 
 std::optional<int> FanCurveLearner::probeDuty(FanLearning& fan, double targetRPM,
-                                              double measuredRPM) {
+                                              double measuredRPM, Clock::time_point now) {
     const FanKnowledge& knowledge = fan.knowledge;
     const auto lowest = knowledge.lowestTurningDuty();
     if (!lowest || !(measuredRPM > 0)) {
@@ -178,8 +178,15 @@ std::optional<int> FanCurveLearner::probeDuty(FanLearning& fan, double targetRPM
     // than what the fan does now.
     const bool settledThere =
         fan.settle && fan.settle->duty == *lowest && fan.settle->recorded && !fan.settle->automatic;
-    if (!known && settledThere) {
+    // The fan has slowed since the last step began no faster than a walk may.
+    const bool paced = [&] {
+        if (!fan.stepFrom || !(fan.stepFrom->second > measuredRPM)) return true;
+        const double seconds = std::chrono::duration<double>(now - fan.stepFrom->first).count();
+        return 50 * std::log10(fan.stepFrom->second / measuredRPM) <= kWalkDbPerSecond * seconds;
+    }();
+    if (!known && settledThere && paced) {
         fan.probe = std::max(floor, *lowest - kProbeStep);
+        fan.stepFrom = std::pair{now, measuredRPM};
         return fan.probe;
     }
     // The minimum is the lowest duty seen to keep the fan turning.
@@ -246,7 +253,7 @@ int FanCurveLearner::dutyFor(const std::string& identity, double targetRPM,
             fan.kick.reset();
         }
         if (measuredRPM) {
-            if (auto probe = probeDuty(fan, targetRPM, *measuredRPM)) return *probe;
+            if (auto probe = probeDuty(fan, targetRPM, *measuredRPM, now)) return *probe;
         }
         return mapped;
     }();

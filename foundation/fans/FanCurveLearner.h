@@ -39,6 +39,11 @@ public:
     // Walking the low end down goes in steps this large, and stops once the duty a fan rests
     // at is known within one step of the lowest it turns at.
     static constexpr int kProbeStep = 8;
+    // ...and no faster than this, in dB a second (the fan law: 50·log10 of the speed). Near its
+    // bottom a slow fan loses 1.5 dB a step: at a step every 3 s, two of them made 3 dB within
+    // 5 s, and a fan walked down from its start kick was heard slowing. At this pace such steps
+    // come 5 s apart.
+    static constexpr double kWalkDbPerSecond = 0.3;
     // A restart kick lasts until the fan turns, at most this long.
     static constexpr std::chrono::milliseconds kLongestKick{3000};
     // The kick for a fan whose start duty is unknown: about 45 %, which starts nearly any fan.
@@ -114,6 +119,8 @@ private:
         std::optional<Kick> kick;
         bool kickTried = false;  // in this rest: one kick per rest, so a stall stays visible
         std::optional<int> probe;
+        // Where the last step down of the walk began: when, and the speed read then.
+        std::optional<std::pair<Clock::time_point, double>> stepFrom;
         std::optional<double> reportedMin;  // the minimum speed last reported to the engine
         bool seenResting = false;
         bool seenFirmwareResting = false;
@@ -128,7 +135,8 @@ private:
     // The fan came to rest at this duty, under Kelvo.
     static void learnStop(FanLearning& fan, int duty);
     int mappedDuty(const FanLearning& fan, double targetRPM, double minRPM, double maxRPM) const;
-    std::optional<int> probeDuty(FanLearning& fan, double targetRPM, double measuredRPM);
+    std::optional<int> probeDuty(FanLearning& fan, double targetRPM, double measuredRPM,
+                                 Clock::time_point now);
     std::optional<int> calibrationDuty(const std::string& identity, FanLearning& fan,
                                        double targetRPM, std::optional<double> measuredRPM,
                                        double minRPM, Clock::time_point now);

@@ -92,7 +92,7 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
     const bool stopping = lastFanStop_ && sample.timestamp - *lastFanStop_ < kNoProbeAfterStopS;
     // At idle and light load the quiet modes hold the fans at their lowest, quieter than the
     // firmware: a probe there would be the loudest thing in the room. Under real load the fans
-    // are working anyway and a probe of a couple of dB on one of them goes unnoticed.
+    // are working anyway and a probe of a few dB on one of them goes unnoticed.
     // A device under heavy load is also working where its fans are still at their lowest (a
     // tower cooler's heatsink takes minutes to warm through).
     const bool busy = sample.maxUtilizationPct().value_or(0) >= kProbeFromLoadPct;

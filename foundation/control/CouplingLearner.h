@@ -1,5 +1,5 @@
 // Learns which die each fan cools, on the machine it runs on, from small slow probes: while Kelvo
-// drives the fans, one fan at a time runs a little faster for a while (a couple of dB on its own,
+// drives the fans, one fan at a time runs a little faster for a while (3 dB on its own,
 // ramped, so no one hears a change) and then as before. Each die's temperature over the probe is
 // fitted with everything else that moved it (the load, every fan's speed, a drift) seen through
 // the die's heatsink lag, so a probe under a changing load still counts for what it shows. What
@@ -22,9 +22,10 @@ namespace kelvo {
 
 struct CouplingLearnerConfig {
     // How much louder the probed fan runs (the fan law: 50·log10 of its speed), reached over
-    // rampSeconds: well under the 3 dB within seconds that is heard as a change.
-    double probeDb = 2;
-    double rampSeconds = 20;
+    // rampSeconds: a tenth of a dB a second, well under the 3 dB within 5 s that is heard as a
+    // change. At 2 dB a probe showed too little over a compile's or a game's swings.
+    double probeDb = 3;
+    double rampSeconds = 30;
     // Faster for this long, then as before for as long; a probe is read over the rest before it,
     // its own time and the rest after it: long enough for a tower cooler's heatsink to show
     // most of its answer.

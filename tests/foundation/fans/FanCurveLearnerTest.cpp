@@ -304,9 +304,7 @@ TEST(FanCurveLearner, AStepThatStopsTheFanEndsTheWalkAtOnce) {
     EXPECT_GT(*rig.speed, 0);
     EXPECT_GE(rig.duty, 44);
 }
-}  // namespace kelvo
 
-namespace kelvo {
 // A fan started from rest by a kick turns well above what was asked; the walk down to the asked
 // speed then slows it a step at a time. Faster than the walk's pace, that fall is heard (3 dB
 // within 5 s), on every first start.

@@ -8,9 +8,12 @@
 namespace kelvo {
 
 namespace {
-// A die's answers are believed once their standard error is well under the strongest fan's
-// answer for that die: a quarter of it counts as knowing nothing.
-constexpr double kUselessRelativeError = 0.25;
+// A fan's answers for a die are believed as far as they pin down its share: a share is a
+// fraction of all the fans' cooling of that die, so its standard error is the answers' standard
+// error over that total. An error of a quarter of the total counts as knowing nothing. (Against
+// the strongest fan's answer alone, three fans that each do a third, known to a twentieth,
+// looked barely sure.)
+constexpr double kUselessShareError = 0.25;
 
 using DieOf = const DieEvidence& (*)(const FanCouplingEvidence&);
 const DieEvidence& cpuOf(const FanCouplingEvidence& e) {
@@ -75,8 +78,7 @@ DieShares sharesOf(const std::map<std::string, FanCouplingEvidence>& evidence,
         out.perRPM[i] = cooling[i] / strongest;
         const double counted = std::min(1.0, double(r.count) / kCouplingProbesForConfidence);
         const auto se = r.standardError();
-        const double spread =
-            se ? std::clamp(1 - *se / strongest / kUselessRelativeError, 0.0, 1.0) : 0.0;
+        const double spread = se ? std::clamp(1 - *se / total / kUselessShareError, 0.0, 1.0) : 0.0;
         out.confidence[i] = counted * spread;
     }
     return out;

@@ -198,6 +198,57 @@ TEST_F(ControlEngineCoupling, OnceTheBlowersAreKnownQuietRaisesOnlyTheOneThatCoo
     EXPECT_FALSE(after.fansShared);
 }
 
+namespace {
+
+// Six probes each of a CPU and a GPU answer that scatter so that each fan's shares are known to
+// within `shareError` (a standard error, as a fraction of both fans' cooling of the die).
+FanCouplingEvidence scattered(double cpu, double gpu, double cpuTotal, double gpuTotal,
+                              double shareError) {
+    FanCouplingEvidence evidence;
+    // Answers alternately x(1 - s) and x(1 + s): their mean's standard error is x·s/√5.
+    const double cpuSpread = shareError * cpuTotal * std::sqrt(5.0) / cpu;
+    const double gpuSpread = shareError * gpuTotal * std::sqrt(5.0) / gpu;
+    for (int i = 0; i < kCouplingProbesForConfidence; ++i) {
+        const double sign = i % 2 ? 1 : -1;
+        for (std::size_t lag = 0; lag < kCouplingLagsS.size(); ++lag) {
+            evidence.cpu.byLag[lag].add(cpu * (1 + sign * cpuSpread), 1);
+            evidence.gpu.byLag[lag].add(gpu * (1 + sign * gpuSpread), 1);
+        }
+    }
+    return evidence;
+}
+
+}  // namespace
+
+TEST_F(ControlEngineCoupling, TheWorkIsSharedOnlyOnceEveryShareIsKnownClosely) {
+    machine->setLoad(0.0, 1.0);
+    const auto names = machine->state().fanNames;
+    struct Case {
+        double shareError;
+        bool shares;
+    };
+    // Known to within 0.12: shared. To within 0.2: still one duty.
+    for (const Case& c : {Case{0.12, true}, Case{0.2, false}}) {
+        SCOPED_TRACE(c.shareError);
+        store = std::make_shared<SQLiteStore>(
+            (dir_ / ("kelvo-" + std::to_string(c.shareError) + ".sqlite")).string());
+        ASSERT_TRUE(
+            store->saveFanCoupling(names.at(0), scattered(1.0, 0.1, 1.1, 1.1, c.shareError)));
+        ASSERT_TRUE(
+            store->saveFanCoupling(names.at(1), scattered(0.1, 1.0, 1.1, 1.1, c.shareError)));
+        auto kelvo = engine();
+        kelvo->applyMode(ControlMode::quiet);
+        ControlSnapshot snap = kelvo->tick(now += 1);
+        ASSERT_EQ(snap.couplings.size(), 2u);
+        EXPECT_EQ(coolsMostly(snap.couplings[0]), "CPU");
+        EXPECT_EQ(coolsMostly(snap.couplings[1]), "GPU");
+        // Before any probe of its own could add to what was stored.
+        bool shared = false;
+        for (int i = 0; i < 180; ++i) shared = kelvo->tick(now += 1).fansShared || shared;
+        EXPECT_EQ(shared, c.shares);
+    }
+}
+
 TEST_F(ControlEngineCoupling, FansThatAreAlikeAndCoolBothDiesAlikeRunAsOneDuty) {
     // Two fans of the same range, each measured to cool each die as much as the other: sharing
     // the work changes nothing.

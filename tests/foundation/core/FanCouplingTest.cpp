@@ -79,6 +79,33 @@ TEST(FanCoupling, UnknownUntilEveryFanHasAnsweredAndSureOnlyWhenTheAnswersAgree)
     EXPECT_FALSE(couplingKnown(fanCouplings(evidence, {"a"})));
 }
 
+TEST(FanCoupling, ASharesConfidenceSaysHowWellTheShareIsKnown) {
+    // Three fans that each cool the CPU alike, six answers each scattering by 30 %: each share
+    // is a third, known to within about 0.05, though each fan's own answer is known only to
+    // within 13 % of itself.
+    std::map<std::string, FanCouplingEvidence> evidence;
+    for (const char* fan : {"a", "b", "c"}) evidence[fan].cpu = answers(3, 6, 0.3);
+    auto c = fanCouplings(evidence, {"a", "b", "c"});
+    ASSERT_EQ(c.size(), 3u);
+    for (const FanCoupling& fan : c) {
+        EXPECT_NEAR(*fan.cpuShare, 1 / 3.0, 1e-9);
+        EXPECT_GT(fan.confidence, 0.75) << fan.identity;
+        EXPECT_LT(fan.confidence, 0.85) << fan.identity;
+    }
+    const double third = c[0].confidence;
+    // As sure of a share known as well: two fans, one of which does nearly all the work, the
+    // other's answers scattering by as many degrees per rpm as the thirds' did.
+    evidence.clear();
+    evidence["strong"].cpu = answers(8.5, 6, 0.05);
+    evidence["weak"].cpu = answers(0.5, 6, 0.3 * 3 / 0.5);
+    c = fanCouplings(evidence, {"strong", "weak"});
+    EXPECT_NEAR(*c[1].cpuShare, 0.5 / 9, 1e-9);
+    EXPECT_NEAR(c[1].confidence, third, 1e-9);
+    // Answers that scatter by nearly all the fans do are no use at all.
+    evidence["weak"].cpu = answers(0.5, 6, 0.9 * 9 / 0.5);
+    EXPECT_DOUBLE_EQ(fanCouplings(evidence, {"strong", "weak"})[1].confidence, 0);
+}
+
 TEST(FanCoupling, AFanThatSeemsToWarmADieGetsNoShareOfIt) {
     std::map<std::string, FanCouplingEvidence> evidence;
     evidence["a"].cpu = answers(3, 4);

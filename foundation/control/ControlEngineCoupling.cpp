@@ -24,9 +24,8 @@ constexpr double kWorkEnds = 0.1;
 // Ticks further apart than this are a gap: the spell is read again from what is seen now.
 constexpr double kWorkGapS = 5;
 // The quiet modes share the work by what the fans cool only once every fan is this sure: each
-// share known to within about 0.15 (FanCoupling.cpp). In the control table's learning runs
-// (eight machines, six seeds, one to four hours of mixed use) no machine whose fans were all
-// this sure had a share more than 0.18 off.
+// share known to within about 0.15 (FanCoupling.cpp), close enough for the mix to be quieter
+// than one duty on the machines the control table measures (docs/measurements.md).
 constexpr double kShareFromConfidence = 0.4;
 // A change between one duty for every fan and the mix takes a minute.
 constexpr double kShareBlendPerSecond = 1.0 / 60;

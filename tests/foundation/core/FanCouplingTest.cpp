@@ -101,7 +101,7 @@ TEST(FanCoupling, ASharesConfidenceSaysHowWellTheShareIsKnown) {
     c = fanCouplings(evidence, {"strong", "weak"});
     EXPECT_NEAR(*c[1].cpuShare, 0.5 / 9, 1e-9);
     EXPECT_NEAR(c[1].confidence, third, 1e-9);
-    // Answers that scatter by nearly all the fans do are no use at all.
+    // Answers whose mean is unsure by 40 % of all the fans' cooling are no use at all.
     evidence["weak"].cpu = answers(0.5, 6, 0.9 * 9 / 0.5);
     EXPECT_DOUBLE_EQ(fanCouplings(evidence, {"strong", "weak"})[1].confidence, 0);
 }

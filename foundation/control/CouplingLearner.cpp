@@ -146,6 +146,7 @@ void CouplingLearner::restart(const std::vector<ProbeFan>& fans) {
     turn_.reset();
     fade_.reset();
     nextStart_.reset();
+    drivingSince_.reset();
 }
 
 void CouplingLearner::record(Timestamp now, const TelemetrySample& sample,
@@ -211,6 +212,8 @@ std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
                                                                const std::vector<ProbeFan>& fans) {
     const double half = config_.halfSeconds;
     if (ticks_.empty() || now - ticks_.front().at < half) return std::nullopt;
+    if (!drivingSince_ || now - *drivingSince_ < config_.firstProbeAfterSeconds)
+        return std::nullopt;
     if (nextStart_ && now < *nextStart_) return std::nullopt;
     const auto probeable =
         std::count_if(fans.begin(), fans.end(), [](const ProbeFan& f) { return f.probeable; });
@@ -252,11 +255,13 @@ std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
     return turn;
 }
 
+// Even in dB, so the swell rises and falls by the same tenth of a dB every second of it.
 double CouplingLearner::factorAt(Timestamp now) const {
     const double t = now - turn_->start;
-    const double up = turn_->factor - 1;
-    if (t < turn_->half) return 1 + up * std::min(1.0, t / config_.rampSeconds);
-    return 1 + up * std::max(0.0, 1 - (t - turn_->half) / config_.rampSeconds);
+    const double risen = t < turn_->half
+                             ? std::min(1.0, t / config_.rampSeconds)
+                             : std::max(0.0, 1 - (t - turn_->half) / config_.rampSeconds);
+    return std::pow(turn_->factor, risen);
 }
 
 void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
@@ -268,6 +273,7 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
     if (!sameFans) done_ = false;
     if (!sameFans || (lastStep_ && now - *lastStep_ > kGapS)) restart(fans);
     lastStep_ = now;
+    if (!drivingSince_) drivingSince_ = now;
     // Kept while nothing is probed too: a recheck hours later needs to know how cool the dies
     // have been.
     if (sample.cpuTemperatureC)

@@ -1,6 +1,6 @@
 // Learns which die each fan cools, on the machine it runs on, from small slow probes: while Kelvo
-// drives the fans, one fan at a time runs a little faster for a while (3 dB on its own,
-// ramped, so no one hears a change) and then as before. Each die's temperature over the probe is
+// drives the fans, one fan at a time swells a little faster and back (3 dB on its own, half a
+// minute each way, so no one hears a change). Each die's temperature over the probe is
 // fitted with everything else that moved it (the load, every fan's speed, a drift) seen through
 // the die's heatsink lag, so a probe under a changing load still counts for what it shows. What
 // each probe shows is kept as evidence per fan identity; the shares follow from it
@@ -26,10 +26,16 @@ struct CouplingLearnerConfig {
     // change. At 2 dB a probe showed too little over a compile's or a game's swings.
     double probeDb = 3;
     double rampSeconds = 30;
-    // Faster for this long, then as before for as long; a probe is read over the rest before it,
-    // its own time and the rest after it: long enough for a tower cooler's heatsink to show
-    // most of its answer.
-    double halfSeconds = 120;
+    // The probe rises for this long and falls for as long: with rampSeconds, a swell to the
+    // full probeDb and straight back. It is read with the rest of as long before it. The fit
+    // reads each die through its heatsink's lag, so a probe need not wait for a tower cooler to
+    // answer in full, and many short probes pin a share down far sooner than a few long ones:
+    // at 120 s a fan had one probe in the first half hour of mixed use.
+    double halfSeconds = 30;
+    // Once Kelvo has the fans (a launch, the end of a fallback), no probe for this long: the
+    // fans are the policy's to settle, and a first two minutes no louder than the firmware's
+    // is what a launch owes the user.
+    double firstProbeAfterSeconds = 120;
     // A die that is this little over the coolest it has been this session answers too faintly.
     double minExcessC = 8;
     // A probe whose load has stayed this much lower for loadGoneSeconds is dropped: the load
@@ -132,6 +138,7 @@ private:
     std::vector<std::vector<double>> lagState_;  // per lag, per input
     std::vector<double> fastState_;
     std::optional<Timestamp> lastStep_;
+    std::optional<Timestamp> drivingSince_;  // the first tick since the last restart
     std::optional<Turn> turn_;
     // A probe that ended early, easing out: its fan and the raise it had reached.
     struct Fade {

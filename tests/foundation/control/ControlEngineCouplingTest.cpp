@@ -154,17 +154,18 @@ std::vector<double> shares(const ControlSnapshot& snap) {
 
 TEST_F(ControlEngineCoupling, OnceTheBlowersAreKnownQuietRaisesOnlyTheOneThatCoolsTheBusyDie) {
     // Without what the blowers cool, quiet runs both at one duty under a GPU-only load (but
-    // for its probes, one blower a little faster for a while).
+    // for its probes, one blower a little faster for a while). Six minutes hold too few probes
+    // for any share to be believed.
     machine->setLoad(0.0, 1.0);
     int oneDutyTicks = 0;
     {
         auto kelvo = engine();
         kelvo->applyMode(ControlMode::quiet);
-        for (int i = 0; i < 1200; ++i) {
+        for (int i = 0; i < 360; ++i) {
             const ControlSnapshot snap = kelvo->tick(now += 1);
-            ASSERT_FALSE(snap.fansShared);
+            ASSERT_FALSE(snap.fansShared) << i;
             const std::vector<double> s = shares(snap);
-            if (i >= 600 && s.size() == 2 && s[0] > 0.05 && std::abs(s[0] - s[1]) < 1e-6)
+            if (i >= 180 && s.size() == 2 && s[0] > 0.05 && std::abs(s[0] - s[1]) < 1e-6)
                 ++oneDutyTicks;
         }
     }
@@ -482,9 +483,9 @@ TEST_F(ControlEngineCoupling, AProbeGoesOnThroughACompilesPausesAndCounts) {
         probed = fan;
         longest = std::max(longest, probedFor);
     }
-    // Probes ran their whole course (two minutes faster, two as before) through the pauses, and
-    // what they showed was kept.
-    EXPECT_GE(longest, 230);
+    // Probes ran their whole course (a swell up and back down, longer than the time between
+    // two pauses) through the pauses, and what they showed was kept.
+    EXPECT_GE(longest, 2 * CouplingLearnerConfig{}.halfSeconds - 1);
     const auto stored = store->fanCouplings();
     ASSERT_TRUE(stored);
     EXPECT_FALSE(stored->empty());

@@ -99,6 +99,23 @@ double worstShareError(const sim::PlantConfig& plant, const std::vector<FanCoupl
     }
     return worst;
 }
+
+// How long each half of a probe lasts: the rest before it is as long, and so are its rise and its
+// fall.
+const double kHalf = CouplingLearnerConfig{}.halfSeconds;
+
+// The second the first probe begins under `load`, every fan at `duty`, nothing in its way.
+std::size_t firstProbeStart(const sim::PlantConfig& plant, const std::vector<Segment>& load,
+                            double duty) {
+    CouplingLearner learner;
+    std::vector<TickTargets> ticks;
+    learnOn(plant, load, 10 * kHalf, duty, learner, &ticks);
+    for (std::size_t t = 0; t < ticks.size(); ++t)
+        for (std::size_t f = 0; f < ticks[t].sent.size(); ++f)
+            if (ticks[t].sent[f] > ticks[t].base[f]) return t;
+    ADD_FAILURE() << "no probe began";
+    return ticks.size();
+}
 }  // namespace
 
 TEST(CouplingLearner, LearnsWhichBlowerCoolsWhichDieUnderASteadyLoad) {
@@ -175,14 +192,17 @@ TEST(CouplingLearner, ProbesAreSlowSmallAndEndOnceEveryFanIsKnown) {
 
 TEST(CouplingLearner, AFanTakenAwayMidProbeIsLetGoAndItsProbeCountsForNothing) {
     const auto plant = shippedMachine("laptop-two-blowers");
+    const std::vector<Segment> render{{600, 1.0, 0.75}};
+    // The user hands the first fan to the firmware at the top of its probe; the run ends before
+    // the next fan's probe could have been read.
+    const std::size_t away = firstProbeStart(plant, render, 0.4) + std::size_t(kHalf);
     CouplingLearner learner;
     std::vector<TickTargets> ticks;
-    // The first fan's probe begins once the rest before it is on record (120 s); the user
-    // hands that fan to the firmware 60 s into it.
-    learnOn(plant, {{600, 1.0, 0.75}}, 200, 0.4, learner, &ticks,
-            [](double t, std::size_t fan) { return !(fan == 0 && t >= 180); });
-    EXPECT_GT(ticks[170].sent[0], ticks[170].base[0]);  // it was being probed
-    for (std::size_t t = 180; t < ticks.size(); ++t)
+    learnOn(plant, render, double(away) + 2 * kHalf, 0.4, learner, &ticks,
+            [away](double t, std::size_t fan) { return !(fan == 0 && t >= double(away)); });
+    ASSERT_GT(ticks.size(), away);
+    EXPECT_GT(ticks[away - 1].sent[0], ticks[away - 1].base[0]);  // it was being probed
+    for (std::size_t t = away; t < ticks.size(); ++t)
         EXPECT_DOUBLE_EQ(ticks[t].sent[0], ticks[t].base[0]) << t;
     EXPECT_TRUE(learner.takeUpdated().empty());
     EXPECT_TRUE(learner.evidence().empty());
@@ -190,21 +210,27 @@ TEST(CouplingLearner, AFanTakenAwayMidProbeIsLetGoAndItsProbeCountsForNothing) {
 
 TEST(CouplingLearner, AProbeWhoseLoadFallsAwayEasesOutUnheard) {
     const auto plant = shippedMachine("laptop-two-blowers");
+    const CouplingLearnerConfig config;
+    // The render ends a third of the way up the first probe, which is given up once the load has
+    // been gone for a while, on its way down. The run ends once it has eased out, before the
+    // next fan's probe could have been read.
+    const double end = double(firstProbeStart(plant, {{600, 1.0, 0.75}}, 0.4)) + kHalf / 3;
+    const double givenUp = end + config.loadGoneSeconds;
+    ASSERT_LT(givenUp, end + 2 * kHalf);  // before the probe would have ended by itself
     CouplingLearner learner;
     std::vector<TickTargets> ticks;
-    // The first probe begins once the rest before it is on record (120 s); the render ends 80 s
-    // into it, and the probe is given up once the load has been gone for a while.
-    learnOn(plant, {{200, 1.0, 0.75}, {400, 0.03, 0.03}}, 400, 0.4, learner, &ticks);
-    ASSERT_GT(ticks[195].sent[0], ticks[195].base[0]);  // it was being probed
+    learnOn(plant, {{end, 1.0, 0.75}, {600, 0.03, 0.03}}, givenUp + 2 * config.rampSeconds + 10,
+            0.4, learner, &ticks);
+    ASSERT_GT(ticks[std::size_t(end)].sent[0], ticks[std::size_t(end)].base[0]);  // probed
     bool easing = false;
     for (std::size_t t = 1; t < ticks.size(); ++t) {
         const double gainDb = 50 * std::log10(ticks[t].sent[0] / ticks[t].base[0]);
         const double before = 50 * std::log10(ticks[t - 1].sent[0] / ticks[t - 1].base[0]);
         // Never faster down than the probe's own ramp (a tenth of a dB a second), given up or
         // not.
-        const CouplingLearnerConfig config;
         EXPECT_LE(before - gainDb, config.probeDb / config.rampSeconds + 1e-9) << t;
-        easing = easing || (t > 240 && gainDb > 1e-9);
+        // Still easing out after the probe would have ended by itself.
+        easing = easing || (double(t) > end - kHalf / 3 + 2 * kHalf && gainDb > 1e-9);
     }
     EXPECT_TRUE(easing);
     // Eased all the way out, and nothing counted.
@@ -296,8 +322,39 @@ TEST(CouplingLearner, AProbeWaitsUntilTheDieHasBeenWarmForTheWholeRestBeforeIt) 
     const auto probed = probesOn(
         learner, 300, 600, [](double t) { return t < 300 ? 2.0 : 95.0; },
         [](double) { return 2.0; });
-    for (std::size_t t = 0; t < 300 + 120; ++t) ASSERT_FALSE(probed[t]) << t;
-    EXPECT_TRUE(probed[300 + 125]);
+    const auto rest = std::size_t(kHalf);
+    for (std::size_t t = 0; t < 300 + rest; ++t) ASSERT_FALSE(probed[t]) << t;
+    EXPECT_TRUE(probed[300 + rest + 5]);
+}
+
+TEST(CouplingLearner, NoProbeInTheFirstTwoMinutesAfterKelvoTakesTheFans) {
+    // A render already running at launch warms the dies at once, but the fans are the policy's
+    // to settle first, and a launch's first two minutes are to be no louder than the firmware's.
+    CouplingLearner learner;
+    const double settle = CouplingLearnerConfig{}.firstProbeAfterSeconds;
+    ASSERT_GE(settle, 120);
+    const auto probed = probesOn(
+        learner, 5, settle + 30, [](double) { return 95.0; }, [](double) { return 60.0; });
+    for (std::size_t t = 0; t < std::size_t(settle); ++t) ASSERT_FALSE(probed[t]) << t;
+    EXPECT_TRUE(probed[std::size_t(settle) + 5]);
+
+    // Kelvo hands the fans back for a minute (a fallback) and takes them again: as at a launch.
+    std::vector<ProbeFan> fans{{"a", 2000, 2000, 5000, true, true},
+                               {"b", 2000, 2000, 5000, true, true}};
+    TelemetrySample sample;
+    sample.cpuTemperatureC = 70;
+    sample.gpuTemperatureC = 60;
+    sample.cpuUtilizationPct = 95;
+    sample.gpuUtilizationPct = 60;
+    const double back = settle + 30 + 60;
+    for (double t = back; t < back + settle + 30; ++t) {
+        std::vector<double> targets{2000, 2000};
+        learner.step(t, sample, fans, targets);
+        if (t < back + settle) {
+            ASSERT_FALSE(learner.probedFan()) << t;
+        }
+    }
+    EXPECT_TRUE(learner.probedFan());
 }
 
 TEST(CouplingLearner, TheFanWithTheFewestProbesGoesFirst) {
@@ -317,17 +374,23 @@ TEST(CouplingLearner, SlowErrorCountsForLessThanNoiseOfTheSameSize) {
     // One probe under a steady render, its CPU readings off by as much either way: once by
     // noise that changes every second, once by a slow wander (a fan curve's hunting, a neighbour
     // warming the case) the fit cannot explain. The wander holds its error for many seconds, so
-    // the probe saw far fewer independent seconds and counts for less.
+    // the probe saw far fewer independent seconds and counts for less. Read with probes of two
+    // minutes a half: over a short probe such a wander is little more than a drift, which the
+    // fit takes out.
+    CouplingLearnerConfig config;
+    config.halfSeconds = 120;
     const auto plant = shippedMachine("laptop-two-blowers");
+    // Long enough for the first probe to be read, not the next.
+    const double seconds = 420;
     std::mt19937 dice(11);
     std::normal_distribution<double> noise(0, 0.7);
     std::vector<double> offsets;
-    for (int t = 0; t < 420; ++t) offsets.push_back(noise(dice));
-    CouplingLearner noisy;
-    learnOn(plant, {{600, 1.0, 0.75}}, 420, 0.4, noisy, nullptr, {},
+    for (int t = 0; t < seconds; ++t) offsets.push_back(noise(dice));
+    CouplingLearner noisy(config);
+    learnOn(plant, {{600, 1.0, 0.75}}, seconds, 0.4, noisy, nullptr, {},
             [&](double t) { return offsets[std::size_t(t)]; });
-    CouplingLearner wandering;
-    learnOn(plant, {{600, 1.0, 0.75}}, 420, 0.4, wandering, nullptr, {},
+    CouplingLearner wandering(config);
+    learnOn(plant, {{600, 1.0, 0.75}}, seconds, 0.4, wandering, nullptr, {},
             [](double t) { return std::sin(2 * std::numbers::pi * t / 150); });
     const auto& a = noisy.evidence().at(plant.fans[0].name).cpu.byLag;
     const auto& b = wandering.evidence().at(plant.fans[0].name).cpu.byLag;

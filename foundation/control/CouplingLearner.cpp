@@ -17,6 +17,8 @@ constexpr double kStillLoadPct = 0.2;
 constexpr double kStillRPM = 1;
 constexpr double kStillTemperatureC = 0.05;
 constexpr double kRidge = 1e-6;
+// A recheck's answer counts as weak only this many of its standard errors under the line.
+constexpr double kWeakBy = 2;
 // A fit's residuals are never taken as more alike from one second to the next than this.
 constexpr double kMostCarried = 0.99;
 // The inputs each tick keeps: the two loads, the two dies' temperatures, then each fan's speed.
@@ -392,7 +394,8 @@ void CouplingLearner::judgeRecheck(const Turn& turn) {
 
 std::optional<bool> CouplingLearner::weakAnswer(
     const Turn& turn, bool gpu, const DieEvidence& before,
-    const std::array<std::optional<double>, kCouplingLagsS.size()>& answers) const {
+    const std::array<std::optional<double>, kCouplingLagsS.size()>& answers,
+    const std::array<double, kCouplingLagsS.size()>& errors) const {
     // Only for a die the fan cools mostly: its small share of the other die is noise.
     const auto couplings = fanCouplings(evidence_, fans_);
     const std::string mostly = coolsMostly(couplings.at(turn.fan));
@@ -404,7 +407,7 @@ std::optional<bool> CouplingLearner::weakAnswer(
     if (!lag || !answers[*lag]) return std::nullopt;
     const auto mean = before.byLag[*lag].mean();
     if (!mean || !(*mean > 0)) return std::nullopt;
-    return *answers[*lag] < config_.weakAnswerShare * *mean;
+    return *answers[*lag] + kWeakBy * errors[*lag] < config_.weakAnswerShare * *mean;
 }
 
 void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
@@ -424,6 +427,7 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
     DieEvidence& die = gpu ? evidence.gpu : evidence.cpu;
     const DieEvidence before = die;
     std::array<std::optional<double>, kLags> answers;
+    std::array<double, kLags> errors{};  // each answer's standard error
     bool learned = false;
     for (std::size_t l = 0; l < kLags; ++l) {
         // Drift; the die's own quick answer to its load; through the heatsink, the load, the
@@ -451,6 +455,7 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
         // Cooling per rpm, relative to how far over its coolest the die was; weighed by how
         // surely this probe shows it.
         answers[l] = -fit->coefficient / excess;
+        errors[l] = std::sqrt(fit->variance) / excess;
         die.byLag[l].add(*answers[l], excess * excess / fit->variance);
         die.misfit[l] += fit->residual / fit->total;
         learned = true;
@@ -458,7 +463,7 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
     if (learned && std::find(updated_.begin(), updated_.end(), fans_[turn.fan]) == updated_.end())
         updated_.push_back(fans_[turn.fan]);
     if (!turn.recheck) return;
-    if (const auto weak = weakAnswer(turn, gpu, before, answers)) {
+    if (const auto weak = weakAnswer(turn, gpu, before, answers, errors)) {
         if (*weak && !recheckWeak_.value_or(false)) weakDie_ = gpu ? "GPU" : "CPU";
         recheckWeak_ = recheckWeak_.value_or(false) || *weak;
     }

@@ -49,11 +49,14 @@ struct CouplingLearnerConfig {
     // blocked or is failing no longer answers as it did. An answer under weakAnswerShare of what
     // the fan showed before, for a die it cools mostly, counts as weak; weakRechecks of them in a
     // row and what was known of the fan is dropped, to be measured again. A sound fan's rechecks
-    // read about as much as before; one probe alone can read a weak fan at a third of it.
+    // read about as much as before; one probe alone can read a weak fan at a third of it. A
+    // short swell under a swinging load now and then reads a sound fan low, and a fan reported
+    // blocked that is not is an alarm the user cannot check: an answer is weak only where it is
+    // under the line by two of its standard errors, and it takes three in a row.
     double recheckSeconds = 4 * 3600;
     double confirmSeconds = 1800;  // a weak answer is checked again on the same fan this soon
     double weakAnswerShare = 0.4;
-    int weakRechecks = 2;
+    int weakRechecks = 3;
 };
 
 // A fan as the engine drives it this tick.
@@ -126,7 +129,8 @@ private:
     // where the fan does not cool that die mostly or nothing was known.
     std::optional<bool> weakAnswer(
         const Turn& turn, bool gpu, const DieEvidence& before,
-        const std::array<std::optional<double>, kCouplingLagsS.size()>& answers) const;
+        const std::array<std::optional<double>, kCouplingLagsS.size()>& answers,
+        const std::array<double, kCouplingLagsS.size()>& errors) const;
     void judgeRecheck(const Turn& turn);
     bool enough(const std::vector<ProbeFan>& fans) const;
 

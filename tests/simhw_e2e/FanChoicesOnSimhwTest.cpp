@@ -97,7 +97,8 @@ TEST(FanChoicesOnSimhw, ARebindKeepsTheFansChoice) {
     ASSERT_TRUE(pollUntil([&] { return rig.chipFile("pwm1_enable") == "1"; }, kSlowDeadline))
         << rig.transcript();
     ASSERT_EQ(rig.sim().fault("rebind sys/class/hwmon/hwmon2"), 0);
-    ASSERT_TRUE(pollUntil([&] { return rig.chipFile("pwm1_enable", "hwmon3") == "1"; }, 30s))
+    ASSERT_TRUE(
+        pollUntil([&] { return rig.chipFile("pwm1_enable", "hwmon3") == "1"; }, kSlowDeadline))
         << rig.transcript();
     EXPECT_FALSE(pollUntil([&] { return rig.chipFile("pwm2_enable", "hwmon3") != "2"; }, 5s));
     EXPECT_EQ(rig.writesTo(2, "pwm"), 0);

@@ -19,6 +19,9 @@ constexpr double kStillTemperatureC = 0.05;
 constexpr double kRidge = 1e-6;
 // A recheck's answer counts as weak only this many of its standard errors under the line.
 constexpr double kWeakBy = 2;
+// A recheck judges a fan only where what it showed before is this many of the recheck's standard
+// errors: a sound fan then reads over the line by more than kWeakBy of them.
+constexpr double kRecheckPower = 4;
 // A fit's residuals are never taken as more alike from one second to the next than this.
 constexpr double kMostCarried = 0.99;
 // The inputs each tick keeps: the two loads, the two dies' temperatures, then each fan's speed.
@@ -120,6 +123,8 @@ CouplingLearner::CouplingLearner(CouplingLearnerConfig config) : config_(config)
 void CouplingLearner::setEvidence(std::map<std::string, FanCouplingEvidence> evidence) {
     evidence_ = std::move(evidence);
     done_ = false;
+    // A recheck under way would put back what it began from.
+    recheck_.reset();
 }
 
 std::optional<std::string> CouplingLearner::probedFan() const {
@@ -149,6 +154,8 @@ void CouplingLearner::restart(const std::vector<ProbeFan>& fans) {
     fade_.reset();
     nextStart_.reset();
     drivingSince_.reset();
+    // A recheck's probes must follow one another on the same fans: it starts over.
+    recheck_.reset();
 }
 
 void CouplingLearner::record(Timestamp now, const TelemetrySample& sample,
@@ -236,7 +243,9 @@ std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
         const int probes =
             it == evidence_.end() ? 0 : std::max(it->second.cpu.probes(), it->second.gpu.probes());
         // A recheck is of a fan already known; learning, of one not yet known well enough.
-        if (rechecking_ && confirmFan_ && fan.identity != *confirmFan_) continue;
+        const std::optional<std::string> only =
+            recheck_ ? std::optional(recheck_->fan) : confirmFan_;
+        if (rechecking_ && only && fan.identity != *only) continue;
         if (rechecking_ ? it == evidence_.end() : probes >= config_.maxProbesPerFan) continue;
         // A fan near its top has no room to be probed now: the next one goes first.
         if (top(fan) - fan.targetRPM < 0.5 * fan.targetRPM * (factor - 1)) continue;
@@ -289,7 +298,13 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
             recheckDue_ = now + (confirmFan_ ? config_.confirmSeconds : config_.recheckSeconds);
         } else {
             turn_ = nextTurn(now, fans);
-            if (turn_) turn_->recheck = rechecking_;
+            if (turn_ && rechecking_) {
+                turn_->recheck = true;
+                if (!recheck_) {
+                    const std::string& fan = fans_[turn_->fan];
+                    recheck_ = Recheck{fan, 0, evidence_[fan], {}, {}};
+                }
+            }
         }
     }
     // Every fan known: nothing to probe or keep until the fans change or a recheck is due.
@@ -353,35 +368,45 @@ void CouplingLearner::applyFade(Timestamp now, const std::vector<ProbeFan>& fans
 void CouplingLearner::evaluate(const Turn& turn) {
     // The whole probe must be on record, the rest before it included.
     if (ticks_.empty() || ticks_.front().at > turn.start - turn.half + kGapS) return;
-    recheckWeak_.reset();
-    weakDie_.clear();
-    const std::string& fan = fans_[turn.fan];
-    const auto known = evidence_.find(fan);
-    const std::optional<FanCouplingEvidence> before =
-        known != evidence_.end() ? std::optional(known->second) : std::nullopt;
     if (coolestCpu_) learnDie(turn, false, *coolestCpu_);
     if (coolestGpu_) learnDie(turn, true, *coolestGpu_);
-    if (!turn.recheck) return;
-    // A weak answer is not averaged in until it is confirmed: one odd probe must not unsettle
-    // what is known.
-    if (recheckWeak_.value_or(false) && before) {
-        evidence_[fan] = *before;
-        updated_.erase(std::remove(updated_.begin(), updated_.end(), fan), updated_.end());
-    }
-    judgeRecheck(turn);
+    if (turn.recheck) judgeRecheck();
 }
 
-void CouplingLearner::judgeRecheck(const Turn& turn) {
-    // A recheck that said something is over; one that could not (its die was cool) is tried
-    // again with the next fan.
-    if (!recheckWeak_) return;
-    rechecking_ = false;
-    const std::string& fan = fans_[turn.fan];
-    confirmFan_.reset();
-    if (!*recheckWeak_) {
-        weakInARow_.erase(fan);
+void CouplingLearner::judgeRecheck() {
+    if (!recheck_ || ++recheck_->probes < config_.recheckProbes) return;
+    const Recheck recheck = std::move(*recheck_);
+    recheck_.reset();
+    std::optional<bool> weak;
+    std::string weakDie;
+    for (bool gpu : {false, true}) {
+        const auto answer = weakAnswer(recheck, gpu);
+        if (!answer) continue;
+        if (*answer && !weak.value_or(false)) weakDie = gpu ? "GPU" : "CPU";
+        weak = weak.value_or(false) || *answer;
+    }
+    // A recheck that said something is over; one that could not (its dies were cool, or its
+    // probes too faint) is tried again with the next fan, until every fan has had its turn.
+    if (!weak) {
+        if (++silentRechecks_ >= fans_.size()) {
+            rechecking_ = false;
+            silentRechecks_ = 0;
+        }
         return;
     }
+    silentRechecks_ = 0;
+    rechecking_ = false;
+    confirmFan_.reset();
+    const std::string& fan = recheck.fan;
+    if (!*weak) {
+        weakInARow_.erase(fan);
+        evidence_[fan] = recheck.evidence;
+        if (std::find(updated_.begin(), updated_.end(), fan) == updated_.end())
+            updated_.push_back(fan);
+        return;
+    }
+    // A weak answer is not averaged in, and until it is confirmed what is known stands: odd
+    // probes must not unsettle it.
     if (++weakInARow_[fan] < config_.weakRechecks) {
         confirmFan_ = fan;
         return;
@@ -389,25 +414,37 @@ void CouplingLearner::judgeRecheck(const Turn& turn) {
     weakInARow_.erase(fan);
     evidence_.erase(fan);
     updated_.erase(std::remove(updated_.begin(), updated_.end(), fan), updated_.end());
-    faded_.emplace_back(fan, weakDie_);
+    faded_.emplace_back(fan, weakDie);
 }
 
-std::optional<bool> CouplingLearner::weakAnswer(
-    const Turn& turn, bool gpu, const DieEvidence& before,
-    const std::array<std::optional<double>, kCouplingLagsS.size()>& answers,
-    const std::array<double, kCouplingLagsS.size()>& errors) const {
+std::optional<bool> CouplingLearner::weakAnswer(const Recheck& recheck, bool gpu) const {
+    const auto known = evidence_.find(recheck.fan);
+    const auto at = std::find(fans_.begin(), fans_.end(), recheck.fan);
+    if (known == evidence_.end() || at == fans_.end()) return std::nullopt;
+    const DieEvidence& before = gpu ? known->second.gpu : known->second.cpu;
     // Only for a die the fan cools mostly: its small share of the other die is noise.
     const auto couplings = fanCouplings(evidence_, fans_);
-    const std::string mostly = coolsMostly(couplings.at(turn.fan));
+    const std::string mostly = coolsMostly(couplings.at(std::size_t(at - fans_.begin())));
     if (mostly != "CPU and GPU" && mostly != (gpu ? "GPU" : "CPU")) return std::nullopt;
-    // Read at the lag that has explained this fan's probes of the die best.
+    // Read at the lag where these probes tell a sound fan from a weak one most surely: where
+    // what the fan showed before stands furthest above their standard error. Where even that is
+    // too little, a sound fan's answer could fall under the line by chance: they say nothing.
     std::optional<std::size_t> lag;
-    for (std::size_t l = 0; l < kLags; ++l)
-        if (before.byLag[l].count > 0 && (!lag || before.misfit[l] < before.misfit[*lag])) lag = l;
-    if (!lag || !answers[*lag]) return std::nullopt;
-    const auto mean = before.byLag[*lag].mean();
-    if (!mean || !(*mean > 0)) return std::nullopt;
-    return *answers[*lag] + kWeakBy * errors[*lag] < config_.weakAnswerShare * *mean;
+    double power = 0;
+    for (std::size_t l = 0; l < kLags; ++l) {
+        const auto mean = before.byLag[l].mean();
+        const double weight = recheck.weight[gpu][l];
+        if (!mean || !(*mean > 0) || !(weight > 0)) continue;
+        if (!lag || *mean * std::sqrt(weight) > power) {
+            lag = l;
+            power = *mean * std::sqrt(weight);
+        }
+    }
+    if (!lag || power < kRecheckPower) return std::nullopt;
+    const double weight = recheck.weight[gpu][*lag];
+    const double answer = recheck.weighted[gpu][*lag] / weight;
+    return answer + kWeakBy / std::sqrt(weight) <
+           config_.weakAnswerShare * *before.byLag[*lag].mean();
 }
 
 void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
@@ -423,11 +460,10 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
     const double excess = std::accumulate(y.begin(), y.end(), 0.0) / y.size() - coolest;
     if (excess < config_.minExcessC) return;
 
-    auto& evidence = evidence_[fans_[turn.fan]];
+    // A recheck's probes are kept aside until they are judged.
+    const bool aside = turn.recheck && recheck_;
+    auto& evidence = aside ? recheck_->evidence : evidence_[fans_[turn.fan]];
     DieEvidence& die = gpu ? evidence.gpu : evidence.cpu;
-    const DieEvidence before = die;
-    std::array<std::optional<double>, kLags> answers;
-    std::array<double, kLags> errors{};  // each answer's standard error
     bool learned = false;
     for (std::size_t l = 0; l < kLags; ++l) {
         // Drift; the die's own quick answer to its load; through the heatsink, the load, the
@@ -453,20 +489,20 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
         const auto fit = fitColumn(std::move(columns), y, 3 + 3 + turn.fan, std::move(still));
         if (!fit || !(fit->variance > 0) || !(fit->total > 0)) continue;
         // Cooling per rpm, relative to how far over its coolest the die was; weighed by how
-        // surely this probe shows it.
-        answers[l] = -fit->coefficient / excess;
-        errors[l] = std::sqrt(fit->variance) / excess;
-        die.byLag[l].add(*answers[l], excess * excess / fit->variance);
+        // surely this probe shows it (its inverse variance).
+        const double answer = -fit->coefficient / excess;
+        const double weight = excess * excess / fit->variance;
+        die.byLag[l].add(answer, weight);
         die.misfit[l] += fit->residual / fit->total;
+        if (aside) {
+            recheck_->weight[gpu][l] += weight;
+            recheck_->weighted[gpu][l] += weight * answer;
+        }
         learned = true;
     }
-    if (learned && std::find(updated_.begin(), updated_.end(), fans_[turn.fan]) == updated_.end())
+    if (learned && !aside &&
+        std::find(updated_.begin(), updated_.end(), fans_[turn.fan]) == updated_.end())
         updated_.push_back(fans_[turn.fan]);
-    if (!turn.recheck) return;
-    if (const auto weak = weakAnswer(turn, gpu, before, answers, errors)) {
-        if (*weak && !recheckWeak_.value_or(false)) weakDie_ = gpu ? "GPU" : "CPU";
-        recheckWeak_ = recheckWeak_.value_or(false) || *weak;
-    }
 }
 
 }  // namespace kelvo

@@ -1,6 +1,6 @@
 // Learns which die each fan cools, on the machine it runs on, from small slow probes: while Kelvo
-// drives the fans, one fan at a time swells a little faster and back (3 dB on its own, half a
-// minute each way, so no one hears a change). Each die's temperature over the probe is
+// drives the fans, one fan at a time swells a little faster and back (2 dB on its own, 20 s
+// each way, so no one hears a change). Each die's temperature over the probe is
 // fitted with everything else that moved it (the load, every fan's speed, a drift) seen through
 // the die's heatsink lag, so a probe under a changing load still counts for what it shows. What
 // each probe shows is kept as evidence per fan identity; the shares follow from it
@@ -22,16 +22,19 @@ namespace kelvo {
 
 struct CouplingLearnerConfig {
     // How much louder the probed fan runs (the fan law: 50·log10 of its speed), reached over
-    // rampSeconds: a tenth of a dB a second, well under the 3 dB within 5 s that is heard as a
-    // change. At 2 dB a probe showed too little over a compile's or a game's swings.
-    double probeDb = 3;
-    double rampSeconds = 30;
+    // rampSeconds: a tenth of a dB a second. On top of the quiet modes' own ramp (0.45 dB a
+    // second) that stays under the 3 dB within 5 s that is heard as a change; faster swells
+    // made the two together cross it.
+    double probeDb = 2;
+    double rampSeconds = 20;
     // The probe rises for this long and falls for as long: with rampSeconds, a swell to the
     // full probeDb and straight back. It is read with the rest of as long before it. The fit
     // reads each die through its heatsink's lag, so a probe need not wait for a tower cooler to
-    // answer in full, and many short probes pin a share down far sooner than a few long ones:
-    // at 120 s a fan had one probe in the first half hour of mixed use.
-    double halfSeconds = 30;
+    // answer in full, and the count of probes is what pins a share down more than their size:
+    // at 120 s a fan had one probe in the first half hour of mixed use, at 30 s (3 dB) four,
+    // too few to tell a tower cooler's fan from the case fans in that time. At 15 s the shares
+    // came out skewed towards the fan with the widest range.
+    double halfSeconds = 20;
     // Once Kelvo has the fans (a launch, the end of a fallback), no probe for this long: the
     // fans are the policy's to settle, and a first two minutes no louder than the firmware's
     // is what a launch owes the user.
@@ -46,15 +49,17 @@ struct CouplingLearnerConfig {
     double enoughConfidence = 0.9;
     int maxProbesPerFan = 40;
     // Once every fan is known, one fan in turn is probed again this often: a fan that has been
-    // blocked or is failing no longer answers as it did. An answer under weakAnswerShare of what
-    // the fan showed before, for a die it cools mostly, counts as weak; weakRechecks of them in a
-    // row and what was known of the fan is dropped, to be measured again. A sound fan's rechecks
-    // read about as much as before; one probe alone can read a weak fan at a third of it. A
-    // short swell under a swinging load now and then reads a sound fan low, and a fan reported
-    // blocked that is not is an alarm the user cannot check: an answer is weak only where it is
-    // under the line by two of its standard errors, and it takes three in a row.
+    // blocked or is failing no longer answers as it did. A recheck is recheckProbes probes of one
+    // fan in a row, judged together: one short swell is too faint to call a fan blocked. An
+    // answer under weakAnswerShare of what the fan showed before, for a die it cools mostly,
+    // counts as weak; weakRechecks of them in a row and what was known of the fan is dropped, to
+    // be measured again. A sound fan's rechecks read about as much as before; a weak fan's, a
+    // third of it. Swells under a swinging load now and then read a sound fan low, and a fan
+    // reported blocked that is not is an alarm the user cannot check: an answer is weak only
+    // where it is under the line by two of its standard errors, and it takes three in a row.
     double recheckSeconds = 4 * 3600;
     double confirmSeconds = 1800;  // a weak answer is checked again on the same fan this soon
+    int recheckProbes = 4;
     double weakAnswerShare = 0.4;
     int weakRechecks = 3;
 };
@@ -123,15 +128,23 @@ private:
     bool warmThroughRest(Timestamp now) const;
     std::optional<Turn> nextTurn(Timestamp now, const std::vector<ProbeFan>& fans);
     double factorAt(Timestamp now) const;
+    // A recheck under way: one fan, probed recheckProbes times in a row. What its probes show is
+    // kept aside until they are judged together.
+    struct Recheck {
+        std::string fan;
+        int probes = 0;
+        FanCouplingEvidence evidence;  // what was known of the fan, with these probes added
+        // Per die (CPU, GPU), per lag: the probes' answers weighed by how surely each shows it.
+        std::array<std::array<double, kCouplingLagsS.size()>, 2> weight{};
+        std::array<std::array<double, kCouplingLagsS.size()>, 2> weighted{};
+    };
+
     void evaluate(const Turn& turn);
     void learnDie(const Turn& turn, bool gpu, double coolest);
     // A recheck's answer for one die against what the fan showed before: weak, or not; none
-    // where the fan does not cool that die mostly or nothing was known.
-    std::optional<bool> weakAnswer(
-        const Turn& turn, bool gpu, const DieEvidence& before,
-        const std::array<std::optional<double>, kCouplingLagsS.size()>& answers,
-        const std::array<double, kCouplingLagsS.size()>& errors) const;
-    void judgeRecheck(const Turn& turn);
+    // where the fan does not cool that die mostly, nothing was known or the probes said nothing.
+    std::optional<bool> weakAnswer(const Recheck& recheck, bool gpu) const;
+    void judgeRecheck();
     bool enough(const std::vector<ProbeFan>& fans) const;
 
     CouplingLearnerConfig config_;
@@ -159,9 +172,8 @@ private:
     bool done_ = false;
     std::optional<Timestamp> recheckDue_;
     bool rechecking_ = false;
-    // This recheck's verdict so far: weak for some die, or not (none: no die could say).
-    std::optional<bool> recheckWeak_;
-    std::string weakDie_;
+    std::optional<Recheck> recheck_;
+    std::size_t silentRechecks_ = 0;  // rechecks in a row that could say nothing
     std::map<std::string, int> weakInARow_;
     std::optional<std::string> confirmFan_;  // the next recheck is of this fan
     std::vector<std::pair<std::string, std::string>> faded_;

@@ -239,6 +239,106 @@ TEST(CouplingLearner, AProbeWhoseLoadFallsAwayEasesOutUnheard) {
     EXPECT_TRUE(learner.evidence().empty());
 }
 
+TEST(CouplingLearner, ARecheckReadsOneFanSeveralTimesInARowAndCountsThemOnceJudged) {
+    // Once every fan is known, a recheck probes one fan recheckProbes times in a row: one short
+    // swell is too faint to tell a sound fan from a blocked one. What those probes show is kept
+    // aside until they are judged together.
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearnerConfig config;
+    config.recheckSeconds = 600;
+    const std::vector<Segment> render{{600, 1.0, 0.75}};
+    std::vector<TickTargets> ticks;
+    {
+        CouplingLearner learner(config);
+        learnOn(plant, render, 2 * 3600, 0.4, learner, &ticks);
+    }
+    // Each probe: the fan raised, from its first raised second to its last.
+    struct Probe {
+        std::size_t fan = 0;
+        std::size_t from = 0;
+        std::size_t to = 0;
+    };
+    std::vector<Probe> probes;
+    for (std::size_t t = 0; t < ticks.size(); ++t)
+        for (std::size_t f = 0; f < plant.fans.size(); ++f) {
+            if (!(ticks[t].sent[f] > ticks[t].base[f])) continue;
+            if (!probes.empty() && probes.back().fan == f && probes.back().to + 1 == t)
+                probes.back().to = t;
+            else
+                probes.push_back({f, t, t});
+        }
+    // The first recheck follows the last learning probe after a pause.
+    std::size_t first = 1;
+    while (first < probes.size() &&
+           double(probes[first].from - probes[first - 1].to) < config.recheckSeconds)
+        ++first;
+    const auto n = std::size_t(config.recheckProbes);
+    ASSERT_GE(n, 2u);
+    ASSERT_GE(probes.size(), first + n) << "no recheck within two hours";
+    for (std::size_t i = 1; i < n; ++i) EXPECT_EQ(probes[first + i].fan, probes[first].fan) << i;
+
+    // How many probes of the rechecked fan had counted for the CPU after `seconds`: the same
+    // run, cut short.
+    const std::string& fan = plant.fans[probes[first].fan].name;
+    auto countedAfter = [&](std::size_t seconds) {
+        CouplingLearner learner(config);
+        learnOn(plant, render, double(seconds), 0.4, learner);
+        const auto it = learner.evidence().find(fan);
+        return it == learner.evidence().end() ? -1 : it->second.cpu.probes();
+    };
+    const int before = countedAfter(probes[first].from);
+    EXPECT_GT(before, 0);
+    // The last of them under way: none counted yet. Once it is over, all of them.
+    EXPECT_EQ(countedAfter(probes[first + n - 1].from + 1), before);
+    EXPECT_EQ(countedAfter(probes[first + n - 1].to + 3), before + int(n));
+}
+
+TEST(CouplingLearner, RechecksThatCanSayNothingEndTheirRoundOnceEveryFanHasHadItsTurn) {
+    // Learned under a CPU-only load; then the CPU's readings turn noisy (a flaky sensor) and the
+    // GPU stays cool. No recheck can tell a sound fan from a weak one: each fan gets its turn, and
+    // probing waits for the next recheck instead of going round for ever. Nothing is reported.
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearnerConfig config;
+    config.recheckSeconds = 1800;
+    const std::vector<Segment> build{{600, 1.0, 0.03}};
+    const double learned = 90 * 60;
+    {
+        CouplingLearner learner(config);
+        learnOn(plant, build, learned, 0.4, learner);
+        ASSERT_TRUE(learner.done());
+    }
+    std::mt19937 dice(5);
+    std::uniform_real_distribution<double> noise(-6, 6);
+    CouplingLearner learner(config);
+    std::vector<TickTargets> ticks;
+    learnOn(plant, build, learned + 2 * config.recheckSeconds + 600, 0.4, learner, &ticks, {},
+            [&](double t) { return t >= learned ? noise(dice) : 0.0; });
+    EXPECT_TRUE(learner.takeFaded().empty());
+    // Each probe after learning: the fan raised and its first second.
+    std::vector<std::pair<std::size_t, std::size_t>> probes;
+    for (std::size_t t = std::size_t(learned); t < ticks.size(); ++t)
+        for (std::size_t f = 0; f < plant.fans.size(); ++f) {
+            const bool raised = ticks[t].sent[f] > ticks[t].base[f];
+            const bool wasRaised = ticks[t - 1].sent[f] > ticks[t - 1].base[f];
+            if (raised && !wasRaised) probes.emplace_back(f, t);
+        }
+    // Rounds: probes with no more than a probe's length between them.
+    std::vector<std::vector<std::size_t>> rounds;
+    for (std::size_t i = 0; i < probes.size(); ++i) {
+        if (i == 0 || double(probes[i].second - probes[i - 1].second) > 4 * config.halfSeconds)
+            rounds.emplace_back();
+        rounds.back().push_back(probes[i].first);
+    }
+    // Each round: recheckProbes probes of each fan in turn, then nothing until the next is due.
+    ASSERT_EQ(rounds.size(), 2u);
+    for (const auto& fans : rounds) {
+        ASSERT_EQ(fans.size(), plant.fans.size() * std::size_t(config.recheckProbes));
+        for (std::size_t i = 0; i < fans.size(); ++i)
+            EXPECT_EQ(fans[i], fans[i - i % std::size_t(config.recheckProbes)]) << i;
+        EXPECT_NE(fans.front(), fans.back());
+    }
+}
+
 TEST(CouplingLearner, TicksThatDoNotComeEndTheProbeInFlight) {
     CouplingLearner learner;
     TelemetrySample sample;

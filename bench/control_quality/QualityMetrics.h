@@ -37,6 +37,9 @@ struct QualityRow {
     // More than one fan, each the same as the others but for its name (range, loudness for its
     // speed, what it cools): no share of the work is quieter than one duty for all.
     bool fansAlike = false;
+    // Seconds Kelvo shared the work among the fans by what each cools (0 for every other
+    // controller): a row with any is no one-duty controller.
+    double sharedS = 0;
 
     // From the trace, the same for every controller on it (see MetricLimits).
     bool sustainedLoad = false;

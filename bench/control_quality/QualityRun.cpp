@@ -248,7 +248,8 @@ void storeFileCoupling(SQLiteStore& store, const std::string& root, const sim::P
 }
 
 RunResult runKelvo(Rig& rig, const MachineProfile& machine, const LoadTrace& trace,
-                   ControlMode mode, const RunSettings& settings, bool knownCoupling) {
+                   ControlMode mode, const RunSettings& settings, bool knownCoupling,
+                   bool oneDuty) {
     const FreshProfile profile(settings.startDatabase);
     auto store = std::make_shared<SQLiteStore>(profile.databasePath(), rig.clock.timestamps());
     auto telemetry = hwmonTelemetry(rig.root());
@@ -260,11 +261,17 @@ RunResult runKelvo(Rig& rig, const MachineProfile& machine, const LoadTrace& tra
     for (auto& event : store->takeStartupEvents()) ring->append(event);
     RunResult result;
     {
+        ControlLoopConfig config;
+        config.shareAmongFans = !oneDuty;
         ControlEngine engine(telemetry, fans, store, ring,
-                             std::make_shared<HardwareCapabilityTracker>());
+                             std::make_shared<HardwareCapabilityTracker>(), config);
         engine.setFanChoices({});
         engine.applyMode(mode);
-        result = drive(rig, machine, trace, [&](Timestamp now) { engine.tick(now); });
+        double sharedS = 0;
+        result = drive(rig, machine, trace, [&](Timestamp now) {
+            sharedS += engine.tick(now).fansShared ? kTickSeconds : 0;
+        });
+        result.row.sharedS = sharedS;
         engine.releaseFans(nullptr);
     }
     result.evidence.storedSamples = store->samples(kStart, rig.clock.now + 1).size();
@@ -302,8 +309,8 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
     if (controller.kelvoMode) {
         RunSettings kelvo = settings;
         if (!controller.afterLearning) kelvo.startDatabase.clear();
-        result =
-            runKelvo(rig, machine, trace, *controller.kelvoMode, kelvo, controller.knownCoupling);
+        result = runKelvo(rig, machine, trace, *controller.kelvoMode, kelvo,
+                          controller.knownCoupling, controller.oneDuty);
     } else if (controller.plan) {
         // The plan needs no telemetry: it knows the machine and the whole trace already.
         const DutyPlan plan = controller.plan(machine, trace, settings);
@@ -364,6 +371,16 @@ std::vector<ControllerSpec> standardControllers() {
          "reference, not a user's Kelvo: the quiet mode launched with the machine file's coupling "
          "in its store as if measured exactly, to show what sharing the work gives apart from how "
          "well Kelvo learns it",
+         false,
+         true},
+        {"quiet-one-duty",
+         ControlMode::quiet,
+         {},
+         {},
+         "reference, not a user's Kelvo: the quiet mode with the sharing of the work among the "
+         "fans turned off (nothing probed, every fan at one duty), as it was before it measured "
+         "the fans",
+         false,
          false,
          true},
         {"linear-curve",

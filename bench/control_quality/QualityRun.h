@@ -43,6 +43,9 @@ struct ControllerSpec {
     // exactly: what sharing the work does once the coupling is known, apart from how well it is
     // learned. No user's Kelvo starts so.
     bool knownCoupling = false;
+    // Kelvo's mode with the sharing of the work among the fans turned off (nothing probed, every
+    // fan at one duty): the mode as it was before it measured the fans.
+    bool oneDuty = false;
 };
 
 struct SeriesPoint {

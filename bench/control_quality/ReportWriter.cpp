@@ -213,9 +213,10 @@ bool ReportWriter::checkChanges(std::ostream& out, const QualityRow& row) const 
 }
 
 // On a machine with fans that differ, under sustained load: quieter by kMixGainDb than every
-// controller that drives all fans with one duty (Kelvo's modes from a fresh profile, the firmware,
-// the baselines) and keeps the limits as well. With one fan, or fans all alike, where no share
-// of the work beats one duty: the same as the fresh launch.
+// controller that drives all fans with one duty (Kelvo's quiet mode with the sharing turned off,
+// its modes from a fresh profile where they did not share the work within the trace, the
+// firmware, the baselines) and keeps the limits as well. With one fan, or fans all alike, where no
+// share of the work beats one duty: the same as the fresh launch.
 bool ReportWriter::checkMix(std::ostream& out, const QualityRow& row,
                             const std::string& fresh) const {
     const std::string where = row.machine + " / " + row.trace;
@@ -237,7 +238,7 @@ bool ReportWriter::checkMix(std::ostream& out, const QualityRow& row,
     for (const QualityRow& other : rows_) {
         if (other.machine != row.machine || other.trace != row.trace) continue;
         if (other.controller == "foresight" || other.controller.ends_with("-learned") ||
-            other.controller.ends_with("-known"))
+            other.controller.ends_with("-known") || other.sharedS > 0)
             continue;
         if (other.overLimitS > row.overLimitS) continue;
         if (!best || other.meanDb < best->meanDb) best = &other;

@@ -36,6 +36,10 @@ struct ControlLoopConfig {
     int timeoutsBeforeFallback = 3;
     double boundaryWindowSeconds = 300;
     int boundaryHitsForWarning = 3;
+    // The quiet modes measure which die each fan cools and share the work by it. Off, every fan
+    // Kelvo drives follows one duty and none is probed: the quiet modes as they were before they
+    // measured the fans, kept as the control table's reference for them.
+    bool shareAmongFans = true;
 };
 
 // Everything a subscriber learns from one tick.

@@ -88,6 +88,7 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
                                   std::vector<double>& targets) {
     // Only the quiet modes share the work among the fans by what each cools; they learn it.
     if (mode_ != ControlMode::quiet && mode_ != ControlMode::quietHybrid) return;
+    if (!config_.shareAmongFans) return;
     // While the fan stop holds a fan still, and for a while after, the fans are at the edge of
     // stopping: a probe would keep one turning that the machine does not need.
     if (!stopGate_.stoppedFans().empty()) lastFanStop_ = sample.timestamp;
@@ -185,7 +186,8 @@ std::vector<FanCoupling> ControlEngine::currentCouplings() const {
 std::vector<double> ControlEngine::shareAmongFans(const TelemetrySample& sample, double dt,
                                                   double duty) {
     std::vector<double> duties(lastFans_.size(), duty);
-    if (mode_ != ControlMode::quiet && mode_ != ControlMode::quietHybrid) {
+    if ((mode_ != ControlMode::quiet && mode_ != ControlMode::quietHybrid) ||
+        !config_.shareAmongFans) {
         shareBlend_ = 0;
         mixDuties_.clear();
         mixFromDuty_.reset();

@@ -116,10 +116,11 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
         EXPECT_GE(number(row, "mean_db"), 0.0);
         EXPECT_GE(number(row, "peak_db"), number(row, "mean_db"));
     }
-    EXPECT_EQ(controllers, (std::set<std::string>{
-                               "firmware", "quiet", "quietHybrid", "performance", "quiet-learned",
-                               "quietHybrid-learned", "quiet-known", "linear-curve",
-                               "stepped-hysteresis", "pid", "limit-hold", "foresight"}));
+    EXPECT_EQ(controllers,
+              (std::set<std::string>{"firmware", "quiet", "quietHybrid", "performance",
+                                     "quiet-learned", "quietHybrid-learned", "quiet-known",
+                                     "quiet-one-duty", "linear-curve", "stepped-hysteresis", "pid",
+                                     "limit-hold", "foresight"}));
     EXPECT_GE(machines.size(), 2u);  // a laptop and a desktop at least
     EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
 }
@@ -187,7 +188,7 @@ TEST_F(ControlQualitySmoke, WritesWhatKelvoMeasuredOfEachFanBesideTheMachineFile
     ASSERT_EQ(status_, 0);
     expectCouplingRows(readCsv(dir_ / "coupling.csv"),
                        {"quiet", "quietHybrid", "performance", "quiet-learned",
-                        "quietHybrid-learned", "quiet-known"});
+                        "quietHybrid-learned", "quiet-known", "quiet-one-duty"});
 }
 
 TEST_F(ControlQualitySmoke, LearningRunsKelvosQuietModeOnTheMachinesWithSeveralFans) {

@@ -221,6 +221,28 @@ TEST(ReportWriter, KnowingTheFansMustBeatEveryOneDutyControllerThatKeepsTheLimit
     const std::string hybrid = lineWith(out.str(), "quietHybrid-learned", "quieter");
     EXPECT_NE(hybrid.find("FAIL"), std::string::npos) << hybrid;
 
+    // A fresh launch that learned enough within the trace to share the work is no one-duty
+    // controller: not the one to beat, however quiet. The quiet mode with the sharing turned off
+    // is.
+    std::vector<QualityRow> learning = rows;
+    learning.push_back(fans(row("quiet-one-duty", "game", 33.2), 2));
+    for (QualityRow& r : learning)
+        if (r.controller == "quiet") {
+            r.meanDb = 32.0;
+            r.sharedS = 300;
+        }
+    std::ostringstream shared;
+    ReportWriter(learning).printTargets(shared);
+    EXPECT_NE(lineWith(shared.str(), "quiet-learned ", "quieter").find("vs quiet-one-duty 33.20"),
+              std::string::npos)
+        << shared.str();
+    learning[1].sharedS = 0;
+    std::ostringstream oneDuty;
+    ReportWriter(learning).printTargets(oneDuty);
+    EXPECT_NE(lineWith(oneDuty.str(), "quiet-learned ", "quieter").find("vs quiet 32.00"),
+              std::string::npos)
+        << oneDuty.str();
+
     // One fan: nothing to share, so the same as the fresh launch.
     std::vector<QualityRow> one = {fans(row("quiet", "render", 40.0), 1),
                                    fans(row("quiet-learned", "render", 40.15), 1),

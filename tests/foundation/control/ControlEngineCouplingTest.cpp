@@ -399,6 +399,34 @@ TEST_F(ControlEngineMix, UnderASwingingLoadTheSharedPolicyGoesOnFromWhatTheFansG
     EXPECT_LT(game.meanDb, 24.6);
 }
 
+TEST_F(ControlEngineCoupling, WithSharingTurnedOffEveryFanFollowsOneDutyAndNoneIsProbed) {
+    // What each blower cools is known, and the load would have the quiet mode share the work
+    // (OnceTheBlowersAreKnown...). With the sharing turned off it is the quiet mode as it was
+    // before it measured the fans: one duty for both, nothing probed, nothing measured.
+    const auto names = machine->state().fanNames;
+    ASSERT_TRUE(store->saveFanCoupling(names.at(0), measured(1.0, 0.1)));
+    ASSERT_TRUE(store->saveFanCoupling(names.at(1), measured(0.1, 1.0)));
+    const auto before = store->fanCouplings();
+    ControlLoopConfig config;
+    config.shareAmongFans = false;
+    auto kelvo = std::make_unique<ControlEngine>(telemetry, fans, store, ring, nullptr, config);
+    kelvo->applyMode(ControlMode::quiet);
+    machine->setLoad(0.3, 1.0);
+    int raised = 0;
+    for (int i = 0; i < 1800; ++i) {
+        const ControlSnapshot snap = kelvo->tick(now += 1);
+        ASSERT_FALSE(snap.fansShared) << i;
+        ASSERT_TRUE(snap.decision);
+        EXPECT_FALSE(snap.decision->probedFan) << i;
+        const std::vector<double> s = shares(snap);
+        ASSERT_EQ(s.size(), 2u);
+        EXPECT_NEAR(s[0], s[1], 1e-9) << i;
+        if (s[0] > 0.05) ++raised;
+    }
+    EXPECT_GT(raised, 0);  // the fans did work, together
+    EXPECT_EQ(store->fanCouplings(), before);
+}
+
 TEST_F(ControlEngineCoupling, AFanThatNoLongerCoolsAsMeasuredIsReportedAndMeasuredAgain) {
     // What the blowers really do, learned through a long render.
     machine->setLoad(1.0, 0.75);

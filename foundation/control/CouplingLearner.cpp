@@ -29,6 +29,18 @@ constexpr std::size_t kCpuTemperature = 2;
 constexpr std::size_t kGpuTemperature = 3;
 constexpr std::size_t kFirstFan = 4;
 
+// A recheck's answers, once judged sound, counted with what was known.
+void addTo(FanCouplingEvidence& to, const FanCouplingEvidence& from) {
+    for (auto [into, add] : {std::pair{&to.cpu, &from.cpu}, std::pair{&to.gpu, &from.gpu}})
+        for (std::size_t l = 0; l < kLags; ++l) {
+            into->byLag[l].sum += add->byLag[l].sum;
+            into->byLag[l].weight += add->byLag[l].weight;
+            into->byLag[l].squares += add->byLag[l].squares;
+            into->byLag[l].count += add->byLag[l].count;
+            into->misfit[l] += add->misfit[l];
+        }
+}
+
 double follow(double state, double input, double dt, double lag) {
     return state + (1 - std::exp(-dt / lag)) * (input - state);
 }
@@ -231,6 +243,8 @@ std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
     auto top = [factor](const ProbeFan& fan) {
         return std::min(fan.maxRPM > 0 ? fan.maxRPM : 1e9, fan.targetRPM * factor);
     };
+    // A recheck under way, or a weak answer to confirm, is of one fan only.
+    const std::optional<std::string> only = recheck_ ? std::optional(recheck_->fan) : confirmFan_;
     // Learning, the fan with the fewest probes goes first: turns in strict rotation can keep
     // landing one fan's where a load ends, and it would never be measured. Rechecks go round.
     std::optional<std::size_t> chosen;
@@ -243,8 +257,6 @@ std::optional<CouplingLearner::Turn> CouplingLearner::nextTurn(Timestamp now,
         const int probes =
             it == evidence_.end() ? 0 : std::max(it->second.cpu.probes(), it->second.gpu.probes());
         // A recheck is of a fan already known; learning, of one not yet known well enough.
-        const std::optional<std::string> only =
-            recheck_ ? std::optional(recheck_->fan) : confirmFan_;
         if (rechecking_ && only && fan.identity != *only) continue;
         if (rechecking_ ? it == evidence_.end() : probes >= config_.maxProbesPerFan) continue;
         // A fan near its top has no room to be probed now: the next one goes first.
@@ -300,10 +312,7 @@ void CouplingLearner::step(Timestamp now, const TelemetrySample& sample,
             turn_ = nextTurn(now, fans);
             if (turn_ && rechecking_) {
                 turn_->recheck = true;
-                if (!recheck_) {
-                    const std::string& fan = fans_[turn_->fan];
-                    recheck_ = Recheck{fan, 0, evidence_[fan], {}, {}};
-                }
+                if (!recheck_) recheck_ = Recheck{fans_[turn_->fan], 0, {}};
             }
         }
     }
@@ -400,7 +409,7 @@ void CouplingLearner::judgeRecheck() {
     const std::string& fan = recheck.fan;
     if (!*weak) {
         weakInARow_.erase(fan);
-        evidence_[fan] = recheck.evidence;
+        addTo(evidence_[fan], recheck.shown);
         if (std::find(updated_.begin(), updated_.end(), fan) == updated_.end())
             updated_.push_back(fan);
         return;
@@ -422,6 +431,7 @@ std::optional<bool> CouplingLearner::weakAnswer(const Recheck& recheck, bool gpu
     const auto at = std::find(fans_.begin(), fans_.end(), recheck.fan);
     if (known == evidence_.end() || at == fans_.end()) return std::nullopt;
     const DieEvidence& before = gpu ? known->second.gpu : known->second.cpu;
+    const DieEvidence& shown = gpu ? recheck.shown.gpu : recheck.shown.cpu;
     // Only for a die the fan cools mostly: its small share of the other die is noise.
     const auto couplings = fanCouplings(evidence_, fans_);
     const std::string mostly = coolsMostly(couplings.at(std::size_t(at - fans_.begin())));
@@ -433,7 +443,7 @@ std::optional<bool> CouplingLearner::weakAnswer(const Recheck& recheck, bool gpu
     double power = 0;
     for (std::size_t l = 0; l < kLags; ++l) {
         const auto mean = before.byLag[l].mean();
-        const double weight = recheck.weight[gpu][l];
+        const double weight = shown.byLag[l].weight;
         if (!mean || !(*mean > 0) || !(weight > 0)) continue;
         if (!lag || *mean * std::sqrt(weight) > power) {
             lag = l;
@@ -441,9 +451,8 @@ std::optional<bool> CouplingLearner::weakAnswer(const Recheck& recheck, bool gpu
         }
     }
     if (!lag || power < kRecheckPower) return std::nullopt;
-    const double weight = recheck.weight[gpu][*lag];
-    const double answer = recheck.weighted[gpu][*lag] / weight;
-    return answer + kWeakBy / std::sqrt(weight) <
+    const DieResponse& pooled = shown.byLag[*lag];
+    return *pooled.mean() + kWeakBy / std::sqrt(pooled.weight) <
            config_.weakAnswerShare * *before.byLag[*lag].mean();
 }
 
@@ -462,7 +471,7 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
 
     // A recheck's probes are kept aside until they are judged.
     const bool aside = turn.recheck && recheck_;
-    auto& evidence = aside ? recheck_->evidence : evidence_[fans_[turn.fan]];
+    auto& evidence = aside ? recheck_->shown : evidence_[fans_[turn.fan]];
     DieEvidence& die = gpu ? evidence.gpu : evidence.cpu;
     bool learned = false;
     for (std::size_t l = 0; l < kLags; ++l) {
@@ -494,10 +503,6 @@ void CouplingLearner::learnDie(const Turn& turn, bool gpu, double coolest) {
         const double weight = excess * excess / fit->variance;
         die.byLag[l].add(answer, weight);
         die.misfit[l] += fit->residual / fit->total;
-        if (aside) {
-            recheck_->weight[gpu][l] += weight;
-            recheck_->weighted[gpu][l] += weight * answer;
-        }
         learned = true;
     }
     if (learned && !aside &&

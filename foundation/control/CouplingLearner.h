@@ -133,10 +133,7 @@ private:
     struct Recheck {
         std::string fan;
         int probes = 0;
-        FanCouplingEvidence evidence;  // what was known of the fan, with these probes added
-        // Per die (CPU, GPU), per lag: the probes' answers weighed by how surely each shows it.
-        std::array<std::array<double, kCouplingLagsS.size()>, 2> weight{};
-        std::array<std::array<double, kCouplingLagsS.size()>, 2> weighted{};
+        FanCouplingEvidence shown;  // these probes' answers alone
     };
 
     void evaluate(const Turn& turn);

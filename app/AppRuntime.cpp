@@ -87,6 +87,9 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
             });
         },
         this);
+    fanSettings_->setApplyShare([this](bool share) {
+        loopCall(*controlLoop_, [share](ControlEngine& e) { e.setShareAmongFans(share); });
+    });
     fanSettings_->setReport([this](const std::string& message) {
         recordThroughLoop(RuntimeEvent::make(message, true));
     });

@@ -38,6 +38,7 @@ FanSettingsModel::FanSettingsModel(QSettings* settings, std::string sysRoot, App
     readLabels();
     choices_ = fan_settings::readChoices(*settings_);
     limits_ = readStoredLimits();
+    readStoredShare();
     // A request left from before this start is old news: only later ones are acted on.
     handledRequest_ = fan_settings::readCalibrationRequest(*settings_);
     rebuild();
@@ -50,8 +51,12 @@ QString FanSettingsModel::calibrationNote() {
         "it.");
 }
 
-QString FanSettingsModel::couplingText(const FanCoupling& coupling, bool shared) {
+QString FanSettingsModel::couplingText(const FanCoupling& coupling, bool shared, bool sharing) {
     const std::string mostly = coolsMostly(coupling);
+    if (mostly.empty() && !sharing)
+        return QStringLiteral(
+            "Cooling not measured: sharing the work among the fans is off, so every fan follows "
+            "one speed.");
     if (mostly.empty())
         return QStringLiteral(
             "Cooling not measured yet: in the quiet modes Kelvo measures it with small, slow speed "
@@ -124,6 +129,33 @@ FanChoices FanSettingsModel::engineChoices() const {
 
 void FanSettingsModel::applyToEngine() const {
     if (apply_) apply_(engineChoices(), limits_);
+    if (applyShare_) applyShare_(shareWork_);
+}
+
+void FanSettingsModel::setApplyShare(ApplyShare applyShare) {
+    applyShare_ = std::move(applyShare);
+}
+
+void FanSettingsModel::setShareWork(bool share) {
+    fan_settings::writeShare(*settings_, share);
+    const bool changed = share != shareWork_ || !shareProblem_.isEmpty();
+    shareWork_ = share;
+    shareProblem_.clear();
+    if (changed) emit shareWorkChanged();
+    rebuild();
+    if (applyShare_) applyShare_(shareWork_);
+}
+
+void FanSettingsModel::readStoredShare() {
+    std::string problem;
+    const bool share = fan_settings::readShare(*settings_, &problem);
+    const QString why = QString::fromStdString(problem);
+    // Said once per value that cannot be used, not on every re-read of the same file.
+    if (!why.isEmpty() && why != shareProblem_ && report_) report_(problem);
+    if (share == shareWork_ && why == shareProblem_) return;
+    shareWork_ = share;
+    shareProblem_ = why;
+    emit shareWorkChanged();
 }
 
 void FanSettingsModel::rebuild() {
@@ -194,7 +226,7 @@ void FanSettingsModel::rebuild() {
         // Only fans under auto control are measured: the others' speed is not Kelvo's to share.
         const bool measured = fanUnderAutoControl(state, choice);
         entry.insert(QStringLiteral("couplingText"),
-                     measured ? couplingText(coupling, fansShared_) : QString());
+                     measured ? couplingText(coupling, fansShared_, shareWork_) : QString());
         fans.push_back(entry);
     }
     if (fans != fans_) {
@@ -299,6 +331,7 @@ void FanSettingsModel::reload() {
         limits_ = limits;
         emit limitsChanged();
     }
+    readStoredShare();
     rebuild();
     applyToEngine();
     takeCalibrationRequest();
@@ -308,6 +341,7 @@ void FanSettingsModel::setReport(Report report) {
     report_ = std::move(report);
     if (!report_) return;
     for (const std::string& problem : limitProblems_) report_(problem);
+    if (!shareProblem_.isEmpty()) report_(shareProblem_.toStdString());
 }
 
 UserLimits FanSettingsModel::readStoredLimits() {

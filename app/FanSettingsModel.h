@@ -39,8 +39,13 @@ class FanSettingsModel : public QObject {
     Q_PROPERTY(double performanceTarget READ performanceTarget NOTIFY limitsChanged)
     Q_PROPERTY(QString limitMessage READ limitMessage NOTIFY limitMessageChanged)
     Q_PROPERTY(bool paneOpen READ paneOpen WRITE setPaneOpen NOTIFY paneOpenChanged)
+    // Whether the quiet modes share the work among the fans by what each cools, and why a stored
+    // value that cannot be read is not followed (empty when it can).
+    Q_PROPERTY(bool shareWork READ shareWork NOTIFY shareWorkChanged)
+    Q_PROPERTY(QString shareProblem READ shareProblem NOTIFY shareWorkChanged)
 public:
     using Apply = std::function<void(const FanChoices&, const UserLimits&)>;
+    using ApplyShare = std::function<void(bool share)>;
     using Calibrate = std::function<void(const std::string& identity)>;
 
     FanSettingsModel(QSettings* settings, std::string sysRoot, Apply apply,
@@ -53,6 +58,12 @@ public:
     const QString& limitMessage() const { return limitMessage_; }
     bool paneOpen() const { return paneOpen_; }
     void setPaneOpen(bool open);
+    bool shareWork() const { return shareWork_; }
+    const QString& shareProblem() const { return shareProblem_; }
+    // The sharing switch, stored and handed to the engine at once.
+    Q_INVOKABLE void setShareWork(bool share);
+    // Hands the sharing switch to the engine with every applyToEngine() and change.
+    void setApplyShare(ApplyShare applyShare);
 
     const FanChoices& choices() const { return choices_; }
     const UserLimits& limits() const { return limits_; }
@@ -75,8 +86,10 @@ public:
     // What calibrating does, for the pane and kelvoctl.
     static QString calibrationNote();
     // The pane's line on which die the fan cools; a coupling with no shares is not measured yet.
-    // `shared`: the quiet mode running now shares the work among the fans by it.
-    static QString couplingText(const FanCoupling& coupling, bool shared = false);
+    // `shared`: the quiet mode running now shares the work among the fans by it; `sharing`: the
+    // user has not turned the sharing off (without it nothing is measured).
+    static QString couplingText(const FanCoupling& coupling, bool shared = false,
+                                bool sharing = true);
     // which: "cpu", "gpu" or "performance". False, with limitMessage saying why, when refused.
     Q_INVOKABLE bool setLimit(const QString& which, double valueC);
     // Re-reads the settings file (kelvoctl changed it) and hands the result to the engine; a
@@ -94,6 +107,7 @@ signals:
     void limitsChanged();
     void limitMessageChanged();
     void paneOpenChanged();
+    void shareWorkChanged();
 
 private:
     void readLabels();
@@ -103,10 +117,14 @@ private:
     FanState stateOf(const std::string& identity) const;
     void takeCalibrationRequest();
     UserLimits readStoredLimits();
+    void readStoredShare();
 
     QSettings* settings_;
     std::string sysRoot_;
     Apply apply_;
+    ApplyShare applyShare_;
+    bool shareWork_ = true;
+    QString shareProblem_;
     DieCriticalTemperatures critical_;
     FanChoices choices_;
     UserLimits limits_;

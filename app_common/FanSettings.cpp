@@ -17,6 +17,25 @@ const char* limitKey(UserLimitKind kind) {
     return cpuQuietKey;
 }
 
+bool readShare(QSettings& settings, std::string* problem) {
+    const QVariant value = settings.value(shareKey);
+    if (!value.isValid()) return true;
+    const QString text = value.toString().trimmed();
+    if (text == QLatin1String("on")) return true;
+    if (text == QLatin1String("off")) return false;
+    if (problem)
+        *problem = std::string("The stored sharing of the work among the fans (") + shareKey +
+                   " = '" + text.left(40).toStdString() +
+                   "') is neither 'on' nor 'off': it stays on until it is set again with "
+                   "kelvoctl fans share on|off or in the Fans pane";
+    return true;
+}
+
+void writeShare(QSettings& settings, bool share) {
+    settings.setValue(shareKey, share ? QStringLiteral("on") : QStringLiteral("off"));
+    settings.sync();
+}
+
 namespace {
 // What the user can do about an entry that cannot be read.
 std::string fixHint(const std::string& identity) {

@@ -18,6 +18,8 @@ inline constexpr const char* choicesKey = "kelvo.fans.choices";
 inline constexpr const char* cpuQuietKey = "kelvo.limits.cpuQuietC";
 inline constexpr const char* gpuQuietKey = "kelvo.limits.gpuQuietC";
 inline constexpr const char* performanceTargetKey = "kelvo.limits.performanceTargetC";
+// "on" or "off": whether the quiet modes share the work among the fans by what each cools.
+inline constexpr const char* shareKey = "kelvo.fans.share";
 // kelvoctl's latest "calibrate this fan": "<request id> <fan identity>". A running Kelvo acts on
 // each request id once, when FanSettingsChanged tells it to look.
 inline constexpr const char* calibrationRequestKey = "kelvo.fans.calibrationRequest";
@@ -43,6 +45,11 @@ void writeChoices(QSettings& settings, const FanChoices& choices);
 UserLimits readLimits(QSettings& settings, const DieCriticalTemperatures& critical,
                       std::vector<std::string>* problems = nullptr);
 void writeLimit(QSettings& settings, UserLimitKind kind, double valueC);
+
+// The sharing switch: on unless stored "off". Any other value is on (as shipped), with a line
+// for the user in `problem` when given.
+bool readShare(QSettings& settings, std::string* problem = nullptr);
+void writeShare(QSettings& settings, bool share);
 
 const char* limitKey(UserLimitKind kind);
 

@@ -61,6 +61,7 @@ int usage(std::FILE* stream = stderr) {
         "       kelvoctl cooldown <on|off>\n"
         "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
         "       kelvoctl [--sysfs-root PATH] [--database PATH] fans\n"
+        "       kelvoctl fans share <on|off>\n"
         "       kelvoctl [--sysfs-root PATH] fan IDENTITY <auto|firmware|fixed N|min N|stop "
         "on|off>\n"
         "       kelvoctl [--sysfs-root PATH] [--database PATH] fan IDENTITY calibrate\n"
@@ -73,6 +74,8 @@ int usage(std::FILE* stream = stderr) {
         "limit;\nunsaid, a fan stops where the firmware's own curve stops it (never a pump).\n"
         "'fans' shows which die each fan cools (COOLS) and how sure Kelvo is (SURE), from its\n"
         "database, read-only; '-' until Kelvo has measured it.\n"
+        "'fans share' turns on or off the quiet modes' sharing of the work among the fans by\n"
+        "what each cools; off, every fan under auto follows one speed and none is measured.\n"
         "'calibrate' asks a running Kelvo to run the fan from full speed down to its lowest "
         "speed\nand to a stop, and follows it for up to 3 minutes.\n",
         modeList().replace(QStringLiteral(", "), QStringLiteral("|")).toUtf8().constData());
@@ -309,6 +312,11 @@ int listFans(const std::string& sysfsRoot, const QString& databasePath) {
             : chosen || choice == "auto" ? ""
                                          : " (pump default)");
     }
+    // Below the table, which stays first for whoever reads it by its headings.
+    std::string shareProblem;
+    const bool share = kelvo::fan_settings::readShare(settings, &shareProblem);
+    say(stdout, "Sharing the work among the fans: %s\n", share ? "on" : "off");
+    if (!shareProblem.empty()) say(stderr, "kelvoctl: %s\n", shareProblem.c_str());
     // Why a fan is with the firmware although the user chose otherwise, once per problem.
     std::set<std::string> said;
     for (const auto& [identity, choice] : stored) {
@@ -406,6 +414,24 @@ int setFan(const std::string& sysfsRoot, const QString& identity, const QStringL
     const std::string blocker = kelvo::fanStopBlocker(state, *choice);
     if (choice->stopWhenCool == true && !blocker.empty())
         say(stdout, "(no stop while %s)\n", blocker.c_str());
+    announceFanSettings();
+    return 0;
+}
+
+int setShare(const QString& value) {
+    if (value != QLatin1String("on") && value != QLatin1String("off")) {
+        say(stderr, "kelvoctl: fans share takes 'on' or 'off', not '%s'\n",
+            value.toUtf8().constData());
+        return kUsageError;
+    }
+    QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+    const bool share = value == QLatin1String("on");
+    kelvo::fan_settings::writeShare(settings, share);
+    if (settings.status() != QSettings::NoError) {
+        say(stderr, "kelvoctl: could not write %s\n", settings.fileName().toUtf8().constData());
+        return 1;
+    }
+    say(stdout, "Sharing the work among the fans: %s\n", share ? "on" : "off");
     announceFanSettings();
     return 0;
 }
@@ -508,6 +534,8 @@ int main(int argc, char** argv) {
     const std::string sysfsRoot = kelvo::LaunchPaths::fromArguments(all).sysfsRoot;
     if (args.size() == 1 && args[0] == QLatin1String("fans"))
         return listFans(sysfsRoot, databasePath(all));
+    if (args.size() >= 2 && args[0] == QLatin1String("fans") && args[1] == QLatin1String("share"))
+        return args.size() == 3 ? setShare(args[2]) : setShare(args.mid(2).join(QLatin1Char(' ')));
     if (args.size() == 3 && args[0] == QLatin1String("fan") &&
         args[2] == QLatin1String("calibrate"))
         return calibrateFan(sysfsRoot, args[1], databasePath(all));

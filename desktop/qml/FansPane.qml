@@ -1,5 +1,5 @@
-// Which fans Kelvo may touch and the user's limits: each fan with its live speed, which die it
-// cools, its choice (auto, firmware or a fixed duty), its minimum duty, whether it may stop when
+// Which fans Kelvo may touch and the user's limits: whether the quiet modes share the work among
+// the fans, each fan with its live speed, which die it cools, its choice (auto, firmware or a fixed duty), its minimum duty, whether it may stop when
 // everything is cool, and a calibration on request; the quiet limits and the performance target,
 // with the reason when a value is refused.
 import QtQuick
@@ -23,6 +23,33 @@ Card {
               + "it. Fixed: Kelvo holds it at a share of its speed range. Pumps run fixed at 100 % "
               + "until you choose otherwise. Stop when cool: under Auto with no minimum, the fan "
               + "stands still while every temperature is well under its limit."
+    }
+
+    // One switch for every fan: whether the quiet modes share the work by what each fan cools.
+    RowLayout {
+        Layout.fillWidth: true
+        spacing: 8
+        Switch {
+            objectName: "fans-share"
+            Accessible.name: "Share The Work Among The Fans"
+            text: "Share the work among the fans"
+            checked: fanSettings !== null && fanSettings.shareWork
+            onToggled: fanSettings.setShareWork(checked)
+        }
+        Text {
+            objectName: "fans-share-note"
+            readonly property string problem: fanSettings ? fanSettings.shareProblem : ""
+            text: problem.length > 0 ? problem + "."
+                : fanSettings !== null && fanSettings.shareWork
+                ? "In the quiet modes Kelvo measures which part each fan cools, with small slow "
+                  + "speed changes under load, and raises first the fans that cool the hot part "
+                  + "best."
+                : "Every fan under Auto follows one speed, and none is measured."
+            color: fansPalette.windowText
+            font.pixelSize: 12
+            wrapMode: Text.WordWrap
+            Layout.fillWidth: true
+        }
     }
 
     // A count-based model: the entries change every tick (the speeds), and recreating the rows

@@ -94,6 +94,16 @@ void ControlEngine::setCooldownEnabled(bool enabled) {
     record(enabled ? "Cooldown started: fans at maximum" : "Cooldown switched off");
 }
 
+void ControlEngine::setShareAmongFans(bool share) {
+    if (share == config_.shareAmongFans) return;
+    config_.shareAmongFans = share;
+    // Said as a state, not a change: a launch with sharing off says it too.
+    record(share ? "Sharing the work among the fans is on: in the quiet modes Kelvo raises first "
+                   "the fans that cool the hot part best, once it has measured them"
+                 : "Sharing the work among the fans is off: every fan Kelvo drives follows one "
+                   "speed, and none is measured");
+}
+
 void ControlEngine::setSleeping(bool sleeping) {
     if (sleeping == sleeping_) return;
     sleeping_ = sleeping;

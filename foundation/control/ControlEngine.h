@@ -38,7 +38,7 @@ struct ControlLoopConfig {
     int boundaryHitsForWarning = 3;
     // The quiet modes measure which die each fan cools and share the work by it. Off, every fan
     // Kelvo drives follows one duty and none is probed: the quiet modes as they were before they
-    // measured the fans, kept as the control table's reference for them.
+    // measured the fans (the user's choice, and the control table's reference for them).
     bool shareAmongFans = true;
 };
 
@@ -79,6 +79,10 @@ public:
 
     void applyMode(ControlMode mode);
     void setCooldownEnabled(bool enabled);
+    // The user's switch for sharing the work among the fans (ControlLoopConfig::shareAmongFans):
+    // turned off, a shared plan eases back to one duty over a minute and probing stops; what
+    // was measured is kept for when it is turned on again.
+    void setShareAmongFans(bool share);
     // The machine is about to sleep (true) or has woken (false): while it sleeps every fan is
     // the firmware's and nothing is written.
     void setSleeping(bool sleeping);

@@ -186,8 +186,10 @@ std::vector<FanCoupling> ControlEngine::currentCouplings() const {
 std::vector<double> ControlEngine::shareAmongFans(const TelemetrySample& sample, double dt,
                                                   double duty) {
     std::vector<double> duties(lastFans_.size(), duty);
+    // Turned off by the user, a plan in use eases back to one duty as a plan that can no longer
+    // be followed does; off from the start there is none.
     if ((mode_ != ControlMode::quiet && mode_ != ControlMode::quietHybrid) ||
-        !config_.shareAmongFans) {
+        (!config_.shareAmongFans && shareBlend_ <= 0)) {
         shareBlend_ = 0;
         mixDuties_.clear();
         mixFromDuty_.reset();
@@ -219,7 +221,8 @@ std::vector<double> ControlEngine::shareAmongFans(const TelemetrySample& sample,
         if (!std::isnan(levels[1 - hot])) levels[1 - hot] = std::min(levels[1 - hot], duty);
     }
     std::vector<std::size_t> index;  // the mix's fans in lastFans_
-    std::optional<QuietestMix> mix = fanMix(levels, index);
+    std::optional<QuietestMix> mix =
+        config_.shareAmongFans ? fanMix(levels, index) : std::optional<QuietestMix>();
     if (mix) stepTowardsPlan(*mix, index, levels, duty, dt);
     const double step = kShareBlendPerSecond * std::clamp(dt, 0.0, 5.0);
     shareBlend_ = std::clamp(shareBlend_ + (mix ? step : -step), 0.0, 1.0);

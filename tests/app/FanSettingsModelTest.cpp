@@ -298,3 +298,59 @@ TEST_F(FanSettingsModelTest, ASnapshotsCouplingsReachTheirFansAndAnUnchangedOneI
     EXPECT_EQ(fan.value("couplingConfidence").toDouble(), -1);
     EXPECT_TRUE(fan.value("couplingText").toString().startsWith("Cooling not measured yet"));
 }
+
+TEST_F(FanSettingsModelTest, TheSharingSwitchIsStoredAppliedAndSaysWhatItMeansForEachFan) {
+    auto model = make();
+    std::vector<bool> shared;
+    model->setApplyShare([&](bool share) { shared.push_back(share); });
+    // On as shipped, with nothing stored.
+    EXPECT_TRUE(model->shareWork());
+    model->applyToEngine();
+    EXPECT_EQ(shared, std::vector<bool>{true});
+
+    QSignalSpy changed(model.get(), &FanSettingsModel::shareWorkChanged);
+    model->setShareWork(false);
+    EXPECT_EQ(changed.count(), 1);
+    EXPECT_FALSE(model->shareWork());
+    EXPECT_EQ(shared.back(), false);
+    EXPECT_EQ(settings.value(fan_settings::shareKey).toString(), QStringLiteral("off"));
+    // Off, a fan is not going to be measured, and its line says so.
+    EXPECT_EQ(entryFor(*model, kFan1).value("couplingText").toString(),
+              QStringLiteral("Cooling not measured: sharing the work among the fans is off, so "
+                             "every fan follows one speed."));
+    // What was measured before is still shown, without the quiet mode raising it first.
+    EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, 0.86, 0.2, 0.85), false, false),
+              QStringLiteral("Cools mostly: CPU (86 % of the fans' CPU cooling, speed for speed); "
+                             "confidence 85 %"));
+    model->setShareWork(false);
+    EXPECT_EQ(changed.count(), 1);
+
+    // kelvoctl turned it on again: a re-read picks it up and hands it on.
+    {
+        QSettings other(settings.fileName(), QSettings::IniFormat);
+        fan_settings::writeShare(other, true);
+    }
+    model->reload();
+    EXPECT_EQ(changed.count(), 2);
+    EXPECT_TRUE(model->shareWork());
+    EXPECT_EQ(shared.back(), true);
+}
+
+TEST_F(FanSettingsModelTest, AStoredSharingValueThatIsNeitherOnNorOffIsOnAndSaidOnce) {
+    settings.setValue(fan_settings::shareKey, QStringLiteral("maybe"));
+    settings.sync();
+    auto model = make();
+    std::vector<std::string> reported;
+    model->setReport([&](const std::string& message) { reported.push_back(message); });
+    EXPECT_TRUE(model->shareWork());
+    EXPECT_TRUE(model->shareProblem().contains(QStringLiteral("'maybe'")));
+    ASSERT_EQ(reported.size(), 1u);
+    EXPECT_NE(reported[0].find("neither 'on' nor 'off'"), std::string::npos);
+    // The same file read again is not news.
+    model->reload();
+    EXPECT_EQ(reported.size(), 1u);
+    // Set again from the pane: the problem is gone.
+    model->setShareWork(true);
+    EXPECT_TRUE(model->shareProblem().isEmpty());
+    EXPECT_EQ(settings.value(fan_settings::shareKey).toString(), QStringLiteral("on"));
+}

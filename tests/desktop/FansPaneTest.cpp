@@ -155,6 +155,49 @@ TEST_F(FansPane, AnOutOfRangeLimitShowsItsRefusalAndAGoodOneReachesTheEngine) {
     EXPECT_TRUE(waitFor([&] { return engineLimits().performanceTargetC == 66; }));
 }
 
+TEST_F(FansPane, TheSharingSwitchIsStoredReachesTheEngineAndSaysWhatItMeans) {
+    openWithFans();
+    fans()->setPaneOpen(true);
+    settle();  // the pane is built when it opens and laid out on its first frame
+    QQuickItem* toggle = item("fans-share");
+    QQuickItem* note = item("fans-share-note");
+    QQuickItem* pane = item("surface-fans");
+    ASSERT_NE(toggle, nullptr);
+    ASSERT_NE(note, nullptr);
+    ASSERT_NE(pane, nullptr);
+    EXPECT_TRUE(toggle->isVisible());
+    EXPECT_TRUE(toggle->property("checked").toBool());
+    EXPECT_TRUE(note->property("text").toString().contains("raises first"));
+    // The note sits beside the switch, inside the pane, and above the first fan's row.
+    const QRectF paneRect = pane->mapRectToScene(pane->boundingRect());
+    const QRectF toggleRect = toggle->mapRectToScene(toggle->boundingRect());
+    const QRectF noteRect = note->mapRectToScene(note->boundingRect());
+    EXPECT_GT(noteRect.height(), 0);
+    EXPECT_GE(noteRect.left(), toggleRect.right());
+    EXPECT_LE(noteRect.right(), paneRect.right() + 0.5);
+    QQuickItem* firstRow = item("fans-row-0");
+    ASSERT_NE(firstRow, nullptr);
+    EXPECT_LE(std::max(toggleRect.bottom(), noteRect.bottom()),
+              firstRow->mapToScene(QPointF(0, 0)).y() + 0.5);
+
+    click("fans-share");
+    EXPECT_TRUE(waitFor([&] { return !fans()->shareWork(); }));
+    settings->sync();
+    EXPECT_EQ(settings->value(fan_settings::shareKey).toString(), "off");
+    EXPECT_TRUE(waitFor([&] {
+        QFuture<bool> future = loopCall(runtime->controlLoop(),
+                                        [](ControlEngine& e) { return e.config().shareAmongFans; });
+        return waitFor([&] { return future.isFinished(); }) && !future.result();
+    }));
+    EXPECT_TRUE(waitFor([&] {
+        for (const RuntimeEvent& event : runtime->eventRing().recent(200))
+            if (event.message.starts_with("Sharing the work among the fans is off")) return true;
+        return false;
+    }));
+    EXPECT_TRUE(note->property("text").toString().contains("one speed"));
+    EXPECT_FALSE(toggle->property("checked").toBool());
+}
+
 // A stored choice that cannot be read is said on its row, and the fan is with the firmware.
 TEST_F(FansPane, AStoredChoiceThatCannotBeReadIsSaidOnItsRow) {
     openWithFans();

@@ -354,3 +354,43 @@ TEST_F(KelvoctlFans, ADatabaseThatCannotBeReadIsOneLineAndLeftAsItWas) {
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(file.readAll(), junk);
 }
+
+TEST_F(KelvoctlFans, TheSharingAmongTheFansIsShownStoredAndOnlyOnOrOff) {
+    Result r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_TRUE(r.out.contains(QStringLiteral("\nSharing the work among the fans: on\n")))
+        << r.out.toStdString();
+    r = run({QStringLiteral("fans"), QStringLiteral("share"), QStringLiteral("off")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_EQ(r.out, QStringLiteral("Sharing the work among the fans: off\n"));
+    {
+        QSettings settings = stored();
+        EXPECT_FALSE(fan_settings::readShare(settings));
+    }
+    r = run({QStringLiteral("fans")});
+    EXPECT_TRUE(r.out.contains(QStringLiteral("\nSharing the work among the fans: off\n")))
+        << r.out.toStdString();
+    // The table still comes first, under its headings.
+    EXPECT_TRUE(r.out.startsWith(QStringLiteral("IDENTITY"))) << r.out.toStdString();
+
+    for (const QStringList& bad : {QStringList{QStringLiteral("fans"), QStringLiteral("share")},
+                                   QStringList{QStringLiteral("fans"), QStringLiteral("share"),
+                                               QStringLiteral("sometimes")}}) {
+        r = run(bad);
+        EXPECT_EQ(r.exitCode, 2) << bad.join(' ').toStdString();
+        EXPECT_TRUE(r.err.contains(QStringLiteral("fans share takes 'on' or 'off'")))
+            << r.err.toStdString();
+    }
+    QSettings settings = stored();
+    EXPECT_FALSE(fan_settings::readShare(settings));
+
+    // A hand-edited value that is neither: on, and said.
+    settings.setValue(fan_settings::shareKey, QStringLiteral("half"));
+    settings.sync();
+    r = run({QStringLiteral("fans")});
+    EXPECT_TRUE(r.out.contains(QStringLiteral("Sharing the work among the fans: on")));
+    EXPECT_TRUE(r.err.contains(QStringLiteral("neither 'on' nor 'off'"))) << r.err.toStdString();
+    r = run({QStringLiteral("--help")});
+    EXPECT_TRUE(r.err.contains(QStringLiteral("kelvoctl fans share <on|off>")))
+        << r.err.toStdString();
+}

@@ -427,6 +427,55 @@ TEST_F(ControlEngineCoupling, WithSharingTurnedOffEveryFanFollowsOneDutyAndNoneI
     EXPECT_EQ(store->fanCouplings(), before);
 }
 
+TEST_F(ControlEngineCoupling, SharingTurnedOffEasesBackToOneDutyUnheardAndTurnedOnSharesAgain) {
+    const auto names = machine->state().fanNames;
+    ASSERT_TRUE(store->saveFanCoupling(names.at(0), measured(1.0, 0.1)));
+    ASSERT_TRUE(store->saveFanCoupling(names.at(1), measured(0.1, 1.0)));
+    const auto before = store->fanCouplings();
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    machine->setLoad(0.0, 1.0);
+    ControlSnapshot snap;
+    for (int i = 0; i < 1200; ++i) snap = kelvo->tick(now += 1);
+    ASSERT_TRUE(snap.fansShared);
+    const std::vector<double> mixed = shares(snap);
+    ASSERT_EQ(mixed.size(), 2u);
+    ASSERT_GT(mixed[1], mixed[0] + 0.05);
+
+    // Off, as the user's switch does it: said once, and the blowers come together slowly enough
+    // that neither moves 3 dB within 5 s, with nothing probed and nothing measured on the way.
+    kelvo->setShareAmongFans(false);
+    kelvo->setShareAmongFans(false);
+    EXPECT_EQ(count("Sharing the work among the fans is off"), 1);
+    std::deque<std::vector<double>> lastFive{snap.decision->targetRPM};
+    for (int i = 0; i < 240; ++i) {
+        snap = kelvo->tick(now += 1);
+        ASSERT_TRUE(snap.decision);
+        EXPECT_FALSE(snap.decision->probedFan) << i;
+        lastFive.push_back(snap.decision->targetRPM);
+        if (lastFive.size() > 5) lastFive.pop_front();
+        for (std::size_t f = 0; f < 2; ++f) {
+            double low = 1e9, high = 0;
+            for (const auto& targets : lastFive) {
+                low = std::min(low, targets.at(f));
+                high = std::max(high, targets.at(f));
+            }
+            ASSERT_LT(50 * std::log10(high / low), 3.0) << "fan " << f << " at " << i;
+        }
+    }
+    EXPECT_FALSE(snap.fansShared);
+    const std::vector<double> together = shares(snap);
+    EXPECT_NEAR(together[0], together[1], 1e-9);
+    EXPECT_EQ(store->fanCouplings(), before);
+
+    // On again: what was measured is still known, and the work is shared by it once more.
+    kelvo->setShareAmongFans(true);
+    EXPECT_EQ(count("Sharing the work among the fans is on"), 1);
+    bool sharedAgain = false;
+    for (int i = 0; i < 300 && !sharedAgain; ++i) sharedAgain = kelvo->tick(now += 1).fansShared;
+    EXPECT_TRUE(sharedAgain);
+}
+
 TEST_F(ControlEngineCoupling, AFanThatNoLongerCoolsAsMeasuredIsReportedAndMeasuredAgain) {
     // What the blowers really do, learned through a long render.
     machine->setLoad(1.0, 0.75);

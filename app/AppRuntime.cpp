@@ -90,6 +90,8 @@ AppRuntime::AppRuntime(AppRuntimeOptions options, QObject* parent)
     fanSettings_->setApplyShare([this](bool share) {
         loopCall(*controlLoop_, [share](ControlEngine& e) { e.setShareAmongFans(share); });
     });
+    fanSettings_->setMeasureAgain(
+        [this] { loopCall(*controlLoop_, [](ControlEngine& e) { e.measureFansAgain(); }); });
     fanSettings_->setReport([this](const std::string& message) {
         recordThroughLoop(RuntimeEvent::make(message, true));
     });

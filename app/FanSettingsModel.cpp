@@ -41,6 +41,7 @@ FanSettingsModel::FanSettingsModel(QSettings* settings, std::string sysRoot, App
     readStoredShare();
     // A request left from before this start is old news: only later ones are acted on.
     handledRequest_ = fan_settings::readCalibrationRequest(*settings_);
+    handledMeasureAgain_ = fan_settings::readMeasureAgainRequest(*settings_);
     rebuild();
 }
 
@@ -283,6 +284,19 @@ void FanSettingsModel::takeCalibrationRequest() {
     if (calibrate_) calibrate_(request->identity);
 }
 
+bool FanSettingsModel::measureAgain() {
+    if (!measureAgain_) return false;
+    measureAgain_();
+    return true;
+}
+
+void FanSettingsModel::takeMeasureAgainRequest() {
+    auto request = fan_settings::readMeasureAgainRequest(*settings_);
+    if (!request || request == handledMeasureAgain_) return;
+    handledMeasureAgain_ = request;
+    measureAgain();
+}
+
 bool FanSettingsModel::setChoice(const QString& identity, const QString& kind, double percent) {
     const std::string id = identity.toStdString();
     const FanState state = stateOf(id);
@@ -335,6 +349,7 @@ void FanSettingsModel::reload() {
     rebuild();
     applyToEngine();
     takeCalibrationRequest();
+    takeMeasureAgainRequest();
 }
 
 void FanSettingsModel::setReport(Report report) {

@@ -64,6 +64,12 @@ public:
     Q_INVOKABLE void setShareWork(bool share);
     // Hands the sharing switch to the engine with every applyToEngine() and change.
     void setApplyShare(ApplyShare applyShare);
+    // Has the engine drop what it measured of which die each fan cools, to measure it again (the
+    // pane's button, or kelvoctl's request through the settings). False without an engine.
+    Q_INVOKABLE bool measureAgain();
+    void setMeasureAgain(std::function<void()> measureAgain) {
+        measureAgain_ = std::move(measureAgain);
+    }
 
     const FanChoices& choices() const { return choices_; }
     const UserLimits& limits() const { return limits_; }
@@ -116,6 +122,7 @@ private:
     bool store(const std::string& identity, const FanChoice& choice);
     FanState stateOf(const std::string& identity) const;
     void takeCalibrationRequest();
+    void takeMeasureAgainRequest();
     UserLimits readStoredLimits();
     void readStoredShare();
 
@@ -140,6 +147,8 @@ private:
     Report report_;
     std::vector<std::string> limitProblems_;  // as last read
     std::optional<fan_settings::CalibrationRequest> handledRequest_;
+    std::function<void()> measureAgain_;
+    std::optional<QString> handledMeasureAgain_;
     QVariantList fans_;
     QString limitMessage_;
     bool paneOpen_ = false;

@@ -153,6 +153,17 @@ std::optional<CalibrationRequest> readCalibrationRequest(QSettings& settings) {
     return CalibrationRequest{text.left(space), text.mid(space + 1).trimmed().toStdString()};
 }
 
+std::optional<QString> readMeasureAgainRequest(QSettings& settings) {
+    const QString id = settings.value(measureAgainRequestKey).toString().trimmed();
+    if (id.isEmpty()) return std::nullopt;
+    return id;
+}
+
+void writeMeasureAgainRequest(QSettings& settings, const QString& id) {
+    settings.setValue(measureAgainRequestKey, id);
+    settings.sync();
+}
+
 void writeCalibrationRequest(QSettings& settings, const CalibrationRequest& request) {
     settings.setValue(calibrationRequestKey,
                       request.id + QLatin1Char(' ') + QString::fromStdString(request.identity));

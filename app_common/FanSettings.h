@@ -24,6 +24,12 @@ inline constexpr const char* shareKey = "kelvo.fans.share";
 // each request id once, when FanSettingsChanged tells it to look.
 inline constexpr const char* calibrationRequestKey = "kelvo.fans.calibrationRequest";
 
+// kelvoctl's latest "measure which die each fan cools again": a request id, acted on once, like
+// a calibration request.
+inline constexpr const char* measureAgainRequestKey = "kelvo.fans.measureAgainRequest";
+std::optional<QString> readMeasureAgainRequest(QSettings& settings);
+void writeMeasureAgainRequest(QSettings& settings, const QString& id);
+
 struct CalibrationRequest {
     QString id;
     std::string identity;

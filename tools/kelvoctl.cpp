@@ -62,6 +62,7 @@ int usage(std::FILE* stream = stderr) {
         "       kelvoctl [--helper-socket PATH] [--sysfs-root PATH] helper status\n"
         "       kelvoctl [--sysfs-root PATH] [--database PATH] fans\n"
         "       kelvoctl fans share <on|off>\n"
+        "       kelvoctl fans measure-again\n"
         "       kelvoctl [--sysfs-root PATH] fan IDENTITY <auto|firmware|fixed N|min N|stop "
         "on|off>\n"
         "       kelvoctl [--sysfs-root PATH] [--database PATH] fan IDENTITY calibrate\n"
@@ -76,6 +77,8 @@ int usage(std::FILE* stream = stderr) {
         "database, read-only; '-' until Kelvo has measured it.\n"
         "'fans share' turns on or off the quiet modes' sharing of the work among the fans by\n"
         "what each cools; off, every fan under auto follows one speed and none is measured.\n"
+        "'fans measure-again' asks a running Kelvo to drop what it measured of which die each\n"
+        "fan cools and measure it again (after fans or coolers changed).\n"
         "'calibrate' asks a running Kelvo to run the fan from full speed down to its lowest "
         "speed\nand to a stop, and follows it for up to 3 minutes.\n",
         modeList().replace(QStringLiteral(", "), QStringLiteral("|")).toUtf8().constData());
@@ -344,6 +347,24 @@ std::optional<KnownFan> findFan(const std::string& sysfsRoot, const kelvo::FanCh
     return std::nullopt;
 }
 
+// A request just written to the settings, and a running Kelvo told to look; false, said, when
+// either could not be done.
+bool requestLeft(const QSettings& settings, QDBusConnection& bus) {
+    if (settings.status() != QSettings::NoError) {
+        say(stderr, "kelvoctl: could not write %s\n", settings.fileName().toUtf8().constData());
+        return false;
+    }
+    auto message = QDBusMessage::createSignal(
+        kelvo::ExternalControl::objectPath, kelvo::ExternalControl::interfaceName,
+        kelvo::ExternalControl::fanSettingsChangedNotificationName);
+    if (!bus.send(message)) {
+        say(stderr, "kelvoctl: could not send the request: %s\n",
+            bus.lastError().message().toUtf8().constData());
+        return false;
+    }
+    return true;
+}
+
 // Leaves the request in the settings, tells a running Kelvo to look, and follows what Kelvo
 // records in its event table until the calibration ends (or 3 minutes pass).
 int calibrateFan(const std::string& sysfsRoot, const QString& identity,
@@ -364,18 +385,7 @@ int calibrateFan(const std::string& sysfsRoot, const QString& identity,
     }
     kelvo::fan_settings::writeCalibrationRequest(
         settings, {QUuid::createUuid().toString(QUuid::WithoutBraces), id});
-    if (settings.status() != QSettings::NoError) {
-        say(stderr, "kelvoctl: could not write %s\n", settings.fileName().toUtf8().constData());
-        return 1;
-    }
-    auto message = QDBusMessage::createSignal(
-        kelvo::ExternalControl::objectPath, kelvo::ExternalControl::interfaceName,
-        kelvo::ExternalControl::fanSettingsChangedNotificationName);
-    if (!bus.send(message)) {
-        say(stderr, "kelvoctl: could not send the request: %s\n",
-            bus.lastError().message().toUtf8().constData());
-        return 1;
-    }
+    if (!requestLeft(settings, bus)) return 1;
     return watch.follow(
         [](const std::string& line) {
             say(stdout, "%s\n", line.c_str());
@@ -433,6 +443,25 @@ int setShare(const QString& value) {
     }
     say(stdout, "Sharing the work among the fans: %s\n", share ? "on" : "off");
     announceFanSettings();
+    return 0;
+}
+
+// Left in the settings like a calibration request: a running Kelvo acts on it once, one started
+// later does not, so without a bus to tell one there is nothing to do.
+int measureAgain() {
+    auto bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        say(stderr, "kelvoctl: no session bus, so no running Kelvo can be asked: %s\n",
+            bus.lastError().message().toUtf8().constData());
+        return 1;
+    }
+    QSettings settings(QStringLiteral("Kelvo"), QStringLiteral("Kelvo"));
+    kelvo::fan_settings::writeMeasureAgainRequest(
+        settings, QUuid::createUuid().toString(QUuid::WithoutBraces));
+    if (!requestLeft(settings, bus)) return 1;
+    say(stdout,
+        "Asked a running Kelvo to measure again which die each fan cools; its events say when "
+        "it has dropped what it measured.\n");
     return 0;
 }
 
@@ -534,6 +563,9 @@ int main(int argc, char** argv) {
     const std::string sysfsRoot = kelvo::LaunchPaths::fromArguments(all).sysfsRoot;
     if (args.size() == 1 && args[0] == QLatin1String("fans"))
         return listFans(sysfsRoot, databasePath(all));
+    if (args.size() == 2 && args[0] == QLatin1String("fans") &&
+        args[1] == QLatin1String("measure-again"))
+        return measureAgain();
     if (args.size() >= 2 && args[0] == QLatin1String("fans") && args[1] == QLatin1String("share"))
         return args.size() == 3 ? setShare(args[2]) : setShare(args.mid(2).join(QLatin1Char(' ')));
     if (args.size() == 3 && args[0] == QLatin1String("fan") &&

@@ -50,6 +50,14 @@ Card {
             wrapMode: Text.WordWrap
             Layout.fillWidth: true
         }
+        // After a change of fans or coolers what was measured no longer holds.
+        Button {
+            objectName: "fans-measure-again"
+            Accessible.name: "Measure The Fans Again"
+            text: "Measure again"
+            enabled: fanSettings !== null && fanSettings.shareWork
+            onClicked: fanSettings.measureAgain()
+        }
     }
 
     // A count-based model: the entries change every tick (the speeds), and recreating the rows

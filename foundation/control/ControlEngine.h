@@ -83,6 +83,9 @@ public:
     // turned off, a shared plan eases back to one duty over a minute and probing stops; what
     // was measured is kept for when it is turned on again.
     void setShareAmongFans(bool share);
+    // Drops what Kelvo has measured of which die each fan cools, in the store too, to measure it
+    // from the start (fans moved, a cooler changed): every fan follows one duty until then.
+    void measureFansAgain();
     // The machine is about to sleep (true) or has woken (false): while it sleeps every fan is
     // the firmware's and nothing is written.
     void setSleeping(bool sleeping);

@@ -78,6 +78,24 @@ void ControlEngine::loadCoupling() {
     coupling_.setEvidence(*stored);
 }
 
+void ControlEngine::measureFansAgain() {
+    bool kept = true;
+    for (const auto& [fan, evidence] : coupling_.evidence())
+        if (store_ && !(evidence == FanCouplingEvidence{}))
+            kept = store_->saveFanCoupling(fan, FanCouplingEvidence{}) && kept;
+    coupling_.setEvidence({});
+    couplingAnnounced_ = false;
+    record(config_.shareAmongFans
+               ? "Fan cooling measurements dropped as asked: every fan follows one duty until "
+                 "Kelvo has measured them again, in the quiet modes while the machine is busy"
+               : "Fan cooling measurements dropped as asked: they are measured again once sharing "
+                 "the work among the fans is turned on");
+    if (!kept)
+        record("Fan cooling measurements could not be dropped from the database: " +
+                   store_->lastError() + "; the next launch starts from them",
+               true);
+}
+
 bool ControlEngine::drivenAutomatically(const FanState& fan) const {
     return fanUnderAutoControl(fan, effectiveFanChoice(fan, fanChoices_)) &&
            !leftToFirmware_.contains(fan.name) && fan.heldBackWhy.empty() &&

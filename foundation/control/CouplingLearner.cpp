@@ -135,8 +135,15 @@ CouplingLearner::CouplingLearner(CouplingLearnerConfig config) : config_(config)
 void CouplingLearner::setEvidence(std::map<std::string, FanCouplingEvidence> evidence) {
     evidence_ = std::move(evidence);
     done_ = false;
-    // A recheck under way would put back what it began from.
+    // Rechecks are of what was known before: a recheck under way would put it back, and one due
+    // would look for fans that may no longer be known and never end. This is what is stored now.
     recheck_.reset();
+    rechecking_ = false;
+    recheckDue_.reset();
+    silentRechecks_ = 0;
+    confirmFan_.reset();
+    weakInARow_.clear();
+    updated_.clear();
 }
 
 std::optional<std::string> CouplingLearner::probedFan() const {

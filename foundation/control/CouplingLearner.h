@@ -83,6 +83,8 @@ class CouplingLearner {
 public:
     explicit CouplingLearner(CouplingLearnerConfig config = {});
 
+    // What is known, as stored (at a launch, or nothing when the user has it measured again):
+    // learning goes on from it, and no recheck of what was known before is left under way.
     void setEvidence(std::map<std::string, FanCouplingEvidence> evidence);
     const std::map<std::string, FanCouplingEvidence>& evidence() const { return evidence_; }
 

@@ -354,3 +354,23 @@ TEST_F(FanSettingsModelTest, AStoredSharingValueThatIsNeitherOnNorOffIsOnAndSaid
     EXPECT_TRUE(model->shareProblem().isEmpty());
     EXPECT_EQ(settings.value(fan_settings::shareKey).toString(), QStringLiteral("on"));
 }
+
+TEST_F(FanSettingsModelTest, MeasureAgainReachesTheEngineAndKelvoctlsRequestsOnceEach) {
+    // A request left from before Kelvo started is not acted on.
+    fan_settings::writeMeasureAgainRequest(settings, QStringLiteral("old"));
+    auto model = make();
+    EXPECT_FALSE(model->measureAgain());  // no engine to ask yet
+    int asked = 0;
+    model->setMeasureAgain([&] { ++asked; });
+    model->reload();
+    EXPECT_EQ(asked, 0);
+    EXPECT_TRUE(model->measureAgain());
+    EXPECT_EQ(asked, 1);
+    fan_settings::writeMeasureAgainRequest(settings, QStringLiteral("r1"));
+    model->reload();
+    model->reload();
+    EXPECT_EQ(asked, 2);
+    fan_settings::writeMeasureAgainRequest(settings, QStringLiteral("r2"));
+    model->reload();
+    EXPECT_EQ(asked, 3);
+}

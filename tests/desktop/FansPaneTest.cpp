@@ -196,6 +196,31 @@ TEST_F(FansPane, TheSharingSwitchIsStoredReachesTheEngineAndSaysWhatItMeans) {
     }));
     EXPECT_TRUE(note->property("text").toString().contains("one speed"));
     EXPECT_FALSE(toggle->property("checked").toBool());
+    // Nothing is measured while it is off, so there is nothing to measure again.
+    EXPECT_FALSE(item("fans-measure-again")->isEnabled());
+}
+
+TEST_F(FansPane, MeasureAgainReachesTheEngine) {
+    openWithFans();
+    fans()->setPaneOpen(true);
+    settle();  // the pane is built when it opens and laid out on its first frame
+    QQuickItem* button = item("fans-measure-again");
+    ASSERT_NE(button, nullptr);
+    EXPECT_TRUE(button->isVisible());
+    EXPECT_TRUE(button->isEnabled());
+    const QRectF buttonRect = button->mapRectToScene(button->boundingRect());
+    const QRectF noteRect =
+        item("fans-share-note")->mapRectToScene(item("fans-share-note")->boundingRect());
+    const QRectF paneRect =
+        item("surface-fans")->mapRectToScene(item("surface-fans")->boundingRect());
+    EXPECT_GE(buttonRect.left(), noteRect.right());
+    EXPECT_LE(buttonRect.right(), paneRect.right() + 0.5);
+    click("fans-measure-again");
+    EXPECT_TRUE(waitFor([&] {
+        for (const RuntimeEvent& event : runtime->eventRing().recent(200))
+            if (event.message.starts_with("Fan cooling measurements dropped as asked")) return true;
+        return false;
+    }));
 }
 
 // A stored choice that cannot be read is said on its row, and the fan is with the firmware.

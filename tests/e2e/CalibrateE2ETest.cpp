@@ -28,10 +28,7 @@ TEST(CalibrateE2E, KelvoctlPrintsWhatARunningKelvoAnswers) {
     ASSERT_TRUE(kelvo.waitForLine(QStringLiteral("status=monitoring")));
 
     QProcess ctl;
-    auto env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
-    env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
-    ctl.setProcessEnvironment(env);
+    ctl.setProcessEnvironment(homeEnvironment(home));
     ctl.setProcessChannelMode(QProcess::MergedChannels);
     ctl.start(QStringLiteral(KELVOCTL_BIN),
               {QStringLiteral("--sysfs-root"), emptySysfs.path(), QStringLiteral("fan"), fan,

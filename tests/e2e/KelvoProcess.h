@@ -11,13 +11,19 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
+// The environment of a program that uses the settings and data folders under `home` (kelvo, or
+// a kelvoctl that talks to it).
+inline QProcessEnvironment homeEnvironment(const QTemporaryDir& home) {
+    auto env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
+    env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
+    return env;
+}
+
 class KelvoProcess {
 public:
     explicit KelvoProcess(const QTemporaryDir& home) {
-        auto env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
-        process.setProcessEnvironment(env);
+        process.setProcessEnvironment(homeEnvironment(home));
         process.setProcessChannelMode(QProcess::SeparateChannels);
     }
     ~KelvoProcess() {

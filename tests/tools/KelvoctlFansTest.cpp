@@ -394,3 +394,17 @@ TEST_F(KelvoctlFans, TheSharingAmongTheFansIsShownStoredAndOnlyOnOrOff) {
     EXPECT_TRUE(r.err.contains(QStringLiteral("kelvoctl fans share <on|off>")))
         << r.err.toStdString();
 }
+
+TEST_F(KelvoctlFans, MeasureAgainNeedsARunningKelvoToAsk) {
+    // A request left for a Kelvo started later would not be acted on: without a bus kelvoctl
+    // says no Kelvo can be asked, and leaves nothing behind.
+    const Result r = run({QStringLiteral("fans"), QStringLiteral("measure-again")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("no session bus, so no running Kelvo can be asked")))
+        << r.err.toStdString();
+    QSettings settings = stored();
+    EXPECT_FALSE(settings.contains(fan_settings::measureAgainRequestKey));
+    const Result help = run({QStringLiteral("--help")});
+    EXPECT_TRUE(help.err.contains(QStringLiteral("kelvoctl fans measure-again")))
+        << help.err.toStdString();
+}

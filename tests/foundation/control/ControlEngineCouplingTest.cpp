@@ -476,6 +476,43 @@ TEST_F(ControlEngineCoupling, SharingTurnedOffEasesBackToOneDutyUnheardAndTurned
     EXPECT_TRUE(sharedAgain);
 }
 
+TEST_F(ControlEngineCoupling, MeasuringAgainDropsWhatWasKnownInTheStoreTooAndLearnsItAnew) {
+    // Measured before the blowers were swapped round: each is believed to cool the other's die.
+    const auto names = machine->state().fanNames;
+    ASSERT_TRUE(store->saveFanCoupling(names.at(0), measured(0.1, 1.0)));
+    ASSERT_TRUE(store->saveFanCoupling(names.at(1), measured(1.0, 0.1)));
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    machine->setLoad(1.0, 0.75);
+    ControlSnapshot snap;
+    for (int i = 0; i < 60; ++i) snap = kelvo->tick(now += 1);
+    ASSERT_EQ(coolsMostly(snap.couplings.at(0)), "GPU");
+
+    kelvo->measureFansAgain();
+    EXPECT_EQ(count("Fan cooling measurements dropped as asked: every fan follows one duty"), 1);
+    const auto dropped = store->fanCouplings();
+    ASSERT_TRUE(dropped);
+    for (const auto& [fan, evidence] : *dropped) EXPECT_EQ(evidence, FanCouplingEvidence{}) << fan;
+    snap = kelvo->tick(now += 1);
+    for (const FanCoupling& c : snap.couplings) EXPECT_EQ(coolsMostly(c), "") << c.identity;
+
+    // Measured again as the blowers are now.
+    for (int i = 0; i < 3 * 3600; ++i) snap = kelvo->tick(now += 1);
+    EXPECT_EQ(coolsMostly(snap.couplings.at(0)), "CPU");
+    EXPECT_EQ(coolsMostly(snap.couplings.at(1)), "GPU");
+    const auto stored = store->fanCouplings();
+    ASSERT_TRUE(stored);
+    EXPECT_GT(stored->at(names.at(0)).cpu.probes(), 0);
+
+    // With the sharing off nothing is measured until it is turned on: the event says so.
+    kelvo->setShareAmongFans(false);
+    kelvo->measureFansAgain();
+    EXPECT_EQ(count("they are measured again once sharing the work among the fans is turned on"),
+              1);
+    for (int i = 0; i < 3600; ++i) snap = kelvo->tick(now += 1);
+    for (const FanCoupling& c : snap.couplings) EXPECT_EQ(coolsMostly(c), "") << c.identity;
+}
+
 TEST_F(ControlEngineCoupling, AFanThatNoLongerCoolsAsMeasuredIsReportedAndMeasuredAgain) {
     // What the blowers really do, learned through a long render.
     machine->setLoad(1.0, 0.75);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <numbers>
 #include <random>
 
@@ -41,7 +42,8 @@ std::vector<FanCoupling> learnOn(const sim::PlantConfig& plant, const std::vecto
                                  double seconds, double duty, CouplingLearner& learner,
                                  std::vector<TickTargets>* ticks = nullptr,
                                  const std::function<bool(double, std::size_t)>& probeable = {},
-                                 const std::function<double(double)>& cpuReadingOff = {}) {
+                                 const std::function<double(double)>& cpuReadingOff = {},
+                                 const std::function<void(double)>& beforeStep = {}) {
     sim::ThermalPlant machine(plant, 7);
     std::vector<std::string> names;
     for (const auto& fan : plant.fans) names.push_back(fan.name);
@@ -77,6 +79,7 @@ std::vector<FanCoupling> learnOn(const sim::PlantConfig& plant, const std::vecto
             targets.push_back(target);
         }
         const std::vector<double> base = targets;
+        if (beforeStep) beforeStep(t);
         learner.step(sample.timestamp, sample, fans, targets);
         if (ticks) ticks->push_back({sample.timestamp, base, targets});
         machine.setFanCommand(targets);
@@ -291,6 +294,56 @@ TEST(CouplingLearner, ARecheckReadsOneFanSeveralTimesInARowAndCountsThemOnceJudg
     // The last of them under way: none counted yet. Once it is over, all of them.
     EXPECT_EQ(countedAfter(probes[first + n - 1].from + 1), before);
     EXPECT_EQ(countedAfter(probes[first + n - 1].to + 3), before + int(n));
+}
+
+TEST(CouplingLearner, WhatIsKnownDroppedMidRecheckIsLearnedAgainFromTheStart) {
+    // The user has Kelvo measure the fans again while a recheck is under way: the recheck was of
+    // what was known, and learning starts over on every fan.
+    const auto plant = shippedMachine("laptop-two-blowers");
+    CouplingLearnerConfig config;
+    config.recheckSeconds = 600;
+    const std::vector<Segment> render{{600, 1.0, 0.75}};
+    // When the first recheck begins: the first probe after a pause as long as recheckSeconds.
+    std::optional<double> recheckAt;
+    {
+        CouplingLearner learner(config);
+        std::vector<TickTargets> ticks;
+        learnOn(plant, render, 2 * 3600, 0.4, learner, &ticks);
+        double lastProbe = -1e9;
+        for (const TickTargets& tick : ticks) {
+            bool probing = false;
+            for (std::size_t f = 0; f < tick.sent.size(); ++f)
+                probing = probing || tick.sent[f] > tick.base[f];
+            if (!probing) continue;
+            if (lastProbe > 0 && tick.at - lastProbe >= config.recheckSeconds) {
+                recheckAt = tick.at - 1000;
+                break;
+            }
+            lastProbe = tick.at;
+        }
+    }
+    ASSERT_TRUE(recheckAt) << "no recheck within two hours";
+
+    CouplingLearner learner(config);
+    std::vector<TickTargets> ticks;
+    const auto learned =
+        learnOn(plant, render, *recheckAt + 3600, 0.4, learner, &ticks, {}, {}, [&](double t) {
+            if (t == *recheckAt + 5) learner.setEvidence({});
+        });
+    // Learning starts over at once: each fan is probed again within the next three swells (the
+    // recheck under way goes on to its end), not after the rest of a recheck round.
+    std::map<std::size_t, double> firstAfter;
+    for (const TickTargets& tick : ticks)
+        for (std::size_t f = 0; f < tick.sent.size(); ++f)
+            if (tick.at - 1000 > *recheckAt + 5 && tick.sent[f] > tick.base[f])
+                firstAfter.try_emplace(f, tick.at - 1000 - *recheckAt);
+    ASSERT_EQ(firstAfter.size(), 2u);
+    for (const auto& [fan, after] : firstAfter) EXPECT_LT(after, 6 * kHalf) << fan;
+    // And both are known again as they are.
+    ASSERT_EQ(learned.size(), 2u);
+    EXPECT_EQ(coolsMostly(learned[0]), "CPU");
+    EXPECT_EQ(coolsMostly(learned[1]), "GPU");
+    EXPECT_GE(learned[0].probes, kCouplingProbesForConfidence);
 }
 
 TEST(CouplingLearner, RechecksThatCanSayNothingEndTheirRoundOnceEveryFanHasHadItsTurn) {

@@ -106,7 +106,9 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
                                   std::vector<double>& targets) {
     // Only the quiet modes share the work among the fans by what each cools; they learn it.
     if (mode_ != ControlMode::quiet && mode_ != ControlMode::quietHybrid) return;
-    if (!config_.shareAmongFans) return;
+    // Turned off by the user, nothing more is probed, and a probe under way eases out unheard
+    // as one whose load ended does.
+    const bool sharing = config_.shareAmongFans;
     // While the fan stop holds a fan still, and for a while after, the fans are at the edge of
     // stopping: a probe would keep one turning that the machine does not need.
     if (!stopGate_.stoppedFans().empty()) lastFanStop_ = sample.timestamp;
@@ -129,8 +131,8 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
         // curve misses, is not what its air does.
         const double speed = isReadableRPM(fan.currentRPM) ? fan.currentRPM : target;
         const bool driven = turning && drivenAutomatically(fan);
-        fans.push_back(
-            {fan.name, target, speed, fan.maxRPM, driven && probeWorking_ && !stopping, driven});
+        fans.push_back({fan.name, target, speed, fan.maxRPM,
+                        sharing && driven && probeWorking_ && !stopping, driven});
     }
     coupling_.step(sample.timestamp, sample, fans, targets);
     for (const std::string& fan : coupling_.takeUpdated()) {

@@ -476,6 +476,42 @@ TEST_F(ControlEngineCoupling, SharingTurnedOffEasesBackToOneDutyUnheardAndTurned
     EXPECT_TRUE(sharedAgain);
 }
 
+TEST_F(ControlEngineCoupling, SharingTurnedOffMidProbeEasesTheProbeOut) {
+    // A fresh profile under a render: the blowers are being probed.
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    machine->setLoad(1.0, 0.75);
+    ControlSnapshot snap;
+    int probing = 0;
+    std::string probed;
+    for (int i = 0; i < 3600 && probing < 15; ++i) {
+        snap = kelvo->tick(now += 1);
+        ASSERT_TRUE(snap.decision);
+        probing = snap.decision->probedFan ? probing + 1 : 0;
+    }
+    ASSERT_EQ(probing, 15) << "no probe under way";
+    const auto names = machine->state().fanNames;
+    const std::size_t fan =
+        snap.decision->probedFan
+            ? std::size_t(std::find(names.begin(), names.end(), *snap.decision->probedFan) -
+                          names.begin())
+            : 0;
+    ASSERT_LT(fan, names.size());
+
+    // Off in the middle of the swell: the raise goes back over several seconds, not at once.
+    kelvo->setShareAmongFans(false);
+    double before = snap.decision->targetRPM.at(fan);
+    double mostFall = 0;
+    for (int i = 0; i < 120; ++i) {
+        snap = kelvo->tick(now += 1);
+        EXPECT_FALSE(snap.decision->probedFan) << i;
+        const double target = snap.decision->targetRPM.at(fan);
+        mostFall = std::max(mostFall, 50 * std::log10(before / target));
+        before = target;
+    }
+    EXPECT_LT(mostFall, 1.0);
+}
+
 TEST_F(ControlEngineCoupling, MeasuringAgainDropsWhatWasKnownInTheStoreTooAndLearnsItAnew) {
     // Measured before the blowers were swapped round: each is believed to cool the other's die.
     const auto names = machine->state().fanNames;

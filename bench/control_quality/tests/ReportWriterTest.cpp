@@ -220,6 +220,18 @@ TEST(ReportWriter, KnowingTheFansMustBeatEveryOneDutyControllerThatKeepsTheLimit
     EXPECT_NE(quiet.find("PASS"), std::string::npos) << quiet;
     const std::string hybrid = lineWith(out.str(), "quietHybrid-learned", "quieter");
     EXPECT_NE(hybrid.find("FAIL"), std::string::npos) << hybrid;
+    // The floor is 3.5 dB under the one to beat: the failure is the row's own.
+    EXPECT_EQ(hybrid.find("foresight itself"), std::string::npos) << hybrid;
+
+    // Where the floor itself is not 2 dB under it, the line says no controller can pass.
+    std::vector<QualityRow> tight = rows;
+    tight.front().meanDb = 31.9;
+    std::ostringstream bound;
+    ReportWriter(tight).printTargets(bound);
+    const std::string capped = lineWith(bound.str(), "quietHybrid-learned", "dB quieter)");
+    EXPECT_NE(capped.find("FAIL; foresight itself is only 1.60 dB quieter: no controller can pass"),
+              std::string::npos)
+        << capped;
 
     // A fresh launch that learned enough within the trace to share the work is no one-duty
     // controller: not the one to beat, however quiet. The quiet mode with the sharing turned off

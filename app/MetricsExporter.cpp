@@ -60,6 +60,12 @@ MetricsExporter::MetricsExporter() : registry_(std::make_shared<prometheus::Regi
                             .Name("kelvo_throttle_warning")
                             .Help("1 while the throttle warning is active")
                             .Register(*registry_);
+    fansShared_ = &BuildGauge()
+                       .Name("kelvo_fans_shared")
+                       .Help(
+                           "1 while the quiet mode shares the work among the fans by what each "
+                           "cools, 0 while every fan Kelvo drives follows one duty")
+                       .Register(*registry_);
     benefitSeconds_ = &BuildGauge()
                            .Name("kelvo_benefit_seconds_last_24h")
                            .Help("Seconds of benefit over the last 24 hours, by register")
@@ -92,6 +98,7 @@ MetricsExporter::MetricsExporter() : registry_(std::make_shared<prometheus::Regi
                                  ControlStatus::monitoring, ControlStatus::fallback})
         status_->Add({{"kelvo_control_status", std::string(rawValue(status))}}).Set(0);
     throttleWarning_->Add({}).Set(0);
+    fansShared_->Add({}).Set(0);
     ticks_->Add({});
     authoritySeconds_->Add({});
     tickDuration_->Add({}, kTickBuckets);
@@ -210,6 +217,7 @@ void MetricsExporter::update(const ControlSnapshot& snapshot,
         status_->Add({{"kelvo_control_status", std::string(rawValue(status))}})
             .Set(status == snapshot.status ? 1 : 0);
     throttleWarning_->Add({}).Set(snapshot.throttleWarning ? 1 : 0);
+    fansShared_->Add({}).Set(snapshot.fansShared ? 1 : 0);
 
     benefitSeconds_->Add({{"register", "kelvo_authority"}}).Set(benefits.kelvoAuthoritySeconds);
     benefitSeconds_->Add({{"register", "throttle_warning_avoided"}})

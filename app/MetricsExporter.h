@@ -69,6 +69,7 @@ private:
     prometheus::Family<prometheus::Gauge>* mode_ = nullptr;
     prometheus::Family<prometheus::Gauge>* status_ = nullptr;
     prometheus::Family<prometheus::Gauge>* throttleWarning_ = nullptr;
+    prometheus::Family<prometheus::Gauge>* fansShared_ = nullptr;
     prometheus::Family<prometheus::Gauge>* benefitSeconds_ = nullptr;
     prometheus::Family<prometheus::Gauge>* benefitEvents_ = nullptr;
     prometheus::Family<prometheus::Counter>* ticks_ = nullptr;

@@ -57,6 +57,7 @@ TEST(MetricsExporter, AScrapeHoldsTheSnapshotInBaseUnitsWithFanIdentities) {
     exporter->update(twoFanSnapshot(), benefits);
     auto next = twoFanSnapshot();
     next.sample.timestamp = 1001;
+    next.fansShared = true;
     exporter->update(next, benefits);
 
     const auto response = httpGet(port, "/metrics");
@@ -74,6 +75,7 @@ TEST(MetricsExporter, AScrapeHoldsTheSnapshotInBaseUnitsWithFanIdentities) {
     EXPECT_TRUE(has(body, R"(kelvo_control_mode{kelvo_control_mode="systemAuto"} 0)")) << body;
     EXPECT_TRUE(has(body, R"(kelvo_control_status{kelvo_control_status="controlling"} 1)"));
     EXPECT_TRUE(has(body, "kelvo_throttle_warning 1")) << body;
+    EXPECT_TRUE(has(body, "kelvo_fans_shared 1")) << body;
     EXPECT_TRUE(has(body, R"(kelvo_benefit_events_last_24h{register="interventions"} 3)")) << body;
     EXPECT_TRUE(has(body, R"(kelvo_benefit_seconds_last_24h{register="kelvo_authority"} 120)"))
         << body;
@@ -101,6 +103,8 @@ TEST(MetricsExporter, WhatCannotBeReadIsAbsentNotZero) {
     // The case fan's speed cannot be read and the firmware drives it: no speed, no target.
     EXPECT_EQ(body.find(R"(kelvo_fan_rpm{fan="Case fan")"), std::string::npos) << body;
     EXPECT_EQ(body.find(R"(kelvo_fan_target_rpm{fan="Case fan")"), std::string::npos) << body;
+    // Every fan at one duty is a state, not a missing reading.
+    EXPECT_TRUE(has(body, "kelvo_fans_shared 0")) << body;
 
     // A reading that goes away takes its series with it, and a vanished fan all of its own.
     auto later = twoFanSnapshot();

@@ -160,7 +160,7 @@ TEST(PrometheusScrape, APrometheusServerSeesEveryFanAndTheModeOfTwoInstances) {
             ++checked;
         }
     }
-    EXPECT_GE(checked, 9);
+    EXPECT_GE(checked, 10);
 
     // The mode timeline shows each instance's mode by name: its query gives the mode's index,
     // which the panel's value mappings name.

@@ -567,7 +567,7 @@ int main(int argc, char** argv) {
         args[1] == QLatin1String("measure-again"))
         return measureAgain();
     if (args.size() >= 2 && args[0] == QLatin1String("fans") && args[1] == QLatin1String("share"))
-        return args.size() == 3 ? setShare(args[2]) : setShare(args.mid(2).join(QLatin1Char(' ')));
+        return setShare(args.mid(2).join(QLatin1Char(' ')));
     if (args.size() == 3 && args[0] == QLatin1String("fan") &&
         args[2] == QLatin1String("calibrate"))
         return calibrateFan(sysfsRoot, args[1], databasePath(all));

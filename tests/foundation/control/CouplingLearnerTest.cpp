@@ -242,6 +242,39 @@ TEST(CouplingLearner, AProbeWhoseLoadFallsAwayEasesOutUnheard) {
     EXPECT_TRUE(learner.evidence().empty());
 }
 
+namespace {
+// Each probe of a run (ticks one second apart from its start): the fan raised, from its first
+// raised second to its last.
+struct Probe {
+    std::size_t fan = 0;
+    std::size_t from = 0;
+    std::size_t to = 0;
+};
+
+std::vector<Probe> probesIn(const std::vector<TickTargets>& ticks) {
+    std::vector<Probe> probes;
+    for (std::size_t t = 0; t < ticks.size(); ++t)
+        for (std::size_t f = 0; f < ticks[t].sent.size(); ++f) {
+            if (!(ticks[t].sent[f] > ticks[t].base[f])) continue;
+            if (!probes.empty() && probes.back().fan == f && probes.back().to + 1 == t)
+                probes.back().to = t;
+            else
+                probes.push_back({f, t, t});
+        }
+    return probes;
+}
+
+// The first recheck: the probe that follows the last learning probe after a pause as long as
+// recheckSeconds; probes.size() when there is none.
+std::size_t firstRecheck(const std::vector<Probe>& probes, const CouplingLearnerConfig& config) {
+    std::size_t first = 1;
+    while (first < probes.size() &&
+           double(probes[first].from - probes[first - 1].to) < config.recheckSeconds)
+        ++first;
+    return first;
+}
+}  // namespace
+
 TEST(CouplingLearner, ARecheckReadsOneFanSeveralTimesInARowAndCountsThemOnceJudged) {
     // Once every fan is known, a recheck probes one fan recheckProbes times in a row: one short
     // swell is too faint to tell a sound fan from a blocked one. What those probes show is kept
@@ -255,26 +288,8 @@ TEST(CouplingLearner, ARecheckReadsOneFanSeveralTimesInARowAndCountsThemOnceJudg
         CouplingLearner learner(config);
         learnOn(plant, render, 2 * 3600, 0.4, learner, &ticks);
     }
-    // Each probe: the fan raised, from its first raised second to its last.
-    struct Probe {
-        std::size_t fan = 0;
-        std::size_t from = 0;
-        std::size_t to = 0;
-    };
-    std::vector<Probe> probes;
-    for (std::size_t t = 0; t < ticks.size(); ++t)
-        for (std::size_t f = 0; f < plant.fans.size(); ++f) {
-            if (!(ticks[t].sent[f] > ticks[t].base[f])) continue;
-            if (!probes.empty() && probes.back().fan == f && probes.back().to + 1 == t)
-                probes.back().to = t;
-            else
-                probes.push_back({f, t, t});
-        }
-    // The first recheck follows the last learning probe after a pause.
-    std::size_t first = 1;
-    while (first < probes.size() &&
-           double(probes[first].from - probes[first - 1].to) < config.recheckSeconds)
-        ++first;
+    const std::vector<Probe> probes = probesIn(ticks);
+    const std::size_t first = firstRecheck(probes, config);
     const auto n = std::size_t(config.recheckProbes);
     ASSERT_GE(n, 2u);
     ASSERT_GE(probes.size(), first + n) << "no recheck within two hours";
@@ -303,24 +318,15 @@ TEST(CouplingLearner, WhatIsKnownDroppedMidRecheckIsLearnedAgainFromTheStart) {
     CouplingLearnerConfig config;
     config.recheckSeconds = 600;
     const std::vector<Segment> render{{600, 1.0, 0.75}};
-    // When the first recheck begins: the first probe after a pause as long as recheckSeconds.
+    // When the first recheck begins.
     std::optional<double> recheckAt;
     {
         CouplingLearner learner(config);
         std::vector<TickTargets> ticks;
         learnOn(plant, render, 2 * 3600, 0.4, learner, &ticks);
-        double lastProbe = -1e9;
-        for (const TickTargets& tick : ticks) {
-            bool probing = false;
-            for (std::size_t f = 0; f < tick.sent.size(); ++f)
-                probing = probing || tick.sent[f] > tick.base[f];
-            if (!probing) continue;
-            if (lastProbe > 0 && tick.at - lastProbe >= config.recheckSeconds) {
-                recheckAt = tick.at - 1000;
-                break;
-            }
-            lastProbe = tick.at;
-        }
+        const std::vector<Probe> probes = probesIn(ticks);
+        const std::size_t first = firstRecheck(probes, config);
+        if (first < probes.size()) recheckAt = double(probes[first].from);
     }
     ASSERT_TRUE(recheckAt) << "no recheck within two hours";
 

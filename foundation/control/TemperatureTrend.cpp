@@ -96,21 +96,32 @@ void TemperatureTrend::watch(StepWatch& device, const std::optional<double>& uti
         device.lastUtilization = util;
         device.utilizations.emplace_back(now, *util);
     }
-    while (!device.utilizations.empty() &&
-           now - device.utilizations.front().first > settings_.peakSeconds + 1e-9)
+    while (!device.utilizations.empty() && now - device.utilizations.front().first >
+                                               settings_.peakSeconds + settings_.fadeSeconds + 1e-9)
         device.utilizations.pop_front();
     device.lastTemperature = temp;
 }
 
-std::optional<double> TemperatureTrend::recentPeak(const StepWatch& device) {
+std::optional<double> TemperatureTrend::recentPeak(const StepWatch& device) const {
     std::optional<double> peak;
-    for (const auto& [t, util] : device.utilizations) peak = std::max(peak.value_or(util), util);
+    if (device.utilizations.empty()) return peak;
+    const Timestamp now = device.utilizations.back().first;
+    for (const auto& [t, util] : device.utilizations)
+        if (now - t <= settings_.peakSeconds + 1e-9) peak = std::max(peak.value_or(util), util);
     return peak;
 }
 
+// How much a level held from `age` seconds ago still counts: all of it for peakSeconds, then less
+// and less over fadeSeconds.
+double TemperatureTrend::heldWeight(double age) const {
+    const double past = age - settings_.peakSeconds;
+    if (settings_.fadeSeconds <= 0) return past <= 1e-9 ? 1.0 : 0.0;
+    return std::clamp(1 - past / settings_.fadeSeconds, 0.0, 1.0);
+}
+
 // For each reading, the lowest utilisation over the heldSeconds that start there, for windows
-// the readings cover; the highest of those lows is the level held. A minute at one a second is
-// sixty short scans.
+// the readings cover; the highest of those lows, each brought towards the load now as it ages,
+// is the level held. Three minutes at one a second are 180 short scans.
 std::optional<double> TemperatureTrend::baseLoad(const StepWatch& device) const {
     if (!device.lastUtilization) return std::nullopt;
     double base = *device.lastUtilization;
@@ -121,7 +132,8 @@ std::optional<double> TemperatureTrend::baseLoad(const StepWatch& device) const 
         double low = u[i].second;
         for (std::size_t j = i + 1; j < u.size() && u[j].first < end; ++j)
             low = std::min(low, u[j].second);
-        base = std::max(base, low);
+        const double now = *device.lastUtilization;
+        base = std::max(base, now + heldWeight(u.back().first - u[i].first) * (low - now));
     }
     return base;
 }

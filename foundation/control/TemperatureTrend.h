@@ -22,6 +22,10 @@ public:
         std::size_t minReadings = 4;
         double peakSeconds = 60;  // how long a load's heat stays in the heatsink, roughly
         double heldSeconds = 8;   // a level held this long is load, not a burst
+        // Past peakSeconds a held level fades out over this long rather than dropping out at
+        // once: a heatsink gives its heat up gradually, and a cliff in the base load moved the
+        // fans' setpoint by several degrees in one second.
+        double fadeSeconds = 120;
     };
 
     TemperatureTrend() = default;
@@ -58,7 +62,8 @@ public:
     // The load each device's heatsink is carrying: the highest utilisation it held for at least
     // heldSeconds over the last minute, or its utilisation now where that is higher. A link step
     // keeps the build's level; a video call's five-second bursts do not lift its base load, so the
-    // next burst still finds its reserve.
+    // next burst still finds its reserve. A level older than a minute counts for less and less,
+    // down to the utilisation now, over fadeSeconds.
     std::optional<double> cpuBaseLoadPct() const { return baseLoad(cpu_); }
     std::optional<double> gpuBaseLoadPct() const { return baseLoad(gpu_); }
 
@@ -71,10 +76,11 @@ private:
         double temperatureBefore = 0;
         std::optional<double> lastTemperature;
         std::optional<double> jumpC;
-        std::deque<std::pair<Timestamp, double>> utilizations;  // the last peakSeconds
+        std::deque<std::pair<Timestamp, double>> utilizations;  // peakSeconds + fadeSeconds
     };
-    static std::optional<double> recentPeak(const StepWatch& device);
+    std::optional<double> recentPeak(const StepWatch& device) const;
     std::optional<double> baseLoad(const StepWatch& device) const;
+    double heldWeight(double age) const;
     void watch(StepWatch& device, const std::optional<double>& util,
                const std::optional<double>& temp, Timestamp now);
 

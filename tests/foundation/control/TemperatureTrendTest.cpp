@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
 #include "foundation/control/TemperatureTrend.h"
 
@@ -110,6 +111,35 @@ TEST(TemperatureTrend, TheBaseLoadIsTheLevelHeldNotTheBurst) {
     for (Timestamp t = 50; t < 62; ++t) trend.add(reading(t, 70, 50, 95, 10));
     for (Timestamp t = 62; t < 80; ++t) trend.add(reading(t, 65, 50, 20, 10));
     EXPECT_DOUBLE_EQ(*trend.cpuBaseLoadPct(), 95);
+}
+
+// A game's loading screen holds the CPU at 84 % for twenty seconds, then play goes on at 53 %.
+// A minute on, the screen's level starts to count for less, second by second, and two minutes
+// after that it is gone: no single second moves the base load by more than its share of the fade.
+TEST(TemperatureTrend, AHeldLevelFadesOutOfTheBaseLoadInsteadOfDroppingOut) {
+    TemperatureTrend trend;
+    for (Timestamp t = 0; t < 20; ++t) trend.add(reading(t, 80, 60, 84, 10));
+    std::vector<double> base;
+    for (Timestamp t = 20; t <= 240; ++t) {
+        trend.add(reading(t, 74, 75, 53, 95));
+        base.push_back(*trend.cpuBaseLoadPct());
+    }
+    auto at = [&](Timestamp t) { return base[static_cast<std::size_t>(t - 20)]; };
+    // The last window at 84 % starts at second 12; it counts in full for a minute after that.
+    EXPECT_DOUBLE_EQ(at(72), 84);
+    EXPECT_GT(at(100), 53 + 0.5 * (84 - 53) - 1e-9);
+    EXPECT_LT(at(100), 84);
+    EXPECT_LT(at(150), at(100));
+    EXPECT_GT(at(150), 53);
+    EXPECT_DOUBLE_EQ(at(192), 53);
+    EXPECT_DOUBLE_EQ(at(240), 53);
+    const double perSecond = (84.0 - 53.0) / 120.0;
+    for (std::size_t i = 1; i < base.size(); ++i) {
+        EXPECT_LE(base[i], base[i - 1] + 1e-9) << "second " << 20 + i;
+        EXPECT_LE(base[i - 1] - base[i], perSecond + 1e-9) << "second " << 20 + i;
+    }
+    // The recent peak still forgets after a minute: it is the level a burst went to, not heat.
+    EXPECT_DOUBLE_EQ(*trend.cpuRecentPeakPct(), 53);
 }
 
 TEST(TemperatureTrend, ABurstShorterThanTheSettleTimeIsMeasuredWhereItEnded) {

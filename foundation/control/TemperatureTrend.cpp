@@ -100,6 +100,7 @@ void TemperatureTrend::watch(StepWatch& device, const std::optional<double>& uti
                                                settings_.peakSeconds + settings_.fadeSeconds + 1e-9)
         device.utilizations.pop_front();
     device.lastTemperature = temp;
+    device.baseLoad = baseLoad(device);
 }
 
 std::optional<double> TemperatureTrend::recentPeak(const StepWatch& device) const {

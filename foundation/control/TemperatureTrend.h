@@ -64,8 +64,8 @@ public:
     // keeps the build's level; a video call's five-second bursts do not lift its base load, so the
     // next burst still finds its reserve. A level older than a minute counts for less and less,
     // down to the utilisation now, over fadeSeconds.
-    std::optional<double> cpuBaseLoadPct() const { return baseLoad(cpu_); }
-    std::optional<double> gpuBaseLoadPct() const { return baseLoad(gpu_); }
+    std::optional<double> cpuBaseLoadPct() const { return cpu_.baseLoad; }
+    std::optional<double> gpuBaseLoadPct() const { return gpu_.baseLoad; }
 
 private:
     // One device's load steps: where the die stood when its utilisation stepped, and by how much.
@@ -77,6 +77,7 @@ private:
         std::optional<double> lastTemperature;
         std::optional<double> jumpC;
         std::deque<std::pair<Timestamp, double>> utilizations;  // peakSeconds + fadeSeconds
+        std::optional<double> baseLoad;  // worked out once a reading, asked for many times a tick
     };
     std::optional<double> recentPeak(const StepWatch& device) const;
     std::optional<double> baseLoad(const StepWatch& device) const;

@@ -46,6 +46,8 @@ protected:
     std::unique_ptr<ControlEngine> engine() {
         return std::make_unique<ControlEngine>(telemetry, fans, store, ring, nullptr);
     }
+    // Kelvo in quiet on `plant`, every fan known to cool what the machine file says.
+    std::unique_ptr<ControlEngine> quietKnowingTheFans(const sim::PlantConfig& plant);
     int count(const std::string& text) const {
         int n = 0;
         for (const auto& e : ring->recent(1000))
@@ -290,9 +292,15 @@ void storeFileCoupling(SQLiteStore& store, const sim::PlantConfig& plant,
                                                      sim::fanCooling(plant, sim::Die::gpu, i))));
 }
 
-}  // namespace
+std::unique_ptr<ControlEngine> ControlEngineCoupling::quietKnowingTheFans(
+    const sim::PlantConfig& plant) {
+    use(plant);
+    storeFileCoupling(*store, plant, machine->state().fanNames);
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    return kelvo;
+}
 
-namespace {
 // A fan's level moving 3 dB within 5 s, as the control table counts it: the level moves with
 // 50·log10 of the speed, so 3 dB is a speed ratio of 10^(3/50) among six readings a second apart.
 struct AudibleChanges {
@@ -349,11 +357,8 @@ TEST_F(ControlEngineCoupling, WhenALongRenderEndsTheFansTheMixRaisedFallNoFaster
     // of it stays unheard. At half a decibel a second, a fresh launch's CPU cooler fell 3.0 dB
     // within 5 s at the end of the control table's render.
     const sim::PlantConfig plant = shippedMachine("desktop-silent-gpu");
-    use(plant);
+    auto kelvo = quietKnowingTheFans(plant);
     const auto names = machine->state().fanNames;
-    storeFileCoupling(*store, plant, names);
-    auto kelvo = engine();
-    kelvo->applyMode(ControlMode::quiet);
     machine->setLoad(1.0, 0.75);
     bool shared = false;
     for (int i = 0; i < 10 * 60; ++i) shared = kelvo->tick(now += 1).fansShared || shared;
@@ -393,11 +398,7 @@ protected:
     template <typename Load>
     MixRun run(Load load) {
         const sim::PlantConfig plant = shippedMachine("desktop-cooler-gpu-case");
-        use(plant);
-        const auto names = machine->state().fanNames;
-        storeFileCoupling(*store, plant, names);
-        auto kelvo = engine();
-        kelvo->applyMode(ControlMode::quiet);
+        auto kelvo = quietKnowingTheFans(plant);
         MixRun out;
         double power = 0;
         int seconds = 0;

@@ -67,6 +67,45 @@ void printCouplingTable(std::ostream& out, const std::vector<CouplingRow>& rows)
     }
 }
 
+std::vector<LearningSummary> summarizeLearning(const std::vector<SeededRow>& runs, double line) {
+    std::vector<LearningSummary> out;
+    for (const auto& [seed, row] : runs) {
+        auto it = std::find_if(out.begin(), out.end(), [&](const LearningSummary& s) {
+            return s.machine == row.machine && s.trace == row.trace;
+        });
+        if (it == out.end()) it = out.insert(out.end(), {row.machine, row.trace});
+        const auto known = worstShareGap(row);
+        const double gap = known.value_or(1.0);
+        it->unknown += known ? 0 : 1;
+        it->within += gap <= line + 1e-12 ? 1 : 0;
+        if (it->seeds == 0 || gap > it->worstGap) {
+            it->worstGap = gap;
+            it->worstSeed = seed;
+        }
+        it->meanGap += (gap - it->meanGap) / ++it->seeds;
+    }
+    return out;
+}
+
+void printLearningSummary(std::ostream& out, const std::vector<LearningSummary>& summaries,
+                          double line) {
+    char text[256];
+    std::snprintf(text, sizeof text,
+                  "Learned against the machine file, over seeds: the largest gap between a learned"
+                  " share and the file's (unknown counted as 1), and the seeds within %.2f\n",
+                  line);
+    out << text;
+    for (const auto& s : summaries) {
+        std::snprintf(text, sizeof text,
+                      "%-24s %-16s mean gap %5.2f  within %.2f: %3d of %3d  worst %5.2f (seed "
+                      "%llu)%s\n",
+                      s.machine.c_str(), s.trace.c_str(), s.meanGap, line, s.within, s.seeds,
+                      s.worstGap, static_cast<unsigned long long>(s.worstSeed),
+                      s.unknown ? ("  unknown on " + std::to_string(s.unknown)).c_str() : "");
+        out << text;
+    }
+}
+
 LoadTrace mixedUse(const std::vector<LoadTrace>& traces, int seconds) {
     LoadTrace out("mixed-use-" + std::to_string(seconds / 60) + "min");
     for (std::size_t i = 0; out.seconds() < seconds && !traces.empty(); ++i) {

@@ -27,6 +27,9 @@ using namespace kelvo::quality;
 
 namespace {
 
+// How close a learned share must come to the machine file's for the fans to count as learned.
+constexpr double kLearnedWithin = 0.2;
+
 struct Options {
     std::string csvPath;
     std::string fanCsvPath;
@@ -36,6 +39,7 @@ struct Options {
     std::string svgDir;
     std::string seriesDir;
     std::uint64_t seed = 1;
+    std::uint64_t lastSeed = 0;  // with --seeds, the last of them
     int maxSeconds = -1;
     std::string onlyTrace;
     std::string onlyMachine;
@@ -62,6 +66,9 @@ void usage() {
         "  --learned-after N    the -learned rows start from the profile Kelvo's quiet mode\n"
         "                       built through N minutes of the traces one after another on the\n"
         "                       same machine (default 240; 0 leaves those rows out)\n"
+        "  --seeds FIRST-LAST   with --learn-minutes: run every seed from FIRST to LAST (at most\n"
+        "                       1000) and print, per machine and length of use, how close the\n"
+        "                       learned shares came to the machine file's over them\n"
         "  --machine NAME       run only the built-in machine NAME\n"
         "  --machine-file FILE  run the machine described in FILE (repeatable); once any\n"
         "                       is given, built-in machines run only when named by --machine\n"
@@ -70,6 +77,23 @@ void usage() {
         "                       once any is given, built-in traces run only when named by --trace\n"
         "  --write-builtins DIR write every built-in machine to DIR/machines/NAME.json and every\n"
         "                       built-in trace for --seed to DIR/traces/NAME.json, then exit\n");
+}
+
+// "FIRST-LAST", both whole numbers, LAST no smaller and at most kMostSeeds seeds in all.
+constexpr std::uint64_t kMostSeeds = 1000;
+bool parseSeeds(const std::string& value, Options& options) {
+    const std::size_t dash = value.find('-');
+    if (dash == std::string::npos || dash == 0 || dash + 1 == value.size()) return false;
+    const std::string first = value.substr(0, dash);
+    const std::string last = value.substr(dash + 1);
+    auto digits = [](const std::string& text) {
+        return text.size() <= 18 &&
+               std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    };
+    if (!digits(first) || !digits(last)) return false;
+    options.seed = std::strtoull(first.c_str(), nullptr, 10);
+    options.lastSeed = std::strtoull(last.c_str(), nullptr, 10);
+    return options.lastSeed >= options.seed && options.lastSeed - options.seed < kMostSeeds;
 }
 
 bool parse(int argc, char** argv, Options& options) {
@@ -100,6 +124,8 @@ bool parse(int argc, char** argv, Options& options) {
             options.seriesDir = value;
         } else if (arg == "--seed") {
             options.seed = std::strtoull(value.c_str(), nullptr, 10);
+        } else if (arg == "--seeds") {
+            if (!parseSeeds(value, options)) return false;
         } else if (arg == "--max-seconds") {
             options.maxSeconds = std::atoi(value.c_str());
         } else if (arg == "--trace") {
@@ -176,10 +202,10 @@ std::optional<std::vector<MachineProfile>> chooseMachines(const Options& options
     return machines;
 }
 
-std::optional<std::vector<LoadTrace>> chooseTraces(const Options& options) {
+std::optional<std::vector<LoadTrace>> chooseTraces(const Options& options, std::uint64_t seed) {
     std::vector<LoadTrace> traces;
     bool found = false;
-    for (auto& trace : TraceLibrary(options.seed).all()) {
+    for (auto& trace : TraceLibrary(seed).all()) {
         bool named = trace.name() == options.onlyTrace;
         found = found || named;
         if (options.traceFiles.empty() ? options.onlyTrace.empty() || named : named)
@@ -316,17 +342,29 @@ int learnCouplings(const std::vector<MachineProfile>& machines,
     const auto quiet = std::find_if(controllers.begin(), controllers.end(), [](const auto& c) {
         return c.kelvoMode == kelvo::ControlMode::quiet;
     });
-    std::vector<CouplingRow> rows;
-    for (const auto& machine : machines) {
-        if (machine.plant.fans.size() < 2) continue;
-        for (int minutes : options.learnMinutes) {
-            const LoadTrace trace = mixedUse(traces, minutes * 60);
-            RunResult run =
-                runController(machine, trace, *quiet, RunSettings{options.seed, {}, {}});
-            rows.push_back({machine.name, quiet->name, trace.name(), machine.plant,
-                            std::move(run.evidence.couplings)});
+    const std::uint64_t last = std::max(options.seed, options.lastSeed);
+    std::vector<SeededRow> runs;
+    for (std::uint64_t seed = options.seed; seed <= last; ++seed) {
+        // Each seed draws its own traces, as a table run with --seed does.
+        const std::vector<LoadTrace> drawn =
+            seed == options.seed ? traces : *chooseTraces(options, seed);
+        for (const auto& machine : machines) {
+            if (machine.plant.fans.size() < 2) continue;
+            for (int minutes : options.learnMinutes) {
+                const LoadTrace trace = mixedUse(drawn, minutes * 60);
+                RunResult run = runController(machine, trace, *quiet, RunSettings{seed, {}, {}});
+                runs.push_back({seed,
+                                {machine.name, quiet->name, trace.name(), machine.plant,
+                                 std::move(run.evidence.couplings)}});
+            }
         }
     }
+    if (options.lastSeed > options.seed) {
+        printLearningSummary(std::cout, summarizeLearning(runs, kLearnedWithin), kLearnedWithin);
+        return 0;
+    }
+    std::vector<CouplingRow> rows;
+    for (auto& run : runs) rows.push_back(std::move(run.row));
     printCouplingTable(std::cout, rows);
     if (!options.couplingCsvPath.empty() && !writeCouplingCsv(options.couplingCsvPath, rows)) {
         std::fprintf(stderr, "cannot write %s\n", options.couplingCsvPath.c_str());
@@ -344,9 +382,17 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (!options.builtinsDir.empty()) return writeBuiltins(options) ? 0 : 1;
+    if (options.lastSeed > 0 && options.learnMinutes.empty()) {
+        std::fprintf(stderr, "--seeds goes with --learn-minutes\n");
+        return 2;
+    }
+    if (options.lastSeed > options.seed && !options.couplingCsvPath.empty()) {
+        std::fprintf(stderr, "--coupling-csv writes one seed's runs: give --seed N, not --seeds\n");
+        return 2;
+    }
 
     auto machines = chooseMachines(options);
-    auto traces = chooseTraces(options);
+    auto traces = chooseTraces(options, options.seed);
     if (!machines || !traces) return 2;
     std::vector<std::string> machineNames;
     std::vector<std::string> traceNames;

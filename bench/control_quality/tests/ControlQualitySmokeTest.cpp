@@ -204,6 +204,28 @@ TEST_F(ControlQualitySmoke, LearningRunsKelvosQuietModeOnTheMachinesWithSeveralF
     EXPECT_EQ(traces, (std::set<std::string>{"mixed-use-2min", "mixed-use-4min"}));
 }
 
+TEST_F(ControlQualitySmoke, LearningOverSeveralSeedsPrintsHowCloseEachMachineCame) {
+    const auto out = dir_ / "seeds.txt";
+    const std::string command = std::string(CONTROL_QUALITY_BIN) +
+                                " --machine laptop-two-blowers --trace render --learn-minutes 3"
+                                " --seeds 4-5 > " +
+                                out.string();
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    std::ifstream file(out);
+    const std::string text((std::istreambuf_iterator<char>(file)), {});
+    EXPECT_NE(text.find("laptop-two-blowers       mixed-use-3min   mean gap"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find(" of   2  worst"), std::string::npos) << text;
+    // One seed's CSV cannot hold several seeds' runs: refused, not written.
+    const std::string csv = (dir_ / "seeds.csv").string();
+    const std::string refused = std::string(CONTROL_QUALITY_BIN) +
+                                " --machine laptop-two-blowers --learn-minutes 3 --seeds 4-5"
+                                " --coupling-csv " +
+                                csv + " 2> /dev/null";
+    EXPECT_NE(std::system(refused.c_str()), 0);
+    EXPECT_FALSE(std::filesystem::exists(csv));
+}
+
 TEST_F(ControlQualitySmoke, DrawsOneChartPerMachineAndTrace) {
     ASSERT_EQ(status_, 0);
     std::map<std::string, int> fansOf;

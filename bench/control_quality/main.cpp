@@ -345,13 +345,15 @@ int learnCouplings(const std::vector<MachineProfile>& machines,
     const std::uint64_t last = std::max(options.seed, options.lastSeed);
     std::vector<SeededRow> runs;
     for (std::uint64_t seed = options.seed; seed <= last; ++seed) {
-        // Each seed draws its own traces, as a table run with --seed does.
-        const std::vector<LoadTrace> drawn =
-            seed == options.seed ? traces : *chooseTraces(options, seed);
+        // Each seed draws its own traces, as a table run with --seed does. A trace file that
+        // could be read for the first seed and no longer can is reported, not run without.
+        const auto drawn =
+            seed == options.seed ? std::optional(traces) : chooseTraces(options, seed);
+        if (!drawn) return 2;
         for (const auto& machine : machines) {
             if (machine.plant.fans.size() < 2) continue;
             for (int minutes : options.learnMinutes) {
-                const LoadTrace trace = mixedUse(drawn, minutes * 60);
+                const LoadTrace trace = mixedUse(*drawn, minutes * 60);
                 RunResult run = runController(machine, trace, *quiet, RunSettings{seed, {}, {}});
                 runs.push_back({seed,
                                 {machine.name, quiet->name, trace.name(), machine.plant,
@@ -382,6 +384,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (!options.builtinsDir.empty()) return writeBuiltins(options) ? 0 : 1;
+    if (options.lastSeed > 0 && options.lastSeed < options.seed) {
+        std::fprintf(stderr, "--seed after --seeds FIRST-LAST moved FIRST past LAST\n");
+        return 2;
+    }
     if (options.lastSeed > 0 && options.learnMinutes.empty()) {
         std::fprintf(stderr, "--seeds goes with --learn-minutes\n");
         return 2;

@@ -32,6 +32,9 @@ constexpr double kHeadingOverBlendC = 3;
 // a second at a degree past it, none at the edge itself.
 constexpr double kLimitRiseGain = 0.4;
 constexpr double kLimitLookaheadS = 3;
+// After such a rise the fans come back down at the quiet ramp only while every die's course over
+// the next few seconds stays this far under its limit.
+constexpr double kEaseClearOfLimitC = 2;
 constexpr double kPowerRiseWatts = 12;
 constexpr double kTrendSeconds = 3;
 // A burst shorter than this (opening an application, a page, a search) is not the sustained load
@@ -47,6 +50,7 @@ void ControlPolicy::follow(double duty) {
 
 void ControlPolicy::reset(double duty) {
     duty_ = std::clamp(duty, 0.0, 1.0);
+    limitRise_.reset();
     drive_ = -1e9;
     sinceIncrease_ = 1e9;
     anticipationLeft_ = 0;
@@ -275,7 +279,14 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
             rise = std::min(rise, quietRampLimit(sample, false) * dt);
         duty_ = std::min(1.0, duty_ + rise);
         sinceIncrease_ = 0;
+        // Eased down far enough that the die climbs again: the fans are where the load needs
+        // them, and from here the policy's own ramps hold.
+        if (limitRise_ && limitRise_->easing) limitRise_.reset();
         out.reason = "above setpoint";
+    } else if (easesAfterLimitRise(mode, sample, drive)) {
+        duty_ = std::max(limitRise_->from, duty_ - quietRampLimit(sample, true) * dt);
+        limitRise_->easing = true;
+        out.reason = "easing after the limit";
     } else if (excess < -limits_.hysteresisC && sinceIncrease_ >= limits_.decreaseHoldSeconds) {
         // Measured from the band's lower edge: the fans settle just under the band instead of
         // sliding through it and coming back up with a second audible change.
@@ -308,14 +319,28 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     // The edge stays inside the margin, so holding the setpoint never reaches it.
     const double pastEdge = hardExcess + std::min(1.0, 0.5 * margin_);
     if (pastEdge > 0 && duty_ < 1.0) {
+        if (!limitRise_ || limitRise_->easing) limitRise_ = LimitRise{duty_, false};
         duty_ = std::min(1.0, duty_ + kLimitRiseGain * pastEdge * pastEdge * dt);
         sinceIncrease_ = 0;
         out.reason = "near limit";
     }
 
+    if (limitRise_ && duty_ <= limitRise_->from) limitRise_.reset();
     out.duty = duty_;
     if (mode == ControlMode::quietHybrid && leadModel) anticipate(sample, dt, *leadModel, out);
     return out;
+}
+
+// The rise the hard limit forces overshoots what the load needs: a die that jumps near its limit
+// carries its own heat over a heatsink that warms in minutes, and a few seconds of full air barely
+// touch the heatsink. The policy's own fall is paced for its gentle rises and would keep the fans
+// loud for a minute or two after the die is back under its setpoint. So once the die heads under
+// the setpoint, its course clear of the limit, a quiet mode brings the fans back down at the quiet
+// ramp, too gently to be heard, at most to where they were when the limit took over.
+bool ControlPolicy::easesAfterLimitRise(ControlMode mode, const TelemetrySample& sample,
+                                        double drive) const {
+    return mode != ControlMode::performance && limitRise_ && duty_ > limitRise_->from &&
+           drive < 0 && pastLimitAhead(sample, kLimitLookaheadS) < -kEaseClearOfLimitC;
 }
 
 }  // namespace kelvo

@@ -66,6 +66,7 @@ private:
     double quietRampLimit(const TelemetrySample& sample, bool down) const;
     static double settleRate(double excess);
     double pastLimitAhead(const TelemetrySample& sample, double seconds) const;
+    bool easesAfterLimitRise(ControlMode mode, const TelemetrySample& sample, double drive) const;
     enum class Die { cpu, gpu };
     std::optional<double> riseAhead(Die die, double seconds) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
@@ -77,6 +78,12 @@ private:
     double margin_ = 0;   // this tick's distance under the limits
     double horizon_ = 0;  // how far ahead a rising temperature is extrapolated
     double duty_ = 0;
+    // A rise the hard limit forced: the duty when it began, and whether the fans are easing back.
+    struct LimitRise {
+        double from = 0;
+        bool easing = false;
+    };
+    std::optional<LimitRise> limitRise_;
     double drive_ = -1e9;
     double sinceIncrease_ = 1e9;
     double anticipationLeft_ = 0;

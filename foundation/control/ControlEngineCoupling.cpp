@@ -32,7 +32,7 @@ constexpr double kShareBlendPerSecond = 1.0 / 60;
 // A new plan moves each fan at most this fast, unless the shared duty moves the fans faster: the
 // quiet ramp, so that a probe easing out on top of it stays under 3 dB in 5 s. At 0.5 dB a second
 // the two together made 3.0 dB on a fan falling after a render.
-constexpr double kMixRampDbPerSecond = 0.45;
+constexpr double kMixRampDbPerSecond = kQuietRampDbPerSecond;
 
 // A fan's speed for a duty, kept off 0 so that its level in dB stays finite.
 double audibleRPM(const FanSpeedRange& range, double duty) {

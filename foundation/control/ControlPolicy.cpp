@@ -21,10 +21,6 @@ constexpr double kSoftRiseC = 2;
 // step as a noise. Close to the hard limit a steeper rise takes over.
 constexpr double kQuietRiseRPMPerSecond = 120;
 constexpr double kQuietRiseDutyWithoutSpeeds = 0.03;  // fans that report no range
-// A fan's own level moving 3 dB within 5 s is heard as a change; this ramp stays under it with
-// room to spare. At 0.5 dB a second it made 2.5 dB in 5 s, and a fan lagging its target or a
-// rise hurried by a limit now and then took it over.
-constexpr double kQuietRampDbPerSecond = 0.45;
 // A die heading over its hard limit takes the rise in rpm by degrees: all of it once its course
 // passes the limit by this much, a share of it when only just.
 constexpr double kHeadingOverBlendC = 3;
@@ -272,6 +268,8 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     // and settle where the die will, instead of overshooting after the heatsink has warmed.
     const double drive = mode != ControlMode::performance ? predictedExcess(sample) : excess;
     drive_ = drive;
+    // Where each die's course leads over the next few seconds, against its hard limit.
+    const double hardExcess = pastLimitAhead(sample, kLimitLookaheadS);
     if (drive > 0) {
         const double eased = drive * std::min(1.0, drive / kSoftRiseC);
         double rise = riseGain * eased * dt;
@@ -283,7 +281,7 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         // them, and from here the policy's own ramps hold.
         if (limitRise_ && limitRise_->easing) limitRise_.reset();
         out.reason = "above setpoint";
-    } else if (easesAfterLimitRise(mode, sample, drive)) {
+    } else if (easesAfterLimitRise(mode, drive, hardExcess)) {
         duty_ = std::max(limitRise_->from, duty_ - quietRampLimit(sample, true) * dt);
         limitRise_->easing = true;
         out.reason = "easing after the limit";
@@ -315,7 +313,6 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     // and it is a flood a degree over the limit.
     // A die creeping towards the limit is met a few seconds early, where the fans can still
     // catch it.
-    const double hardExcess = pastLimitAhead(sample, kLimitLookaheadS);
     // The edge stays inside the margin, so holding the setpoint never reaches it.
     const double pastEdge = hardExcess + std::min(1.0, 0.5 * margin_);
     if (pastEdge > 0 && duty_ < 1.0) {
@@ -337,10 +334,9 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
 // loud for a minute or two after the die is back under its setpoint. So once the die heads under
 // the setpoint, its course clear of the limit, a quiet mode brings the fans back down at the quiet
 // ramp, too gently to be heard, at most to where they were when the limit took over.
-bool ControlPolicy::easesAfterLimitRise(ControlMode mode, const TelemetrySample& sample,
-                                        double drive) const {
+bool ControlPolicy::easesAfterLimitRise(ControlMode mode, double drive, double hardExcess) const {
     return mode != ControlMode::performance && limitRise_ && duty_ > limitRise_->from &&
-           drive < 0 && pastLimitAhead(sample, kLimitLookaheadS) < -kEaseClearOfLimitC;
+           drive < 0 && hardExcess < -kEaseClearOfLimitC;
 }
 
 }  // namespace kelvo

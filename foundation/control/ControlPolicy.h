@@ -26,6 +26,12 @@ struct ControlLimits {
     double trendHorizonS = 30;  // a rising temperature is extrapolated this far
 };
 
+// Quiet modes move no fan's own level faster than this (the fan law, 50·log10 of its speed). A
+// fan's own level moving 3 dB within 5 s is heard as a change; this ramp stays under it with room
+// to spare. At 0.5 dB a second it made 2.5 dB in 5 s, and a fan lagging its target or a rise
+// hurried by a limit now and then took it over.
+inline constexpr double kQuietRampDbPerSecond = 0.45;
+
 // How far between a fan's minimum (0) and maximum (1) it should run.
 struct PolicyOutput {
     double duty = 0;
@@ -66,7 +72,7 @@ private:
     double quietRampLimit(const TelemetrySample& sample, bool down) const;
     static double settleRate(double excess);
     double pastLimitAhead(const TelemetrySample& sample, double seconds) const;
-    bool easesAfterLimitRise(ControlMode mode, const TelemetrySample& sample, double drive) const;
+    bool easesAfterLimitRise(ControlMode mode, double drive, double hardExcess) const;
     enum class Die { cpu, gpu };
     std::optional<double> riseAhead(Die die, double seconds) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);

@@ -169,6 +169,23 @@ bool ReportWriter::checkForesightFloor(std::ostream& out, const std::string& mac
     return pass;
 }
 
+// What a light-load failure is measured against: a firmware that sits at its floor through the
+// light seconds may pay for it later over the limits, and the quietest plan found under the limits
+// may spend more over those same seconds to keep them (it is the quietest over the whole trace,
+// not over these seconds). Said beside the verdict, which it does not change.
+std::string ReportWriter::lightContext(const QualityRow& firmware) const {
+    std::string context;
+    const QualityRow* floor = find(firmware.machine, firmware.trace, "foresight");
+    if (floor && floor->overLimitS == 0 && floor->lightS >= kMinLightS &&
+        floor->lightMeanDb - firmware.lightMeanDb >= kTieDb)
+        context += format("; foresight, under the limits, is %+.2f dB over it there too",
+                          floor->lightMeanDb - firmware.lightMeanDb);
+    if (firmware.overLimitS > 0)
+        context += format("; the firmware crosses the limits on this trace (%s)",
+                          crossed(firmware).c_str());
+    return context;
+}
+
 bool ReportWriter::checkLight(std::ostream& out, const QualityRow& row) const {
     const QualityRow* firmware = find(row.machine, row.trace, "firmware");
     if (!firmware) return true;
@@ -180,9 +197,9 @@ bool ReportWriter::checkLight(std::ostream& out, const QualityRow& row) const {
     }
     const double excess = row.lightMeanDb - firmware->lightMeanDb;
     const bool pass = excess < kTieDb;
-    out << format("  %-34s %-12s %5.1f dB vs firmware %5.1f dB (%+.2f) over %.0f light s: %s\n",
+    out << format("  %-34s %-12s %5.1f dB vs firmware %5.1f dB (%+.2f) over %.0f light s: %s%s\n",
                   where.c_str(), row.controller.c_str(), row.lightMeanDb, firmware->lightMeanDb,
-                  excess, row.lightS, verdict(pass));
+                  excess, row.lightS, verdict(pass), pass ? "" : lightContext(*firmware).c_str());
     return pass;
 }
 

@@ -36,6 +36,7 @@ private:
     bool checkForesightFloor(std::ostream& out, const std::string& machine,
                              const std::string& trace) const;
     bool checkLight(std::ostream& out, const QualityRow& row) const;
+    std::string lightContext(const QualityRow& firmware) const;
     bool checkFloor(std::ostream& out, const QualityRow& row) const;
     bool checkChanges(std::ostream& out, const QualityRow& row) const;
     bool checkLaunch(std::ostream& out, const QualityRow& row) const;

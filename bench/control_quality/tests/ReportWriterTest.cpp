@@ -112,6 +112,42 @@ TEST(ReportWriter, AtLightLoadTheQuietModesAreJudgedAgainstTheFirmware) {
     EXPECT_NE(lineWith(none.str(), "quietHybrid", "n/a: 30 s of light load"), "") << none.str();
 }
 
+// A firmware that is quiet through the light seconds may cross the limits later on the same
+// trace, and the floor may be louder than it over those seconds: a failure says both, and keeps
+// its verdict.
+TEST(ReportWriter, ALightLoadFailureSaysWhatTheFirmwareAndTheFloorDidOnThatTrace) {
+    std::vector<QualityRow> rows = {row("firmware", "mixed-day", 20.0, 421),
+                                    row("foresight", "mixed-day", 26.0),
+                                    row("quiet", "mixed-day", 30.0)};
+    for (auto& r : rows) r.lightS = 350;
+    rows[0].lightMeanDb = 16.3;
+    rows[1].lightMeanDb = 18.5;
+    rows[2].lightMeanDb = 24.6;
+    std::ostringstream out;
+    EXPECT_FALSE(ReportWriter(rows).printTargets(out));
+    const std::string line = lineWith(out.str(), "quiet ", "light s");
+    EXPECT_NE(
+        line.find("(+8.30) over 350 light s: FAIL; foresight, under the limits, is +2.20 dB "
+                  "over it there too; the firmware crosses the limits on this trace (CPU limit "
+                  "421 s)"),
+        std::string::npos)
+        << line;
+    // A floor quieter than the firmware there, or one over the limits itself, and a firmware
+    // that keeps them: nothing to add.
+    rows[0].overCpuLimitS = rows[0].overLimitS = 0;
+    rows[1].lightMeanDb = 16.0;
+    std::ostringstream plain;
+    ReportWriter(rows).printTargets(plain);
+    const std::string bare = lineWith(plain.str(), "quiet ", "light s");
+    EXPECT_TRUE(bare.ends_with("over 350 light s: FAIL")) << bare;
+    rows[1].lightMeanDb = 18.5;
+    rows[1].overCpuLimitS = rows[1].overLimitS = 5;
+    std::ostringstream floorOver;
+    ReportWriter(rows).printTargets(floorOver);
+    EXPECT_EQ(lineWith(floorOver.str(), "quiet ", "light s").find("foresight"), std::string::npos)
+        << floorOver.str();
+}
+
 TEST(ReportWriter, AfterALaunchNoSecondIsLouderThanTheFirmwaresSameSecond) {
     std::vector<QualityRow> rows = {row("firmware", "render", 30.0), row("quiet", "render", 29.0),
                                     row("performance", "render", 35.0)};

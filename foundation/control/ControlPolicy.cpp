@@ -31,6 +31,11 @@ constexpr double kLimitLookaheadS = 3;
 // After such a rise the fans come back down at the quiet ramp only while every die's course over
 // the next few seconds stays this far under its limit.
 constexpr double kEaseClearOfLimitC = 2;
+// A die keeps the whole setpoint margin while its burst reserve is at least this large, or while
+// its course still rises by this much over the trend's horizon; the settled margin once neither is
+// left, and a share of the difference in between.
+constexpr double kFullMarginFromReserveC = 2;
+constexpr double kFullMarginFromRiseC = 1;
 constexpr double kPowerRiseWatts = 12;
 constexpr double kTrendSeconds = 3;
 // A burst shorter than this (opening an application, a page, a search) is not the sustained load
@@ -65,21 +70,40 @@ double ControlPolicy::gpuLimit(ControlMode) const {
     return limits_.quietGpuLimitC;
 }
 
+// How far under its limit a quiet mode holds a die: its burst reserve, and the margin. The margin
+// is for what the policy cannot see coming: a burst landing on a device that still has headroom,
+// and the overshoot of the fans' own answer to a die still heading up. A die whose device already
+// runs flat out and whose course has levelled off has neither left: it is held at the settled
+// margin. A device whose load cannot be read, or a course not yet known, keeps the whole margin.
+ControlPolicy::Room ControlPolicy::roomFor(Die die) const {
+    Room room;
+    room.reserve = die == Die::cpu ? cpuReserve() : gpuReserve();
+    room.margin = margin_;
+    const auto load = die == Die::cpu ? trend_.cpuBaseLoadPct() : trend_.gpuBaseLoadPct();
+    if (!load) return room;
+    const auto ahead = riseAhead(die, horizon_);
+    const double fromReserve = std::clamp(room.reserve / kFullMarginFromReserveC, 0.0, 1.0);
+    const double fromRise = ahead ? std::clamp(*ahead / kFullMarginFromRiseC, 0.0, 1.0) : 1.0;
+    const double settled = std::min(limits_.quietSettledMarginC, margin_);
+    room.margin = settled + (margin_ - settled) * std::max(fromReserve, fromRise);
+    return room;
+}
+
 // Positive when the hottest sensor is over the mode's setpoint, negative when under it.
 double ControlPolicy::setpointExcess(ControlMode mode, const TelemetrySample& sample) const {
     double worst = -1e9;
     // An idle die sits close to its heatsink; a burst lifts it by its full power over the
     // die-to-sink resistance within a second or two, faster than any fan can answer. So the
     // less busy its device has been, the further under the limit quiet keeps it.
-    auto consider = [&](const std::optional<double>& temp, double limit, double reserve) {
+    auto consider = [&](const std::optional<double>& temp, double limit, const Room& room) {
         if (!temp) return;
         double setpoint = mode == ControlMode::performance
                               ? std::min(limits_.performanceTargetC, limit)
-                              : limit - margin_ - reserve;
+                              : limit - room.margin - room.reserve;
         worst = std::max(worst, *temp - setpoint);
     };
-    consider(sample.cpuTemperatureC, limits_.quietCpuLimitC, cpuReserve());
-    consider(sample.gpuTemperatureC, limits_.quietGpuLimitC, gpuReserve());
+    consider(sample.cpuTemperatureC, limits_.quietCpuLimitC, room_[0]);
+    consider(sample.gpuTemperatureC, limits_.quietGpuLimitC, room_[1]);
     return worst;
 }
 
@@ -90,20 +114,20 @@ double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
     const double horizon = horizon_;
     double worst = -1e9;
     auto consider = [&](const std::optional<double>& temp, const std::optional<double>& ahead,
-                        double limit, double reserve) {
+                        double limit, const Room& room) {
         if (!temp) return;
-        const double setpoint = limit - margin_;
+        const double setpoint = limit - room.margin;
         const double rise = ahead ? std::max(0.0, *ahead) : 0.0;
         worst = std::max(worst, *temp + rise - setpoint);
         // The burst reserve is for a die that is not cooling already: one on its way down after
         // its load ended gets there without the fans. Until the slope is known, only the plain
         // setpoint drives the fans up; a burst's own jump is not a trend.
-        if (ahead) worst = std::max(worst, *temp + *ahead - (setpoint - reserve));
+        if (ahead) worst = std::max(worst, *temp + *ahead - (setpoint - room.reserve));
     };
     consider(sample.cpuTemperatureC, riseAhead(Die::cpu, horizon), limits_.quietCpuLimitC,
-             cpuReserve());
+             room_[0]);
     consider(sample.gpuTemperatureC, riseAhead(Die::gpu, horizon), limits_.quietGpuLimitC,
-             gpuReserve());
+             room_[1]);
     return worst;
 }
 
@@ -253,6 +277,7 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         margin_ = limits_.quietHybridSetpointMarginC;
         if (anticipationLeft_ > 0) horizon_ = std::max(horizon_, leadModel->averageLeadMs / 1000.0);
     }
+    room_ = {roomFor(Die::cpu), roomFor(Die::gpu)};
     double excess = setpointExcess(mode, sample);
     drive_ = excess;
     if (excess <= -1e8) {
@@ -313,8 +338,9 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
     // and it is a flood a degree over the limit.
     // A die creeping towards the limit is met a few seconds early, where the fans can still
     // catch it.
-    // The edge stays inside the margin, so holding the setpoint never reaches it.
-    const double pastEdge = hardExcess + std::min(1.0, 0.5 * margin_);
+    // The edge stays inside the margins, so holding the setpoint never reaches it.
+    const double pastEdge =
+        hardExcess + std::min(1.0, 0.5 * std::min(room_[0].margin, room_[1].margin));
     if (pastEdge > 0 && duty_ < 1.0) {
         if (!limitRise_ || limitRise_->easing) limitRise_ = LimitRise{duty_, false};
         duty_ = std::min(1.0, duty_ + kLimitRiseGain * pastEdge * pastEdge * dt);

@@ -1,6 +1,7 @@
 // Per-mode fan-speed policy: turns temperatures into a fan duty between each fan's min and max.
 #pragma once
 
+#include <array>
 #include <deque>
 #include <optional>
 
@@ -20,6 +21,9 @@ struct ControlLimits {
     double hysteresisC = 3;
     double quietSetpointMarginC = 2;           // quiet aims this far under its limit
     double quietHybridSetpointMarginC = 1.25;  // quietHybrid, with a lead model to look ahead
+    // ... but only this far under it for a die whose device already runs flat out and whose
+    // course has levelled off: no burst is left to come, and it moves only as its heatsink does
+    double quietSettledMarginC = 1;
     // and further under it by the jump a burst would bring to an idle die; before a die's jump
     // has been seen, this much on an idle machine
     double quietBurstReserveC = 6;
@@ -75,14 +79,21 @@ private:
     bool easesAfterLimitRise(ControlMode mode, double drive, double hardExcess) const;
     enum class Die { cpu, gpu };
     std::optional<double> riseAhead(Die die, double seconds) const;
+    // How far under a die's limit it is held this tick: its burst reserve and the margin.
+    struct Room {
+        double reserve = 0;
+        double margin = 0;
+    };
+    Room roomFor(Die die) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);
     void anticipate(const TelemetrySample& sample, double dt, const AdaptiveLeadModel& model,
                     PolicyOutput& out);
 
     ControlLimits limits_;
     TemperatureTrend trend_;
-    double margin_ = 0;   // this tick's distance under the limits
-    double horizon_ = 0;  // how far ahead a rising temperature is extrapolated
+    double margin_ = 0;           // this tick's distance under the limits
+    std::array<Room, 2> room_{};  // ... and the CPU's and the GPU's own room, as each is now
+    double horizon_ = 0;          // how far ahead a rising temperature is extrapolated
     double duty_ = 0;
     // A rise the hard limit forced: the duty when it began, and whether the fans are easing back.
     struct LimitRise {

@@ -584,6 +584,52 @@ TEST(ControlPolicy, QuietHoldsStillWithinHalfADegreeOfItsSetpoint) {
     EXPECT_DOUBLE_EQ(out.duty, raised);
 }
 
+// A die whose device already runs flat out and whose course has levelled off has no burst to come
+// and moves only as its heatsink does: quiet holds it a degree under its limit instead of two. A
+// device with headroom, a die still heading up, or a load that cannot be read keep the whole
+// margin.
+TEST(ControlPolicy, AFlatOutDieThatHasLevelledOffIsHeldCloserToItsLimit) {
+    struct Settled {
+        double drive = 0;
+        std::string reason;
+        // The steep rise near the limit took over at some tick once the course was known.
+        bool nearLimit = false;
+    };
+    auto settle = [](std::optional<double> util, double cpuC, double perSecond = 0) {
+        ControlPolicy policy;
+        Settled settled;
+        for (int t = 0; t < 30; ++t) {
+            TelemetrySample s = temps(t, cpuC + perSecond * t, 60);
+            s.cpuUtilizationPct = util;
+            s.gpuUtilizationPct = util;
+            settled.reason = policy.decide(ControlMode::quiet, s, 1.0, std::nullopt).reason;
+            settled.nearLimit = settled.nearLimit || (t >= 10 && settled.reason == "near limit");
+        }
+        settled.drive = policy.drive();
+        return settled;
+    };
+    // 88 °C limit: flat out and level at 86.5 °C, half a degree under its setpoint of 87.
+    const Settled flatOut = settle(100.0, 86.5);
+    EXPECT_NEAR(flatOut.drive, -0.5, 0.05);
+    EXPECT_NE(flatOut.reason, "above setpoint");
+    // Half the device idle: the whole margin and the burst reserve (6 °C × half, no jump seen
+    // yet) under the limit, a setpoint of 83.
+    EXPECT_NEAR(settle(50.0, 86.5).drive, 3.5, 0.05);
+    // Its load unread: the whole margin, a setpoint of 86.
+    const Settled unread = settle(std::nullopt, 86.5);
+    EXPECT_NEAR(unread.drive, 0.5, 0.05);
+    EXPECT_EQ(unread.reason, "above setpoint");
+    // Still heading up by a tenth of a degree a second, 3 °C over the trend's 30 s: the whole
+    // margin, against where the course leads.
+    const double last = 80 + 0.1 * 29;
+    EXPECT_NEAR(settle(100.0, 80, 0.1).drive, last + 3 - 86, 0.1);
+    // The steep rise near the limit starts inside the margin the die is held at: at 87.2 °C a
+    // flat-out die held a degree under its limit rises gently, one held two degrees under is
+    // past the edge.
+    EXPECT_FALSE(settle(100.0, 87.2).nearLimit);
+    EXPECT_TRUE(settle(std::nullopt, 87.2).nearLimit);
+}
+
 TEST(ControlPolicy, NoTemperatureRunsAtASafeMiddleSpeed) {
     ControlPolicy policy;
     TelemetrySample s;

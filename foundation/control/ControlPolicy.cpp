@@ -78,12 +78,13 @@ double ControlPolicy::gpuLimit(ControlMode) const {
 ControlPolicy::Room ControlPolicy::roomFor(Die die) const {
     Room room;
     room.reserve = die == Die::cpu ? cpuReserve() : gpuReserve();
+    room.ahead = riseAhead(die, horizon_);
     room.margin = margin_;
     const auto load = die == Die::cpu ? trend_.cpuBaseLoadPct() : trend_.gpuBaseLoadPct();
     if (!load) return room;
-    const auto ahead = riseAhead(die, horizon_);
     const double fromReserve = std::clamp(room.reserve / kFullMarginFromReserveC, 0.0, 1.0);
-    const double fromRise = ahead ? std::clamp(*ahead / kFullMarginFromRiseC, 0.0, 1.0) : 1.0;
+    const double fromRise =
+        room.ahead ? std::clamp(*room.ahead / kFullMarginFromRiseC, 0.0, 1.0) : 1.0;
     const double settled = std::min(limits_.quietSettledMarginC, margin_);
     room.margin = settled + (margin_ - settled) * std::max(fromReserve, fromRise);
     return room;
@@ -111,11 +112,10 @@ double ControlPolicy::setpointExcess(ControlMode mode, const TelemetrySample& sa
 // it over the horizon (less where the rise is levelling off). Falling temperatures are not
 // extrapolated: the fans come down by the slow rules only.
 double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
-    const double horizon = horizon_;
     double worst = -1e9;
-    auto consider = [&](const std::optional<double>& temp, const std::optional<double>& ahead,
-                        double limit, const Room& room) {
+    auto consider = [&](const std::optional<double>& temp, double limit, const Room& room) {
         if (!temp) return;
+        const std::optional<double>& ahead = room.ahead;
         const double setpoint = limit - room.margin;
         const double rise = ahead ? std::max(0.0, *ahead) : 0.0;
         worst = std::max(worst, *temp + rise - setpoint);
@@ -124,10 +124,8 @@ double ControlPolicy::predictedExcess(const TelemetrySample& sample) const {
         // setpoint drives the fans up; a burst's own jump is not a trend.
         if (ahead) worst = std::max(worst, *temp + *ahead - (setpoint - room.reserve));
     };
-    consider(sample.cpuTemperatureC, riseAhead(Die::cpu, horizon), limits_.quietCpuLimitC,
-             room_[0]);
-    consider(sample.gpuTemperatureC, riseAhead(Die::gpu, horizon), limits_.quietGpuLimitC,
-             room_[1]);
+    consider(sample.cpuTemperatureC, limits_.quietCpuLimitC, room_[0]);
+    consider(sample.gpuTemperatureC, limits_.quietGpuLimitC, room_[1]);
     return worst;
 }
 
@@ -277,7 +275,12 @@ PolicyOutput ControlPolicy::decide(ControlMode mode, const TelemetrySample& samp
         margin_ = limits_.quietHybridSetpointMarginC;
         if (anticipationLeft_ > 0) horizon_ = std::max(horizon_, leadModel->averageLeadMs / 1000.0);
     }
-    room_ = {roomFor(Die::cpu), roomFor(Die::gpu)};
+    // Performance aims at its own target, far under the limits: the room under them is the quiet
+    // modes' concern, and its steep rise keeps the whole margin's edge.
+    if (mode == ControlMode::performance)
+        room_ = {Room{0, margin_, std::nullopt}, Room{0, margin_, std::nullopt}};
+    else
+        room_ = {roomFor(Die::cpu), roomFor(Die::gpu)};
     double excess = setpointExcess(mode, sample);
     drive_ = excess;
     if (excess <= -1e8) {

@@ -79,10 +79,12 @@ private:
     bool easesAfterLimitRise(ControlMode mode, double drive, double hardExcess) const;
     enum class Die { cpu, gpu };
     std::optional<double> riseAhead(Die die, double seconds) const;
-    // How far under a die's limit it is held this tick: its burst reserve and the margin.
+    // How far under a die's limit it is held this tick (its burst reserve and the margin), and
+    // how far its course rises over the trend's horizon (nothing while its slope is unknown).
     struct Room {
         double reserve = 0;
         double margin = 0;
+        std::optional<double> ahead;
     };
     Room roomFor(Die die) const;
     bool predictsSustainedLoad(const TelemetrySample& sample, const AdaptiveLeadModel& model);

@@ -8,6 +8,7 @@
 
 #include "PlantMix.h"
 #include "SoundLevel.h"
+#include "foundation/control/ControlPolicy.h"
 #include "foundation/core/FanController.h"
 
 namespace kelvo::quality {
@@ -577,6 +578,47 @@ ForesightOutcome planForesight(const MachineProfile& machine, const LoadTrace& t
 DutyPlan foresightPlan(const MachineProfile& machine, const LoadTrace& trace,
                        const RunSettings& settings) {
     return planForesight(machine, trace, settings).plan;
+}
+
+DutyPlan heldUnheard(const MachineProfile& machine, const DutyPlan& plan, double dbPerSecond) {
+    const std::vector<sim::FanConfig>& fans = machine.plant.fans;
+    const std::size_t seconds = plan.size();
+    DutyPlan held(seconds, std::vector<double>(fans.size(), 0.0));
+    for (std::size_t i = 0; i < fans.size(); ++i) {
+        // A second's entry is one duty per fan, or one duty for every fan.
+        auto planned = [&plan, i](std::size_t t) {
+            return plan[t].size() == 1 ? plan[t][0] : plan[t].at(i);
+        };
+        const double lo = fans[i].minRPM;
+        const double span = fans[i].maxRPM - lo;
+        if (!(lo > 0) || !(span > 0)) {
+            for (std::size_t t = 0; t < seconds; ++t) held[t][i] = planned(t);
+            continue;
+        }
+        // Each second's speed as a level on the fan law's scale; a stopped fan has none.
+        std::vector<double> level(seconds, -1e9);
+        for (std::size_t t = 0; t < seconds; ++t)
+            if (planned(t) >= 0) level[t] = 50 * std::log10(lo + std::min(planned(t), 1.0) * span);
+        // A rise begins early enough to arrive in time at the ramp; a fall follows at it.
+        for (std::size_t t = seconds; t-- > 1;)
+            level[t - 1] = std::max(level[t - 1], level[t] - dbPerSecond);
+        for (std::size_t t = 1; t < seconds; ++t)
+            level[t] = std::max(level[t], level[t - 1] - dbPerSecond);
+        const double lowest = 50 * std::log10(lo);
+        for (std::size_t t = 0; t < seconds; ++t) {
+            // Under the fan's lowest speed only where the plan stops it: it stays stopped.
+            const double rpm = std::pow(10.0, level[t] / 50);
+            held[t][i] = level[t] < lowest - 1e-9
+                             ? planned(t)
+                             : std::clamp((rpm - lo) / span, std::max(planned(t), 0.0), 1.0);
+        }
+    }
+    return held;
+}
+
+DutyPlan foresightUnheardPlan(const MachineProfile& machine, const LoadTrace& trace,
+                              const RunSettings& settings) {
+    return heldUnheard(machine, foresightPlan(machine, trace, settings), kQuietRampDbPerSecond);
 }
 
 }  // namespace kelvo::quality

@@ -73,4 +73,15 @@ ForesightOutcome planForesight(const MachineProfile& machine, const LoadTrace& t
 DutyPlan foresightPlan(const MachineProfile& machine, const LoadTrace& trace,
                        const RunSettings& settings);
 
+// `plan` held unheard: each fan's rises begun early and its falls held back, so that its own level
+// (the fan law: 50·log10 of its speed) moves at most `dbPerSecond` a second. Every fan runs at
+// least as fast as `plan` has it every second, so no die runs warmer; a fan the plan stops stays
+// stopped wherever the held level would be under its lowest speed (its start is heard either way).
+DutyPlan heldUnheard(const MachineProfile& machine, const DutyPlan& plan, double dbPerSecond);
+
+// foresight's plan held to the quiet modes' own ramp: what never being heard costs a controller
+// that knows the future.
+DutyPlan foresightUnheardPlan(const MachineProfile& machine, const LoadTrace& trace,
+                              const RunSettings& settings);
+
 }  // namespace kelvo::quality

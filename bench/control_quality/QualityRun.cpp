@@ -400,6 +400,13 @@ std::vector<ControllerSpec> standardControllers() {
          {},
          foresightPlan,
          "reference: knows the whole trace and the exact machine; quietest found under 88/85 C"},
+        {"foresight-unheard",
+         std::nullopt,
+         {},
+         foresightUnheardPlan,
+         "reference: foresight's plan with each fan's rises begun early and its falls held back "
+         "to the quiet modes' ramp (0.45 dB a second of its own level): what never being heard "
+         "costs a plan that knows the future"},
     };
     return controllers;
 }

@@ -221,11 +221,22 @@ bool ReportWriter::checkFloor(std::ostream& out, const QualityRow& row) const {
     return why.empty();
 }
 
+// A failure says what the quietest plan cost once held to the quiet ramp: where that is little,
+// the level and the count do not pull against each other for a controller that knows what comes,
+// and what this row paid is for not knowing it. Said beside the verdict, which it does not change.
 bool ReportWriter::checkChanges(std::ostream& out, const QualityRow& row) const {
     const bool pass = row.audibleChangesPerHour <= kMaxChangesPerHour + 1e-9;
     const std::string where = row.machine + " / " + row.trace;
-    out << format("  %-34s %-12s %4.1f audible changes an hour: %s\n", where.c_str(),
-                  row.controller.c_str(), row.audibleChangesPerHour, verdict(pass));
+    std::string context;
+    const QualityRow* floor = find(row.machine, row.trace, "foresight");
+    const QualityRow* unheard = find(row.machine, row.trace, "foresight-unheard");
+    if (!pass && floor && unheard)
+        context =
+            format("; foresight held to the quiet ramp: %.1f an hour, %+.2f dB over foresight",
+                   unheard->audibleChangesPerHour, unheard->meanDb - floor->meanDb);
+    out << format("  %-34s %-12s %4.1f audible changes an hour: %s%s\n", where.c_str(),
+                  row.controller.c_str(), row.audibleChangesPerHour, verdict(pass),
+                  context.c_str());
     return pass;
 }
 
@@ -254,7 +265,7 @@ bool ReportWriter::checkMix(std::ostream& out, const QualityRow& row,
     const QualityRow* best = nullptr;
     for (const QualityRow& other : rows_) {
         if (other.machine != row.machine || other.trace != row.trace) continue;
-        if (other.controller == "foresight" || other.controller.ends_with("-learned") ||
+        if (other.controller.starts_with("foresight") || other.controller.ends_with("-learned") ||
             other.controller.ends_with("-known") || other.sharedS > 0)
             continue;
         if (other.overLimitS > row.overLimitS) continue;

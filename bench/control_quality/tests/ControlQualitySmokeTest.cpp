@@ -120,7 +120,7 @@ TEST_F(ControlQualitySmoke, WritesOneSaneRowPerMachineAndController) {
               (std::set<std::string>{"firmware", "quiet", "quietHybrid", "performance",
                                      "quiet-learned", "quietHybrid-learned", "quiet-known",
                                      "quiet-one-duty", "linear-curve", "stepped-hysteresis", "pid",
-                                     "limit-hold", "foresight"}));
+                                     "limit-hold", "foresight", "foresight-unheard"}));
     EXPECT_GE(machines.size(), 2u);  // a laptop and a desktop at least
     EXPECT_EQ(csv.rows.size(), controllers.size() * machines.size());
 }

@@ -240,3 +240,70 @@ TEST(ForesightPlanner, FansItStopsAndRestartsKeepTheLimitsThroughThePwmFiles) {
     const RunResult run = runController(machine, trace, playing(outcome.plan), RunSettings{});
     EXPECT_EQ(run.row.overLimitS, 0);
 }
+
+// Each fan's own level, second by second, under a held plan (duty 0..1 over its range).
+double fanLevel(const sim::FanConfig& fan, double duty) {
+    return 50 * std::log10(fan.minRPM + duty * (fan.maxRPM - fan.minRPM));
+}
+
+// A step to full speed and back, held to the quiet ramp: the rise starts early and arrives in
+// time, the fall follows at the ramp, and no second asks any fan for less than the plan did.
+TEST(ForesightPlanner, HeldUnheardBeginsARiseEarlyAndEndsAFallLateAtTheRamp) {
+    const MachineProfile machine = simulatedDefault();
+    // Minimum to full speed is 33 dB on this machine: 73 s at the ramp.
+    DutyPlan plan(100, {0.0});
+    plan.insert(plan.end(), 60, {1.0});
+    plan.insert(plan.end(), 100, {0.0});
+    const DutyPlan held = heldUnheard(machine, plan, 0.45);
+    ASSERT_EQ(held.size(), plan.size());
+    for (std::size_t t = 0; t < held.size(); ++t) {
+        ASSERT_EQ(held[t].size(), machine.plant.fans.size());
+        for (std::size_t i = 0; i < held[t].size(); ++i) {
+            EXPECT_GE(held[t][i], plan[t][0] - 1e-12) << t;
+            if (t == 0) continue;
+            const sim::FanConfig& fan = machine.plant.fans[i];
+            EXPECT_LE(std::abs(fanLevel(fan, held[t][i]) - fanLevel(fan, held[t - 1][i])),
+                      0.45 + 1e-9)
+                << t;
+        }
+    }
+    EXPECT_DOUBLE_EQ(held[100][0], 1.0);
+    EXPECT_DOUBLE_EQ(held[159][0], 1.0);
+    EXPECT_GT(held[40][0], 0.0);   // on its way up a minute before the step
+    EXPECT_GT(held[220][0], 0.0);  // still on its way down a minute after it
+    EXPECT_DOUBLE_EQ(held[0][0], 0.0);
+    EXPECT_DOUBLE_EQ(held.back()[0], 0.0);
+}
+
+// A fan the plan stops stays stopped wherever the held level would be under its lowest speed; it
+// turns, at its lowest speed or more, on either side of where the plan runs it.
+TEST(ForesightPlanner, HeldUnheardKeepsAStoppedFanStillWhereItsLowestSpeedIsNotNeeded) {
+    const MachineProfile machine = desktopFanStop();
+    DutyPlan plan(90, std::vector<double>(machine.plant.fans.size(), -1.0));
+    plan.insert(plan.end(), 60, std::vector<double>(machine.plant.fans.size(), 0.6));
+    plan.insert(plan.end(), 90, std::vector<double>(machine.plant.fans.size(), -1.0));
+    const DutyPlan held = heldUnheard(machine, plan, 0.45);
+    for (std::size_t i = 0; i < machine.plant.fans.size(); ++i) {
+        EXPECT_LT(held[0][i], 0) << i;
+        EXPECT_GE(held[85][i], 0) << i;  // turning before the plan asks for it
+        EXPECT_LT(held[85][i], 0.6) << i;
+        EXPECT_GE(held[155][i], 0) << i;  // and after
+        EXPECT_LT(held.back()[i], 0) << i;
+    }
+}
+
+// Played on the machine: held to the quiet ramp, the quietest plan keeps the limits it kept, is
+// no quieter, and makes no more audible changes.
+TEST(ForesightPlanner, HeldUnheardKeepsTheLimitsAndIsHeardNoMoreOften) {
+    const MachineProfile machine = desktopCoolerGpuCase();
+    const LoadTrace trace = shortGame();
+    const DutyPlan plan = foresightPlan(machine, trace, RunSettings{});
+    const RunResult floor = runController(machine, trace, playing(plan), RunSettings{});
+    const RunResult held =
+        runController(machine, trace, playing(heldUnheard(machine, plan, 0.45)), RunSettings{});
+    ASSERT_EQ(floor.row.overLimitS, 0);
+    EXPECT_EQ(held.row.overLimitS, 0);
+    EXPECT_GE(held.row.meanDb, floor.row.meanDb - 1e-9);
+    EXPECT_GT(floor.row.audibleChangesPerHour, 0);
+    EXPECT_LT(held.row.audibleChangesPerHour, floor.row.audibleChangesPerHour);
+}

@@ -316,3 +316,43 @@ TEST(ReportWriter, KnowingTheFansMustBeatEveryOneDutyControllerThatKeepsTheLimit
     EXPECT_NE(lineWith(twins.str(), "quietHybrid-learned", "(alike fans)").find("FAIL"),
               std::string::npos);
 }
+
+// A failing changes line says what the floor cost once held to the quiet ramp; a passing one, and
+// one without that reference, say nothing more. Neither is one of the one-duty controllers the
+// learned rows must beat.
+TEST(ReportWriter, AChangesFailureSaysWhatTheFloorHeldToTheQuietRampCost) {
+    auto fans = [](QualityRow r) {
+        r.fanNames.assign(2, "fan");
+        r.sustainedLoad = true;
+        return r;
+    };
+    std::vector<QualityRow> rows = {
+        fans(row("foresight", "game", 30.0)), fans(row("foresight-unheard", "game", 30.12)),
+        fans(row("quiet", "game", 31.0)), fans(row("quietHybrid", "game", 31.0)),
+        fans(row("quiet-learned", "game", 30.0))};
+    rows[0].audibleChangesPerHour = 12;
+    rows[1].audibleChangesPerHour = 0;
+    rows[2].audibleChangesPerHour = 8;
+    rows[3].audibleChangesPerHour = 2;
+    std::ostringstream out;
+    ReportWriter(rows).printTargets(out);
+    const std::string quiet = lineWith(out.str(), "quiet ", "changes an hour:");
+    EXPECT_NE(quiet.find("FAIL; foresight held to the quiet ramp: 0.0 an hour, +0.12 dB over "
+                         "foresight"),
+              std::string::npos)
+        << quiet;
+    const std::string hybrid = lineWith(out.str(), "quietHybrid ", "changes an hour:");
+    EXPECT_NE(hybrid.find("PASS"), std::string::npos) << hybrid;
+    EXPECT_EQ(hybrid.find("held to the quiet ramp"), std::string::npos) << hybrid;
+    // The learned row is judged against quiet, the quietest one-duty controller here, not against
+    // the held floor 0.12 dB over the floor.
+    const std::string learned = lineWith(out.str(), "quiet-learned ", "quieter");
+    EXPECT_NE(learned.find("vs quiet "), std::string::npos) << learned;
+
+    rows.erase(rows.begin() + 1);
+    std::ostringstream without;
+    ReportWriter(rows).printTargets(without);
+    const std::string bare = lineWith(without.str(), "quiet ", "changes an hour:");
+    EXPECT_NE(bare.find("FAIL"), std::string::npos) << bare;
+    EXPECT_EQ(bare.find("held to the quiet ramp"), std::string::npos) << bare;
+}

@@ -24,9 +24,10 @@ constexpr double kWorkEnds = 0.1;
 // Ticks further apart than this are a gap: the spell is read again from what is seen now.
 constexpr double kWorkGapS = 5;
 // The quiet modes share the work by what the fans cool only once every fan is this sure: each
-// share known to within about 0.15 (FanCoupling.cpp), close enough for the mix to be quieter
-// than one duty on the machines the control table measures (docs/measurements.md).
-constexpr double kShareFromConfidence = 0.4;
+// share known to within about 0.18 (FanCoupling.cpp), close enough for the mix to be quieter
+// than one duty on the machines the control table measures (docs/measurements.md). At 0.4 a
+// fresh launch ran one duty for minutes longer than it needed to.
+constexpr double kShareFromConfidence = 0.3;
 // A change between one duty for every fan and the mix takes a minute.
 constexpr double kShareBlendPerSecond = 1.0 / 60;
 // A new plan moves each fan at most this fast, unless the shared duty moves the fans faster: the

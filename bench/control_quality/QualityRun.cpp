@@ -18,6 +18,7 @@
 #include "SoundLevel.h"
 #include "SteppedHysteresisPolicy.h"
 #include "foundation/control/ControlEngine.h"
+#include "foundation/control/ControlPolicy.h"
 #include "foundation/control/HardwareCapabilityTracker.h"
 #include "foundation/core/EventRing.h"
 #include "foundation/core/SysfsMounts.h"
@@ -337,6 +338,18 @@ RunResult runController(const MachineProfile& machine, const LoadTrace& trace,
     return result;
 }
 
+// Says the ramp it is held to as the quiet modes have it, so the two cannot drift apart.
+static std::string unheardDescription() {
+    char ramp[16];
+    std::snprintf(ramp, sizeof ramp, "%.2g", kQuietRampDbPerSecond);
+    return std::string(
+               "reference: foresight's plan with each fan's rises begun early and its falls "
+               "held back to the quiet modes' ramp (") +
+           ramp +
+           " dB a second of its own level): what never being heard costs a plan that knows the "
+           "future";
+}
+
 std::vector<ControllerSpec> standardControllers() {
     constexpr const char* kKelvoStack =
         "Kelvo as first launched: hwmon telemetry, pwm writes through its local fan back-end, "
@@ -400,13 +413,7 @@ std::vector<ControllerSpec> standardControllers() {
          {},
          foresightPlan,
          "reference: knows the whole trace and the exact machine; quietest found under 88/85 C"},
-        {"foresight-unheard",
-         std::nullopt,
-         {},
-         foresightUnheardPlan,
-         "reference: foresight's plan with each fan's rises begun early and its falls held back "
-         "to the quiet modes' ramp (0.45 dB a second of its own level): what never being heard "
-         "costs a plan that knows the future"},
+        {"foresight-unheard", std::nullopt, {}, foresightUnheardPlan, unheardDescription()},
     };
     return controllers;
 }

@@ -315,6 +315,22 @@ TEST(ReportWriter, KnowingTheFansMustBeatEveryOneDutyControllerThatKeepsTheLimit
         << twins.str();
     EXPECT_NE(lineWith(twins.str(), "quietHybrid-learned", "(alike fans)").find("FAIL"),
               std::string::npos);
+
+    // ... and the fresh launch itself against the same launch with the sharing turned off: what
+    // its probes cost where sharing cannot gain.
+    one.push_back(fans(row("quiet-one-duty", "render", 39.85), 2));
+    one.back().fansAlike = true;
+    std::ostringstream probed;
+    ReportWriter(one).printTargets(probed);
+    EXPECT_NE(lineWith(probed.str(), "vs quiet-one-duty 39.85", "(alike fans)").find("PASS"),
+              std::string::npos)
+        << probed.str();
+    one.back().meanDb = 39.7;
+    std::ostringstream costly;
+    ReportWriter(one).printTargets(costly);
+    EXPECT_NE(lineWith(costly.str(), "vs quiet-one-duty 39.70", "(alike fans)").find("FAIL"),
+              std::string::npos)
+        << costly.str();
 }
 
 // A failing changes line says what the floor cost once held to the quiet ramp; a passing one, and

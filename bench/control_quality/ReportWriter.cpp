@@ -244,7 +244,7 @@ bool ReportWriter::checkChanges(std::ostream& out, const QualityRow& row) const 
 // controller that drives all fans with one duty (Kelvo's quiet mode with the sharing turned off,
 // its modes from a fresh profile where they did not share the work within the trace, the
 // firmware, the baselines) and keeps the limits as well. With one fan, or fans all alike, where no
-// share of the work beats one duty: the same as the fresh launch.
+// share of the work beats one duty: the same as `fresh`, the launch it is held to.
 bool ReportWriter::checkMix(std::ostream& out, const QualityRow& row,
                             const std::string& fresh) const {
     const std::string where = row.machine + " / " + row.trace;

@@ -30,6 +30,11 @@ const char* const kLearnedModes[][2] = {
 constexpr double kMixGainDb = 2.0;
 constexpr double kSameAsOneDutyDb = 0.2;
 
+// One fan, or fans all alike: no share of the work beats one duty.
+bool nothingToShare(const QualityRow& row) {
+    return row.fanNames.size() < 2 || row.fansAlike;
+}
+
 const char* verdict(bool pass) {
     return pass ? "PASS" : "FAIL";
 }
@@ -248,7 +253,7 @@ bool ReportWriter::checkChanges(std::ostream& out, const QualityRow& row) const 
 bool ReportWriter::checkMix(std::ostream& out, const QualityRow& row,
                             const std::string& fresh) const {
     const std::string where = row.machine + " / " + row.trace;
-    if (row.fanNames.size() < 2 || row.fansAlike) {
+    if (nothingToShare(row)) {
         const QualityRow* same = find(row.machine, row.trace, fresh);
         if (!same) return true;
         const bool pass = std::abs(row.meanDb - same->meanDb) <= kSameAsOneDutyDb;
@@ -416,8 +421,7 @@ bool ReportWriter::printTargets(std::ostream& out) const {
     // seen only against the launch without it: the learned rows differ from the fresh one by all
     // else a profile holds as well.
     for (const QualityRow* row : rowsOf("quiet"))
-        if (row->fanNames.size() < 2 || row->fansAlike)
-            all = checkMix(out, *row, "quiet-one-duty") && all;
+        if (nothingToShare(*row)) all = checkMix(out, *row, "quiet-one-duty") && all;
     out << "quietHybrid: mean level at most quiet's on traces with sustained load (either device "
            ">= 50 % for 2 minutes, dips of up to 10 s allowed)\n";
     each("quietHybrid", &ReportWriter::checkAnticipation);

@@ -36,6 +36,7 @@
 #include "foundation/telemetry/DieCriticalTemperatures.h"
 #include "tools/CalibrationWatch.h"
 #include "tools/TerminalText.h"
+#include "tools/TextTable.h"
 #include "tools/UpdateCommand.h"
 
 namespace {
@@ -285,8 +286,9 @@ int listFans(const std::string& sysfsRoot, const QString& databasePath) {
     for (std::size_t i = 0; i < fans.size(); ++i)
         for (const auto& c : shares)
             if (c.identity == fans[i].identity) couplings[i] = c;
-    say(stdout, "%-56s %-16s %8s  %-8s %-11s %4s  %s\n", "IDENTITY", "LABEL", "RPM", "STOP",
-        "COOLS", "SURE", "CHOICE");
+    // RPM and SURE are numbers: lined up on the right.
+    kelvo::kelvoctl::TextTable table(
+        {"IDENTITY", "LABEL", "RPM", "STOP", "COOLS", "SURE", "CHOICE"}, {2, 5});
     for (std::size_t i = 0; i < fans.size(); ++i) {
         const KnownFan& fan = fans[i];
         const std::string mostly = kelvo::coolsMostly(couplings[i]);
@@ -308,13 +310,13 @@ int listFans(const std::string& sysfsRoot, const QString& databasePath) {
                            : !effective.stopWhenCool ? "default"
                            : *effective.stopWhenCool ? "on"
                                                      : "off";
-        say(stdout, "%-56s %-16s %8s  %-8s %-11s %4s  %s%s\n", fan.identity.c_str(),
-            fan.label.empty() ? "-" : fan.label.c_str(), rpm.c_str(), stop,
-            mostly.empty() ? "-" : mostly.c_str(), sure.c_str(), choice.c_str(),
-            !effective.problem.empty()   ? " (stored choice unreadable)"
-            : chosen || choice == "auto" ? ""
-                                         : " (pump default)");
+        const char* note = !effective.problem.empty()   ? " (stored choice unreadable)"
+                           : chosen || choice == "auto" ? ""
+                                                        : " (pump default)";
+        table.addRow({fan.identity, fan.label.empty() ? "-" : fan.label, rpm, stop,
+                      mostly.empty() ? "-" : mostly, sure, choice + note});
     }
+    table.print(stdout);
     // Below the table, which stays first for whoever reads it by its headings.
     std::string shareProblem;
     const bool share = kelvo::fan_settings::readShare(settings, &shareProblem);

@@ -7,6 +7,7 @@
 #include <QProcessEnvironment>
 #include <QSettings>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <vector>
@@ -106,6 +107,48 @@ TEST_F(KelvoctlFans, ListsEveryFanWithLabelSpeedAndChoice) {
     EXPECT_TRUE(pump.contains(QStringLiteral("2400"))) << r.out.toStdString();
     EXPECT_TRUE(lineFor(r.out, kPump).join(' ').contains(QStringLiteral("fixed 100")));
     EXPECT_TRUE(lineFor(r.out, kPump).contains(QStringLiteral("never"))) << r.out.toStdString();
+}
+
+// A graphics card's fan sits on a long PCI path and a board may label a header at length: the
+// columns widen for them, and every other row's cells still start under their headings.
+TEST_F(KelvoctlFans, LongLabelsAndDevicePathsKeepEveryCellUnderItsHeading) {
+    const std::string card =
+        sys.addHwmon(5, "amdgpu", "pci0000:00/0000:00:03.1/0000:09:00.0/0000:0a:00.0/0000:0b:00.0");
+    sys.write(card + "/fan1_input", "1850\n");
+    sys.write("sys/class/hwmon/hwmon2/fan3_input", "640\n");
+    sys.write("sys/class/hwmon/hwmon2/fan3_label", "Front intake fans, lower pair\n");
+    const Result r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QStringList lines = r.out.split(QLatin1Char('\n'));
+    const QString& headings = lines.front();
+    const QString gpuFan = QStringLiteral(
+        "amdgpu@/sys/devices/pci0000:00/0000:00:03.1/0000:09:00.0/0000:0a:00.0/0000:0b:00.0#fan1");
+    struct Row {
+        QString identity, label, rpm, stop;
+    };
+    const std::vector<Row> rows{
+        {kFan1, QStringLiteral("-"), QStringLiteral("900"), QStringLiteral("default")},
+        {kPump, QStringLiteral("AIO Pump"), QStringLiteral("2400"), QStringLiteral("never")},
+        {kFan3, QStringLiteral("Front intake fans, lower pair"), QStringLiteral("640"),
+         QStringLiteral("default")},
+        {gpuFan, QStringLiteral("-"), QStringLiteral("1850"), QStringLiteral("default")}};
+    const qsizetype label = headings.indexOf(QStringLiteral("LABEL"));
+    const qsizetype rpmEnd = headings.indexOf(QStringLiteral("RPM")) + 3;
+    const qsizetype stop = headings.indexOf(QStringLiteral("STOP"));
+    const qsizetype choice = headings.indexOf(QStringLiteral("CHOICE"));
+    ASSERT_GT(label, gpuFan.size()) << r.out.toStdString();
+    for (const Row& row : rows) {
+        const auto line = std::find_if(lines.begin(), lines.end(), [&](const QString& l) {
+            return l.startsWith(row.identity + QLatin1Char(' '));
+        });
+        ASSERT_NE(line, lines.end()) << row.identity.toStdString() << "\n" << r.out.toStdString();
+        EXPECT_TRUE(line->mid(label).startsWith(row.label + QLatin1Char(' ')))
+            << r.out.toStdString();
+        EXPECT_TRUE(line->left(rpmEnd).endsWith(QLatin1Char(' ') + row.rpm)) << r.out.toStdString();
+        EXPECT_TRUE(line->mid(stop).startsWith(row.stop + QLatin1Char(' '))) << r.out.toStdString();
+        EXPECT_FALSE(line->mid(choice).startsWith(QLatin1Char(' '))) << r.out.toStdString();
+        EXPECT_FALSE(line->endsWith(QLatin1Char(' '))) << r.out.toStdString();
+    }
 }
 
 TEST_F(KelvoctlFans, StoresTheStopChoiceBesideTheOthersAndShowsIt) {

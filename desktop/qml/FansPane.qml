@@ -177,6 +177,9 @@ Card {
                         color: fansPalette.windowText
                         font.pixelSize: 12
                         wrapMode: Text.WordWrap
+                        // Its item can be laid out taller than its lines (the lines it wrapped to
+                        // in a narrower row): they are drawn at its middle, beside the switch.
+                        verticalAlignment: Text.AlignVCenter
                         Layout.fillWidth: true
                     }
                 }
@@ -204,6 +207,7 @@ Card {
                         color: fansPalette.windowText
                         font.pixelSize: 12
                         wrapMode: Text.WordWrap
+                        verticalAlignment: Text.AlignVCenter
                         Layout.fillWidth: true
                     }
                 }

@@ -140,6 +140,44 @@ TEST_F(FansPane, TheStopSwitchSaysWhyItIsOffLimitsAndCalibrateReachesTheEngine) 
     }));
 }
 
+// Where a line of text is drawn inside its item, in the scene: a wrapped text's item may be
+// laid out taller than its lines, and they sit where its vertical alignment puts them.
+double drawnCentreY(QQuickItem* text) {
+    const double height = text->height();
+    const double content = text->property("contentHeight").toDouble();
+    double top = 0;
+    switch (text->property("verticalAlignment").toInt()) {
+        case Qt::AlignVCenter: top = (height - content) / 2; break;
+        case Qt::AlignBottom: top = height - content; break;
+        default: break;
+    }
+    return text->mapToScene(QPointF(0, top + content / 2)).y();
+}
+
+TEST_F(FansPane, TheStopSwitchsNoteSitsBesideItAndTheCalibrationTextBesideItsButton) {
+    openWithFans();
+    fans()->setPaneOpen(true);
+    settle();
+    const qsizetype index = simulatedFanIndex();
+    ASSERT_GE(index, 0);
+    const QString n = QString::number(index);
+    ASSERT_TRUE(waitFor(
+        [&] { return !item("fans-stop-note-" + n)->property("text").toString().isEmpty(); }));
+    settle();
+    for (auto [control, text] : {std::pair{"fans-stop-", "fans-stop-note-"},
+                                 std::pair{"fans-calibrate-", "fans-calibration-text-"}}) {
+        QQuickItem* beside = item(control + n);
+        QQuickItem* words = item(text + n);
+        ASSERT_TRUE(beside && words) << control;
+        ASSERT_TRUE(words->isVisible()) << text;
+        const double centre = beside->mapToScene(QPointF(0, beside->height() / 2)).y();
+        // Within a quarter of a line: read as one row, not as a caption above the control.
+        EXPECT_NEAR(drawnCentreY(words), centre,
+                    words->property("font").value<QFont>().pixelSize() / 4.0)
+            << text << " drawn at " << drawnCentreY(words) << ", its control's centre " << centre;
+    }
+}
+
 TEST_F(FansPane, AnOutOfRangeLimitShowsItsRefusalAndAGoodOneReachesTheEngine) {
     openWithFans();
     fans()->setPaneOpen(true);

@@ -113,7 +113,9 @@ void SimHardware::buildCpu() {
     const double limit = config().cpuLimitC;
     addAttribute(dir + "/name", [] { return std::string("coretemp\n"); });
     addAttribute(dir + "/temp1_label", [] { return std::string("Package id 0\n"); });
-    addAttribute(dir + "/temp1_input", [this] { return milli(state_.cpuTemperatureC); });
+    addAttribute(dir + "/temp1_input", [this] {
+        return milli(sim::sensedTemperature(config(), state_.cpuTemperatureC));
+    });
     addAttribute(dir + "/temp1_max", [limit] { return milli(limit); });
     addAttribute(dir + "/temp1_crit", [limit] { return milli(limit + 5); });
 
@@ -141,7 +143,9 @@ void SimHardware::buildGpu() {
     const std::string dir = hwmonDir(gpuChip_);
     addAttribute(dir + "/name", [] { return std::string("amdgpu\n"); });
     addAttribute(dir + "/temp1_label", [] { return std::string("edge\n"); });
-    addAttribute(dir + "/temp1_input", [this] { return milli(state_.gpuTemperatureC); });
+    addAttribute(dir + "/temp1_input", [this] {
+        return milli(sim::sensedTemperature(config(), state_.gpuTemperatureC));
+    });
     addAttribute(dir + "/temp1_crit", [this] { return milli(config().gpuLimitC + 10); });
     addAttribute(dir + "/power1_average",
                  [this] { return number(std::llround(state_.gpuPowerW * 1e6)); });
@@ -173,7 +177,9 @@ void SimHardware::buildFanChip() {
     const std::string dir = hwmonDir(fanChip_);
     addAttribute(dir + "/name", [] { return std::string("nct6798\n"); });
     addAttribute(dir + "/temp1_label", [] { return std::string("SYSTIN\n"); });
-    addAttribute(dir + "/temp1_input", [this] { return milli(state_.sinkTemperatureC); });
+    addAttribute(dir + "/temp1_input", [this] {
+        return milli(sim::sensedTemperature(config(), state_.sinkTemperatureC));
+    });
     for (std::size_t i = 0; i < fans_.size(); ++i) {
         const std::string fan = dir + "/fan" + std::to_string(i + 1);
         const std::string pwm = dir + "/pwm" + std::to_string(i + 1);
@@ -212,7 +218,9 @@ void SimHardware::buildPower() {
 void SimHardware::buildThermalZones() {
     const std::string zone = "sys/devices/virtual/thermal/thermal_zone0";
     addAttribute(zone + "/type", [] { return std::string("x86_pkg_temp\n"); });
-    addAttribute(zone + "/temp", [this] { return milli(state_.cpuTemperatureC); });
+    addAttribute(zone + "/temp", [this] {
+        return milli(sim::sensedTemperature(config(), state_.cpuTemperatureC));
+    });
     addAttribute(zone + "/trip_point_0_type", [] { return std::string("passive\n"); });
     addAttribute(zone + "/trip_point_0_temp", [this] { return milli(config().cpuLimitC); });
     addAttribute(zone + "/trip_point_1_type", [] { return std::string("critical\n"); });

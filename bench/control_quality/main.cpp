@@ -46,6 +46,7 @@ struct Options {
     std::vector<std::string> machineFiles;
     std::vector<std::string> traceFiles;
     std::string builtinsDir;
+    std::optional<double> temperatureStepC;
 };
 
 void usage() {
@@ -55,6 +56,7 @@ void usage() {
         "                       [--svg-dir DIR] [--series-dir DIR]\n"
         "                       [--seed N] [--max-seconds N] [--trace NAME] [--machine NAME]\n"
         "                       [--machine-file FILE]... [--trace-file FILE]...\n"
+        "                       [--temperature-step C]\n"
         "       control_quality --write-builtins DIR [--seed N]\n"
         "\n"
         "  --fan-csv FILE       write each fan's mean speed and level per row to FILE\n"
@@ -75,6 +77,9 @@ void usage() {
         "  --trace NAME         run only the built-in trace NAME (generated from --seed)\n"
         "  --trace-file FILE    run the trace in FILE (repeatable, not affected by --seed);\n"
         "                       once any is given, built-in traces run only when named by --trace\n"
+        "  --temperature-step C every machine's temperature sensors report in steps of C degrees\n"
+        "                       (1: whole degrees, as coretemp and the graphics drivers do; 0:\n"
+        "                       the model's own values), whatever its file says\n"
         "  --write-builtins DIR write every built-in machine to DIR/machines/NAME.json and every\n"
         "                       built-in trace for --seed to DIR/traces/NAME.json, then exit\n");
 }
@@ -138,6 +143,13 @@ bool parse(int argc, char** argv, Options& options) {
             options.traceFiles.push_back(value);
         } else if (arg == "--write-builtins") {
             options.builtinsDir = value;
+        } else if (arg == "--temperature-step") {
+            char* end = nullptr;
+            const double step = std::strtod(value.c_str(), &end);
+            if (end == value.c_str() || *end != '\0' || !(step >= 0) ||
+                step > kelvo::sim::kMostTemperatureStepC)
+                return false;
+            options.temperatureStepC = step;
         } else {
             return false;
         }
@@ -199,6 +211,8 @@ std::optional<std::vector<MachineProfile>> chooseMachines(const Options& options
         }
         machines.push_back({machine->name, machine->plant});
     }
+    if (options.temperatureStepC)
+        for (auto& machine : machines) machine.plant.temperatureStepC = *options.temperatureStepC;
     return machines;
 }
 

@@ -63,6 +63,7 @@ const std::array kPlantFields = std::to_array<PlantField>({
     {"droopRecoveryMarginC", &PlantConfig::droopRecoveryMarginC},
     {"minClockScale", &PlantConfig::minClockScale},
     {"utilisationNoisePct", &PlantConfig::utilisationNoisePct},
+    {"temperatureStepC", &PlantConfig::temperatureStepC},
     {"maxSubstepS", &PlantConfig::maxSubstepS},
     {"pressureFairFromC", &PlantConfig::pressureFairFromC},
     {"pressureSeriousFromC", &PlantConfig::pressureSeriousFromC},
@@ -167,6 +168,9 @@ void check(const MachineDescription& machine) {
                         " to " + std::to_string(hi));
         }
     }
+    if (plant.temperatureStepC < 0 || plant.temperatureStepC > kMostTemperatureStepC)
+        invalid(quotedKey("temperatureStepC") + " must be from 0 to " +
+                std::to_string(kMostTemperatureStepC));
     if (plant.fans.empty()) invalid(quotedKey("fans") + " must list at least one fan");
     checkCoupling(plant);
     for (std::size_t i = 0; i < plant.fans.size(); ++i) {

@@ -36,6 +36,8 @@ inline constexpr std::size_t kMaxMachineFileBytes = 1 << 20;
 inline constexpr int kMaxLogicalCpus = 256;
 // A fan's coupling to a die's sink: 1 is a fan that blows all its air through that sink.
 inline constexpr double kMaxCouplingWeight = 10;
+// No sensor Kelvo reads reports in coarser steps than whole degrees; a few is room to spare.
+inline constexpr int kMostTemperatureStepC = 5;
 
 // On failure: nullopt, and *error holds one line naming the file and what is wrong with it.
 std::optional<MachineDescription> readMachineFile(const std::filesystem::path& path,

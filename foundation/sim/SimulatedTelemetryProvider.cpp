@@ -5,9 +5,9 @@ namespace kelvo {
 SimulatedTelemetryProvider::SimulatedTelemetryProvider(
     std::shared_ptr<sim::SimulatedMachine> machine)
     : machine_(machine ? std::move(machine) : std::make_shared<sim::SimulatedMachine>()) {
-    const sim::PlantConfig config = machine_->config();
+    config_ = machine_->config();
     highLoadPowerW_ =
-        kHighLoadPowerFraction * (config.cpuFullLoadPowerW + config.gpuFullLoadPowerW);
+        kHighLoadPowerFraction * (config_.cpuFullLoadPowerW + config_.gpuFullLoadPowerW);
 }
 
 TelemetrySample SimulatedTelemetryProvider::sample(Timestamp now) {
@@ -15,8 +15,8 @@ TelemetrySample SimulatedTelemetryProvider::sample(Timestamp now) {
     const sim::PlantState state = machine_->state();
     TelemetrySample s;
     s.timestamp = now;
-    s.cpuTemperatureC = state.cpuTemperatureC;
-    s.gpuTemperatureC = state.gpuTemperatureC;
+    s.cpuTemperatureC = sim::sensedTemperature(config_, state.cpuTemperatureC);
+    s.gpuTemperatureC = sim::sensedTemperature(config_, state.gpuTemperatureC);
     s.cpuClockMHz = state.cpuClockMHz;
     s.gpuClockMHz = state.gpuClockMHz;
     s.gpuReferenceMaxClockMHz = state.gpuReferenceMaxClockMHz;

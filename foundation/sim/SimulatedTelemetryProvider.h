@@ -25,6 +25,7 @@ public:
 private:
     std::shared_ptr<sim::SimulatedMachine> machine_;
     double highLoadPowerW_ = 0;
+    sim::PlantConfig config_;  // as the machine was made: its sensors' step
 };
 
 }  // namespace kelvo

@@ -110,6 +110,11 @@ double airflowInto(const PlantConfig& config, bool split, Die die,
 }
 }  // namespace
 
+double sensedTemperature(const PlantConfig& config, double celsius) {
+    const double step = config.temperatureStepC;
+    return step > 0 ? std::round(celsius / step) * step : celsius;
+}
+
 double coolingAirflow(const PlantConfig& config, Die die, const std::vector<double>& fanRPM) {
     return airflowInto(config, config.splitsSinks(), die, fanRPM);
 }

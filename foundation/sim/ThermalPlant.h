@@ -109,6 +109,9 @@ struct PlantConfig {
     double minClockScale = 0.35;
 
     double utilisationNoisePct = 0.8;  // standard deviation
+    // The step the temperature sensors report in: whole degrees from coretemp, the graphics
+    // drivers and most boards, an eighth of one from k10temp; 0 reports the model's own values.
+    double temperatureStepC = 0;
     double maxSubstepS = 0.05;
 
     // Thermal pressure bands on the hotter die.
@@ -127,6 +130,8 @@ enum class Die { cpu, gpu };
 // The airflow a die's sink sees from fans at these speeds, as a fraction of the reference speed:
 // the coupling-weighted sum, or the mean speed on a shared sink. Stopped fans add nothing.
 double coolingAirflow(const PlantConfig& config, Die die, const std::vector<double>& fanRPM);
+// A temperature as a sensor reporting in `config`'s temperatureStepC reads it: to the nearest step.
+double sensedTemperature(const PlantConfig& config, double celsius);
 // The same for fan `fan` alone turning at 1 rpm: how much it cools that die per rpm, whatever the
 // machine's coupling.
 double fanCooling(const PlantConfig& config, Die die, std::size_t fan);

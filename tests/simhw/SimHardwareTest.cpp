@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cmath>
+#include <string>
+#include <vector>
 
 #include "simhw/SimHardware.h"
 #include "tests/simhw/TwoFanMachine.h"
@@ -55,6 +58,39 @@ TEST(SimHardware, LaysOutTheChipsAndCountersKelvoReads) {
               "sys/devices/platform/nct6775.656");
     const std::string temp = read(hw, "sys/class/hwmon/hwmon0/temp1_input");
     EXPECT_GT(std::stoi(temp), 24000);
+}
+
+// A sensor that reads whole degrees (coretemp, the graphics drivers) is served so: every
+// temperature Kelvo reads is the model's to the nearest step, and a step of 0 serves it as it is.
+TEST(SimHardware, TemperaturesAreServedInTheStepsTheirSensorsReportIn) {
+    const std::vector<std::string> sensors{
+        "sys/class/hwmon/hwmon0/temp1_input", "sys/class/hwmon/hwmon1/temp1_input",
+        "sys/class/hwmon/hwmon2/temp1_input", "sys/class/thermal/thermal_zone0/temp"};
+    for (double step : {0.0, 1.0, 0.125}) {
+        sim::PlantConfig config = twoFans();
+        config.temperatureStepC = step;
+        SimHardware hw("box", config);
+        bool between = false;  // some reading fell between two steps of a whole degree
+        for (int second = 0; second < 60; ++second) {
+            run(hw, 1, 1.0);
+            const double model[] = {hw.state().cpuTemperatureC, hw.state().gpuTemperatureC,
+                                    hw.state().sinkTemperatureC, hw.state().cpuTemperatureC};
+            for (std::size_t i = 0; i < sensors.size(); ++i) {
+                const long long milli = std::stoll(read(hw, sensors[i]));
+                if (step > 0) {
+                    const long long stepMilli = std::llround(step * 1000);
+                    EXPECT_EQ(milli % stepMilli, 0) << sensors[i] << " at step " << step;
+                    EXPECT_LE(std::abs(milli / 1000.0 - model[i]), step / 2 + 1e-9) << sensors[i];
+                } else {
+                    EXPECT_EQ(milli, std::llround(model[i] * 1000)) << sensors[i];
+                }
+                between = between || milli % 1000 != 0;
+            }
+        }
+        // Under full load the dies climb through many degrees: an exact or an eighth-degree
+        // sensor shows fractions on the way, a whole-degree one never does.
+        EXPECT_EQ(between, step != 1.0) << "step " << step;
+    }
 }
 
 TEST(SimHardware, ProcStatCountersAdvanceWithTheLoad) {

@@ -200,6 +200,40 @@ TEST_F(ControlQualityFiles, ShippedFilesGiveTheBuiltInFigures) {
     EXPECT_GT(rows, 0);
 }
 
+// --temperature-step reads every machine through sensors of that step, as a machine file that
+// says so would; whole degrees change what the controllers that read them do.
+TEST_F(ControlQualityFiles, TheTemperatureStepOptionReadsEveryMachineThroughSensorsOfThatStep) {
+    std::string text = contents(kBench / "machines" / "thin-laptop.json");
+    const std::string exact = "\"temperatureStepC\": 0.0";
+    const std::size_t at = text.find(exact);
+    ASSERT_NE(at, std::string::npos) << text;
+    text.replace(at, exact.size(), "\"temperatureStepC\": 1.0");
+    const fs::path stepped = dir_ / "thin-laptop.json";
+    std::ofstream(stepped) << text;
+
+    const std::string run300 = " --trace compile --max-seconds 300 --csv ";
+    ASSERT_EQ(
+        run("--machine-file " + stepped.string() + run300 + (dir_ / "file.csv").string(), "file"),
+        0)
+        << contents(dir_ / "file.err");
+    ASSERT_EQ(
+        run("--machine thin-laptop --temperature-step 1" + run300 + (dir_ / "option.csv").string(),
+            "option"),
+        0)
+        << contents(dir_ / "option.err");
+    ASSERT_EQ(run("--machine thin-laptop" + run300 + (dir_ / "exact.csv").string(), "exact"), 0)
+        << contents(dir_ / "exact.err");
+    EXPECT_EQ(contents(dir_ / "option.csv"), contents(dir_ / "file.csv"));
+    EXPECT_NE(contents(dir_ / "option.csv"), contents(dir_ / "exact.csv"));
+
+    for (const char* refused : {"-1", "6", "one", "1x"}) {
+        EXPECT_EQ(
+            run(std::string("--machine thin-laptop --temperature-step ") + refused, "refused"), 2)
+            << refused;
+        EXPECT_NE(contents(dir_ / "refused.err").find("--temperature-step C"), std::string::npos);
+    }
+}
+
 TEST_F(ControlQualityFiles, MalformedFileStopsTheRunWithOneLine) {
     struct Case {
         const char* option;

@@ -36,6 +36,7 @@ PlantConfig oddPlant() {
     }
     plant.ambientC = std::nextafter(24.0, 25.0);
     plant.cpuLimitC = std::numeric_limits<double>::denorm_min();
+    plant.temperatureStepC = std::nextafter(0.125, 1.0);  // a sensor step must be 0 to 5
     plant.logicalCpus = 256;
     plant.fans = {{"CPU \"fan\" \\ one\nsecond line", 0.1, 0.1},
                   {"Lüfter 2", 1e-300, 1e300},
@@ -170,6 +171,10 @@ TEST_F(MachineFileTest, MalformedFilesSayWhichFileAndWhatIsWrong) {
         {"empty name", R"({"name": ""})", R"("name" must not be empty)"},
         {"path for a name", R"({"name": "../m"})", R"("name" must be usable as a file name)"},
         {"no fans", R"({"name": "m", "fans": []})", R"("fans" must list at least one fan)"},
+        {"a sensor step under nothing", R"({"name": "m", "temperatureStepC": -1})",
+         R"("temperatureStepC" must be from 0 to 5)"},
+        {"a sensor step no sensor has", R"({"name": "m", "temperatureStepC": 10})",
+         R"("temperatureStepC" must be from 0 to 5)"},
         {"fans not a list", R"({"name": "m", "fans": {"name": "f"}})", R"("fans" must be a list)"},
         {"fan without a name", R"({"name": "m", "fans": [{"minRPM": 100}]})",
          R"("fans[0].name" is missing)"},

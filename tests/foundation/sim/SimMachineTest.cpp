@@ -327,6 +327,25 @@ TEST(SimulatedTelemetryProvider, FillsEveryFieldFromThePlant) {
     EXPECT_EQ(s.fanMaxRPM, (std::vector<double>{5400, 5400}));
 }
 
+TEST(SimulatedTelemetryProvider, ReadsTheDiesInTheStepsTheirSensorsReportIn) {
+    PlantConfig config = quietConfig();
+    config.temperatureStepC = 1;
+    auto machine = std::make_shared<SimulatedMachine>(config);
+    SimulatedTelemetryProvider provider(machine);
+    machine->setLoad(1, 1);
+    provider.sample(100);
+    bool between = false;  // the model passed through fractions of a degree on the way
+    for (int second = 101; second <= 160; ++second) {
+        const TelemetrySample s = provider.sample(second);
+        const sim::PlantState state = machine->state();
+        ASSERT_TRUE(s.cpuTemperatureC && s.gpuTemperatureC);
+        EXPECT_DOUBLE_EQ(*s.cpuTemperatureC, std::round(state.cpuTemperatureC)) << second;
+        EXPECT_DOUBLE_EQ(*s.gpuTemperatureC, std::round(state.gpuTemperatureC)) << second;
+        between = between || state.cpuTemperatureC != std::round(state.cpuTemperatureC);
+    }
+    EXPECT_TRUE(between);
+}
+
 TEST(SimulatedTelemetryProvider, FanListsAreAbsentWhileFanReadsFail) {
     auto machine = std::make_shared<SimulatedMachine>();
     SimulatedTelemetryProvider provider(machine);

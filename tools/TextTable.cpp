@@ -6,16 +6,22 @@
 
 namespace kelvo::kelvoctl {
 
+namespace {
+
+constexpr const char* kGap = "  ";
+
+// Columns a terminal gives `text` (UTF-8): one per code point. Continuation bytes (10xxxxxx)
+// belong to the code point before them.
 std::size_t displayWidth(const std::string& text) {
-    // Continuation bytes (10xxxxxx) belong to the code point before them.
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
         return (static_cast<unsigned char>(c) & 0xc0u) != 0x80u;
     }));
 }
 
-TextTable::TextTable(std::vector<std::string> headings, std::vector<std::size_t> rightAligned,
-                     std::string gap)
-    : right_(headings.size(), false), gap_(std::move(gap)) {
+}  // namespace
+
+TextTable::TextTable(std::vector<std::string> headings, std::vector<std::size_t> rightAligned)
+    : right_(headings.size(), false) {
     for (std::size_t column : rightAligned)
         if (column < right_.size()) right_[column] = true;
     addRow(std::move(headings));
@@ -40,7 +46,7 @@ std::string TextTable::text() const {
         std::string line;
         for (std::size_t c = 0; c < columns; ++c) {
             const std::string pad(widths[c] - displayWidth(row[c]), ' ');
-            if (c > 0) line += gap_;
+            if (c > 0) line += kGap;
             line += right_[c] ? pad + row[c] : row[c] + pad;
         }
         line.erase(line.find_last_not_of(' ') + 1);

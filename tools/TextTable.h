@@ -14,7 +14,7 @@ public:
     // `headings` fixes the number of columns; a column listed in `rightAligned` (by index) lines
     // its cells up on the right, as numbers read best.
     explicit TextTable(std::vector<std::string> headings,
-                       std::vector<std::size_t> rightAligned = {}, std::string gap = "  ");
+                       std::vector<std::size_t> rightAligned = {});
 
     // A row with fewer cells than headings is filled out with empty ones; extra cells are
     // dropped.
@@ -27,10 +27,6 @@ public:
 private:
     std::vector<std::vector<std::string>> rows_;  // the headings first
     std::vector<bool> right_;
-    std::string gap_;
 };
-
-// Columns a terminal gives `text` (UTF-8): one per code point.
-std::size_t displayWidth(const std::string& text);
 
 }  // namespace kelvo::kelvoctl

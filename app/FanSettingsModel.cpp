@@ -62,6 +62,10 @@ QString FanSettingsModel::couplingText(const FanCoupling& coupling, bool shared,
         return QStringLiteral(
             "Cooling not measured yet: in the quiet modes Kelvo measures it with small, slow speed "
             "changes while the machine is busy.");
+    if (coolsMostlyKnown(coupling).empty())
+        return QStringLiteral(
+            "Cooling not known yet: the swells measured so far do not show which part this fan "
+            "cools (confidence 0 %).");
     const auto percent = [](double share) { return std::lround(share * 100); };
     // The share says how much this fan matters beside the others for that die.
     QString shares;
@@ -220,10 +224,11 @@ void FanSettingsModel::rebuild() {
         entry.insert(QStringLiteral("calibrationNote"), calibrationNote());
         FanCoupling coupling;
         if (auto it = couplings_.find(name); it != couplings_.end()) coupling = it->second;
-        const std::string mostly = coolsMostly(coupling);
-        entry.insert(QStringLiteral("coolsMostly"), QString::fromStdString(mostly));
-        entry.insert(QStringLiteral("couplingConfidence"),
-                     mostly.empty() ? -1.0 : std::clamp(coupling.confidence, 0.0, 1.0));
+        entry.insert(QStringLiteral("coolsMostly"),
+                     QString::fromStdString(coolsMostlyKnown(coupling)));
+        entry.insert(
+            QStringLiteral("couplingConfidence"),
+            coolsMostly(coupling).empty() ? -1.0 : std::clamp(coupling.confidence, 0.0, 1.0));
         // Only fans under auto control are measured: the others' speed is not Kelvo's to share.
         const bool measured = fanUnderAutoControl(state, choice);
         entry.insert(QStringLiteral("couplingText"),

@@ -31,8 +31,9 @@ class FanSettingsModel : public QObject {
     // calibrationText (progress or the last result), calibrationNote (what calibrating does);
     // problem (why a stored choice that cannot be read is not followed), floorPercent (the
     // helper's floor, 0 when none), heldBack (why the back-end will not drive the fan);
-    // coolsMostly ("CPU", "GPU", "CPU and GPU", "" while unknown), couplingConfidence (0-1, -1
-    // while unknown), couplingText (which die the fan cools, or that it is not measured yet).
+    // coolsMostly ("CPU", "GPU", "CPU and GPU", "" while unknown or 0 % sure),
+    // couplingConfidence (0-1, -1 before any answer), couplingText (which die the fan cools, or
+    // that it is not measured or not known yet).
     Q_PROPERTY(QVariantList fans READ fans NOTIFY fansChanged)
     Q_PROPERTY(double cpuQuietLimit READ cpuQuietLimit NOTIFY limitsChanged)
     Q_PROPERTY(double gpuQuietLimit READ gpuQuietLimit NOTIFY limitsChanged)

@@ -75,7 +75,7 @@ int usage(std::FILE* stream = stderr) {
         "'stop on' lets auto control stop the fan while every temperature is well under its "
         "limit;\nunsaid, a fan stops where the firmware's own curve stops it (never a pump).\n"
         "'fans' shows which die each fan cools (COOLS) and how sure Kelvo is (SURE), from its\n"
-        "database, read-only; '-' until Kelvo has measured it.\n"
+        "database, read-only; '-' until measured, and COOLS '-' while SURE is 0%%.\n"
         "'fans share' turns on or off the quiet modes' sharing of the work among the fans by\n"
         "what each cools; off, every fan under auto follows one speed and none is measured.\n"
         "'fans measure-again' asks a running Kelvo to drop what it measured of which die each\n"
@@ -291,9 +291,11 @@ int listFans(const std::string& sysfsRoot, const QString& databasePath) {
         {"IDENTITY", "LABEL", "RPM", "STOP", "COOLS", "SURE", "CHOICE"}, {2, 5});
     for (std::size_t i = 0; i < fans.size(); ++i) {
         const KnownFan& fan = fans[i];
-        const std::string mostly = kelvo::coolsMostly(couplings[i]);
+        // Measured but not known (0 % sure): SURE says so, and COOLS names no die.
+        const bool measured = !kelvo::coolsMostly(couplings[i]).empty();
+        const std::string mostly = kelvo::coolsMostlyKnown(couplings[i]);
         const std::string sure =
-            mostly.empty()
+            !measured
                 ? "-"
                 : std::to_string(std::lround(std::clamp(couplings[i].confidence, 0.0, 1.0) * 100)) +
                       "%";

@@ -168,13 +168,23 @@ void ControlEngine::probeCoupling(const TelemetrySample& sample, double duty,
 }
 
 void ControlEngine::announceCoupling() {
-    std::string text;
+    std::string known;
+    std::string unknown;
     for (const FanCoupling& c : currentCouplings()) {
-        const std::string cools = coolsMostly(c);
-        if (cools.empty()) continue;
-        text += (text.empty() ? "" : "; ") + c.identity + " cools mostly the " + cools;
+        if (coolsMostly(c).empty()) continue;  // nothing measured of it
+        const std::string cools = coolsMostlyKnown(c);
+        if (cools.empty())
+            unknown += (unknown.empty() ? "" : ", ") + c.identity;
+        else
+            known += (known.empty() ? "" : "; ") + c.identity + " cools mostly the " + cools;
     }
-    if (!text.empty()) record("Fan cooling measured: " + text);
+    if (!known.empty()) record("Fan cooling measured: " + known);
+    // Probing ended at its limit with nothing learned (temperatures read in whole degrees hide a
+    // swell's answer): said, rather than a die named by chance.
+    if (!unknown.empty())
+        record("Fan cooling could not be measured for " + unknown +
+                   ": its swells did not show which part it cools; every fan follows one duty",
+               true);
 }
 
 void ControlEngine::followWork(Timestamp now, bool working) {

@@ -197,6 +197,10 @@ std::string coolsMostly(const FanCoupling& coupling) {
     return "CPU and GPU";
 }
 
+std::string coolsMostlyKnown(const FanCoupling& coupling) {
+    return coupling.confidence > 0 ? coolsMostly(coupling) : std::string();
+}
+
 bool couplingKnown(const std::vector<FanCoupling>& couplings, double confidence) {
     if (couplings.size() < 2) return false;
     return std::all_of(couplings.begin(), couplings.end(),

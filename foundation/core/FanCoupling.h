@@ -78,6 +78,10 @@ std::vector<FanCoupling> fanCouplings(const std::map<std::string, FanCouplingEvi
                                       const std::vector<std::string>& fans);
 // "CPU", "GPU" or "CPU and GPU" (neither share twice the other); empty while unknown.
 std::string coolsMostly(const FanCoupling& coupling);
+// The same as the user is told it: nothing while the fan's confidence is 0, its shares' error a
+// quarter of all the fans' cooling or more (what the probes show there is noise, and on sensors
+// that read whole degrees it is often the wrong die).
+std::string coolsMostlyKnown(const FanCoupling& coupling);
 // Every fan's confidence at least `confidence`, and more than one fan.
 bool couplingKnown(const std::vector<FanCoupling>& couplings, double confidence = 0.8);
 

@@ -267,6 +267,29 @@ TEST_F(FanSettingsModelTest, AnUnknownCouplingSaysItIsNotMeasuredYet) {
     EXPECT_EQ(fan.value("couplingText").toString(), unknown);
 }
 
+// Shares whose confidence is 0 are noise: the pane names no die and says it is not known yet.
+TEST_F(FanSettingsModelTest, ACouplingNotSureAtAllNamesNoDie) {
+    const QString notKnown = QStringLiteral(
+        "Cooling not known yet: the swells measured so far do not show which part this fan cools "
+        "(confidence 0 %).");
+    EXPECT_EQ(FanSettingsModel::couplingText(coupling(kFan1, 0.9, 0.1, 0)), notKnown);
+    auto model = make();
+    ControlSnapshot snapshot = snapshotWith(kFan1, true, false);
+    snapshot.couplings = {coupling(kFan1, 0.9, 0.1, 0)};
+    model->updateFromSnapshot(snapshot);
+    QVariantMap fan = entryFor(*model, kFan1);
+    EXPECT_EQ(fan.value("coolsMostly").toString(), QString());
+    EXPECT_EQ(fan.value("couplingConfidence").toDouble(), 0);
+    EXPECT_EQ(fan.value("couplingText").toString(), notKnown);
+    // A little sure is enough to name it.
+    snapshot.couplings = {coupling(kFan1, 0.9, 0.1, 0.05)};
+    model->updateFromSnapshot(snapshot);
+    fan = entryFor(*model, kFan1);
+    EXPECT_EQ(fan.value("coolsMostly").toString(), QStringLiteral("CPU"));
+    EXPECT_TRUE(fan.value("couplingText").toString().startsWith("Cools mostly: CPU"))
+        << fan.value("couplingText").toString().toStdString();
+}
+
 TEST_F(FanSettingsModelTest, ASnapshotsCouplingsReachTheirFansAndAnUnchangedOneIsSilent) {
     auto model = make();
     ControlSnapshot snapshot = snapshotWith(kFan1, true, false);

@@ -361,6 +361,30 @@ TEST_F(KelvoctlFans, ShowsWhichDieEachFanCoolsFromKelvosDatabase) {
         << alone.out.toStdString();
 }
 
+TEST_F(KelvoctlFans, ShareOfNoConfidenceNamesNoDie) {
+    sys.write("sys/class/hwmon/hwmon2/fan3_input", "1100\n");
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(databasePath()).path()));
+    SQLiteStore store(databasePath().toStdString());
+    // Answers that scatter over ten times their mean: the shares' error dwarfs them.
+    const std::map<std::string, FanCouplingEvidence> evidence{
+        {kFan1.toStdString(), {probes(1.0, 20), probes(0.1, 20)}},
+        {kFan3.toStdString(), {probes(0.1, 20), probes(1.0, 20)}}};
+    for (const auto& [identity, e] : evidence) ASSERT_TRUE(store.saveFanCoupling(identity, e));
+    const std::vector<FanCoupling> expected =
+        fanCouplings(evidence, {kFan1.toStdString(), kFan3.toStdString()});
+    ASSERT_FALSE(coolsMostly(expected[0]).empty());
+    ASSERT_EQ(expected[0].confidence, 0);
+
+    const Result r = run({QStringLiteral("fans")});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    for (const QString& fan : {kFan1, kFan3}) {
+        EXPECT_EQ(cell(r.out, fan, QStringLiteral("COOLS")), QStringLiteral("-"))
+            << r.out.toStdString();
+        EXPECT_EQ(cell(r.out, fan, QStringLiteral("SURE")), QStringLiteral("0%"))
+            << r.out.toStdString();
+    }
+}
+
 TEST_F(KelvoctlFans, WithoutADatabaseTheCouplingIsUnknownAndNoDatabaseIsCreated) {
     const Result r = run({QStringLiteral("fans")});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();

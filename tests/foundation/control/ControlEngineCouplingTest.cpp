@@ -559,6 +559,38 @@ TEST_F(ControlEngineCoupling, SharingTurnedOffMidProbeEasesTheProbeOut) {
     EXPECT_LT(mostFall, 1.0);
 }
 
+// Probing ended at its limit with answers all over the place (as on sensors that read whole
+// degrees): Kelvo says it could not tell, names no die and shares nothing.
+TEST_F(ControlEngineCoupling, FansWhoseSwellsToldNothingAreSaidSoAndNoDieIsNamed) {
+    FanCouplingEvidence noise;
+    for (int i = 0; i < CouplingLearnerConfig{}.maxProbesPerFan; ++i)
+        for (std::size_t lag = 0; lag < kCouplingLagsS.size(); ++lag) {
+            noise.cpu.byLag[lag].add(i % 2 ? 11.0 : -9.0, 1);
+            noise.gpu.byLag[lag].add(i % 2 ? 11.0 : -9.0, 1);
+        }
+    const auto names = machine->state().fanNames;
+    for (const auto& name : names) ASSERT_TRUE(store->saveFanCoupling(name, noise));
+    auto kelvo = engine();
+    kelvo->applyMode(ControlMode::quiet);
+    machine->setLoad(1.0, 0.75);
+    ControlSnapshot snap;
+    for (int i = 0; i < 60; ++i) snap = kelvo->tick(now += 1);
+    ASSERT_EQ(snap.couplings.size(), 2u);
+    for (const FanCoupling& c : snap.couplings) {
+        EXPECT_FALSE(coolsMostly(c).empty()) << c.identity;  // there are shares ...
+        EXPECT_EQ(c.confidence, 0) << c.identity;            // ... that mean nothing
+        EXPECT_EQ(coolsMostlyKnown(c), "") << c.identity;
+    }
+    EXPECT_EQ(count("Fan cooling measured: "), 0);
+    EXPECT_EQ(count("Fan cooling could not be measured for " + names.at(0) + ", " + names.at(1) +
+                    ": its swells did not show which part it cools; every fan follows one duty"),
+              1);
+    // One duty: both blowers at the same share of their range.
+    const std::vector<double> at = shares(snap);
+    ASSERT_EQ(at.size(), 2u);
+    EXPECT_NEAR(at[0], at[1], 1e-6);
+}
+
 TEST_F(ControlEngineCoupling, MeasuringAgainDropsWhatWasKnownInTheStoreTooAndLearnsItAnew) {
     // Measured before the blowers were swapped round: each is believed to cool the other's die.
     const auto names = machine->state().fanNames;

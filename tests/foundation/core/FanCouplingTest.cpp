@@ -106,6 +106,20 @@ TEST(FanCoupling, ASharesConfidenceSaysHowWellTheShareIsKnown) {
     EXPECT_DOUBLE_EQ(fanCouplings(evidence, {"strong", "weak"})[1].confidence, 0);
 }
 
+TEST(FanCoupling, WhatAFanCoolsIsNamedToTheUserOnlyOnceItIsAtAllSure) {
+    FanCoupling c;
+    c.cpuShare = 0.8;
+    c.gpuShare = 0.1;
+    c.confidence = 0;
+    EXPECT_EQ(coolsMostly(c), "CPU");  // what the learner weighs its rechecks by
+    EXPECT_EQ(coolsMostlyKnown(c), "");
+    c.confidence = 0.01;
+    EXPECT_EQ(coolsMostlyKnown(c), "CPU");
+    c.cpuShare.reset();
+    c.gpuShare.reset();
+    EXPECT_EQ(coolsMostlyKnown(c), "");
+}
+
 TEST(FanCoupling, AFanThatSeemsToWarmADieGetsNoShareOfIt) {
     std::map<std::string, FanCouplingEvidence> evidence;
     evidence["a"].cpu = answers(3, 4);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "app_common/FanSettings.h"
@@ -61,6 +62,16 @@ protected:
     // Where Kelvo keeps its database under the XDG_DATA_HOME above.
     QString databasePath() const {
         return config.filePath(QStringLiteral("data/Kelvo/kelvo.sqlite"));
+    }
+    // Kelvo's database holding `evidence`, kept open as a running Kelvo keeps it: kelvoctl reads
+    // beside it. fan3 turns too.
+    std::unique_ptr<SQLiteStore> storeEvidence(
+        const std::map<std::string, FanCouplingEvidence>& evidence) {
+        sys.write("sys/class/hwmon/hwmon2/fan3_input", "1100\n");
+        EXPECT_TRUE(QDir().mkpath(QFileInfo(databasePath()).path()));
+        auto store = std::make_unique<SQLiteStore>(databasePath().toStdString());
+        for (const auto& [identity, e] : evidence) EXPECT_TRUE(store->saveFanCoupling(identity, e));
+        return store;
     }
     QSettings stored() {
         return QSettings(config.filePath(QStringLiteral("Kelvo/Kelvo.conf")), QSettings::IniFormat);
@@ -311,10 +322,6 @@ QString sure(const FanCoupling& coupling) {
 // What a running Kelvo stored about which die each fan cools, weighed among the fans listed as
 // the app weighs them among its fans.
 TEST_F(KelvoctlFans, ShowsWhichDieEachFanCoolsFromKelvosDatabase) {
-    sys.write("sys/class/hwmon/hwmon2/fan3_input", "1100\n");
-    ASSERT_TRUE(QDir().mkpath(QFileInfo(databasePath()).path()));
-    // Kept open, as a running Kelvo keeps it: kelvoctl reads beside it.
-    SQLiteStore store(databasePath().toStdString());
     // fan1 does most of the CPU's cooling, fan3 most of the GPU's; fan1's CPU answers spread
     // more than fan3's GPU answers, so kelvoctl is less sure of it. The pump has answers too,
     // but a pump is never Kelvo's to share the work with.
@@ -322,7 +329,7 @@ TEST_F(KelvoctlFans, ShowsWhichDieEachFanCoolsFromKelvosDatabase) {
         {kFan1.toStdString(), {probes(1.0, 0.1), probes(0.1, 0.01)}},
         {kFan3.toStdString(), {probes(0.1, 0.01), probes(1.0, 0.05)}},
         {kPump.toStdString(), {probes(0.5, 0.01), probes(0.5, 0.01)}}};
-    for (const auto& [identity, e] : evidence) ASSERT_TRUE(store.saveFanCoupling(identity, e));
+    const auto store = storeEvidence(evidence);
     const std::vector<FanCoupling> expected =
         fanCouplings(evidence, {kFan1.toStdString(), kFan3.toStdString()});
     ASSERT_GT(expected[0].confidence, 0);
@@ -344,7 +351,7 @@ TEST_F(KelvoctlFans, ShowsWhichDieEachFanCoolsFromKelvosDatabase) {
 
     // A fan under auto control that has given no answers yet leaves every share unknown: the
     // shares are among all of them.
-    ASSERT_TRUE(store.saveFanCoupling(kFan3.toStdString(), {}));
+    ASSERT_TRUE(store->saveFanCoupling(kFan3.toStdString(), {}));
     const Result partial = run({QStringLiteral("fans")});
     ASSERT_EQ(partial.exitCode, 0) << partial.err.toStdString();
     EXPECT_EQ(cell(partial.out, kFan1, QStringLiteral("COOLS")), QStringLiteral("-"))
@@ -362,14 +369,11 @@ TEST_F(KelvoctlFans, ShowsWhichDieEachFanCoolsFromKelvosDatabase) {
 }
 
 TEST_F(KelvoctlFans, ShareOfNoConfidenceNamesNoDie) {
-    sys.write("sys/class/hwmon/hwmon2/fan3_input", "1100\n");
-    ASSERT_TRUE(QDir().mkpath(QFileInfo(databasePath()).path()));
-    SQLiteStore store(databasePath().toStdString());
     // Answers that scatter over ten times their mean: the shares' error dwarfs them.
     const std::map<std::string, FanCouplingEvidence> evidence{
         {kFan1.toStdString(), {probes(1.0, 20), probes(0.1, 20)}},
         {kFan3.toStdString(), {probes(0.1, 20), probes(1.0, 20)}}};
-    for (const auto& [identity, e] : evidence) ASSERT_TRUE(store.saveFanCoupling(identity, e));
+    const auto store = storeEvidence(evidence);
     const std::vector<FanCoupling> expected =
         fanCouplings(evidence, {kFan1.toStdString(), kFan3.toStdString()});
     ASSERT_FALSE(coolsMostly(expected[0]).empty());
